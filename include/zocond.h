@@ -1,0 +1,117 @@
+// Conditions: a named integer that threads change and wait on.
+//
+//     Condition* ready = Condition::MakeCondition("ready");
+//     …                                              // thread A
+//     if (ready->WaitForCondition(0, 5000) == ZoTimedOut) …
+//     …                                              // thread B
+//     ready->SetCondition();
+//
+// What setting and clearing do to the value, and when a wait is over, is not the condition's affair
+// but that of its ConditionLogic. With the default logic a condition is a counting event: a set
+// adds one, a clear takes one away, and a waiter passes while the value is not zero. Waiting never
+// changes the value.
+//
+//     operation           value under the default logic   wakes
+//     SetCondition        + 1                             one waiter, always
+//     ClearCondition      - 1; refused when negative      nobody
+//     SetConditionApp     + 1                             one waiter if the logic says so
+//     WaitForCondition    unchanged                       -
+//
+// Who may call: any operation of a POSIXCondition, any thread. Its mutex is not recursive: between
+// Lock, or a WaitForCondition that keeps the lock, and Unlock, the thread calls no other operation
+// of the same condition but GetInfo. The base class Condition locks nothing and is for one thread
+// at a time. A condition is destroyed when nobody uses it any more.
+
+#ifndef KELVARA_INCLUDE_ZOCOND_H_
+#define KELVARA_INCLUDE_ZOCOND_H_
+
+#include <pthread.h>
+
+#include "zosyncob.h"
+#include "zotypes.h"
+
+class ChainLock;
+
+// The meaning of a condition's value. Stateless: one object serves any number of conditions. Every
+// operation gets the address of the value and is called with the condition's lock held.
+//
+// The value is also read without the lock, for status texts. A logic that shall stay free of data
+// races beside those changes it with a (relaxed) atomic store.
+class ZO_API ConditionLogic {
+public:
+    virtual void SafeSet(int* value);    // adds 1
+    virtual void SafeClear(int* value);  // subtracts 1
+    // 1 while a waiter must go on waiting, 0 when the wait is over; here: waits while it is 0.
+    virtual int SafeTest(int* value);
+    // The work of SetConditionApp; non-zero wakes a waiter. Here: SafeSet, then 1 if the value is
+    // now 0, else 0.
+    virtual int SafeSetApp(int* value, void* first, void* second);
+
+protected:
+    ~ConditionLogic() = default;  // objects live from load to unload, never destroyed by this base
+};
+
+// The base: no lock at all, and a wait that polls. For an object that one thread uses.
+class ZO_API Condition : public ZoSynchroObj {
+public:
+    // A new POSIXCondition, owned by the caller and deleted through this base; null when memory ran
+    // out. `name` is kept, not copied.
+    static Condition* MakeCondition(char const* name);
+
+    explicit Condition(char const* name);
+    ~Condition() override;
+
+    // Changes the value and wakes one waiter; returns the new value.
+    virtual int SetCondition();
+    // Changes the value; returns the new one. A POSIXCondition whose value is negative refuses:
+    // ZoRefused, nothing changed.
+    virtual int ClearCondition();
+    // Waits until the logic's test passes. The test is made before the first wait, so a condition
+    // that passes returns at once. `keepLocked` non-zero: returns with the lock held, also after a
+    // time-out. `milliseconds` limits the wait; 4294967295 is no limit. Each wake-up that finds the
+    // test still failing starts the full time again, so the whole may take longer. Returns 0, or
+    // ZoTimedOut without a further test. A thread cancelled in the wait leaves the lock free.
+    // The base class ignores both arguments and yields the processor between its tests.
+    virtual int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds);
+    // Returns the value read after unlocking.
+    virtual int Unlock();
+    // Writes "cond-val: " and the value, at most `size` bytes, the terminating NUL included. A null
+    // buffer is left alone. Takes no lock.
+    virtual void GetInfo(char* buffer, int size);
+    // Returns the value read under the lock.
+    virtual int Lock();
+    // Lets the logic work on the two pointers under the lock and decide about the wake-up. Returns
+    // the logic's result; the base class returns the value.
+    virtual int SetConditionApp(void* first, void* second);
+
+    // Never null between construction and destruction; replaced by the owner right after making.
+    ConditionLogic* logic;
+    // 0 when new. The owner may use it directly while it holds the lock.
+    int value;
+
+protected:
+    Condition(char const* name, ChainLock const& held);
+};
+
+class ZO_API POSIXCondition : public Condition {
+public:
+    explicit POSIXCondition(char const* name);
+    ~POSIXCondition() override;
+
+    int SetCondition() override;
+    int ClearCondition() override;
+    int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds) override;
+    int Unlock() override;
+    int Lock() override;
+    int SetConditionApp(void* first, void* second) override;
+
+private:
+    POSIXCondition(char const* name, ChainLock const& held);
+
+    pthread_mutex_t mutex;  // guards value, and every call of logic
+    pthread_mutexattr_t mutexAttributes;
+    pthread_cond_t condition;
+    pthread_condattr_t conditionAttributes;
+};
+
+#endif  // KELVARA_INCLUDE_ZOCOND_H_

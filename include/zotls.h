@@ -1,0 +1,99 @@
+// Per-thread storage: one record for each thread that uses the library.
+//
+//     ZoTLS* mine = ZoTLS::GetThreadLocalStorage();    // made on first use
+//
+// Life of a record:
+//
+//     event                           attach count     record
+//     first use by a thread           1                made
+//     ZoThreadAttach                  + 1              made if there was none
+//     ZoThreadDetach(record)          - 1              freed at 0
+//     end of the thread               - 1              freed at 0
+//
+// So a record that was made on first use, or attached once, lives exactly as long as its thread.
+//
+// Who may call: every function acts on the calling thread's own record and takes no lock. Other
+// threads read only `threadIdentity` and `waitingFor`, under csDLD (zocrits.h). A record must not
+// be freed while its thread owns or waits for a deadlock-detecting section.
+//
+// When no record can be made, the functions report an assertion and answer as each says.
+
+#ifndef KELVARA_INCLUDE_ZOTLS_H_
+#define KELVARA_INCLUDE_ZOTLS_H_
+
+#include "zolist.h"
+#include "zotypes.h"
+
+class Condition;
+class ZoDLDCritSect;
+class ZoExtendedBase;
+class ZoRW_Mutex;
+class ZoResult;
+class smp_io;
+struct ZoTLSItem;
+
+// What a thread holds of one reader/writer mutex. A thread has at most one for each mutex.
+struct ZoRWRecord : ZoSimpleLinkedListItem {
+    ZoRW_Mutex const* mutex = nullptr;
+    ZoUInt32 holdings = 0;  // read depth in the low 16 bits, write depth in the high 16
+};
+
+class ZO_API ZoTLS {
+public:
+    // An empty record that belongs to no thread.
+    ZoTLS();
+    // Refused: reports the assertion "0" and makes an empty record.
+    ZoTLS(ZoTLS const&);
+    ZoTLS& operator=(ZoTLS const&) = delete;
+    ~ZoTLS();
+
+    // The calling thread's record, made if there is none; null when that fails.
+    static ZoTLS* GetThreadLocalStorage();
+
+    Condition* cond;               // made by TLSGetCondition; owned
+    ZoTLSItem* itemArray;          // owned; the library never fills it
+    short itemCount;               // number of elements behind itemArray
+    unsigned short asyncWatcher;   // 1 when the thread has declared itself the async watcher
+    ZoInt32 attachCount;           // attaches not yet matched by a detach
+    ZoSimpleLinkedList rwRecords;  // of ZoRWRecord, most recently added first
+    void* threadIdentity;          // names the thread in reports: the record's own address
+    ZoDLDCritSect* waitingFor;     // the section the thread waits to enter; guarded by csDLD
+    ZoRWRecord* spareRwRecord;     // one free record kept for reuse, or null; owned
+    ZoResult* concurrencyResult;   // the open concurrent calculation, or null; not owned
+    ZoExtendedBase* ownedObject;   // destroyed with the record; the library never fills it
+};
+
+// What `itemArray` points at: 20 bytes on the 32-bit build.
+struct ZoTLSItem {
+    void* words[5];
+};
+
+// The record that belongs to no thread; non-null marks that the library context is set up.
+extern ZO_API ZoTLS* __defTLS;
+
+// Attaches the calling thread; the argument is ignored. The result carries no meaning.
+ZO_API int ZoThreadAttach(void* ignored);
+// Undoes one attach of the calling thread's record; null does nothing.
+ZO_API void ZoThreadDetach(void* record);
+
+// The calling thread's async-watcher flag; 0 without a record. Nothing clears it once set.
+ZO_API int ZoTLSisAsyncWatcherThread();
+ZO_API void ZoTLSSetAsyncWatcherThread();
+
+// The address of the calling thread's `cond`, made on first use with the name "TLS Cond"; the slot
+// holds null when memory ran out. Null without a record.
+ZO_API Condition** TLSGetCondition();
+
+// The address of the calling thread's `holdings` for `mutex`, 0 in a new record; valid until the
+// record is removed. Null when memory ran out.
+ZO_API ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex);
+// Drops the calling thread's record for `mutex`. 0 when it was there, 1 when there was none.
+ZO_API int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex);
+
+// Called before, for each thread of, and after the trace section of a deadlock report. On this
+// platform they write nothing.
+ZO_API void ZoTLSPrepareStackTrace(smp_io* console);
+ZO_API void ZoTLSStackTrace(ZoTLS* thread, smp_io* console);
+ZO_API void ZoTLSTerminateStackTrace();
+
+#endif  // KELVARA_INCLUDE_ZOTLS_H_

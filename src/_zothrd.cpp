@@ -1,0 +1,41 @@
+#include "_zothrd.h"
+
+#include <new>
+
+#include "smp_io.h"
+#include "zocrits.h"
+#include "zosyncob.h"
+#include "zotls.h"
+
+namespace {
+
+void SetUp() {
+    FirstSynchro = nullptr;
+    fscs = ZoCritSect::Make("CS chain");
+    csDLD = ZoMakeCritSectCritSect();
+    __defTLS = new (std::nothrow) ZoTLS;
+    smp_console = new (std::nothrow) smp_io;
+    suppress_chaining = 0;
+}
+
+template <class Object>
+void Destroy(Object*& object) {
+    delete object;
+    object = nullptr;
+}
+
+void TearDown() {
+    Destroy(smp_console);
+    Destroy(__defTLS);
+    suppress_chaining = 1;
+    Destroy(csDLD);
+    Destroy(fscs);
+}
+
+}  // namespace
+
+void ___ZoExtendedContext(int setUp) {
+    bool const isSetUp = __defTLS != nullptr;
+    if (setUp != 0 && !isSetUp) SetUp();
+    if (setUp == 0 && isSetUp) TearDown();
+}

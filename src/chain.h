@@ -1,0 +1,40 @@
+// The chain of synchronisation objects, as the constructors and destructors of the library see it.
+
+#ifndef KELVARA_SRC_CHAIN_H_
+#define KELVARA_SRC_CHAIN_H_
+
+#include "zocrits.h"
+#include "zosyncob.h"
+
+// Links `object` in at the head of the chain (insert non-zero) or takes it out (insert 0), under
+// fscs. Taking out an object that is not chained changes nothing.
+void HandleChaining(ZoSynchroObj* object, int insert);
+
+// Takes `object` out if chaining is on: the first act of every destructor that has something to
+// destroy, so that no walk of the chain meets an object half gone.
+inline void LeaveChain(ZoSynchroObj* object) {
+    if (suppress_chaining == 0) HandleChaining(object, 0);
+}
+
+// Holds the chain's lock while an object is constructed.
+//
+// An object joins the chain in its base constructor, when its derived part does not exist yet. Each
+// constructor therefore delegates to a private one that takes a ChainLock, made in the delegating
+// call: it lives until the delegated constructor is done, so a walk of the chain by another thread
+// waits and meets only complete objects. The lock is recursive, so the bases nest.
+class ChainLock {
+public:
+    ChainLock() : section(suppress_chaining == 0 ? fscs : nullptr) {
+        if (section != nullptr) section->Begin();
+    }
+    ChainLock(ChainLock const&) = delete;
+    ChainLock& operator=(ChainLock const&) = delete;
+    ~ChainLock() {
+        if (section != nullptr) section->Exit();
+    }
+
+private:
+    ZoCritSect* section;
+};
+
+#endif  // KELVARA_SRC_CHAIN_H_

@@ -1,0 +1,36 @@
+// The deadlock report: the sink that logs it to a file, and the words it is told in.
+
+#ifndef KELVARA_SRC_DEADLOCK_IO_H_
+#define KELVARA_SRC_DEADLOCK_IO_H_
+
+#include <cstdio>
+
+#include "smp_io.h"
+
+class ZoDLDCritSect;
+class ZoTLS;
+
+// A console sink that appends everything to "deadlock.txt" in the current directory and passes it
+// on to the sink it wraps. It lives for one report, on the stack of the detecting thread.
+class deadlock_io : public _smp_io {
+public:
+    // Opens the file and writes a report's head, its time included. A file that cannot be opened is
+    // told once on `wrapped`, and the report then goes only there.
+    explicit deadlock_io(_smp_io* wrapped);
+    ~deadlock_io() override;
+
+    using _smp_io::writeOutput;
+    void writeOutput(char const* text, int length) override;
+    void flush() override;
+
+private:
+    _smp_io* wrapped;  // not owned
+    FILE* file;        // null when it could not be opened
+};
+
+// Writes the chain of waits that begins with thread `me` wanting `section`, a line a thread and an
+// empty one. Called with csDLD held, which keeps owners and waits from changing. When the chain
+// does not lead back to `me`, the line at which it breaks off says so.
+void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console);
+
+#endif  // KELVARA_SRC_DEADLOCK_IO_H_

@@ -1,0 +1,192 @@
+#include "smp_io.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#include "console_sink.h"
+#include "debug_path.h"
+#include "zobase.h"
+
+smp_io* smp_console = nullptr;
+std::recursive_mutex consoleLock;
+
+char const* const debug_path[2] = {"debug", nullptr};
+
+namespace {
+
+char const* const key_zova_console = "ZOVAConsole";
+
+// The switch: UnreadSwitch until its first use, then 0 for off and anything else for on. Threads
+// that meet it unread at the same moment all read the configuration and store the same number, and
+// nothing else depends on it, so relaxed order is enough.
+constexpr int UnreadSwitch = 0xF000;
+std::atomic<int> zova_console{UnreadSwitch};
+
+bool ConsoleIsOn() {
+    if (zova_console.load(std::memory_order_relaxed) == UnreadSwitch) _Configure_smp_io();
+    return zova_console.load(std::memory_order_relaxed) != 0;
+}
+
+std::atomic_ref<smp_io*> TheConsole() {
+    return std::atomic_ref<smp_io*>(smp_console);
+}
+
+}  // namespace
+
+void _Configure_smp_io() {
+    int value = 0;
+    if (ZoConfig* configuration = ZoDefaultConfiguration()) {
+        configuration->ReadValue(key_zova_console, &value, debug_path);
+    }
+    zova_console.store(value, std::memory_order_relaxed);
+}
+
+smp_io* GetConsole() {
+    return TheConsole().load(std::memory_order_acquire);
+}
+
+smp_io* Console(smp_io* console) {
+    if (console == nullptr) return GetConsole();
+    return TheConsole().exchange(console, std::memory_order_acq_rel);
+}
+
+// --- the sink ----------------------------------------------------------------------------------
+
+_smp_io::_smp_io() = default;
+_smp_io::~_smp_io() = default;
+
+void _smp_io::writeOutput(char const* text, int length) {
+    if (!ConsoleIsOn()) return;
+    std::size_t const count = length == -1 ? std::strlen(text) : static_cast<std::size_t>(length);
+    std::fwrite(text, 1, count, stderr);
+}
+
+void _smp_io::writeOutput(ZoString const&) {
+    writeOutput("ERROR: writeOutput(ZoString) not implemented", -1);
+}
+
+void _smp_io::flush() {
+    if (ConsoleIsOn()) std::fflush(stderr);
+}
+
+// --- the front ---------------------------------------------------------------------------------
+
+namespace {
+
+void Write(smp_io& stream, char const* text, int length) {
+    std::lock_guard<std::recursive_mutex> hold(consoleLock);
+    if (stream.sink != nullptr) stream.sink->writeOutput(text, length);
+}
+
+void FlushSink(smp_io& stream) {
+    std::lock_guard<std::recursive_mutex> hold(consoleLock);
+    if (stream.sink != nullptr) stream.sink->flush();
+}
+
+// Holds the longest text of any format: the largest double has 309 digits before its point.
+constexpr int NumberSize = 352;
+
+__attribute__((format(printf, 2, 3))) smp_io& WriteFormatted(smp_io& stream, char const* format,
+                                                             ...) {
+    char text[NumberSize];
+    std::va_list values;
+    va_start(values, format);
+    int const length = std::vsnprintf(text, sizeof text, format, values);
+    va_end(values);
+    Write(stream, text, length);
+    return stream;
+}
+
+}  // namespace
+
+smp_io::smp_io() : sink(new (std::nothrow) _smp_io) {}
+
+smp_io::~smp_io() {
+    delete sink;
+    sink = nullptr;
+}
+
+smp_io& smp_io::operator<<(char const* text) {
+    Write(*this, text, -1);
+    return *this;
+}
+
+smp_io& smp_io::operator<<(ZoString const& text) {
+    std::lock_guard<std::recursive_mutex> hold(consoleLock);
+    if (sink != nullptr) sink->writeOutput(text);
+    return *this;
+}
+
+smp_io& smp_io::operator<<(int number) {
+    return WriteFormatted(*this, "%d", number);
+}
+smp_io& smp_io::operator<<(unsigned int number) {
+    return WriteFormatted(*this, "%u", number);
+}
+smp_io& smp_io::operator<<(short number) {
+    return WriteFormatted(*this, "%d", number);
+}
+smp_io& smp_io::operator<<(unsigned short number) {
+    return WriteFormatted(*this, "%u", number);
+}
+smp_io& smp_io::operator<<(long number) {
+    return WriteFormatted(*this, "%ld", number);
+}
+smp_io& smp_io::operator<<(unsigned long number) {
+    return WriteFormatted(*this, "%lu", number);
+}
+smp_io& smp_io::operator<<(double number) {
+    return WriteFormatted(*this, "%lf", number);
+}
+smp_io& smp_io::operator<<(void* pointer) {
+    return WriteFormatted(*this, "%p", pointer);
+}
+
+smp_io& smp_io::operator<<(float number) {
+    return WriteFormatted(*this, "%f", static_cast<double>(number));
+}
+
+smp_io& smp_io::operator<<(char character) {
+    Write(*this, &character, 1);
+    return *this;
+}
+
+int smp_io::Print(char const* text, int length) {
+    Write(*this, text, length);
+    return length;
+}
+
+smp_io& smp_io::flush() {
+    FlushSink(*this);
+    return *this;
+}
+
+// NOLINTNEXTLINE(readability-convert-member-functions-to-static): a virtual slot
+smp_io& smp_io::flush(smp_io& stream) {
+    stream.flush();
+    return stream;
+}
+
+smp_io& smp_io::operator<<(smp_io& (*manipulator)(smp_io&)) {
+    return manipulator(*this);
+}
+
+smp_io& endl(smp_io& stream) {
+    Write(stream, "\n", 1);
+    FlushSink(stream);
+    return stream;
+}
+
+smp_io& ARROW(smp_io& stream) {
+    Write(stream, " --> ", 5);
+    return stream;
+}
+
+smp_io& UNKNOWN_ERROR(smp_io& stream) {
+    Write(stream, "unknown error", 13);
+    return stream;
+}

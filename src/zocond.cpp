@@ -1,0 +1,192 @@
+#include "zocond.h"
+
+#include <errno.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdio>
+#include <new>
+
+#include "chain.h"
+#include "condition_value.h"
+#include "zosleep.h"
+
+namespace {
+
+class DefaultLogic final : public ConditionLogic {};
+
+// Every new condition's logic until its owner installs another.
+DefaultLogic defaultLogic;
+
+}  // namespace
+
+// --- the default logic -------------------------------------------------------------------------
+
+void ConditionLogic::SafeSet(int* value) {
+    StoreValue(value, LoadValue(value) + 1);
+}
+
+void ConditionLogic::SafeClear(int* value) {
+    StoreValue(value, LoadValue(value) - 1);
+}
+
+int ConditionLogic::SafeTest(int* value) {
+    return LoadValue(value) == 0 ? 1 : 0;
+}
+
+int ConditionLogic::SafeSetApp(int* value, void*, void*) {
+    SafeSet(value);
+    return LoadValue(value) == 0 ? 1 : 0;
+}
+
+// --- the condition without a lock --------------------------------------------------------------
+
+Condition* Condition::MakeCondition(char const* name) {
+    return new (std::nothrow) POSIXCondition(name);
+}
+
+Condition::Condition(char const* name) : Condition(name, ChainLock()) {}
+
+Condition::Condition(char const* name, ChainLock const&)
+    : ZoSynchroObj(name), logic(&defaultLogic), value(0) {}
+
+Condition::~Condition() {
+    LeaveChain(this);
+    logic = nullptr;
+}
+
+int Condition::SetCondition() {
+    logic->SafeSet(&value);
+    return LoadValue(&value);
+}
+
+int Condition::ClearCondition() {
+    logic->SafeClear(&value);
+    return LoadValue(&value);
+}
+
+int Condition::SetConditionApp(void* first, void* second) {
+    logic->SafeSetApp(&value, first, second);
+    return LoadValue(&value);
+}
+
+int Condition::WaitForCondition(unsigned short, unsigned long) {
+    while (logic->SafeTest(&value) != 0) ZoYieldProcessor();
+    return ZoSuccess;
+}
+
+int Condition::Lock() {
+    return LoadValue(&value);
+}
+
+int Condition::Unlock() {
+    return LoadValue(&value);
+}
+
+void Condition::GetInfo(char* buffer, int size) {
+    if (buffer == nullptr || size <= 0) return;
+    std::snprintf(buffer, static_cast<std::size_t>(size), "cond-val: %d", LoadValue(&value));
+}
+
+// --- the condition over a POSIX mutex and condition variable -----------------------------------
+
+namespace {
+
+// Holds a mutex for a scope; also lets go of it when a wait in the scope is cancelled.
+class MutexHold {
+public:
+    explicit MutexHold(pthread_mutex_t& mutex) : mutex(&mutex) { pthread_mutex_lock(&mutex); }
+    MutexHold(MutexHold const&) = delete;
+    MutexHold& operator=(MutexHold const&) = delete;
+    ~MutexHold() {
+        if (mutex != nullptr) pthread_mutex_unlock(mutex);
+    }
+    // Leaves the mutex locked at the end of the scope.
+    void Keep() { mutex = nullptr; }
+
+private:
+    pthread_mutex_t* mutex;
+};
+
+// `milliseconds` from now on the clock that condition variables use.
+timespec DeadlineAfter(ZoUInt32 milliseconds) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    timespec deadline{};
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(milliseconds / 1000);
+    deadline.tv_nsec = static_cast<long>(milliseconds % 1000) * 1'000'000L + now.tv_usec * 1000L;
+    if (deadline.tv_nsec >= 1'000'000'000L) {
+        deadline.tv_sec += 1;
+        deadline.tv_nsec -= 1'000'000'000L;
+    }
+    return deadline;
+}
+
+}  // namespace
+
+POSIXCondition::POSIXCondition(char const* name) : POSIXCondition(name, ChainLock()) {}
+
+POSIXCondition::POSIXCondition(char const* name, ChainLock const& held) : Condition(name, held) {
+    pthread_mutexattr_init(&mutexAttributes);
+    pthread_mutex_init(&mutex, &mutexAttributes);
+    pthread_condattr_init(&conditionAttributes);
+    pthread_cond_init(&condition, &conditionAttributes);
+}
+
+POSIXCondition::~POSIXCondition() {
+    LeaveChain(this);
+    pthread_mutex_destroy(&mutex);
+    pthread_mutexattr_destroy(&mutexAttributes);
+    pthread_cond_destroy(&condition);
+    pthread_condattr_destroy(&conditionAttributes);
+}
+
+int POSIXCondition::SetCondition() {
+    MutexHold hold(mutex);
+    logic->SafeSet(&value);
+    pthread_cond_signal(&condition);
+    return LoadValue(&value);
+}
+
+int POSIXCondition::ClearCondition() {
+    MutexHold hold(mutex);
+    if (LoadValue(&value) < 0) return ZoRefused;
+    logic->SafeClear(&value);
+    return LoadValue(&value);
+}
+
+int POSIXCondition::SetConditionApp(void* first, void* second) {
+    MutexHold hold(mutex);
+    int const wake = logic->SafeSetApp(&value, first, second);
+    if (wake != 0) pthread_cond_signal(&condition);
+    return wake;
+}
+
+int POSIXCondition::WaitForCondition(unsigned short keepLocked, unsigned long milliseconds) {
+    ZoUInt32 const limit = static_cast<ZoUInt32>(milliseconds);
+    int result = ZoSuccess;
+    MutexHold hold(mutex);
+    while (result == ZoSuccess && logic->SafeTest(&value) != 0) {
+        if (limit == ZoNoLimit) {
+            pthread_cond_wait(&condition, &mutex);
+            continue;
+        }
+        timespec const deadline = DeadlineAfter(limit);
+        if (pthread_cond_timedwait(&condition, &mutex, &deadline) == ETIMEDOUT) {
+            result = ZoTimedOut;
+        }
+    }
+    if (keepLocked != 0) hold.Keep();
+    return result;
+}
+
+int POSIXCondition::Lock() {
+    pthread_mutex_lock(&mutex);
+    return LoadValue(&value);
+}
+
+int POSIXCondition::Unlock() {
+    pthread_mutex_unlock(&mutex);
+    return LoadValue(&value);
+}

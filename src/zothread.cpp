@@ -1,0 +1,3 @@
+#include "zothread.h"
+
+ZoExtendedBase::~ZoExtendedBase() = default;

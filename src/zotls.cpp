@@ -1,0 +1,194 @@
+#include "zotls.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <new>
+#include <type_traits>
+
+#include "zobase.h"
+#include "zocond.h"
+#include "zothread.h"
+
+static_assert(std::is_trivially_destructible_v<ZoRWRecord>, "the list frees records as memory");
+static_assert(std::is_trivially_destructible_v<ZoTLSItem>);
+
+ZoTLS* __defTLS = nullptr;
+
+namespace {
+
+constexpr pthread_key_t NoKey = static_cast<pthread_key_t>(-1);
+
+// Guards the creation of the key.
+pthread_mutex_t keyCreation = PTHREAD_MUTEX_INITIALIZER;
+
+// NoKey until the first attach in the process has made the key; then that key for ever. Read
+// without the lock: a thread that reads the key with acquire order has the finished key, and one
+// that still reads NoKey looks again under the lock.
+std::atomic<pthread_key_t> ZoTLSkey{NoKey};
+
+pthread_key_t Key() {
+    return ZoTLSkey.load(std::memory_order_acquire);
+}
+
+void CreateKeyOnce() {
+    pthread_mutex_lock(&keyCreation);
+    if (ZoTLSkey.load(std::memory_order_relaxed) == NoKey) {
+        pthread_key_t key = NoKey;
+        int const err = pthread_key_create(&key, ZoThreadDetach);
+        if (err != 0) {
+            ZOVA_assert("err == 0", "src/zotls", 845);
+        } else {
+            ZoTLSkey.store(key, std::memory_order_release);
+        }
+    }
+    pthread_mutex_unlock(&keyCreation);
+}
+
+ZoTLS* CurrentRecord() {
+    pthread_key_t const key = Key();
+    return key == NoKey ? nullptr : static_cast<ZoTLS*>(pthread_getspecific(key));
+}
+
+int StoreRecord(ZoTLS* record) {
+    return pthread_setspecific(Key(), record);
+}
+
+// A record for the calling thread, which has none; null when that fails.
+ZoTLS* MakeRecord() {
+    ZoTLS* record = new (std::nothrow) ZoTLS;
+    if (record == nullptr) {
+        ZOVA_assert("ret", "src/zotls", 860);
+        return nullptr;
+    }
+    record->threadIdentity = record;
+    if (StoreRecord(record) != 0) {
+        ZOVA_assert("err == 0", "src/zotls", 867);
+        delete record;  // nobody could ever find it
+        return nullptr;
+    }
+    return record;
+}
+
+ZoRWRecord* FindRwRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
+    for (ZoSimpleLinkedListItem* item = thread->rwRecords.GetFirst(); item != nullptr;
+         item = item->GetNext()) {
+        ZoRWRecord* const record = static_cast<ZoRWRecord*>(item);
+        if (record->mutex == mutex) return record;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+ZoTLS::ZoTLS()
+    : cond(nullptr),
+      itemArray(nullptr),
+      itemCount(0),
+      asyncWatcher(0),
+      attachCount(0),
+      threadIdentity(nullptr),
+      waitingFor(nullptr),
+      spareRwRecord(nullptr),
+      concurrencyResult(nullptr),
+      ownedObject(nullptr) {}
+
+ZoTLS::ZoTLS(ZoTLS const&) : ZoTLS() {
+    ZOVA_assert("0", "src/zotls", 67);
+}
+
+ZoTLS::~ZoTLS() {
+    delete cond;
+    cond = nullptr;
+    delete spareRwRecord;
+    spareRwRecord = nullptr;
+    if (itemCount >= 2) {
+        delete[] itemArray;
+    } else if (itemCount == 1) {
+        delete itemArray;
+    }
+    delete ownedObject;
+}
+
+ZoTLS* ZoTLS::GetThreadLocalStorage() {
+    ZoTLS* record = CurrentRecord();
+    if (record != nullptr) return record;
+    ZoThreadAttach(nullptr);
+    record = CurrentRecord();
+    if (record == nullptr) ZOVA_assert("retval", "src/zotls", 832);
+    return record;
+}
+
+int ZoThreadAttach(void*) {
+    if (Key() == NoKey) CreateKeyOnce();
+    ZoTLS* record = CurrentRecord();
+    if (record == nullptr) record = MakeRecord();
+    if (record != nullptr) ++record->attachCount;
+    return 0;
+}
+
+void ZoThreadDetach(void* record) {
+    if (record == nullptr) return;
+    ZoTLS* const mine = static_cast<ZoTLS*>(record);
+    if (--mine->attachCount != 0) return;
+    // As the key's destructor this runs with the slot already cleared. Destroying the record's
+    // condition enters the chain's section, which may look the record up: it must find this one and
+    // not make a second that nobody frees.
+    StoreRecord(mine);
+    delete mine;
+    StoreRecord(nullptr);
+}
+
+int ZoTLSisAsyncWatcherThread() {
+    ZoTLS const* const mine = ZoTLS::GetThreadLocalStorage();
+    return mine == nullptr ? 0 : mine->asyncWatcher;
+}
+
+void ZoTLSSetAsyncWatcherThread() {
+    if (ZoTLS* const mine = ZoTLS::GetThreadLocalStorage()) mine->asyncWatcher = 1;
+}
+
+Condition** TLSGetCondition() {
+    ZoTLS* const mine = ZoTLS::GetThreadLocalStorage();
+    if (mine == nullptr) return nullptr;
+    if (mine->cond == nullptr) mine->cond = Condition::MakeCondition("TLS Cond");
+    if (mine->cond == nullptr) ZOVA_assert("(myTLS->cond != 0)", "src/zotls", 111);
+    return &mine->cond;
+}
+
+ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex) {
+    ZoTLS* const mine = ZoTLS::GetThreadLocalStorage();
+    if (mine == nullptr) return nullptr;
+    if (ZoRWRecord* const found = FindRwRecord(mine, mutex)) return &found->holdings;
+
+    ZoRWRecord* record = mine->spareRwRecord;
+    mine->spareRwRecord = nullptr;
+    if (record == nullptr) record = new (std::nothrow) ZoRWRecord;
+    if (record == nullptr) return nullptr;
+    record->holdings = 0;
+    record->mutex = mutex;
+    mine->rwRecords.InsertFirst(record);
+    return &record->holdings;
+}
+
+int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex) {
+    ZoTLS* const mine = ZoTLS::GetThreadLocalStorage();
+    if (mine == nullptr) return 1;
+    ZoRWRecord* const record = FindRwRecord(mine, mutex);
+    if (record == nullptr) return 1;
+    mine->rwRecords.RemoveItem(record);
+    if (mine->spareRwRecord == nullptr) {
+        record->mutex = nullptr;
+        record->holdings = 0;
+        mine->spareRwRecord = record;
+    } else {
+        delete record;
+    }
+    return 0;
+}
+
+void ZoTLSPrepareStackTrace(smp_io*) {}
+
+void ZoTLSStackTrace(ZoTLS*, smp_io*) {}
+
+void ZoTLSTerminateStackTrace() {}
