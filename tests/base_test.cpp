@@ -165,8 +165,7 @@ TEST_F(Base, ConfigurationNumbers) {
         {"1A", {}},
         {"0xG", {}},
         {"\"5\"", {}},
-        {"five", {}},
-    };
+        {"five", {}}};
     std::string file = "[n]\n";
     std::string complaints;
     std::string values;
@@ -202,6 +201,8 @@ TEST_F(Base, ConfigurationLines) {
         {"two words = 5", word},
         {" = 5", word},
         {"k[1] = 5", word},
+        {"k ; = 5", word},
+        {"k#1 = 5", word},
         {std::string("n\0l = 5", 7), word},
         {"lonely", "neither [section] nor key = value"},
         {"[unended", "the section has no ]"},
