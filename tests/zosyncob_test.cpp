@@ -97,6 +97,7 @@ TEST(SynchroChain, SurvivesWalksWhileObjectsComeAndGo) {
                     ZoCritSect* section = ZoCritSect::Make("s");
                     Condition* condition = Condition::MakeCondition("c");
                     section->Begin();
+                    std::this_thread::yield();  // for a walk that meets both
                     delete condition;
                     section->Exit();
                     delete section;
