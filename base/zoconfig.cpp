@@ -1,0 +1,272 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "zobase.h"
+#include "zobaseservices.h"
+#include "zoconfigfile.h"
+#include "zoreport.h"
+
+ZoConfig::~ZoConfig() = default;
+
+namespace {
+
+// --- the words of a line -------------------------------------------------------------------------
+
+constexpr std::string_view Blanks = " \t\r\v\f";
+
+std::string_view Trim(std::string_view text) {
+    std::size_t const begin = text.find_first_not_of(Blanks);
+    if (begin == std::string_view::npos) return {};
+    return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
+}
+
+// A section or key is one printable word.
+bool IsName(std::string_view text) {
+    if (text.empty()) return false;
+    for (char const c : text) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == '[' || c == ']') return false;
+    }
+    return true;
+}
+
+int DigitValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return 16;
+}
+
+std::optional<int> ParseNumber(std::string_view text) {
+    bool const negative = text.starts_with('-');
+    if (negative || text.starts_with('+')) text.remove_prefix(1);
+    bool const hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+    if (hexadecimal) text.remove_prefix(2);
+    if (text.empty()) return std::nullopt;
+
+    // Hexadecimal numbers are flag words: they may use the sign bit. Decimal ones are amounts.
+    std::int64_t const most = negative      ? std::int64_t{1} << 31
+                              : hexadecimal ? std::int64_t{0xFFFFFFFF}
+                                            : std::int64_t{0x7FFFFFFF};
+    int const base = hexadecimal ? 16 : 10;
+    std::int64_t value = 0;
+    for (char const c : text) {
+        int const digit = DigitValue(c);
+        if (digit >= base) return std::nullopt;
+        value = value * base + digit;
+        if (value > most) return std::nullopt;
+    }
+    return static_cast<int>(static_cast<std::uint32_t>(negative ? -value : value));
+}
+
+bool IsCommentMark(char c) {
+    return c == ';' || c == '#';
+}
+
+// What is left of a line without a comment, which a mark begins anywhere.
+std::string_view CutComment(std::string_view text) {
+    return Trim(text.substr(0, text.find_first_of(";#")));
+}
+
+// The same for a text, in which a mark begins a comment only after a blank.
+std::string_view CutCommentOfText(std::string_view text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (IsCommentMark(text[i]) && (i == 0 || Blanks.find(text[i - 1]) != Blanks.npos)) {
+            return Trim(text.substr(0, i));
+        }
+    }
+    return text;
+}
+
+bool HasControlCharacter(std::string_view text) {
+    for (char const c : text) {
+        if (static_cast<unsigned char>(c) < ' ') return true;
+    }
+    return false;
+}
+
+// --- the file ------------------------------------------------------------------------------------
+
+class FileConfig final : public ZoConfig {
+public:
+    // Takes one line in; returns what is wrong with it, or null. A wrong line changes nothing.
+    char const* TakeLine(std::string_view line);
+
+    int ReadValue(char const* key, int* out, char const* const* sectionPath) override;
+    char const* LogPath() const { return logPath.empty() ? nullptr : logPath.c_str(); }
+
+private:
+    char const* TakeSection(std::string_view line);
+    char const* TakeLogPath(std::string_view value);
+
+    std::string section;  // that the next line belongs to
+    std::map<std::string, std::map<std::string, int, std::less<>>, std::less<>> sections;
+    std::string logPath;
+};
+
+char const* FileConfig::TakeLine(std::string_view line) {
+    line = Trim(line);
+    if (line.empty() || IsCommentMark(line.front())) return nullptr;
+    if (line.front() == '[') return TakeSection(line);
+
+    std::size_t const equals = line.find('=');
+    if (equals == std::string_view::npos) return "neither [section] nor key = value";
+    std::string_view const key = Trim(line.substr(0, equals));
+    if (!IsName(key)) return "the key is not one word";
+    std::string_view const value = Trim(line.substr(equals + 1));
+    if (section == "base" && key == "log") return TakeLogPath(value);
+    std::optional<int> const number = ParseNumber(CutComment(value));
+    if (!number) return "the value is not a number of 32 bits";
+    sections[section].insert_or_assign(std::string(key), *number);
+    return nullptr;
+}
+
+char const* FileConfig::TakeSection(std::string_view line) {
+    std::size_t const end = line.find(']');
+    if (end == std::string_view::npos) return "the section has no ]";
+    if (!CutComment(line.substr(end + 1)).empty()) return "something follows the section";
+    std::string_view const name = Trim(line.substr(1, end - 1));
+    if (!IsName(name)) return "the section is not one word";
+    section = name;
+    return nullptr;
+}
+
+char const* FileConfig::TakeLogPath(std::string_view value) {
+    value = CutCommentOfText(value);
+    if (value.empty() || HasControlCharacter(value)) return "the value is not a path";
+    logPath = value;
+    return nullptr;
+}
+
+// Where the dotted name `name` is the names of `path` joined.
+bool IsJoined(std::string_view name, char const* const* path) {
+    if (path == nullptr || *path == nullptr) return name.empty();
+    for (;; ++path) {
+        std::string_view const part = *path;
+        if (!name.starts_with(part)) return false;
+        name.remove_prefix(part.size());
+        if (path[1] == nullptr) return name.empty();
+        if (!name.starts_with('.')) return false;
+        name.remove_prefix(1);
+    }
+}
+
+// Searches without making the joined name: looking up allocates nothing, so it cannot fail for
+// want of memory. A file has few sections.
+int FileConfig::ReadValue(char const* key, int* out, char const* const* sectionPath) {
+    constexpr int NotFound = -2005;
+    if (key == nullptr || out == nullptr) return NotFound;
+    for (auto const& [name, values] : sections) {
+        if (!IsJoined(name, sectionPath)) continue;
+        auto const found = values.find(std::string_view(key));
+        if (found == values.end()) return NotFound;
+        *out = found->second;
+        return 0;
+    }
+    return NotFound;
+}
+
+// Far more than anybody writes by hand; keeps a device named by mistake from filling the memory.
+constexpr std::size_t LongestFile = std::size_t{1} << 20;
+
+// Appends what `descriptor` has; returns 0 or the error's number.
+int ReadWhole(int descriptor, std::string& text) {
+    char block[4096];
+    for (;;) {
+        ssize_t const got = read(descriptor, block, sizeof block);
+        if (got == 0) return 0;
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return errno;
+        text.append(block, static_cast<std::size_t>(got));
+        if (text.size() > LongestFile) return EFBIG;
+    }
+}
+
+int ReadFile(char const* path, std::string& text) {
+    int const descriptor = open(path, O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0) return errno;
+    int const error = ReadWhole(descriptor, text);
+    close(descriptor);
+    return error;
+}
+
+std::unique_ptr<FileConfig> Parse(char const* path, std::string_view text) {
+    auto configuration = std::make_unique<FileConfig>();
+    if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
+    for (unsigned long number = 1; !text.empty(); ++number) {
+        std::size_t const end = text.find('\n');
+        if (char const* const wrong = configuration->TakeLine(text.substr(0, end))) {
+            ReportToStandardError("%s:%lu: line ignored: %s", path, number, wrong);
+        }
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return configuration;
+}
+
+std::unique_ptr<FileConfig> Load() {
+    char const* path = std::getenv("ZOVA_CONFIG");
+    bool const named = path != nullptr && *path != '\0';
+    if (!named) path = "zova.ini";
+    std::string text;
+    int const error = ReadFile(path, text);
+    if (error == 0) return Parse(path, text);
+    if (named || error != ENOENT) {
+        ReportToStandardError("%s: cannot read the configuration: %s", path,
+                              strerrordesc_np(error));
+    }
+    return nullptr;
+}
+
+// A thread that is cancelled meanwhile finishes loading first: a second thread would have to load
+// again and repeat the messages.
+FileConfig* LoadUncancelled() {
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    std::unique_ptr<FileConfig> configuration;
+    try {
+        configuration = Load();
+    } catch (std::bad_alloc const&) {
+        ReportToStandardError("no memory for the configuration");
+    }
+    pthread_setcancelstate(cancelState, nullptr);
+    return configuration.release();
+}
+
+// Read at the first use, never destroyed: destructors of other libraries may still ask. Null when
+// there is no file.
+FileConfig* FromFile() {
+    static FileConfig* const configuration = LoadUncancelled();
+    return configuration;
+}
+
+constinit std::atomic<ZoConfig*> installed{nullptr};
+
+}  // namespace
+
+char const* ConfiguredLogPath() {
+    FileConfig const* const configuration = FromFile();
+    return configuration != nullptr ? configuration->LogPath() : nullptr;
+}
+
+ZoConfig* DefaultConfig(ZoConfig*) {
+    if (ZoConfig* const configuration = installed.load(std::memory_order_acquire)) {
+        return configuration;
+    }
+    return FromFile();
+}
+
+ZoConfig* ZoSetDefaultConfig(ZoConfig* configuration) {
+    return installed.exchange(configuration, std::memory_order_acq_rel);
+}
