@@ -227,8 +227,12 @@ TEST(HashTable, PositionsFitOneTableOnce) {
     table.RebuildTable();
     EXPECT_EQ(table.Delete(pos), ZoBadPosition);
     EXPECT_EQ(table.GetNum(), 2U);
+    // Entries that are not the table's own outlive their erasure.
+    ZoHashEntry* const erased[] = {table.LookUp(Word(8)), table.LookUp(Word(12))};
     table.EraseBuckets();
+    EXPECT_EQ(table.LookUp(Word(8)), nullptr);
     EXPECT_EQ(table.Delete(pos), ZoBadPosition);
+    for (ZoHashEntry* entry : erased) table.DestroyHashEntry(entry);
 }
 
 TEST(HashTable, AverageSearch) {
