@@ -128,7 +128,7 @@ private:
         void* const stored = present ? found->second : nullptr;
         void* const value = Value(id);
         ZoMTObj const* const held = Byte() % 2 != 0 ? &lock : nullptr;
-        faultAt = operation >= 192 ? 1 + id % 3 : 0;
+        faultAt = operation >= 192 ? 1 + static_cast<long>(id % 3) : 0;
         faultHappened = false;
 
         switch (operation % 16) {
