@@ -102,7 +102,8 @@ private:
 
     char const* Key(unsigned id) const {
         if (kind.keySize == ZoHashTable::WordKeys && kind.find != ValuePointerFind) {
-            return reinterpret_cast<char const*>(std::uintptr_t{id} * 0x9E3779B1U);
+            std::uintptr_t const word = std::uintptr_t{id} * 0x9E3779B1U;
+            return reinterpret_cast<char const*>(word);  // NOLINT(performance-no-int-to-ptr)
         }
         return records[id][0].key + (kind.keySize == 5 ? 4 : 0);
     }

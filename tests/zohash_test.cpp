@@ -14,7 +14,7 @@
 namespace {
 
 char const* Word(std::uintptr_t word) {
-    return reinterpret_cast<char const*>(word);
+    return reinterpret_cast<char const*>(word);  // NOLINT(performance-no-int-to-ptr)
 }
 
 TEST(HashTable, RandomProgramsAgreeWithUnorderedMap) {
