@@ -7,3 +7,9 @@ if(ZO_SANITIZE)
         add_compile_options(-fno-sanitize-recover=all)
     endif()
 endif()
+
+# ZO_FUZZ builds the fuzz targets of tests/fuzz, and everything with what they need of Clang.
+if(ZO_FUZZ)
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=address,undefined)
+endif()

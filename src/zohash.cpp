@@ -1,0 +1,619 @@
+#include "zohash.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "zobase.h"
+#include "zomtobj.h"
+
+namespace {
+
+constexpr ZoUInt32 mixingFactor = 1103515245;
+constexpr ZoUInt32 initialShift = 28;
+// One step further the threshold would not fit its 32 bits.
+constexpr ZoUInt32 smallestShift = 2;
+
+// Holds the section of the caller's lock object, if there is one.
+class TableLock {
+public:
+    // Entering a section does not change what the object stands for, so operations take it const.
+    explicit TableLock(ZoMTObj const* lock) : lock(const_cast<ZoMTObj*>(lock)) {
+        if (this->lock != nullptr) this->lock->BeginCriticalSection();
+    }
+    TableLock(TableLock const&) = delete;
+    TableLock& operator=(TableLock const&) = delete;
+    ~TableLock() {
+        if (lock != nullptr) lock->EndCriticalSection();
+    }
+
+private:
+    ZoMTObj* lock;
+};
+
+// A key that is a number in the place of an address.
+std::uintptr_t WordOf(void const* pointer) {
+    return reinterpret_cast<std::uintptr_t>(pointer);
+}
+
+char* KeyBytes(ZoHashEntry* entry) {
+    return reinterpret_cast<char*>(entry + 1);
+}
+
+char const* KeyBytes(ZoHashEntry const* entry) {
+    return reinterpret_cast<char const*>(entry + 1);
+}
+
+// Key bytes have no type and a record no alignment: words are copied out of them.
+template <class Word>
+Word ReadWord(char const* bytes) {
+    Word word;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+struct Surrogate {
+    std::uint32_t first;
+    std::uint32_t second;
+
+    static Surrogate OfRecord(char const* record) {
+        std::uint32_t const low = ReadWord<std::uint16_t>(record + 8);
+        std::uint32_t const high = ReadWord<std::uint16_t>(record + 12);
+        return {ReadWord<std::uint32_t>(record + 4), low | high << 16};
+    }
+    static Surrogate OfKeyBytes(char const* bytes) {
+        return {ReadWord<std::uint32_t>(bytes), ReadWord<std::uint32_t>(bytes + 4)};
+    }
+    std::uint32_t Hash() const { return first ^ second; }
+    bool operator==(Surrogate const&) const = default;
+};
+
+// A surrogate in the form in which operations take it as a key.
+struct SurrogateRecord {
+    explicit SurrogateRecord(Surrogate surrogate) {
+        std::uint16_t const low = static_cast<std::uint16_t>(surrogate.second);
+        std::uint16_t const high = static_cast<std::uint16_t>(surrogate.second >> 16);
+        std::memcpy(bytes + 4, &surrogate.first, sizeof surrogate.first);
+        std::memcpy(bytes + 8, &low, sizeof low);
+        std::memcpy(bytes + 12, &high, sizeof high);
+    }
+
+    char bytes[16] = {};
+};
+
+bool HasKeyBytes(unsigned short keySize) {
+    return keySize != 0 && keySize != ZoHashTable::ForeignKeys;
+}
+
+ZoHashEntry* NewEntry(void* value, std::size_t keyLength) {
+    void* const block = ::operator new(sizeof(ZoHashEntry) + keyLength, std::nothrow);
+    if (block == nullptr) return nullptr;
+    return new (block) ZoHashEntry{nullptr, value};
+}
+
+ZoHashEntry* NewEntry(void* value, void const* keyBytes, std::size_t keyLength) {
+    ZoHashEntry* const entry = NewEntry(value, keyLength);
+    if (entry != nullptr) std::memcpy(KeyBytes(entry), keyBytes, keyLength);
+    return entry;
+}
+
+// How many key bytes an entry of the table keeps.
+std::size_t KeyLength(ZoHashTable const& table, ZoHashEntry const& entry) {
+    switch (table.keySize) {
+        case ZoHashTable::StringKeys:
+            return std::strlen(KeyBytes(&entry)) + 1;
+        case ZoHashTable::WordKeys:
+            return sizeof(std::uintptr_t);
+        case ZoHashTable::SurrogateKeys:
+            return sizeof(Surrogate);
+        case ZoHashTable::ForeignKeys:
+            return 0;
+        default:
+            return table.keySize;
+    }
+}
+
+ZoHashSearch DefaultSearch(unsigned short keySize) {
+    switch (keySize) {
+        case ZoHashTable::StringKeys:
+            return StringFind;
+        case ZoHashTable::WordKeys:
+            return OneDWordFind;
+        case ZoHashTable::SurrogateKeys:
+            return ZoSurrFind;
+        default:
+            return ByteArrayFind;
+    }
+}
+
+ZoHashEntry*& BucketOf(ZoHashTable const& table, unsigned long hash) {
+    return table.buckets[hash & table.mask];
+}
+
+void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
+    ZoHashEntry*& head = BucketOf(table, hash);
+    entry->next = head;
+    head = entry;
+}
+
+// Makes an entry for the absent key and links it in. A growth that fails leaves the table as it
+// was, and the insertion stands.
+ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
+    if (entry == nullptr) return nullptr;
+    PushFront(table, entry, hash);
+    ++table.num;
+    if (table.num >= table.threshold) table.RebuildTable();
+    return entry;
+}
+
+// `link` is what points to the entry: its predecessor's `next`, or the head of its bucket.
+void UnlinkAndDestroy(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry) {
+    link = entry->next;
+    entry->next = nullptr;
+    --table.num;
+    table.DestroyHashEntry(entry);
+}
+
+void RemoveFound(ZoHashTable& table, ZoHashEntry* entry, ZoHashEntry* prev, unsigned long hash) {
+    if (prev != nullptr && prev->GetNext() != entry) {
+        ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
+    }
+    UnlinkAndDestroy(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry);
+}
+
+void FreeGrownBuckets(ZoHashTable& table) {
+    if (table.buckets != table.initialBuckets) delete[] table.buckets;
+}
+
+void ShrinkWhenEmpty(ZoHashTable& table) {
+    if (table.num != 0 || table.buckets == table.initialBuckets) return;
+    FreeGrownBuckets(table);
+    table.InitTable();
+}
+
+// The key-mode walk of every search function.
+template <class Matches>
+ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
+                       Matches matches) {
+    prev = nullptr;
+    for (ZoHashEntry* entry = BucketOf(*table, hash); entry != nullptr; entry = entry->next) {
+        if (matches(entry)) return entry;
+        prev = entry;
+    }
+    return nullptr;
+}
+
+// The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
+ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
+    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
+    return static_cast<ZoUInt32>(product >> (table->shift & 31U));
+}
+
+void ReportMissingKey() {
+    ZOVA_assert("( \"You need a space to get the key.\" && 0 )", "src/zohash", 412);
+}
+
+ZoUInt32 HashText(char const* text) {
+    ZoUInt32 hash = 0;
+    for (; *text != '\0'; ++text) {
+        hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(*text));
+    }
+    return hash;
+}
+
+ZoUInt32 SumBytes(char const* bytes, unsigned short length) {
+    ZoUInt32 sum = 0;
+    for (unsigned short i = 0; i < length; ++i) sum += static_cast<unsigned char>(bytes[i]);
+    return sum;
+}
+
+char const* TextOf(ZoHashTable const* table, ZoHashEntry const* entry) {
+    return table->keySize == ZoHashTable::StringKeys ? KeyBytes(entry) : table->GetKey(*entry);
+}
+
+std::uintptr_t WordKeyOf(ZoHashTable const* table, ZoHashEntry const* entry) {
+    return table->keySize == ZoHashTable::WordKeys ? ReadWord<std::uintptr_t>(KeyBytes(entry))
+                                                   : WordOf(table->GetKey(*entry));
+}
+
+char const* BytesOf(ZoHashTable const* table, ZoHashEntry const* entry) {
+    return HasKeyBytes(table->keySize) ? KeyBytes(entry) : table->GetKey(*entry);
+}
+
+// Keys without a length are all the same; a key that cannot be had is like none.
+bool SameBytes(char const* key, char const* entryKey, unsigned short length) {
+    if (length == 0) return true;
+    return entryKey != nullptr && std::memcmp(key, entryKey, length) == 0;
+}
+
+}  // namespace
+
+ZoHashEntry* StringFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                        ZoHashEntry* entry, ZoHashEntry*& prev) {
+    if (entry != nullptr) {
+        char const* const text = TextOf(table, entry);
+        if (text == nullptr) ReportMissingKey();
+        hash = text != nullptr ? HashText(text) : 0;
+        return entry;
+    }
+    hash = HashText(key);
+    return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
+        char const* const text = TextOf(table, candidate);
+        return text != nullptr && std::strcmp(key, text) == 0;
+    });
+}
+
+ZoHashEntry* OneDWordFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                          ZoHashEntry* entry, ZoHashEntry*& prev) {
+    std::uintptr_t const word = entry != nullptr ? WordKeyOf(table, entry) : WordOf(key);
+    hash = Mix(table, static_cast<ZoUInt32>(word));
+    if (entry != nullptr) return entry;
+    return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
+        return WordKeyOf(table, candidate) == word;
+    });
+}
+
+ZoHashEntry* ByteArrayFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                           ZoHashEntry* entry, ZoHashEntry*& prev) {
+    unsigned short const length = table->GetKeySize();
+    if (entry != nullptr) {
+        char const* const bytes = BytesOf(table, entry);
+        if (bytes == nullptr) ReportMissingKey();
+        hash = Mix(table, bytes != nullptr ? SumBytes(bytes, length) : 0);
+        return entry;
+    }
+    hash = Mix(table, SumBytes(key, length));
+    return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
+        return SameBytes(key, BytesOf(table, candidate), length);
+    });
+}
+
+ZoHashEntry* PointerFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                         ZoHashEntry* entry, ZoHashEntry*& prev) {
+    auto const wordOf = [](ZoHashEntry const* from) {
+        return ReadWord<std::uintptr_t>(KeyBytes(from));
+    };
+    std::uintptr_t const word = entry != nullptr ? wordOf(entry) : WordOf(key);
+    hash = static_cast<ZoUInt32>(word);
+    if (entry != nullptr) return entry;
+    return WalkChain(table, hash, prev,
+                     [&](ZoHashEntry const* candidate) { return wordOf(candidate) == word; });
+}
+
+ZoHashEntry* ValuePointerFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                              ZoHashEntry* entry, ZoHashEntry*& prev) {
+    void const* const value = entry != nullptr ? entry->value : key;
+    hash = static_cast<ZoUInt32>(WordOf(value) >> 3);
+    if (entry != nullptr) return entry;
+    return WalkChain(table, hash, prev,
+                     [&](ZoHashEntry const* candidate) { return candidate->value == value; });
+}
+
+ZoHashEntry* ZoSurrFind(ZoHashTable const* table, char const* key, unsigned long& hash,
+                        ZoHashEntry* entry, ZoHashEntry*& prev) {
+    if (entry != nullptr) {
+        hash = Surrogate::OfKeyBytes(KeyBytes(entry)).Hash();
+        return entry;
+    }
+    Surrogate const surrogate = Surrogate::OfRecord(key);
+    hash = surrogate.Hash();
+    return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
+        return Surrogate::OfKeyBytes(KeyBytes(candidate)) == surrogate;
+    });
+}
+
+ZoHashTable::ZoHashTable(unsigned short keySize, ZoHashSearch find)
+    : num(0), find(find != nullptr ? find : DefaultSearch(keySize)), keySize(keySize) {
+    InitTable();
+}
+
+ZoHashTable::ZoHashTable(ZoHashTable const& other) : ZoHashTable(other.keySize, other.find) {
+    ZOVA_assert("( \"The hash table does not have a copy ctor\" && 0 )", "src/zohash", 88);
+}
+
+ZoHashTable& ZoHashTable::operator=(ZoHashTable const&) {
+    ZOVA_assert("( \"The hash table does not have an assignement op\" && 0 )", "src/zohash", 94);
+    return *this;
+}
+
+ZoHashTable::~ZoHashTable() {
+    ZoHashTable::EmptyTable(nullptr);
+    FreeGrownBuckets(*this);
+    nBuckets = 0;
+}
+
+void ZoHashTable::InitTable() {
+    for (ZoHashEntry*& head : initialBuckets) head = nullptr;
+    buckets = initialBuckets;
+    nBuckets = 4;
+    threshold = 16;
+    shift = initialShift;
+    mask = 3;
+}
+
+ZoHashEntry* ZoHashTable::CreateHashEntry(char const* key, void* value) {
+    switch (keySize) {
+        case StringKeys:
+            return NewEntry(value, key, std::strlen(key) + 1);
+        case WordKeys:
+            return NewEntry(value, &key, sizeof key);
+        case SurrogateKeys: {
+            Surrogate const surrogate = Surrogate::OfRecord(key);
+            return NewEntry(value, &surrogate, sizeof surrogate);
+        }
+        default:
+            return HasKeyBytes(keySize) ? NewEntry(value, key, keySize) : NewEntry(value, 0);
+    }
+}
+
+ZoHashEntry* ZoHashTable::CreateHashEntryX(char const* key, void* value, unsigned long) {
+    return CreateHashEntry(key, value);
+}
+
+void ZoHashTable::DestroyHashEntry(ZoHashEntry* entry) {
+    ::operator delete(entry);
+}
+
+void ZoHashTable::ChangeHashEntry(ZoHashEntry* entry, void* value) {
+    entry->value = value;
+}
+
+int ZoHashTable::CloneHashEntry(ZoHashEntry const& source, ZoHashEntry*& clone) const {
+    if (!HasKeyBytes(keySize)) {
+        ZOVA_assert("( \"You must have a special space for the key.\" && 0 )", "src/zohash", 151);
+    }
+    clone = NewEntry(GetValue(source), KeyBytes(&source), KeyLength(*this, source));
+    return clone != nullptr ? ZoSuccess : ZoOutOfMemory;
+}
+
+int ZoHashTable::CreateHashTable(ZoHashTable*& out) const {
+    out = new (std::nothrow) ZoHashTable(keySize, find);
+    return out != nullptr ? ZoSuccess : ZoOutOfMemory;
+}
+
+int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
+    TableLock const held(lock);
+    out = nullptr;
+    int result = CreateHashTable(out);
+    if (result != ZoSuccess) return result;
+
+    ZoHashIterator it;
+    for (ZoHashEntry* entry = FirstEntry(it); entry != nullptr; entry = NextEntry(it)) {
+        char const* const key = GetKey(*entry);
+        void* const value = GetValue(*entry);
+        // What an entry keeps of a surrogate is not the record that an operation takes as the key.
+        if (keySize == SurrogateKeys && key == KeyBytes(entry)) {
+            SurrogateRecord const record(Surrogate::OfKeyBytes(key));
+            result = out->ChangeValue(record.bytes, value, 1, 1, nullptr);
+        } else {
+            result = out->ChangeValue(key, value, 1, 1, nullptr);
+        }
+        if (result != ZoSuccess) {
+            delete out;
+            out = nullptr;
+            return result;
+        }
+    }
+    if (GetNum() != out->GetNum()) {
+        ZOVA_assert("this->GetNum() == dest->GetNum()", "src/zohash", 187);
+    }
+    return ZoSuccess;
+}
+
+ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
+    unsigned long hash;
+    ZoHashEntry* prev;
+    return find(this, key, hash, nullptr, prev);
+}
+
+void* ZoHashTable::GetValueFast(char const* key) const {
+    ZoHashEntry* const entry = LookUp(key);
+    return entry != nullptr ? GetValue(*entry) : nullptr;
+}
+
+void* ZoHashTable::GetValue(char const* key, ZoMTObj const* lock) const {
+    TableLock const held(lock);
+    return GetValueFast(key);
+}
+
+ZoHashEntry* ZoHashTable::InsertValue(char const* key, void* value) {
+    unsigned long hash;
+    ZoHashEntry* prev;
+    if (find(this, key, hash, nullptr, prev) != nullptr) return nullptr;
+    return Insert(*this, key, value, hash);
+}
+
+int ZoHashTable::ChangeValue(char const* key, void* value, int create, int replace,
+                             ZoMTObj const* lock) {
+    TableLock const held(lock);
+    unsigned long hash;
+    ZoHashEntry* prev;
+    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
+    if (entry != nullptr) {
+        if (replace == 0) return ZoNotFound;
+        ChangeHashEntry(entry, value);
+        return ZoSuccess;
+    }
+    if (create == 0) return ZoNotFound;
+    return Insert(*this, key, value, hash) != nullptr ? ZoSuccess : ZoOutOfMemory;
+}
+
+int ZoHashTable::DeleteValue(char const* key, ZoMTObj const* lock) {
+    TableLock const held(lock);
+    unsigned long hash;
+    ZoHashEntry* prev;
+    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
+    if (entry == nullptr) return ZoNotFound;
+    RemoveFound(*this, entry, prev, hash);
+    if (keySize != ForeignKeys) ShrinkWhenEmpty(*this);
+    return ZoSuccess;
+}
+
+void* ZoHashTable::Remove(char const* key) {
+    unsigned long hash;
+    ZoHashEntry* prev;
+    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
+    if (entry == nullptr) return nullptr;
+    void* const value = GetValue(*entry);
+    RemoveFound(*this, entry, prev, hash);
+    ShrinkWhenEmpty(*this);
+    return value;
+}
+
+int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
+    TableLock const held(lock);
+    for (ZoUInt32 i = 0; i <= mask; ++i) {
+        while (ZoHashEntry* const entry = buckets[i]) {
+            buckets[i] = entry->next;
+            DestroyHashEntry(entry);
+        }
+    }
+    num = 0;
+    return ZoSuccess;
+}
+
+void ZoHashTable::EraseBuckets() {
+    if (num == 0) return;
+    for (ZoUInt32 i = 0; i <= mask; ++i) buckets[i] = nullptr;
+    num = 0;
+}
+
+int ZoHashTable::SetExpectedSize(unsigned long n) {
+    unsigned long steps = 0;
+    // 64 bits: the first threshold that reaches the largest 32-bit number has more than 32.
+    std::uint64_t reached = threshold;
+    while (reached < n && reached <= UINT32_MAX) {
+        reached *= 4;
+        ++steps;
+    }
+    return steps != 0 ? _RebuildTable(steps) : ZoSuccess;
+}
+
+int ZoHashTable::RebuildTable() {
+    return _RebuildTable(1);
+}
+
+int ZoHashTable::_RebuildTable(unsigned long steps) {
+    if (steps > (shift - smallestShift) / 2) return ZoOutOfMemory;
+    ZoUInt32 const bits = static_cast<ZoUInt32>(2 * steps);
+    ZoUInt32 const oldCount = nBuckets;
+    ZoHashEntry** const oldBuckets = buckets;
+    ZoHashEntry** const newBuckets =
+        new (std::nothrow) ZoHashEntry*[std::size_t{oldCount} << bits]();
+    if (newBuckets == nullptr) return ZoOutOfMemory;
+
+    // The search function computes with the new shape from here on.
+    buckets = newBuckets;
+    nBuckets <<= bits;
+    threshold <<= bits;
+    shift -= bits;
+    mask = nBuckets - 1;
+
+    for (ZoUInt32 i = 0; i < oldCount; ++i) {
+        while (ZoHashEntry* const entry = oldBuckets[i]) {
+            oldBuckets[i] = entry->next;
+            unsigned long hash;
+            ZoHashEntry* prev = nullptr;
+            find(this, nullptr, hash, entry, prev);
+            PushFront(*this, entry, hash);
+        }
+    }
+    if (oldBuckets != initialBuckets) delete[] oldBuckets;
+    return ZoSuccess;
+}
+
+ZoHashEntry* ZoHashTable::FirstEntry(ZoHashIterator& it) const {
+    it.next = nullptr;
+    if (num == 0) {
+        it.index = nBuckets;
+        return nullptr;
+    }
+    it.index = 0;
+    return NextEntry(it);
+}
+
+ZoHashEntry* ZoHashTable::NextEntry(ZoHashIterator& it) const {
+    while (it.next == nullptr) {
+        if (it.index >= nBuckets) return nullptr;
+        it.next = BucketOf(*this, it.index);
+        ++it.index;
+    }
+    ZoHashEntry* const entry = it.next;
+    it.next = entry->next;
+    return entry;
+}
+
+ZoHashEntry* ZoHashTable::FindEntry(char const* key, ZoHashIterator& it) const {
+    unsigned long hash;
+    ZoHashEntry* prev;
+    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
+    it.index = static_cast<ZoUInt32>(hash & mask) + 1;
+    it.next = entry != nullptr ? entry->next : nullptr;
+    return entry;
+}
+
+int ZoHashTable::Position(char const* key, ZoHashPosition& pos) const {
+    unsigned long hash;
+    // A position found in a table that its caller may only read is of no use to change it.
+    pos.table = const_cast<ZoHashTable*>(this);
+    pos.key = key;
+    pos.entry = find(this, key, hash, nullptr, pos.prev);
+    pos.hash = static_cast<ZoUInt32>(hash);
+    return pos.entry != nullptr ? 1 : 0;
+}
+
+int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
+    if (pos.table != this) return ZoBadPosition;
+    ZoHashEntry* const entry = Insert(*this, pos.key, value, pos.hash);
+    if (entry == nullptr) return ZoOutOfMemory;
+    pos.entry = entry;
+    pos.table = nullptr;
+    return ZoSuccess;
+}
+
+int ZoHashTable::Delete(ZoHashPosition& pos) {
+    if (pos.table != this || pos.entry == nullptr) return ZoBadPosition;
+    // Without a predecessor the entry was its chain's head; insertions since then stand before it.
+    ZoHashEntry** link = pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, pos.hash);
+    if (pos.prev == nullptr) {
+        while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
+    }
+    if (*link != pos.entry) return ZoBadPosition;
+    UnlinkAndDestroy(*this, *link, pos.entry);
+    pos.table = nullptr;
+    return ZoSuccess;
+}
+
+char const* ZoHashTable::GetKey(ZoHashEntry const& entry) const {
+    if (keySize == WordKeys) return ReadWord<char const*>(KeyBytes(&entry));
+    if (!HasKeyBytes(keySize)) {
+        ZOVA_assert("( \"You must have a seperate space for the key.\" && 0 )", "src/zohash", 365);
+        return nullptr;
+    }
+    return KeyBytes(&entry);
+}
+
+void* ZoHashTable::GetValue(ZoHashEntry const& entry) const {
+    return entry.value;
+}
+
+unsigned short ZoHashTable::GetKeySize() const {
+    if (keySize == 0) ZOVA_assert("keySize != 0", "src/zohash", 381);
+    return keySize;
+}
+
+double ZoHashTable::AverageSearch(unsigned long& longest) const {
+    longest = 0;
+    if (num == 0) return 0.0;
+    double sum = 0.0;
+    for (ZoUInt32 i = 0; i < nBuckets; ++i) {
+        unsigned long length = 0;
+        for (ZoHashEntry const* e = buckets[i]; e != nullptr; e = e->next) ++length;
+        if (length > longest) longest = length;
+        double const entries = static_cast<double>(length);
+        sum += (entries + 1) * (entries / static_cast<double>(num) * 0.5);
+    }
+    return sum;
+}

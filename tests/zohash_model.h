@@ -1,0 +1,267 @@
+// A program of hash-table operations, read from bytes and run on a table and on a
+// std::unordered_map at once. The random test feeds it random bytes, the fuzzer what it finds
+// interesting.
+//
+//     RunTableProgram(bytes, size);   // throws std::runtime_error at the first difference
+
+#ifndef KELVARA_TESTS_ZOHASH_MODEL_H_
+#define KELVARA_TESTS_ZOHASH_MODEL_H_
+
+#include <cstdint>
+#include <cstdio>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "alloc_fault.h"
+#include "zobaseservices.h"
+#include "zohash.h"
+#include "zomtobj.h"
+
+#define MUST(condition)                                                                           \
+    do {                                                                                          \
+        if (!(condition)) throw std::runtime_error(#condition " at " + std::to_string(__LINE__)); \
+    } while (false)
+
+// What a value points to. It carries its key, so that a table can keep keys apart.
+struct Record {
+    char key[16];
+};
+
+// Keys live in the records: a class that the table asks for every key.
+class ForeignTable : public ZoHashTable {
+public:
+    explicit ForeignTable(ZoHashSearch find) : ZoHashTable(ForeignKeys, find) {}
+    char const* GetKey(ZoHashEntry const& entry) const override {
+        return static_cast<Record const*>(entry.value)->key;
+    }
+    unsigned short GetKeySize() const override { return sizeof(Record::key); }
+    int CreateHashTable(ZoHashTable*& out) const override {
+        out = new (std::nothrow) ForeignTable(find);
+        return out != nullptr ? ZoSuccess : ZoOutOfMemory;
+    }
+};
+
+struct KeyKind {
+    char const* name;
+    unsigned short keySize;
+    ZoHashSearch find;
+};
+
+inline constexpr KeyKind keyKinds[] = {
+    {"texts", ZoHashTable::StringKeys, nullptr},
+    {"words", ZoHashTable::WordKeys, nullptr},
+    {"surrogates", ZoHashTable::SurrogateKeys, nullptr},
+    {"bytes", 5, nullptr},
+    {"unmixed words", ZoHashTable::WordKeys, PointerFind},
+    {"values", ZoHashTable::WordKeys, ValuePointerFind},
+    {"foreign bytes", ZoHashTable::ForeignKeys, nullptr},
+    {"foreign texts", ZoHashTable::ForeignKeys, StringFind},
+};
+
+class TableProgram {
+public:
+    TableProgram(std::uint8_t const* bytes, std::size_t size)
+        : at(bytes), end(bytes + size), kind(keyKinds[Byte() % std::size(keyKinds)]) {
+        for (unsigned id = 0; id < keyCount; ++id) {
+            for (Record& record : records[id]) {
+                std::snprintf(record.key, sizeof record.key, "key-%04u", id);
+                record.key[9] = static_cast<char>(id % 7);
+                record.key[12] = static_cast<char>(id % 5);
+            }
+        }
+        // The section is made now: no step's fault shall meet it.
+        lock.BeginCriticalSection();
+        lock.EndCriticalSection();
+        if (kind.keySize == ZoHashTable::ForeignKeys) {
+            table = std::make_unique<ForeignTable>(kind.find);
+        } else {
+            table = std::make_unique<ZoHashTable>(kind.keySize, kind.find);
+        }
+    }
+
+    void Run() {
+        unsigned long const assertions = ZoAssertCount();
+        while (at != end) {
+            Step();
+            MUST(table->num == model.size());
+            MUST(table->mask == table->nBuckets - 1 && table->threshold == 4 * table->nBuckets);
+            MUST(table->nBuckets == 1U << (30 - table->shift));
+        }
+        CompareContents(*table);
+        MUST(ZoAssertCount() == assertions);
+    }
+
+private:
+    static constexpr unsigned keyCount = 768;
+
+    unsigned Byte() { return at != end ? *at++ : 0; }
+
+    char const* Key(unsigned id) const {
+        if (kind.keySize == ZoHashTable::WordKeys && kind.find != ValuePointerFind) {
+            return reinterpret_cast<char const*>(std::uintptr_t{id} * 0x9E3779B1U);
+        }
+        return records[id][0].key + (kind.keySize == 5 ? 4 : 0);
+    }
+    void* Value(unsigned id) {
+        return &records[id][kind.find == ValuePointerFind ? 0 : Byte() % 4];
+    }
+
+    // Calls the table; one of the allocations it makes fails if this step is to have a fault.
+    template <class Call>
+    auto Faulty(Call call) {
+        AllocFault const fault(faultAt);
+        auto const result = call();
+        faultHappened = fault.Happened();
+        return result;
+    }
+
+    void Step() {
+        unsigned const operation = Byte();
+        bool const flag = (operation & 16) != 0;
+        unsigned const id = (Byte() * 256 + Byte()) % keyCount;
+        auto const found = model.find(id);
+        bool const present = found != model.end();
+        void* const stored = present ? found->second : nullptr;
+        void* const value = Value(id);
+        ZoMTObj const* const held = Byte() % 2 != 0 ? &lock : nullptr;
+        faultAt = operation >= 192 ? 1 + id % 3 : 0;
+        faultHappened = false;
+
+        switch (operation % 16) {
+            case 0:
+            case 1:
+            case 2: {
+                bool const made =
+                    Faulty([&] { return table->InsertValue(Key(id), value); }) != nullptr;
+                MUST(made == (!present && faultAt != 1));
+                if (made) model[id] = value;
+                break;
+            }
+            case 3:
+            case 4: {
+                int const result = Faulty(
+                    [&] { return table->ChangeValue(Key(id), value, flag, !flag || held, held); });
+                bool const allowed = present ? !flag || held : flag;
+                MUST(result == (!allowed                   ? ZoNotFound
+                                : !present && faultAt == 1 ? ZoOutOfMemory
+                                                           : ZoSuccess));
+                if (result == ZoSuccess) model[id] = value;
+                break;
+            }
+            case 5:
+                MUST(table->DeleteValue(Key(id), held) == (present ? ZoSuccess : ZoNotFound));
+                model.erase(id);
+                break;
+            case 6:
+                MUST(table->Remove(Key(id)) == stored);
+                model.erase(id);
+                break;
+            case 7:
+            case 8:
+                UsePosition(id, value, present);
+                break;
+            case 9: {
+                ZoHashTable* copy;
+                int const result = Faulty([&] { return table->Clone(copy, held); });
+                MUST((result == ZoSuccess) == (copy != nullptr));
+                MUST(result == (copy != nullptr ? ZoSuccess : ZoOutOfMemory));
+                MUST(copy != nullptr || faultHappened);
+                std::unique_ptr<ZoHashTable> const owned(copy);
+                if (copy != nullptr) CompareContents(*copy);
+                break;
+            }
+            case 10:
+                DeleteWhileIterating();
+                break;
+            case 11:
+            case 12: {
+                ZoUInt32 const before = table->nBuckets;
+                if (before > 1024) break;
+                unsigned const size = flag ? id * 4 : table->threshold * 4;
+                int const result = Faulty(
+                    [&] { return flag ? table->SetExpectedSize(size) : table->RebuildTable(); });
+                MUST(result == (faultHappened ? ZoOutOfMemory : ZoSuccess));
+                MUST(faultHappened ? table->nBuckets == before : table->threshold >= size);
+                break;
+            }
+            case 13:
+                if (id % 8 != 0) break;
+                MUST(table->EmptyTable(held) == ZoSuccess);
+                model.clear();
+                break;
+            case 14: {
+                ZoHashIterator it;
+                ZoHashEntry* const entry = table->FindEntry(Key(id), it);
+                MUST((entry != nullptr) == present);
+                MUST(it.next == (present ? entry->next : nullptr));
+                break;
+            }
+            default:
+                MUST(table->GetValue(Key(id), held) == stored);
+                MUST(table->GetValueFast(Key(id)) == stored);
+        }
+    }
+
+    void UsePosition(unsigned id, void* value, bool present) {
+        ZoHashPosition pos;
+        MUST(table->Position(Key(id), pos) == int{present});
+        ZoHashEntry* const head = table->buckets[pos.hash & table->mask];
+        MUST((pos.prev != nullptr ? pos.prev->next : head) == pos.entry);
+        if (present) {
+            MUST(table->Delete(pos) == ZoSuccess);
+            model.erase(id);
+        } else {
+            int const result = Faulty([&] { return table->Create(pos, value); });
+            MUST(result == (faultAt == 1 ? ZoOutOfMemory : ZoSuccess));
+            if (result != ZoSuccess) return;
+            MUST(pos.entry->value == value);
+            model[id] = value;
+        }
+        MUST(table->Create(pos, value) == ZoBadPosition);
+    }
+
+    void DeleteWhileIterating() {
+        ZoHashIterator it;
+        for (ZoHashEntry* e = table->FirstEntry(it); e != nullptr; e = table->NextEntry(it)) {
+            if (Byte() % 2 == 0) continue;
+            unsigned const id = IdOf(*e);
+            MUST(table->DeleteValue(Key(id), nullptr) == ZoSuccess);
+            model.erase(id);
+        }
+    }
+
+    unsigned IdOf(ZoHashEntry const& entry) const {
+        return static_cast<unsigned>((static_cast<Record*>(entry.value) - records[0]) / 4);
+    }
+
+    // Every entry of `some` is in the model, once, and under its key.
+    void CompareContents(ZoHashTable const& some) const {
+        std::unordered_map<unsigned, void*> seen;
+        ZoHashIterator it;
+        for (ZoHashEntry* e = some.FirstEntry(it); e != nullptr; e = some.NextEntry(it)) {
+            MUST(some.LookUp(Key(IdOf(*e))) == e);
+            MUST(seen.emplace(IdOf(*e), e->value).second);
+        }
+        MUST(seen == model && some.GetNum() == model.size());
+    }
+
+    std::uint8_t const* at;
+    std::uint8_t const* const end;
+    KeyKind const kind;
+    Record records[keyCount][4] = {};
+    ZoMTObj lock;
+    long faultAt = 0;  // which allocation of this step's calls fails; 0 none
+    bool faultHappened = false;
+    std::unique_ptr<ZoHashTable> table;
+    std::unordered_map<unsigned, void*> model;
+};
+
+inline void RunTableProgram(std::uint8_t const* bytes, std::size_t size) {
+    std::make_unique<TableProgram>(bytes, size)->Run();
+}
+
+#endif  // KELVARA_TESTS_ZOHASH_MODEL_H_

@@ -1,0 +1,379 @@
+#include "zohash.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <list>
+#include <random>
+#include <thread>
+#include <utility>
+
+#include "zohash_model.h"
+
+namespace {
+
+char const* Word(std::uintptr_t word) {
+    return reinterpret_cast<char const*>(word);
+}
+
+// Collects the texts of the assertions made while it lives.
+class Assertions {
+public:
+    Assertions() : previous(ZoSetAssertHandler(Note)) { texts.clear(); }
+    ~Assertions() { ZoSetAssertHandler(previous); }
+    std::vector<std::string> Take() { return std::exchange(texts, {}); }
+
+private:
+    static void Note(char const* text, char const* file, int) {
+        EXPECT_STREQ(file, "src/zohash");
+        texts.push_back(text);
+    }
+    static inline std::vector<std::string> texts;
+    ZoAssertHandler previous;
+};
+
+using Texts = std::vector<std::string>;
+
+TEST(HashTable, RandomProgramsAgreeWithUnorderedMap) {
+    std::mt19937 random(20260);
+    std::vector<std::uint8_t> bytes(6000);
+    for (unsigned run = 0; run < 10 * std::size(keyKinds); ++run) {
+        for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
+        bytes[0] = static_cast<std::uint8_t>(run % std::size(keyKinds));
+        SCOPED_TRACE(std::string(keyKinds[bytes[0]].name) + ", run " + std::to_string(run));
+        ASSERT_NO_THROW(RunTableProgram(bytes.data(), bytes.size()));
+    }
+}
+
+unsigned long HashOf(ZoHashTable const& table, char const* key) {
+    ZoHashPosition pos;
+    table.Position(key, pos);
+    return pos.hash;
+}
+
+TEST(HashTable, HashesOfKnownKeys) {
+    ZoHashTable small(ZoHashTable::WordKeys, nullptr), grown(ZoHashTable::WordKeys, nullptr);
+    ASSERT_EQ(grown.RebuildTable(), 0);
+    std::uintptr_t key = 0;
+    for (unsigned long hash : {0UL, 4UL, 0xFFFFFFF8UL, 0xFFFFFFFCUL, 0UL}) {
+        EXPECT_EQ(HashOf(small, Word(key)), hash);
+        unsigned long whole;
+        ZoHashEntry* prev;
+        EXPECT_EQ(OneDWordFind(&small, Word(key++), whole, nullptr, prev), nullptr);
+        EXPECT_EQ(whole, hash);  // no bits above the 32
+        EXPECT_EQ(prev, nullptr);
+    }
+    EXPECT_EQ(HashOf(small, Word(0x400)) & 3, 1U);
+    EXPECT_EQ(HashOf(small, Word(0x900)) & 3, 3U);
+    EXPECT_EQ(HashOf(small, Word(0x10006)) & 3, 1U);
+    EXPECT_EQ(HashOf(grown, Word(3)) & 15, 1U);
+    EXPECT_EQ(HashOf(grown, Word(0x400)) & 15, 6U);
+
+    ZoHashTable texts(ZoHashTable::StringKeys, nullptr);
+    EXPECT_EQ(HashOf(texts, ""), 0U);
+    EXPECT_EQ(HashOf(texts, "a"), 0x61U);
+    EXPECT_EQ(HashOf(texts, "ab"), 0x3CBU);
+    EXPECT_EQ(HashOf(texts, "abc"), 0x2286U);
+    EXPECT_EQ(HashOf(texts, "\xE9"), 0xFFFFFFE9U);
+    texts.InsertValue("ABC", nullptr);
+    EXPECT_EQ(texts.LookUp("abc"), nullptr);
+
+    EXPECT_EQ(HashOf(ZoHashTable(4, nullptr), "\1\2\3\4"), 0xFFFFFFF9U);
+    EXPECT_EQ(HashOf(ZoHashTable(ZoHashTable::WordKeys, PointerFind), Word(0xDEADBEEF)),
+              0xDEADBEEFU);
+
+    ZoHashTable values(ZoHashTable::WordKeys, ValuePointerFind);
+    EXPECT_EQ(HashOf(values, Word(0x80000008U)), 0x10000001U);
+    int spot[2];
+    values.InsertValue(reinterpret_cast<char*>(spot), spot);
+    EXPECT_EQ(values.LookUp(reinterpret_cast<char*>(spot) + 1), nullptr);
+
+    // Records at an odd address: words are read at any alignment.
+    char record[17] = {}, other[17] = {};
+    record[1 + 4] = 5, record[1 + 8] = 1, other[1 + 4] = 4;
+    if constexpr (std::endian::native == std::endian::little) {
+        ZoHashTable surrogates(ZoHashTable::SurrogateKeys, nullptr);
+        EXPECT_EQ(HashOf(surrogates, record + 1), 4U);
+        EXPECT_EQ(HashOf(surrogates, other + 1), 4U);
+        surrogates.InsertValue(record + 1, spot);
+        EXPECT_EQ(surrogates.LookUp(other + 1), nullptr);
+        record[1 + 8] = 0, record[1 + 12] = 1;
+        EXPECT_EQ(HashOf(surrogates, record + 1), 0x10005U);
+    }
+}
+
+// Word keys are compared to their whole width, whatever of it the hash takes.
+TEST(HashTable, WordsThatDifferInTheUpperHalf) {
+    if constexpr (sizeof(std::uintptr_t) > 4) {
+        std::uintptr_t const upper = std::uintptr_t{1} << (sizeof upper * 4);
+        for (ZoHashSearch find : {OneDWordFind, PointerFind}) {
+            ZoHashTable table(ZoHashTable::WordKeys, find);
+            int values[2];
+            EXPECT_NE(table.InsertValue(Word(7), &values[0]), nullptr);
+            EXPECT_NE(table.InsertValue(Word(7 + upper), &values[1]), nullptr);
+            EXPECT_EQ(HashOf(table, Word(7)), HashOf(table, Word(7 + upper)));
+            EXPECT_EQ(table.GetValueFast(Word(7 + upper)), &values[1]);
+            EXPECT_EQ(table.GetKey(*table.LookUp(Word(7 + upper))), Word(7 + upper));
+        }
+    }
+}
+
+TEST(HashTable, GrowsByFourAndShrinksWhenTheLastEntryGoes) {
+    ZoHashTable table(ZoHashTable::WordKeys, nullptr);
+    auto const shape = [&] {
+        return std::vector<unsigned long>{table.nBuckets, table.mask, table.threshold, table.shift};
+    };
+    std::vector<unsigned long> const initial{4, 3, 16, 28}, grown{16, 15, 64, 26};
+    auto const fill = [&] {
+        for (unsigned key = 0; key < 16; ++key) {
+            EXPECT_EQ(shape(), initial);
+            table.InsertValue(Word(key), &table);
+        }
+        EXPECT_EQ(shape(), grown);
+    };
+    fill();
+    for (unsigned key = 0; key < 16; ++key) EXPECT_EQ(table.DeleteValue(Word(key), nullptr), 0);
+    fill();
+    for (unsigned key = 0; key < 16; ++key) EXPECT_EQ(table.Remove(Word(key)), &table);
+    EXPECT_EQ(shape(), initial);
+    EXPECT_EQ(table.buckets, table.initialBuckets);
+
+    fill();
+    table.EmptyTable(nullptr);
+    EXPECT_EQ(shape(), grown);
+    ZoHashPosition pos;
+    table.InsertValue(Word(1), &table);
+    table.Position(Word(1), pos);
+    EXPECT_EQ(table.Delete(pos), 0);
+    EXPECT_EQ(table.Delete(pos), ZoBadPosition);
+    EXPECT_EQ(shape(), grown);
+
+    ZoHashTable sized(ZoHashTable::WordKeys, nullptr);
+    EXPECT_EQ(sized.SetExpectedSize(16), 0);
+    EXPECT_EQ(sized.nBuckets, 4U);
+    {
+        AllocFault const second(2);
+        EXPECT_EQ(sized.SetExpectedSize(100), 0);  // one rehash: one allocation
+    }
+    EXPECT_EQ(sized.nBuckets, 64U);
+    for (unsigned long n : {(1UL << 30) + 1, 0xFFFFFFFFUL, ~0UL}) {
+        EXPECT_EQ(sized.SetExpectedSize(n), ZoOutOfMemory);
+    }
+    for (unsigned long steps : {13UL, 0x80000000UL, ~0UL}) {
+        EXPECT_EQ(sized._RebuildTable(steps), ZoOutOfMemory);
+    }
+    AllocFault const next(1);
+    EXPECT_EQ(sized.SetExpectedSize(1UL << 30), ZoOutOfMemory);
+    EXPECT_TRUE(next.Happened());
+    EXPECT_EQ(sized.nBuckets, 64U);
+    EXPECT_EQ(sized.shift, 24U);
+}
+
+// Buckets in index order, each the last insertion first; a growth takes every chain from its head
+// and so turns it round.
+TEST(HashTable, IteratesInTheOrderOfTheChains) {
+    ZoHashTable table(ZoHashTable::WordKeys, PointerFind);
+    std::vector<std::list<std::uintptr_t>> chains(4);
+    ZoHashIterator it;
+    EXPECT_EQ(table.FirstEntry(it), nullptr);
+    EXPECT_EQ(it.index, 4U);
+    std::mt19937 random(3);
+    for (int i = 0; i < 300; ++i) {
+        std::uintptr_t const key = random();
+        table.InsertValue(Word(key), &table);
+        chains[key % chains.size()].push_front(key);
+        if (table.GetNum() == 4 * chains.size()) {
+            std::vector<std::list<std::uintptr_t>> moved(4 * chains.size());
+            for (auto const& chain : chains) {
+                for (std::uintptr_t const word : chain) moved[word % moved.size()].push_front(word);
+            }
+            chains.swap(moved);
+        }
+        std::vector<std::uintptr_t> expected, seen;
+        for (auto const& chain : chains)
+            expected.insert(expected.end(), chain.begin(), chain.end());
+        for (ZoHashEntry* e = table.FirstEntry(it); e != nullptr; e = table.NextEntry(it)) {
+            seen.push_back(reinterpret_cast<std::uintptr_t>(table.GetKey(*e)));
+        }
+        ASSERT_EQ(seen, expected);
+        // An iteration from a found entry on is the rest of the whole one.
+        auto const from = static_cast<std::ptrdiff_t>(random() % seen.size());
+        ASSERT_NE(table.FindEntry(Word(seen[static_cast<std::size_t>(from)]), it), nullptr);
+        std::vector<std::uintptr_t> rest;
+        while (ZoHashEntry* e = table.NextEntry(it)) {
+            rest.push_back(reinterpret_cast<std::uintptr_t>(table.GetKey(*e)));
+        }
+        ASSERT_EQ(rest, std::vector<std::uintptr_t>(seen.begin() + from + 1, seen.end()));
+    }
+}
+
+TEST(HashTable, PositionsFitOneTableOnce) {
+    ZoHashTable table(ZoHashTable::WordKeys, PointerFind), other(ZoHashTable::WordKeys, nullptr);
+    ZoHashPosition pos;
+    EXPECT_EQ(table.Position(Word(4), pos), 0);
+    EXPECT_EQ(table.Delete(pos), ZoBadPosition);  // nothing was found
+    EXPECT_EQ(other.Create(pos, &pos), ZoBadPosition);
+    EXPECT_EQ(table.Create(pos, &pos), 0);
+    EXPECT_EQ(table.Create(pos, &pos), ZoBadPosition);
+
+    // An insertion between the search and the deletion stays: as a new head, and, when it parts
+    // the entry from its predecessor, by a refusal.
+    EXPECT_EQ(table.Position(Word(4), pos), 1);
+    table.InsertValue(Word(8), &pos);
+    EXPECT_EQ(table.Delete(pos), 0);
+    EXPECT_NE(table.LookUp(Word(8)), nullptr);
+    table.InsertValue(Word(12), &pos);
+    EXPECT_EQ(table.Position(Word(8), pos), 1);
+    table.RebuildTable();
+    EXPECT_EQ(table.Delete(pos), ZoBadPosition);
+    EXPECT_EQ(table.GetNum(), 2U);
+    // Entries that are not the table's own outlive their erasure.
+    ZoHashEntry* const erased[] = {table.LookUp(Word(8)), table.LookUp(Word(12))};
+    table.EraseBuckets();
+    EXPECT_EQ(table.LookUp(Word(8)), nullptr);
+    EXPECT_EQ(table.Delete(pos), ZoBadPosition);
+    for (ZoHashEntry* entry : erased) table.DestroyHashEntry(entry);
+}
+
+TEST(HashTable, AverageSearch) {
+    ZoHashTable table(ZoHashTable::WordKeys, PointerFind);
+    unsigned long longest = 9;
+    EXPECT_EQ(table.AverageSearch(longest), 0.0);
+    EXPECT_EQ(longest, 0U);
+    table.InsertValue(Word(0), &table);
+    EXPECT_EQ(table.AverageSearch(longest), 1.0);
+    EXPECT_EQ(longest, 1U);
+    for (unsigned key : {4U, 8U, 1U}) table.InsertValue(Word(key), &table);
+    EXPECT_EQ(table.AverageSearch(longest), (1 + 2 + 3 + 1) / 4.0);
+    EXPECT_EQ(longest, 3U);
+}
+
+TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
+    ZoHashTable table(ZoHashTable::StringKeys, nullptr);
+    for (char name[] = "a"; *name != 'p'; ++*name) table.InsertValue(name, &table);
+    ASSERT_EQ(table.GetNum(), 15U);
+    ZoHashEntry* entry;
+    ZoHashTable* copy;
+    EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
+                  int const result = table.CloneHashEntry(*table.LookUp("a"), entry);
+                  EXPECT_EQ(result, entry != nullptr ? 0 : ZoOutOfMemory);
+                  EXPECT_EQ(fault.Happened(), entry == nullptr);
+              }),
+              1);
+    EXPECT_STREQ(table.GetKey(*entry), "a");
+    EXPECT_EQ(entry->value, &table);
+    table.DestroyHashEntry(entry);
+    table.DestroyHashEntry(nullptr);
+    // The table and its 15 entries.
+    EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
+                  int const result = table.Clone(copy, nullptr);
+                  EXPECT_EQ(result, copy != nullptr ? 0 : ZoOutOfMemory);
+                  EXPECT_EQ(fault.Happened(), copy == nullptr);
+                  delete copy;
+              }),
+              16);
+    // The 16th entry, then the growth, without which the insertion stands.
+    EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
+                  bool const inserted = table.InsertValue("new", &table) != nullptr;
+                  EXPECT_EQ(table.GetNum(), inserted ? 16U : 15U);
+                  EXPECT_EQ(table.nBuckets, fault.Happened() ? 4U : 16U);
+                  table.Remove("new");
+              }),
+              2);
+}
+
+// Notes which hooks the table uses.
+class HookedTable : public ZoHashTable {
+public:
+    HookedTable() : ZoHashTable(StringKeys, nullptr) {}
+    ~HookedTable() override { EmptyTable(nullptr); }
+    ZoHashEntry* CreateHashEntryX(char const* key, void* value, unsigned long hash) override {
+        calls += "c" + std::to_string(hash);
+        return ZoHashTable::CreateHashEntryX(key, value, hash);
+    }
+    void DestroyHashEntry(ZoHashEntry* entry) override {
+        calls += "d";
+        ZoHashTable::DestroyHashEntry(entry);
+    }
+    void ChangeHashEntry(ZoHashEntry* entry, void* value) override {
+        calls += "x";
+        ZoHashTable::ChangeHashEntry(entry, value);
+    }
+    static inline std::string calls;
+};
+
+TEST(HashTable, MakesAndDestroysEntriesThroughTheHooks) {
+    {
+        HookedTable table;
+        ZoHashPosition pos;
+        table.InsertValue("a", &pos);
+        table.ChangeValue("b", &pos, 1, 0, nullptr);
+        table.ChangeValue("b", nullptr, 0, 1, nullptr);
+        table.Position("c", pos);
+        table.Create(pos, &pos);
+        table.Remove("c");
+        table.DeleteValue("b", nullptr);
+    }
+    EXPECT_EQ(HookedTable::calls, "c97c98xc99ddd");
+}
+
+TEST(HashTable, ReportsWhatItCannotDo) {
+    Assertions assertions;
+    ZoHashTable table(ZoHashTable::StringKeys, nullptr);
+    table.InsertValue("a", &table);
+    {
+        ZoHashTable copy(table);
+        EXPECT_EQ(assertions.Take(),
+                  Texts{R"(( "The hash table does not have a copy ctor" && 0 ))"});
+        copy = table;
+        EXPECT_EQ(assertions.Take(),
+                  Texts{R"(( "The hash table does not have an assignement op" && 0 ))"});
+        EXPECT_EQ(copy.LookUp("a"), nullptr);
+    }
+    std::string const noKey = R"(( "You must have a seperate space for the key." && 0 ))";
+    std::string const noBytes = R"(( "You need a space to get the key." && 0 ))";
+    for (unsigned short keySize : {ZoHashTable::ForeignKeys, static_cast<unsigned short>(0)}) {
+        // Entry mode, of which the growth makes use, needs the key.
+        Texts expected{noKey, noBytes};
+        if (keySize == 0) expected.insert(expected.begin(), "keySize != 0");
+        ZoHashTable keyless(keySize, nullptr);
+        ZoHashEntry* const entry = keyless.CreateHashEntry("key", &table);
+        keyless.buckets[0] = entry;
+        keyless.num = 1;
+        EXPECT_TRUE(assertions.Take().empty());
+        EXPECT_EQ(keyless.RebuildTable(), 0);
+        EXPECT_EQ(assertions.Take(), expected);
+        ZoHashEntry* clone;
+        EXPECT_EQ(keyless.CloneHashEntry(*entry, clone), 0);
+        EXPECT_EQ(clone->value, &table);
+        keyless.DestroyHashEntry(clone);
+        EXPECT_EQ(assertions.Take(),
+                  Texts{R"(( "You must have a special space for the key." && 0 ))"});
+    }
+}
+
+// Two threads, one lock object: each operation that takes it works under it, and leaves it again.
+TEST(HashTable, LockedOperationsExcludeEachOther) {
+    ZoHashTable table(ZoHashTable::WordKeys, nullptr);
+    ZoMTObj lock;
+    auto const work = [&](unsigned from) {
+        for (unsigned key = from; key < from + 400; ++key) {
+            EXPECT_EQ(table.ChangeValue(Word(key), &table, 1, 0, &lock), 0);
+            EXPECT_EQ(table.GetValue(Word(key), &lock), &table);
+            EXPECT_EQ(table.DeleteValue(Word(key % 2 != 0 ? key : ~0U), &lock),
+                      key % 2 != 0 ? 0 : ZoNotFound);
+            if (key % 50 != 0) continue;
+            ZoHashTable* copy = nullptr;
+            EXPECT_EQ(table.Clone(copy, &lock), 0);
+            delete copy;
+        }
+    };
+    std::thread second(work, 1000);
+    work(0);
+    second.join();
+    EXPECT_EQ(table.GetNum(), 400U);
+    std::thread([&] { table.EmptyTable(&lock); }).join();
+    EXPECT_EQ(table.EmptyTable(&lock), 0);
+}
+
+}  // namespace
