@@ -1,10 +1,8 @@
-# zo_warnings: what every target of ours is compiled with. A cast between a long and a 32-bit word is
-# needed where the two differ, so only there can a cast be called useless.
+# zo_warnings: what every target of ours is compiled with.
 add_library(zo_warnings INTERFACE)
 target_compile_options(zo_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wformat=2 -Wundef -Wnull-dereference
     $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local -Wduplicated-cond -Wlogical-op>
-    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<EQUAL:${CMAKE_SIZEOF_VOID_P},4>>>:-Wuseless-cast>
     $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
     $<$<BOOL:${ZO_WERROR}>:-Werror>)
