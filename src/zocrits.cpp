@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 
+#include "cancellation.h"
 #include "chain.h"
 #include "console_sink.h"
 #include "deadlock_io.h"
@@ -32,19 +33,6 @@ public:
     GraphLock(GraphLock const&) = delete;
     GraphLock& operator=(GraphLock const&) = delete;
     ~GraphLock() { csDLD->Exit(); }
-};
-
-// Puts cancellation of the calling thread off for a scope. Reports and delays pass cancellation
-// points while a section is held; a thread that vanished there would take the section with it.
-class CancellationDeferred {
-public:
-    CancellationDeferred() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); }
-    CancellationDeferred(CancellationDeferred const&) = delete;
-    CancellationDeferred& operator=(CancellationDeferred const&) = delete;
-    ~CancellationDeferred() { pthread_setcancelstate(previous, nullptr); }
-
-private:
-    int previous = PTHREAD_CANCEL_ENABLE;
 };
 
 }  // namespace

@@ -8,7 +8,10 @@
 
 #include "services.h"
 #include "zocond.h"
+#include "zoencrbuf.h"
+#include "zoevmdis.h"
 #include "zohash.h"
+#include "zointrlk.h"
 #include "zomtobj.h"
 #include "zotls.h"
 
@@ -77,6 +80,36 @@ struct RecordShape {
     void* spareRwRecord;
     void* concurrencyResult;
     void* ownedObject;
+};
+
+struct SimpleEventShape {
+    void* table;
+    int code;
+    ZoUInt32 mask, type;
+    char text[256];
+    int length;
+};
+struct SwitchesShape {
+    void* table;
+    ZoUInt32 current, saved;
+};
+struct ListenerShape {
+    void* table;
+    int refCount;
+};
+struct RegistrationShape {
+    ZoUInt32 mask, type;
+    void *listener, *next;
+};
+struct DispatcherShape {
+    void* table;
+    ZoUInt32 nextFamilyId, requestedMask;
+    void *familyList, *listeners, *lock;
+};
+struct EncryptionBufferShape {
+    void* table;
+    alignas(ZoRawBuffer) unsigned char raw[sizeof(ZoRawBuffer)];
+    ZoUInt32 dataOffset, dataLength;
 };
 
 TEST(Layout, FieldsLieWhereTheEngineLooks) {
@@ -197,6 +230,59 @@ TEST(Layout, VirtualFunctionsHaveTheirSlots) {
     EXPECT_EQ(SlotOf(&ZoMessageService::Show), 1U);
     EXPECT_EQ(SlotOf(&ZoLog::Printf), 2U);
     EXPECT_EQ(SlotOf(&ZoConfig::ReadValue), 2U);
+}
+
+TEST(Layout, DiagnosticsHaveTheirFieldsAndSlots) {
+    ZoSimpleEvent event(-5, 2, 0x900);
+    event << "abc";
+    auto const text = View<SimpleEventShape>(event);
+    EXPECT_EQ(text.code, -5);
+    EXPECT_EQ(text.mask, 2U);
+    EXPECT_EQ(text.type, 0x900U);
+    EXPECT_STREQ(text.text, "abc");
+    EXPECT_EQ(text.length, 3);
+    smp_debug switches(6);
+    switches.Disable();
+    auto const flags = View<SwitchesShape>(switches);
+    EXPECT_EQ(flags.current, 0U);
+    EXPECT_EQ(flags.saved, 6U);
+    ZoEventMessageDispatcher dispatcher;
+    auto* const listener = new ZoConsoleListener;
+    dispatcher.RegisterListener(5, 0x901, listener);
+    auto const shape = View<DispatcherShape>(dispatcher);
+    EXPECT_EQ(shape.nextFamilyId, 0x20000U);
+    EXPECT_EQ(shape.requestedMask, 5U);
+    EXPECT_STREQ(static_cast<ZoCritSect*>(shape.lock)->GetName(), "EventDispatcher");
+    EXPECT_STREQ(*static_cast<char**>(shape.familyList), "verboseMode");
+    EXPECT_EQ(View<ListenerShape>(*listener).refCount, 1);
+    auto const registration = View<RegistrationShape>(ZoListenerRegistration(1, 2, listener));
+    EXPECT_EQ(registration.type, 2U);
+    EXPECT_EQ(registration.listener, listener);
+    ZoEncryptionBuffer buffer(nullptr, 16, 100, ZoRawBufferUseGiven);
+    auto const lengths = View<EncryptionBufferShape>(buffer);
+    EXPECT_EQ(lengths.dataOffset, 16U);
+    EXPECT_EQ(lengths.dataLength, 100U);
+    static_assert(sizeof(GenericInterlocked) == 2 * sizeof(void*));
+
+    using Event = ZoSimpleEvent;
+    EXPECT_EQ(SlotOf(&ZoEvent::GetMessageText), 2U);
+    EXPECT_EQ(SlotOf(&ZoEvent::Dump), 3U);
+    EXPECT_EQ(SlotOf(static_cast<Event& (Event::*)(char const*)>(&Event::operator<<)), 4U);
+    EXPECT_EQ(SlotOf(static_cast<Event& (Event::*)(unsigned long)>(&Event::operator<<)), 10U);
+    EXPECT_EQ(SlotOf(static_cast<Event& (Event::*)(void*)>(&Event::operator<<)), 14U);
+    EXPECT_EQ(SlotOf(static_cast<Event& (Event::*)(Event & (*)(Event&))>(&Event::operator<<)), 15U);
+    EXPECT_EQ(SlotOf(&ZoLoggableEvent::Reserved), 4U);
+    EXPECT_EQ(SlotOf(&ZoEventListener::Notify), 2U);
+    EXPECT_EQ(SlotOf(&ZoGenericListener::RegisterForEvent), 3U);
+    EXPECT_EQ(SlotOf(&ZoEventMessageDispatcher::CallDestructor), 2U);
+    EXPECT_EQ(SlotOf(&smp_debug::Enable), 2U);
+    EXPECT_EQ(SlotOf(&smp_debug::Disable), 3U);
+    EXPECT_EQ(SlotOf(&ZoQaSemaphore::Reserved3), 4U);
+    EXPECT_EQ(SlotOf(&ZoInterlocked::Increment), 2U);
+    EXPECT_EQ(SlotOf(&ZoInterlocked::CompareExchange), 5U);
+    EXPECT_EQ(SlotOf(&ZoInterlocked::ExchangeAdd), 6U);
+    EXPECT_EQ(SlotOf(&ZoEncryptionBufferInterface::GetData), 2U);
+    EXPECT_EQ(SlotOf(&ZoEncryptionBufferInterface::EnsureCapacity), 5U);
 }
 
 }  // namespace
