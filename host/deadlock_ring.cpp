@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host_services.h"
+#include "zotls.h"
 
 namespace {
 
@@ -48,8 +49,9 @@ public:
     }
 
     void GiveWay() noexcept override {
-        std::printf("client %u would close the ring: it gives up \"%s\" for now\n", client + 1,
-                    own.Name());
+        std::printf("client %u, thread %p, would close the ring: it gives up \"%s\" for now\n",
+                    client + 1, ZoTLS::GetThreadLocalStorage()->threadIdentity, own.Name());
+        std::fflush(stdout);
         held.unlock();
         gaveWay = true;
     }
@@ -139,7 +141,7 @@ DeadlockRing::DeadlockRing(std::vector<CharacterRecord> const& records, Sessions
     : records(records), sessions(sessions), meeting(static_cast<std::ptrdiff_t>(clients)) {
     for (unsigned client = 1; client <= clients; ++client) {
         sections.push_back(
-            std::make_unique<Section>("section of client " + std::to_string(client)));
+            std::make_unique<Section>("records of client " + std::to_string(client)));
     }
 }
 

@@ -15,6 +15,11 @@ double Milliseconds(std::chrono::nanoseconds time) {
     return std::chrono::duration<double, std::milli>(time).count();
 }
 
+// "1 record", "2 records"
+std::string Number(std::uint64_t count, char const* what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
 // Collects whether anything has failed.
 class Verdict {
 public:
@@ -30,13 +35,13 @@ private:
 };
 
 void TellWork(Outcome const& outcome) {
-    std::printf("%u client threads loaded %zu records into %zu tables", outcome.clients,
-                outcome.records, outcome.kinds);
+    std::printf("%s loaded %s into %s", Number(outcome.clients, "client thread").c_str(),
+                Number(outcome.records, "record").c_str(), Number(outcome.kinds, "table").c_str());
     if (outcome.ringRepeated.has_value()) {
         std::printf(" and then ran into a deadlock on purpose.\n");
         return;
     }
-    std::printf(" and then changed each record %u times.\n", outcome.passes);
+    std::printf(" and then changed each record %s.\n", Number(outcome.passes, "time").c_str());
     if (outcome.sharers > 0) {
         std::printf("%u of them shared one connection, %u had their own.\n", outcome.sharers,
                     outcome.clients - outcome.sharers);
