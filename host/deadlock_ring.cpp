@@ -44,7 +44,20 @@ public:
 
     void Run() {
         std::lock_guard<Section> turn(session.turn);
-        if (!TryGreedily()) DoInOrder();
+        Appointment appointment(ring.meeting);
+        Transaction transaction(session.connection, Transaction::Reading);
+        Share const share = Read();
+        held.lock();
+        appointment.Keep();
+        EnterNeighbours();
+        std::lock_guard<Section> leaveNeighbours(neighbours, std::adopt_lock);
+        if (gaveWay) {
+            transaction.RollBack();
+            BeginAgain();
+        } else {
+            transaction.Commit();
+            Write(share);
+        }
         ++ring.finished;
     }
 
@@ -59,33 +72,15 @@ public:
 private:
     using Share = std::vector<StoredCharacter>;
 
-    // False when this client had to give way; it then holds nothing and has changed nothing.
-    bool TryGreedily() {
-        Appointment appointment(ring.meeting);
-        Transaction transaction(session.connection, Transaction::Reading);
-        Share const share = Read();
-        held.lock();
-        appointment.Keep();
-        std::unique_lock<Section> both(neighbours, std::defer_lock);
-        {
-            VictimScope scope(*this);
-            both.lock();
-        }
-        if (gaveWay) {
-            transaction.RollBack();
-            return false;
-        }
-        transaction.Commit();
-        Write(share);
-        held.unlock();
-        return true;
+    void EnterNeighbours() {
+        VictimScope scope(*this);
+        neighbours.lock();
     }
 
-    // Sections taken in the same order by everybody make no ring.
-    void DoInOrder() {
-        bool const ownFirst = client + 1 < ring.sections.size();
-        std::lock_guard<Section> first(ownFirst ? own : neighbours);
-        std::lock_guard<Section> second(ownFirst ? neighbours : own);
+    // Holds the neighbour's section, which came at last, and takes its own after it. One client
+    // that goes the other way round is enough to make a ring impossible.
+    void BeginAgain() {
+        held.lock();
         Transaction transaction(session.connection, Transaction::Reading);
         Share const share = Read();
         transaction.Commit();

@@ -4,7 +4,7 @@
 // the others, and then wants its neighbour's section too. The last one to ask would close the ring.
 // The library reports that before it blocks; the client then gives its own section up, so its
 // predecessor can go on, and one after the other finishes. When at last the neighbour's section
-// comes, the client rolls back and begins again, this time taking both sections in their order.
+// comes, the client rolls back, takes its own section after it and begins its work again.
 
 #ifndef KELVARA_HOST_DEADLOCK_RING_H_
 #define KELVARA_HOST_DEADLOCK_RING_H_
