@@ -33,11 +33,16 @@ std::string_view Trim(std::string_view text) {
     return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
 }
 
+bool IsCommentMark(char c) {
+    return c == ';' || c == '#';
+}
+
 // A section or key is one printable word.
 bool IsName(std::string_view text) {
     if (text.empty()) return false;
     for (char const c : text) {
         if (static_cast<unsigned char>(c) <= ' ' || c == '[' || c == ']') return false;
+        if (IsCommentMark(c)) return false;
     }
     return true;
 }
@@ -69,10 +74,6 @@ std::optional<int> ParseNumber(std::string_view text) {
         if (value > most) return std::nullopt;
     }
     return static_cast<int>(static_cast<std::uint32_t>(negative ? -value : value));
-}
-
-bool IsCommentMark(char c) {
-    return c == ';' || c == '#';
 }
 
 // What is left of a line without a comment, which a mark begins anywhere.

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,13 +31,18 @@ namespace {
 
 bool useServicesAfterMain = false;
 
-// Runs after the static objects of every library are destroyed.
-__attribute__((destructor)) void AfterMain() {
+void UseServices(int, void*) {
     if (!useServicesAfterMain) return;
     ZoSystemLog()->Printf(4, "late entry");
     ZoMessage()->Show(0, ZoStyleNotice, "late message");
     ZOVA_assert("late", "src/late", 1);
 }
+
+// What is registered before any library is initialised runs after all of them are finished.
+void RunLast() {
+    on_exit(UseServices, nullptr);
+}
+[[gnu::section(".preinit_array"), gnu::used]] void (*const runLast)() = RunLast;
 
 std::string ReadFile(std::string const& path) {
     std::ostringstream text;
@@ -159,8 +165,7 @@ TEST_F(Base, ConfigurationNumbers) {
         {"1A", {}},
         {"0xG", {}},
         {"\"5\"", {}},
-        {"five", {}},
-    };
+        {"five", {}}};
     std::string file = "[n]\n";
     std::string complaints;
     std::string values;
@@ -196,6 +201,8 @@ TEST_F(Base, ConfigurationLines) {
         {"two words = 5", word},
         {" = 5", word},
         {"k[1] = 5", word},
+        {"k ; = 5", word},
+        {"k#1 = 5", word},
         {std::string("n\0l = 5", 7), word},
         {"lonely", "neither [section] nor key = value"},
         {"[unended", "the section has no ]"},
@@ -322,6 +329,25 @@ TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
         EXPECT_EQ(line.substr(line.find('\\')), "\\n" + (i % 2 == 0 ? "short" : filler));
     }
     EXPECT_EQ(lines, 2 * Threads * Entries);
+}
+
+// Writes to a datagram socket arrive one by one.
+TEST_F(Base, EachReportIsOneWrite) {
+    EXPECT_EQ(Printed([] {
+                  int sockets[2];
+                  int const standardError = dup(STDERR_FILENO);
+                  if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) abort();
+                  dup2(sockets[0], STDERR_FILENO);
+                  std::string const filler(3000, '.');
+                  ZoSystemLog()->Printf(4, "two\n%s", filler.c_str());
+                  ZoMessage()->Show(0, ZoStyleNotice, "two\n%s", filler.c_str());
+                  ZOVA_assert(filler.c_str(), "file", 1);
+                  char packet[4000];
+                  while (recv(sockets[1], packet, sizeof packet, MSG_DONTWAIT) > 3000) {
+                      dprintf(standardError, "whole ");
+                  }
+              }),
+              "whole whole whole ");
 }
 
 TEST_F(Base, LogThatCannotBeOpenedGoesToStandardError) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -65,10 +66,14 @@ protected:
     pid_t Start(std::vector<std::string> words) const {
         words.insert(words.begin(), "zohost");
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words) arguments.push_back(word.data());
         arguments.push_back(nullptr);
         pid_t const child = fork();
         if (child != 0) return child;
+        // A run that hangs ends with a failure, and none outlives the test.
+        alarm(60);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         bool const there = chdir(folder.c_str()) == 0;
         for (auto const& [name, number] : {std::pair{"out", 1}, std::pair{"err", 2}}) {
             dup2(open(name, O_CREAT | O_TRUNC | O_WRONLY, 0600), number);

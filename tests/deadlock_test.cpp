@@ -1,0 +1,470 @@
+// Rings of waits: found before the last thread blocks, reported once and to the byte, dissolved
+// from the message service. ThreadSanitizer's own detector of lock-order inversions is off for this
+// program alone: it deadlocks on purpose.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "deadlock_io.h"
+#include "services.h"
+#include "zotls.h"
+
+using namespace zotest;
+
+namespace {
+
+// A directory of its own for "deadlock.txt".
+class InTemporaryFolder : public testing::Test {
+protected:
+    InTemporaryFolder() : before(std::filesystem::current_path()) {
+        char name[] = "/tmp/zo_deadlock_XXXXXX";
+        folder = mkdtemp(name);
+        std::filesystem::current_path(folder);
+    }
+    ~InTemporaryFolder() override {
+        std::filesystem::current_path(before);
+        std::filesystem::remove_all(folder);
+    }
+    // The log file; a line that is a date as ctime() writes it reads "DATE".
+    static std::string LogFile() {
+        std::ifstream file("deadlock.txt");
+        std::string text, line;
+        while (std::getline(file, line)) {
+            std::tm date{};
+            char const* const end = strptime(line.c_str(), "%a %b %e %H:%M:%S %Y", &date);
+            bool const isDate = end != nullptr && *end == '\0' && line.size() == 24;
+            text += (isDate ? "DATE" : line) + "\n";
+        }
+        return text;
+    }
+
+private:
+    std::filesystem::path before, folder;
+};
+
+std::string const FileHead =
+    "******** ZOVA deadlock log ********\nDATE\n\n******** traces ********\n";
+
+using Sections = std::vector<std::unique_ptr<ZoCritSect>>;
+
+// N threads own a section each and want the next one's; the last wait closes the ring. Which is
+// told apart by `closing`: the thread that comes last lets go of what it owns when it is asked.
+class Ring {
+public:
+    Ring(Services& services, Sections& sections) : services(services), sections(sections) {}
+
+    void Run() {
+        std::size_t const size = sections.size();
+        std::vector<std::thread> threads;
+        records.assign(size, nullptr);
+        services.onMessage = [this](std::string const& text) {
+            if (text.find("CANCEL") != std::string::npos) sections.back()->Exit();
+            return 0U;
+        };
+        for (std::size_t i = 0; i < size; ++i) {
+            threads.emplace_back([this, i, size] {
+                records[i] = ZoTLS::GetThreadLocalStorage();
+                sections[i]->Begin();
+                ++owning;
+                Await([&] { return owning == static_cast<int>(size) && turn == i; });
+                if (i + 1 < size) {
+                    // The next thread's turn comes when this one is seen waiting.
+                    std::thread watch([this, i] {
+                        Await([&] { return IsWaiting(i); });
+                        ++turn;
+                    });
+                    sections[i + 1]->Begin();
+                    watch.join();
+                    sections[i + 1]->Exit();
+                    sections[i]->Exit();
+                } else {
+                    sections[0]->Begin();  // its own section is gone when this returns
+                    sections[0]->Exit();
+                }
+                ++finished;
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        EXPECT_EQ(finished, static_cast<int>(size));
+    }
+
+    // The report of the chain, without the empty lines of the traces.
+    std::string Words() {
+        std::size_t const last = sections.size() - 1;
+        std::string words = "ZoThread " + Pointer(records[last]) + " wants critical section " +
+                            Named(0) + " owned by thread " + Pointer(records[0]) + "\n";
+        for (std::size_t i = 0; i < last; ++i) {
+            words += "ZoThread " + Pointer(records[i]) + " is waiting for " + Named(i + 1) +
+                     " owned by thread " + Pointer(records[i + 1]) + "\n";
+        }
+        return words + "\n";
+    }
+    std::string Traces() { return std::string(sections.size() - 1, '\n'); }
+    std::string Description() {
+        return std::string(sections[0]->GetName()) + ": owning thread: " + Pointer(records[0]) +
+               ", owning count: 1; wait count: 1; owner waiting for " + sections[1]->GetName();
+    }
+
+private:
+    std::string Named(std::size_t i) {
+        return std::string(sections[i]->GetName()) + " " + Pointer(sections[i].get());
+    }
+    bool IsWaiting(std::size_t i) {
+        csDLD->Begin();
+        bool const waiting = records[i]->waitingFor != nullptr;
+        csDLD->Exit();
+        return waiting;
+    }
+
+    Services& services;
+    Sections& sections;
+    std::vector<ZoTLS*> records;
+    std::atomic<int> owning{0}, finished{0};
+    std::atomic<std::size_t> turn{0};
+};
+
+Sections MakeSections(std::size_t count) {
+    static char const* const names[] = {"alpha", "beta", "gamma", "delta", "epsilon",
+                                        "zeta",  "eta",  "theta", "iota",  "kappa"};
+    Sections sections;
+    for (std::size_t i = 0; i < count; ++i) sections.emplace_back(ZoCritSect::Make(names[i]));
+    return sections;
+}
+
+using Deadlock = InTemporaryFolder;
+
+TEST_F(Deadlock, IsReportedOnceForEachRingAndDissolved) {
+    std::string file;
+    for (std::size_t size : {2U, 3U, 10U}) {
+        Services services;
+        Context context(true);
+        Sections sections = MakeSections(size);
+        Ring ring(services, sections);
+        ring.Run();
+        EXPECT_EQ(context.console->text, ring.Words() + ring.Traces());
+        EXPECT_EQ(services.Log(), (Services::Lines{"4 Deadlock detected.\n" + ring.Description(),
+                                                   "3 Deadlock: false alarm.\n"}));
+        EXPECT_EQ(services.Messages(),
+                  (Services::Lines{"0x10000001 Deadlock detected.\n(CANCEL to debug)",
+                                   "0x0 Deadlock: false alarm.\n"}));
+        EXPECT_TRUE(services.Assertions().empty());
+        // The reports of successive deadlocks follow each other in one file.
+        file += FileHead + ring.Words() + ring.Traces();
+        EXPECT_EQ(LogFile(), file);
+        for (auto const& section : sections) {
+            EXPECT_EQ(InfoOf(section.get()), std::string(section->GetName()) + ": is available");
+        }
+    }
+}
+
+TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
+    std::filesystem::create_directory("deadlock.txt");
+    Services services;
+    Context context(true);
+    Sections sections = MakeSections(2);
+    Ring ring(services, sections);
+    ring.Run();
+    EXPECT_EQ(context.console->text,
+              "unable to open deadlock.txt for writing" + ring.Words() + ring.Traces());
+    EXPECT_EQ(services.Log().size(), 2U);
+}
+
+TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
+    for (unsigned int answer : {ZoAnswerDebug, ZoAnswerAbort, 0x20000000U}) {
+        Services services;
+        Context context(true);
+        Sections sections = MakeSections(2);
+        Ring ring(services, sections);
+        // Ring::Run installs the dissolving; the answer goes on top of it.
+        std::thread run([&] { ring.Run(); });
+        run.join();
+        EXPECT_TRUE(services.Assertions().empty());
+
+        ZoCritSect* const first = sections[0].get();
+        ZoCritSect* const second = sections[1].get();
+        services.onMessage = [&](std::string const& text) {
+            if (text.find("CANCEL") != std::string::npos) second->ForceRelease();
+            return answer;
+        };
+        std::atomic<ZoTLS*> other{nullptr};
+        std::atomic<bool> owned{false};
+        std::thread thread([&] {
+            first->Begin();
+            other = ZoTLS::GetThreadLocalStorage();
+            Await([&] { return owned.load(); });
+            second->Begin();
+            second->Exit();
+            first->Exit();
+        });
+        Await([&] { return other != nullptr; });
+        second->Begin();
+        owned = true;
+        Await([&] { return ThreadWaitsForThread(other, ZoTLS::GetThreadLocalStorage()) == 1; });
+        first->Begin();
+        first->Exit();
+        thread.join();
+        EXPECT_EQ(services.Assertions(),
+                  answer == 0x20000000U
+                      ? Services::Lines{}
+                      : (Services::Lines{"(0 && \"deadlock detected\") src/zocrits 365",
+                                         "(0 && \"deadlock : false alarm\") src/zocrits 385"}));
+    }
+}
+
+// Waits that form no ring with the caller: the walk ends and answers 0, the words say where the
+// chain breaks off. The edges are drawn by hand; owners are real.
+TEST_F(Deadlock, ChainsThatDoNotComeBackEnd) {
+    Context context(true);
+    Sections sections = MakeSections(3);
+    std::vector<std::atomic<ZoTLS*>> owners(3);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (std::size_t i = 0; i < 3; ++i) {
+        threads.emplace_back([&, i] {
+            sections[i]->Begin();
+            owners[i] = ZoTLS::GetThreadLocalStorage();
+            Await([&] { return done.load(); });
+            sections[i]->Exit();
+        });
+    }
+    Await([&] { return owners[0] != nullptr && owners[1] != nullptr && owners[2] != nullptr; });
+
+    auto section = [&](std::size_t i) { return static_cast<ZoDLDCritSect*>(sections[i].get()); };
+    auto waits = [&](std::size_t i, ZoDLDCritSect* wanted) {
+        csDLD->Begin();
+        owners[i].load()->waitingFor = wanted;
+        csDLD->Exit();
+    };
+    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    auto words = [&](ZoDLDCritSect* wanted) {
+        context.console->text.clear();
+        csDLD->Begin();
+        DeadlockDetectionMakeMessage(me, wanted, GetConsole());
+        csDLD->Exit();
+        return context.console->text;
+    };
+    std::string const start = "ZoThread " + Pointer(me) + " wants critical section alpha " +
+                              Pointer(section(0)) + " owned by thread " + Pointer(owners[0]) +
+                              "\nZoThread " + Pointer(owners[0]) + " is waiting for ";
+
+    EXPECT_EQ(ThreadWaitsForThread(owners[0], me), 0);
+    EXPECT_EQ(words(section(0)), start + "nothing !!!\n");
+    std::unique_ptr<ZoDLDCritSect> unowned(static_cast<ZoDLDCritSect*>(ZoCritSect::Make("free")));
+    EXPECT_EQ(words(unowned.get()), "ZoThread " + Pointer(me) + " wants critical section free " +
+                                        Pointer(unowned.get()) + " owned by nobody !!!!\n");
+    waits(0, unowned.get());
+    EXPECT_EQ(words(section(0)),
+              start + "free " + Pointer(unowned.get()) + " owned by nobody !!!!\n");
+
+    // alpha's owner waits for beta's, which waits for gamma's, which waits for beta's.
+    waits(0, section(1));
+    waits(1, section(2));
+    EXPECT_EQ(ThreadWaitsForThread(owners[0], owners[2]), 1);
+    EXPECT_EQ(ThreadWaitsForThread(owners[2], owners[0]), 0);
+    waits(2, section(1));
+    EXPECT_EQ(ThreadWaitsForThread(owners[0], me), 0);
+    EXPECT_EQ(ThreadWaitsForThread(owners[1], owners[1]), 1);
+    csDLD->Begin();
+    EXPECT_EQ(section(0)->WouldDeadLock(me), 0);
+    EXPECT_EQ(section(1)->WouldDeadLock(owners[2]), 1);
+    csDLD->Exit();
+
+    for (std::size_t i = 0; i < 3; ++i) waits(i, nullptr);
+    done = true;
+    for (std::thread& thread : threads) thread.join();
+}
+
+TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
+    TextSink sink;
+    {
+        deadlock_io log(&sink);
+        log.writeOutput("abcdef", 3);
+        log.writeOutput("100%s\n", -1);
+        log.flush();
+    }
+    EXPECT_EQ(sink.text, "abc100%s\n");
+    EXPECT_EQ(sink.flushes, 1);
+    EXPECT_EQ(LogFile(), FileHead + "abc100%s\n");
+}
+
+// An independent record of who holds and who wants what. A thread enters its wish before it calls
+// Begin, a holding after Begin returned, and takes a holding out before Exit. So a ring in this
+// record can only be ended by a report, and a report without a ring in this record is false.
+class Record {
+public:
+    static constexpr int Threads = 8, Count = 8, Nobody = -1;
+
+    // True when the wish closes a ring.
+    bool Wants(int thread, int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        wanted[thread] = section;
+        bool const closes = LeadsBack(thread);
+        if (closes) ++rings;
+        return closes;
+    }
+    void Got(int thread, int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != Nobody && owner[section] != thread) ++faults;
+        owner[section] = thread;
+        wanted[thread] = Nobody;
+    }
+    void Leaves(int thread, int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != thread) ++faults;
+        owner[section] = Nobody;
+    }
+    void Reported(int thread) {
+        std::lock_guard<std::mutex> hold(mutex);
+        ++reports;
+        if (!LeadsBack(thread)) ++faults;
+    }
+    int rings = 0, reports = 0, faults = 0;
+
+private:
+    bool LeadsBack(int thread) {
+        int at = thread;
+        for (int step = 0; step < Threads && wanted[at] != Nobody; ++step) {
+            at = owner[wanted[at]];
+            if (at == Nobody) return false;
+            if (at == thread) return true;
+        }
+        return false;
+    }
+
+    std::mutex mutex;
+    int owner[Count] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    int wanted[Threads] = {-1, -1, -1, -1, -1, -1, -1, -1};
+};
+
+// One thread of the random work.
+class Worker {
+public:
+    Worker(int number, Record& record, Sections& sections)
+        : number(number), record(record), sections(sections), random(4711U + unsigned(number)) {}
+
+    void Work(long entries, std::atomic<long>& progress) {
+        current = this;
+        for (long i = 0; i < entries; ++i) {
+            Enter(int(random() % Record::Count));
+            ++progress;
+            if (held >= 3 || random() % 3 == 0) LeaveOne();
+        }
+        LeaveAll();
+    }
+
+    // In the message service, on the detecting thread.
+    static void Dissolve() {
+        current->record.Reported(current->number);
+        current->LeaveAll();
+    }
+
+private:
+    void Enter(int section) {
+        if (depth[section] == 0) {
+            record.Wants(number, section);
+            sections[std::size_t(section)]->Begin();
+            record.Got(number, section);
+            ++held;
+        } else {
+            sections[std::size_t(section)]->Begin();
+        }
+        ++depth[section];
+    }
+    void Leave(int section) {
+        if (--depth[section] == 0) {
+            record.Leaves(number, section);
+            --held;
+        }
+        sections[std::size_t(section)]->Exit();
+    }
+    void LeaveOne() {
+        int const start = int(random() % Record::Count);
+        for (int i = 0; i < Record::Count; ++i) {
+            int const section = (start + i) % Record::Count;
+            if (depth[section] != 0) return Leave(section);
+        }
+    }
+    void LeaveAll() {
+        for (int section = 0; section < Record::Count; ++section) {
+            while (depth[section] != 0) Leave(section);
+        }
+    }
+
+    inline static thread_local Worker* current = nullptr;
+    int const number;
+    Record& record;
+    Sections& sections;
+    std::minstd_rand random;
+    int depth[Record::Count] = {};
+    int held = 0;
+};
+
+// ZO_STRESS_ENTRIES sets the number of entries; a million is the long form.
+TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
+    char const* const wanted = std::getenv("ZO_STRESS_ENTRIES");
+    long const entries = wanted != nullptr ? std::atol(wanted) : 200'000;
+    Services services;
+    Context context(true);
+    Sections sections = MakeSections(Record::Count);
+    Record record;
+    services.onMessage = [](std::string const& text) {
+        if (text.find("CANCEL") != std::string::npos) Worker::Dissolve();
+        return 0U;
+    };
+    std::atomic<long> progress{0};
+    std::atomic<int> working{Record::Threads};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Record::Threads; ++t) {
+        threads.emplace_back([&, t] {
+            Worker(t, record, sections).Work(entries / Record::Threads, progress);
+            --working;
+        });
+    }
+    // A ring that was missed stops its threads for ever; that must end the program, not hang it.
+    std::thread watchdog([&] {
+        long seen = -1;
+        auto since = std::chrono::steady_clock::now();
+        while (working != 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            if (progress != seen) {
+                seen = progress;
+                since = std::chrono::steady_clock::now();
+            } else if (std::chrono::steady_clock::now() - since > std::chrono::seconds(60)) {
+                std::fprintf(stderr, "no progress after %ld entries: a ring was missed\n", seen);
+                std::_Exit(3);
+            }
+        }
+    });
+    for (std::thread& thread : threads) thread.join();
+    watchdog.join();
+
+    EXPECT_EQ(record.faults, 0);
+    EXPECT_EQ(record.reports, record.rings);
+    EXPECT_GT(record.rings, 0);
+    EXPECT_EQ(services.Log().size(), 2U * std::size_t(record.reports));
+    for (auto const& section : sections) {
+        std::string const name = section->GetName();
+        EXPECT_EQ(InfoOf(section.get()), name + ": is available");
+        section->Begin();
+        EXPECT_EQ(InfoOf(section.get()),
+                  name + ": owning thread: " + Pointer(ZoTLS::GetThreadLocalStorage()) +
+                      ", owning count: 1; wait count: 0");
+        section->Exit();
+    }
+    RecordProperty("rings", record.rings);
+    std::printf("%ld entries, %d rings, %d reports\n", progress.load(), record.rings,
+                record.reports);
+}
+
+}  // namespace

@@ -1,0 +1,165 @@
+// What the tests put in place of the engine: recorders for everything the library tells it, and the
+// library context for the length of a test.
+
+#ifndef KELVARA_TESTS_SERVICES_H_
+#define KELVARA_TESTS_SERVICES_H_
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "_zothrd.h"
+#include "smp_io.h"
+#include "zobaseservices.h"
+#include "zocrits.h"
+
+namespace zotest {
+
+__attribute__((format(printf, 1, 0))) inline std::string Format(char const* format,
+                                                                std::va_list values) {
+    char text[2048];
+    std::vsnprintf(text, sizeof text, format, values);
+    return text;
+}
+
+// Records log entries as "level text", messages as "style text" and assertions as "text file line";
+// answers messages through `onMessage`; serves the configuration keys of section "debug".
+class Services : private ZoLog, private ZoMessageService, private ZoConfig {
+public:
+    Services() {
+        current = this;
+        previousLog = ZoSetSystemLog(this);
+        previousMessages = ZoSetMessageService(this);
+        previousConfig = ZoSetDefaultConfig(this);
+        previousAssert = ZoSetAssertHandler([](char const* text, char const* file, int line) {
+            current->Add(current->assertions,
+                         std::string(text) + " " + file + " " + std::to_string(line));
+        });
+    }
+    ~Services() override {
+        ZoSetSystemLog(previousLog);
+        ZoSetMessageService(previousMessages);
+        ZoSetDefaultConfig(previousConfig);
+        ZoSetAssertHandler(previousAssert);
+        current = nullptr;
+    }
+
+    using Lines = std::vector<std::string>;
+    Lines Log() { return Copy(log); }
+    Lines Messages() { return Copy(messages); }
+    Lines Assertions() { return Copy(assertions); }
+    // How often the configuration was asked for `key`.
+    int Reads(std::string const& key) {
+        std::lock_guard<std::mutex> hold(mutex);
+        return reads[key];
+    }
+    void Configure(std::string const& key, int value) {
+        std::lock_guard<std::mutex> hold(mutex);
+        keys[key] = value;
+    }
+    // Runs on the thread that shows a message; its result is the answer.
+    std::function<unsigned int(std::string const& text)> onMessage;
+
+private:
+    __attribute__((format(printf, 3, 4))) int Printf(int level, char const* format, ...) override {
+        std::va_list values;
+        va_start(values, format);
+        Add(log, std::to_string(level) + " " + Format(format, values));
+        va_end(values);
+        return 0;
+    }
+    __attribute__((format(printf, 4, 5))) unsigned int Show(int, unsigned int style,
+                                                            char const* format, ...) override {
+        std::va_list values;
+        va_start(values, format);
+        std::string const text = Format(format, values);
+        va_end(values);
+        char shown[2100];
+        std::snprintf(shown, sizeof shown, "0x%x %s", style, text.c_str());
+        Add(messages, shown);
+        return onMessage ? onMessage(text) : 0;
+    }
+    int ReadValue(char const* key, int* out, char const* const* path) override {
+        std::lock_guard<std::mutex> hold(mutex);
+        ++reads[key];
+        auto const found = keys.find(key);
+        if (std::strcmp(path[0], "debug") != 0 || path[1] != nullptr || found == keys.end()) {
+            return -1;
+        }
+        *out = found->second;
+        return 0;
+    }
+    void Add(Lines& lines, std::string line) {
+        std::lock_guard<std::mutex> hold(mutex);
+        lines.push_back(std::move(line));
+    }
+    Lines Copy(Lines const& lines) {
+        std::lock_guard<std::mutex> hold(mutex);
+        return lines;
+    }
+
+    inline static Services* current = nullptr;
+    std::mutex mutex;  // guards all that follows
+    Lines log, messages, assertions;
+    std::map<std::string, int> keys, reads;
+    ZoLog* previousLog;
+    ZoMessageService* previousMessages;
+    ZoConfig* previousConfig;
+    ZoAssertHandler previousAssert;
+};
+
+// A sink that keeps the text.
+class TextSink : public _smp_io {
+public:
+    using _smp_io::writeOutput;
+    void writeOutput(char const* piece, int length) override {
+        text.append(piece, length == -1 ? std::strlen(piece) : static_cast<std::size_t>(length));
+    }
+    void flush() override { ++flushes; }
+    std::string text;
+    int flushes = 0;
+};
+
+// The library context; its console writes to `console`.
+class Context {
+public:
+    explicit Context(bool detection) {
+        *ZoGetDeadLockDetectionEnabled() = detection ? 1 : 0;
+        ___ZoExtendedContext(1);
+        delete GetConsole()->sink;
+        GetConsole()->sink = console = new TextSink;
+    }
+    ~Context() {
+        ___ZoExtendedContext(0);
+        *ZoGetDeadLockDetectionEnabled() = 0;
+    }
+    TextSink* console;
+};
+
+inline std::string InfoOf(ZoCritSect* section) {
+    char text[256];
+    section->GetInfo(text, sizeof text);
+    return text;
+}
+
+inline std::string Pointer(void const* address) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", address);
+    return text;
+}
+
+// Yields until `condition` holds.
+template <class Predicate>
+void Await(Predicate condition) {
+    while (!condition()) std::this_thread::yield();
+}
+
+}  // namespace zotest
+
+#endif  // KELVARA_TESTS_SERVICES_H_

@@ -1,0 +1,150 @@
+// Plain and detecting sections where no ring of waits comes up; rings are in deadlock_test.cpp.
+
+#include "zocrits.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <typeinfo>
+#include <vector>
+
+#include "services.h"
+#include "zotls.h"
+
+using namespace zotest;
+
+namespace {
+
+TEST(CritSect, FactoriesFollowTheSwitch) {
+    Context context(false);
+    for (int detection : {0, 1}) {
+        *ZoGetDeadLockDetectionEnabled() = detection;
+        struct {
+            ZoCritSect* section;
+            std::type_info const& type;
+        } const made[] = {
+            {ZoCritSect::Make("x"), detection ? typeid(ZoDLDCritSect) : typeid(PosixCritSect)},
+            {ZoCritSect::MakeLight("x"), detection ? typeid(ZoDLDCritSect) : typeid(PosixCritSect)},
+            {ZoCritSect::MakeImplementation("x"), typeid(PosixCritSect)},
+            {ZoCritSect::MakeDummy("x"), typeid(ZoCritSect)},
+            {ZoMakeCritSectCritSect(), typeid(PosixCritSect)},
+        };
+        for (auto const& [section, type] : made) {
+            ZoCritSect const& object = *section;
+            EXPECT_TRUE(typeid(object) == type) << typeid(object).name();
+            delete section;
+        }
+    }
+}
+
+TEST(CritSect, DummyNeverBlocksAndNeverCounts) {
+    ZoCritSect* dummy = ZoCritSect::MakeDummy("dummy");
+    dummy->Begin();
+    std::thread([&] { dummy->Begin(); }).join();
+    EXPECT_EQ(InfoOf(dummy), "dummy: owning count: 0; wait count: 0");
+    delete dummy;
+}
+
+class EitherKind : public testing::TestWithParam<bool> {
+protected:
+    Services services;
+    Context context{GetParam()};
+    ZoCritSect* section = ZoCritSect::Make("section");
+
+    ~EitherKind() override { delete section; }
+
+    std::string Owned(int count, int waiting) {
+        std::string const counts =
+            "owning count: " + std::to_string(count) + "; wait count: " + std::to_string(waiting);
+        if (!GetParam()) return "section: " + counts;
+        return "section: owning thread: " + Pointer(ZoTLS::GetThreadLocalStorage()) + ", " + counts;
+    }
+    std::string Free() {
+        return GetParam() ? "section: is available" : "section: owning count: 0; wait count: 0";
+    }
+};
+
+TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
+    EXPECT_EQ(InfoOf(section), Free());
+    for (int i = 0; i < 3; ++i) section->Begin();
+    section->Exit();
+    section->Exit();
+    EXPECT_EQ(InfoOf(section), Owned(1, 0));
+
+    std::atomic<bool> inside{false};
+    std::thread other([&] {
+        section->ForceRelease();  // not the owner: nothing happens
+        section->Begin();
+        inside = true;
+        section->Exit();
+    });
+    Await([&] { return InfoOf(section) == Owned(1, 1); });
+    EXPECT_FALSE(inside);
+    section->Begin();
+    section->Begin();
+    section->ForceRelease();
+    other.join();
+    EXPECT_TRUE(inside);
+    EXPECT_EQ(InfoOf(section), Free());
+
+    char small[10] = "#########";
+    section->GetInfo(small, 8);
+    EXPECT_STREQ(small, "section");
+    EXPECT_EQ(small[8], '#');
+    section->GetInfo(nullptr, 256);
+    EXPECT_TRUE(services.Log().empty());
+    EXPECT_TRUE(services.Messages().empty());
+}
+
+TEST_P(EitherKind, ExcludesAndCountsBackToZero) {
+    constexpr int Threads = 4, Rounds = 5000;
+    long entries = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < Rounds; ++i) {
+                int const depth = 1 + (i + t) % 3;
+                for (int d = 0; d < depth; ++d) section->Begin();
+                ++entries;
+                for (int d = 0; d < depth; ++d) section->Exit();
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(entries, Threads * Rounds);
+    section->Begin();
+    EXPECT_EQ(InfoOf(section), Owned(1, 0));
+    section->Exit();
+    EXPECT_EQ(InfoOf(section), Free());
+}
+
+INSTANTIATE_TEST_SUITE_P(CritSect, EitherKind, testing::Bool(), [](auto const& kind) {
+    return kind.param ? std::string("Detecting") : std::string("Plain");
+});
+
+// The delay is read once in the process, so this runs where no detecting section was made before.
+TEST(DetectingSectionDeathTest, HoldsOnForTheConfiguredDelay) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    auto const child = [] {
+        Services services;
+        services.Configure("csSleepTime", 50);
+        Context context(true);
+        ZoCritSect* section = ZoCritSect::Make("slow");
+        ZoCritSect* second = ZoCritSect::Make("second");
+        section->Begin();
+        section->Begin();
+        auto const start = std::chrono::steady_clock::now();
+        section->Exit();
+        section->Exit();
+        auto const took = std::chrono::steady_clock::now() - start;
+        delete second;
+        delete section;
+        std::exit(took >= std::chrono::milliseconds(50) && services.Reads("csSleepTime") == 1 ? 0
+                                                                                              : 1);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
