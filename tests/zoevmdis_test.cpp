@@ -70,7 +70,7 @@ void Ignore(ZoEvent const*) {}
 bool IsCancelled(std::function<void()> body) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, 256 * 1024);
+    pthread_attr_setstacksize(&attributes, std::size_t{256} * 1024);
     pthread_t thread{};
     auto const run = [](void* function) -> void* {
         (*static_cast<std::function<void()>*>(function))();
