@@ -134,6 +134,7 @@ public:
 
 private:
     friend class WaitForGraph;
+    friend void UnchainSection(ZoCritSect* section);
 
     ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 
