@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include "zobaseservices.h"
 #include "zoconfigfile.h"
 #include "zoreport.h"
+#include "zoundisturbed.h"
 
 ZoConfig::~ZoConfig() = default;
 
@@ -33,11 +33,16 @@ std::string_view Trim(std::string_view text) {
     return text.substr(begin, text.find_last_not_of(Blanks) - begin + 1);
 }
 
+bool IsCommentMark(char c) {
+    return c == ';' || c == '#';
+}
+
 // A section or key is one printable word.
 bool IsName(std::string_view text) {
     if (text.empty()) return false;
     for (char const c : text) {
         if (static_cast<unsigned char>(c) <= ' ' || c == '[' || c == ']') return false;
+        if (IsCommentMark(c)) return false;
     }
     return true;
 }
@@ -69,10 +74,6 @@ std::optional<int> ParseNumber(std::string_view text) {
         if (value > most) return std::nullopt;
     }
     return static_cast<int>(static_cast<std::uint32_t>(negative ? -value : value));
-}
-
-bool IsCommentMark(char c) {
-    return c == ';' || c == '#';
 }
 
 // What is left of a line without a comment, which a mark begins anywhere.
@@ -231,23 +232,20 @@ std::unique_ptr<FileConfig> Load() {
 
 // A thread that is cancelled meanwhile finishes loading first: a second thread would have to load
 // again and repeat the messages.
-FileConfig* LoadUncancelled() {
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    std::unique_ptr<FileConfig> configuration;
+FileConfig* LoadOnce() {
+    Undisturbed const undisturbed;
     try {
-        configuration = Load();
+        return Load().release();
     } catch (std::bad_alloc const&) {
         ReportToStandardError("no memory for the configuration");
+        return nullptr;
     }
-    pthread_setcancelstate(cancelState, nullptr);
-    return configuration.release();
 }
 
 // Read at the first use, never destroyed: destructors of other libraries may still ask. Null when
 // there is no file.
 FileConfig* FromFile() {
-    static FileConfig* const configuration = LoadUncancelled();
+    static FileConfig* const configuration = LoadOnce();
     return configuration;
 }
 

@@ -1,6 +1,5 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <pthread.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include "zobaseservices.h"
 #include "zoconfigfile.h"
 #include "zoreport.h"
+#include "zoundisturbed.h"
 
 ZoLog::~ZoLog() = default;
 
@@ -23,16 +23,12 @@ namespace {
 int OpenLog() {
     char const* const path = ConfiguredLogPath();
     if (path == nullptr) return STDERR_FILENO;
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    int descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
-    if (descriptor < 0) {
-        ReportToStandardError("%s: cannot open the log: %s; logging to standard error", path,
-                              strerrordesc_np(errno));
-        descriptor = STDERR_FILENO;
-    }
-    pthread_setcancelstate(cancelState, nullptr);
-    return descriptor;
+    Undisturbed const undisturbed;
+    int const descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
+    if (descriptor >= 0) return descriptor;
+    ReportToStandardError("%s: cannot open the log: %s; logging to standard error", path,
+                          strerrordesc_np(errno));
+    return STDERR_FILENO;
 }
 
 // Opened at the first entry and never closed: destructors of other libraries may still log.

@@ -1,7 +1,6 @@
 #include "zoreport.h"
 
 #include <errno.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +9,8 @@
 #include <cstring>
 #include <memory>
 #include <new>
+
+#include "zoundisturbed.h"
 
 namespace {
 
@@ -86,12 +87,8 @@ __attribute__((format(printf, 4, 0))) void Write(int descriptor, char const* pre
 
 void WriteReport(int descriptor, char const* prefix, ReportForm form, char const* format,
                  va_list args) {
-    int const savedErrno = errno;
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    Undisturbed const undisturbed;
     Write(descriptor, prefix, form, format, args);
-    pthread_setcancelstate(cancelState, nullptr);
-    errno = savedErrno;
 }
 
 void ReportToStandardError(char const* format, ...) {

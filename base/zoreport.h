@@ -4,8 +4,8 @@
 //
 // A report is made whole in memory and handed over in a single write(), so that reports of several
 // threads, and of several processes that append to one file, do not mix. Any thread may report at
-// any time, before main() and after it included. Reporting is no cancellation point, since callers
-// report while they hold locks, and it leaves errno as it was.
+// any time, before main() and after it included. Reporting is no cancellation point and leaves
+// errno as it was.
 
 #ifndef KELVARA_BASE_ZOREPORT_H_
 #define KELVARA_BASE_ZOREPORT_H_

@@ -5,6 +5,5 @@ target_compile_options(zo_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wformat=2 -Wundef -Wnull-dereference
     $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local -Wduplicated-cond -Wlogical-op>
-    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<NOT:$<EQUAL:${CMAKE_SIZEOF_VOID_P},4>>>:-Wuseless-cast>
     $<$<CXX_COMPILER_ID:Clang>:-Wshadow>
     $<$<BOOL:${ZO_WERROR}>:-Werror>)

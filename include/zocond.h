@@ -90,7 +90,7 @@ public:
     int value;
 
 protected:
-    Condition(char const* name, ChainLock const& held);
+    ZO_INTERNAL Condition(char const* name, ChainLock const& held);
 };
 
 class ZO_API POSIXCondition : public Condition {
@@ -106,7 +106,7 @@ public:
     int SetConditionApp(void* first, void* second) override;
 
 private:
-    POSIXCondition(char const* name, ChainLock const& held);
+    ZO_INTERNAL POSIXCondition(char const* name, ChainLock const& held);
 
     pthread_mutex_t mutex;  // guards value, and every call of logic
     pthread_mutexattr_t mutexAttributes;

@@ -65,7 +65,7 @@ public:
     virtual void GetInfo(char* buffer, int size);
 
 protected:
-    ZoCritSect(char const* name, ChainLock const& held);
+    ZO_INTERNAL ZoCritSect(char const* name, ChainLock const& held);
 
     // How often the owner has entered and not yet left. Changed by the owner only; atomic because
     // GetInfo reads it from any thread.
@@ -89,7 +89,7 @@ public:
     void Exit() override;
 
 private:
-    PosixCritSect(char const* name, ChainLock const& held);
+    ZO_INTERNAL PosixCritSect(char const* name, ChainLock const& held);
 
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;
@@ -136,12 +136,12 @@ private:
     friend class WaitForGraph;
     friend void UnchainSection(ZoCritSect* section);
 
-    ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
+    ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 
-    bool AnnounceWait(ZoTLS* me);
-    void ReportDeadlock(ZoTLS* me);
-    void ReportFalseAlarm();
-    void TakeOwnership(ZoTLS* me);
+    ZO_INTERNAL bool AnnounceWait(ZoTLS* me);
+    ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
+    ZO_INTERNAL void ReportFalseAlarm();
+    ZO_INTERNAL void TakeOwnership(ZoTLS* me);
 
     ZoCritSect* wrapped;
     // The owning thread's record, null when free. Written under csDLD only. Atomic because the

@@ -43,7 +43,7 @@ public:
 private:
     friend class ZoAutoSync;
 
-    ZoCritSect* InstallSection(ZoCritSect* made);
+    ZO_INTERNAL ZoCritSect* InstallSection(ZoCritSect* made);
 
     // Null until the first begin. Set once, by compare-and-exchange; owned.
     std::atomic<ZoCritSect*> myCS{nullptr};

@@ -17,6 +17,8 @@
 
 // Marks what the shared object exports; everything else is hidden.
 #define ZO_API __attribute__((visibility("default")))
+// Marks a member of an exported class that is the library's own affair.
+#define ZO_INTERNAL __attribute__((visibility("hidden")))
 
 #if LONG_MAX == 2147483647L
 using ZoInt32 = long;

@@ -1,5 +1,5 @@
-// Rings of waits: found before the last thread blocks, reported once and to the byte, dissolved from
-// the message service. ThreadSanitizer's own detector of lock-order inversions is off for this
+// Rings of waits: found before the last thread blocks, reported once and to the byte, dissolved
+// from the message service. ThreadSanitizer's own detector of lock-order inversions is off for this
 // program alone: it deadlocks on purpose.
 
 #include <gtest/gtest.h>
@@ -8,12 +8,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <random>
-#include <regex>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -37,10 +36,17 @@ protected:
         std::filesystem::current_path(before);
         std::filesystem::remove_all(folder);
     }
+    // The log file; a line that is a date as ctime() writes it reads "DATE".
     static std::string LogFile() {
-        std::ostringstream text;
-        text << std::ifstream("deadlock.txt").rdbuf();
-        return text.str();
+        std::ifstream file("deadlock.txt");
+        std::string text, line;
+        while (std::getline(file, line)) {
+            std::tm date{};
+            char const* const end = strptime(line.c_str(), "%a %b %e %H:%M:%S %Y", &date);
+            bool const isDate = end != nullptr && *end == '\0' && line.size() == 24;
+            text += (isDate ? "DATE" : line) + "\n";
+        }
+        return text;
     }
 
 private:
@@ -48,9 +54,7 @@ private:
 };
 
 std::string const FileHead =
-    "******** ZOVA deadlock log ********\n"
-    "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}\n"
-    "\n******** traces ********\n";
+    "******** ZOVA deadlock log ********\nDATE\n\n******** traces ********\n";
 
 using Sections = std::vector<std::unique_ptr<ZoCritSect>>;
 
@@ -157,7 +161,7 @@ TEST_F(Deadlock, IsReportedOnceForEachRingAndDissolved) {
         EXPECT_TRUE(services.Assertions().empty());
         // The reports of successive deadlocks follow each other in one file.
         file += FileHead + ring.Words() + ring.Traces();
-        EXPECT_TRUE(std::regex_match(LogFile(), std::regex(file))) << LogFile();
+        EXPECT_EQ(LogFile(), file);
         for (auto const& section : sections) {
             EXPECT_EQ(InfoOf(section.get()), std::string(section->GetName()) + ": is available");
         }
@@ -291,7 +295,7 @@ TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
     }
     EXPECT_EQ(sink.text, "abc100%s\n");
     EXPECT_EQ(sink.flushes, 1);
-    EXPECT_TRUE(std::regex_match(LogFile(), std::regex(FileHead + "abc100%s\n"))) << LogFile();
+    EXPECT_EQ(LogFile(), FileHead + "abc100%s\n");
 }
 
 // An independent record of who holds and who wants what. A thread enters its wish before it calls
@@ -409,7 +413,7 @@ private:
 // ZO_STRESS_ENTRIES sets the number of entries; a million is the long form.
 TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
     char const* const wanted = std::getenv("ZO_STRESS_ENTRIES");
-    long const entries = wanted != nullptr ? std::atol(wanted) : 40'000;
+    long const entries = wanted != nullptr ? std::atol(wanted) : 200'000;
     Services services;
     Context context(true);
     Sections sections = MakeSections(Record::Count);

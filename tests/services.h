@@ -21,7 +21,8 @@
 
 namespace zotest {
 
-inline std::string Format(char const* format, std::va_list values) {
+__attribute__((format(printf, 1, 0))) inline std::string Format(char const* format,
+                                                                std::va_list values) {
     char text[2048];
     std::vsnprintf(text, sizeof text, format, values);
     return text;
@@ -66,14 +67,15 @@ public:
     std::function<unsigned int(std::string const& text)> onMessage;
 
 private:
-    int Printf(int level, char const* format, ...) override {
+    __attribute__((format(printf, 3, 4))) int Printf(int level, char const* format, ...) override {
         std::va_list values;
         va_start(values, format);
         Add(log, std::to_string(level) + " " + Format(format, values));
         va_end(values);
         return 0;
     }
-    unsigned int Show(int, unsigned int style, char const* format, ...) override {
+    __attribute__((format(printf, 4, 5))) unsigned int Show(int, unsigned int style,
+                                                            char const* format, ...) override {
         std::va_list values;
         va_start(values, format);
         std::string const text = Format(format, values);

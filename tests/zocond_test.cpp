@@ -19,7 +19,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr unsigned long NoLimit = 4294967295UL;
 
-std::unique_ptr<Condition> Make() { return std::unique_ptr<Condition>(Condition::MakeCondition("c")); }
+std::unique_ptr<Condition> Make() {
+    return std::unique_ptr<Condition>(Condition::MakeCondition("c"));
+}
 
 TEST(Condition, CountsSetsAndClears) {
     auto posix = Make();
