@@ -68,7 +68,7 @@ public:
     virtual void GetInfo(char* buffer, int size);
 
 protected:
-    explicit ZoRW_Mutex(ChainLock const& held);
+    ZO_INTERNAL explicit ZoRW_Mutex(ChainLock const& held);
 };
 
 // The mutex that locks.
@@ -92,18 +92,18 @@ public:
 private:
     friend class ZoRW_Mutex;
 
-    ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
+    ZO_INTERNAL ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
 
-    bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
+    ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
-    void StartRead(ZoUInt32& holdings);
-    void StartWrite(ZoUInt32& holdings);
-    void EndRead(ZoUInt32& holdings);
-    void EndWrite(ZoUInt32& holdings);
-    void AdmitReader();
-    void AdmitWriter(bool alreadyReads);
-    void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
-    void AddToWriterLevel(ZoInt32 change);
+    ZO_INTERNAL void StartRead(ZoUInt32& holdings);
+    ZO_INTERNAL void StartWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void EndRead(ZoUInt32& holdings);
+    ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void AdmitReader();
+    ZO_INTERNAL void AdmitWriter(bool alreadyReads);
+    ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
+    ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
 
     // Its value is the number of threads that are counted as readers; owned, never chained.
     Condition* readers;

@@ -116,15 +116,15 @@ public:
 
 private:
     void Init();
-    bool MakeSlots(ZoInt32 count);
-    void MakeNamedSections();
-    bool UsesMutex() const { return concurrencyLevel > OneCS; }
-    bool SerialisesWriters() const { return concurrencyLevel >= LessExclusiveCommit; }
-    ZoRW_Mutex& Mutex() const;
-    ZoCritSect& Section(unsigned long index) const;
-    ZoCritSect& ServerWriter() const;
-    void BeginWrite(int mode);
-    void EndWrite(int mode);
+    ZO_INTERNAL bool MakeSlots(ZoInt32 count);
+    ZO_INTERNAL void MakeNamedSections();
+    ZO_INTERNAL bool UsesMutex() const { return concurrencyLevel > OneCS; }
+    ZO_INTERNAL bool SerialisesWriters() const { return concurrencyLevel >= LessExclusiveCommit; }
+    ZO_INTERNAL ZoRW_Mutex& Mutex() const;
+    ZO_INTERNAL ZoCritSect& Section(unsigned long index) const;
+    ZO_INTERNAL ZoCritSect& ServerWriter() const;
+    ZO_INTERNAL void BeginWrite(int mode);
+    ZO_INTERNAL void EndWrite(int mode);
 
     ZoRW_Mutex* rwMutex;    // owned; made at every level
     ZoCritSect** sections;  // owned, as are the sections; a slot without a section holds null
