@@ -45,9 +45,11 @@ long Counted(ZoRW_Mutex* mutex) {
 
 // What the calling thread's record holds; -1 when there is no record.
 long Holdings(ZoRW_Mutex* mutex) {
-    long const holdings = static_cast<long>(*ZoTLSReaderWriterRecord(mutex));
-    if (holdings != 0) return holdings;
-    ZoTLSRemoveReaderWriterRecord(mutex);
+    ZoSimpleLinkedListItem* item = ZoTLS::GetThreadLocalStorage()->rwRecords.GetFirst();
+    for (; item != nullptr; item = item->GetNext()) {
+        auto* const record = static_cast<ZoRWRecord*>(item);
+        if (record->mutex == mutex) return static_cast<long>(record->holdings);
+    }
     return -1;
 }
 
@@ -428,7 +430,7 @@ public:
         int reads = 0;
         int writes = 0;
         bool asking = false;  // waits to write: what it reads is not protected meanwhile
-        long Record() const { return reads + 65536L * writes; }
+        long Record() const { return reads + writes == 0 ? -1 : reads + 65536L * writes; }
     };
 
     // Changes what `me` holds; false when the mutex let it in beside someone it must not meet.
@@ -475,7 +477,7 @@ public:
         if (random() % 4 == 0) std::this_thread::yield();
     }
     void EndAll() {
-        for (Model::Thread held = model.Of(me); held.Record() != 0; held = model.Of(me)) {
+        for (Model::Thread held = model.Of(me); held.Record() != -1; held = model.Of(me)) {
             End(held, held.writes > 0 && (held.reads == 0 || random() % 2 == 0));
             Check();
         }
@@ -504,7 +506,7 @@ private:
             model.Update(me, [write](auto& thread) { --(write ? thread.writes : thread.reads); }));
         ASSERT_EQ(mutex.EndRW(write ? Write : Read), 0);
     }
-    void Check() { ASSERT_EQ(std::max(Holdings(&mutex), 0L), model.Of(me).Record()); }
+    void Check() { ASSERT_EQ(Holdings(&mutex), model.Of(me).Record()); }
 
     Model& model;
     ZoRW_Mutex& mutex;
