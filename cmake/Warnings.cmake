@@ -1,5 +1,4 @@
-# zo_warnings: what every target of ours is compiled with. A cast between a long and a 32-bit word is
-# needed where the two differ, so only there can a cast be called useless.
+# zo_warnings: what every target of ours is compiled with.
 add_library(zo_warnings INTERFACE)
 target_compile_options(zo_warnings INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wold-style-cast

@@ -5,10 +5,22 @@
 //     …                                        // any thread uses the library
 //     ___ZoExtendedContext(0);                 // every thread has stopped using it
 //
-// Set-up makes, in this order: the section "CS chain" (fscs), the section "DeadLockDetectionCS"
-// (csDLD), the record that belongs to no thread (__defTLS), the console (smp_console); and it
-// switches the chaining of synchronisation objects on. Tear-down destroys them in the reverse order
-// and leaves every pointer as at load, so the two may follow each other again and again.
+// Set-up makes, in this order:
+//
+//     object                               reached through
+//     the section "CS chain"               fscs
+//     the section "DeadLockDetectionCS"    csDLD, ZoGetCritSectCritSect()
+//     the record that belongs to no thread __defTLS; non-null marks that the context is set up
+//     the console                          GetConsole()
+//     the debug switches                   GetDebugger()
+//     - from here on synchronisation objects are chained -
+//     the interlocked operations           GetZoInterlocked()
+//     the event dispatcher                 ZoEventMessageDispatcher::GetDispatcher()
+//
+// and clears the host's semaphore (ZoQaSemaphore). Tear-down destroys them in the reverse order,
+// each through its virtual destructor, whatever object the pointer holds by then, and leaves every
+// pointer as at load, so the two may follow each other again and again. It does not touch the
+// host's semaphore.
 
 #ifndef KELVARA_INCLUDE__ZOTHRD_H_
 #define KELVARA_INCLUDE__ZOTHRD_H_

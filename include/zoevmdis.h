@@ -246,9 +246,9 @@ public:
     static ZoEventMessageDispatcher* SetDispatcher(ZoEventMessageDispatcher* dispatcher);
 
 private:
-    ZoListenerRegistration* Chain(ZoUInt32 typeKey) const;
-    int Link(ZoListenerRegistration* registration);
-    void Deliver(ZoListenerRegistration const* chain, ZoEvent const* event);
+    ZO_INTERNAL ZoListenerRegistration* Chain(ZoUInt32 typeKey) const;
+    ZO_INTERNAL int Link(ZoListenerRegistration* registration);
+    ZO_INTERNAL void Deliver(ZoListenerRegistration const* chain, ZoEvent const* event);
 
     ZoUInt32 nextFamilyId;      // guarded by lock
     ZoUInt32 requestedMask;     // the masks of all registrations; guarded by lock

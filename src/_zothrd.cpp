@@ -4,6 +4,8 @@
 
 #include "smp_io.h"
 #include "zocrits.h"
+#include "zoevmdis.h"
+#include "zointrlk.h"
 #include "zosyncob.h"
 #include "zotls.h"
 
@@ -15,7 +17,11 @@ void SetUp() {
     csDLD = ZoMakeCritSectCritSect();
     __defTLS = new (std::nothrow) ZoTLS;
     smp_console = new (std::nothrow) smp_io;
+    smp_debugger = new (std::nothrow) smp_debug(-1);
     suppress_chaining = 0;
+    interlockedObject = ZoInterlocked::Make();
+    eventDispatcher = new (std::nothrow) ZoEventMessageDispatcher;
+    qaSemaphore = nullptr;
 }
 
 template <class Object>
@@ -25,6 +31,9 @@ void Destroy(Object*& object) {
 }
 
 void TearDown() {
+    Destroy(eventDispatcher);
+    Destroy(interlockedObject);
+    Destroy(smp_debugger);
     Destroy(smp_console);
     Destroy(__defTLS);
     suppress_chaining = 1;

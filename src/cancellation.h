@@ -5,9 +5,9 @@
 
 #include <pthread.h>
 
-// Puts it off for a scope. For steps that pass cancellation points while a section is held (a thread
-// that vanished there would take the section with it), that must not end half-way, or that run in a
-// destructor, through which a cancellation cannot unwind.
+// Puts it off for a scope. For steps that pass cancellation points while a section is held (a
+// thread that vanished there would take the section with it), that must not end half-way, or that
+// run in a destructor, through which a cancellation cannot unwind.
 class CancellationDeferred {
 public:
     CancellationDeferred() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); }

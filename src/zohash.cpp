@@ -177,12 +177,14 @@ void ShrinkWhenEmpty(ZoHashTable& table) {
 template <class Matches>
 ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
                        Matches matches) {
-    prev = nullptr;
-    for (ZoHashEntry* entry = BucketOf(*table, hash); entry != nullptr; entry = entry->next) {
-        if (matches(entry)) return entry;
-        prev = entry;
+    ZoHashEntry* before = nullptr;
+    ZoHashEntry* entry = BucketOf(*table, hash);
+    while (entry != nullptr && !matches(entry)) {
+        before = entry;
+        entry = entry->next;
     }
-    return nullptr;
+    prev = before;
+    return entry;
 }
 
 // The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
@@ -213,9 +215,19 @@ char const* TextOf(ZoHashTable const* table, ZoHashEntry const* entry) {
     return table->keySize == ZoHashTable::StringKeys ? KeyBytes(entry) : table->GetKey(*entry);
 }
 
+std::uintptr_t StoredWord(ZoHashEntry const* entry) {
+    return ReadWord<std::uintptr_t>(KeyBytes(entry));
+}
+
 std::uintptr_t WordKeyOf(ZoHashTable const* table, ZoHashEntry const* entry) {
-    return table->keySize == ZoHashTable::WordKeys ? ReadWord<std::uintptr_t>(KeyBytes(entry))
+    return table->keySize == ZoHashTable::WordKeys ? StoredWord(entry)
                                                    : WordOf(table->GetKey(*entry));
+}
+
+ZoHashEntry* WalkStoredWords(ZoHashTable const* table, std::uintptr_t word, unsigned long hash,
+                             ZoHashEntry*& prev) {
+    return WalkChain(table, hash, prev,
+                     [&](ZoHashEntry const* candidate) { return StoredWord(candidate) == word; });
 }
 
 char const* BytesOf(ZoHashTable const* table, ZoHashEntry const* entry) {
@@ -250,8 +262,9 @@ ZoHashEntry* OneDWordFind(ZoHashTable const* table, char const* key, unsigned lo
     std::uintptr_t const word = entry != nullptr ? WordKeyOf(table, entry) : WordOf(key);
     hash = Mix(table, static_cast<ZoUInt32>(word));
     if (entry != nullptr) return entry;
+    if (table->keySize == ZoHashTable::WordKeys) return WalkStoredWords(table, word, hash, prev);
     return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
-        return WordKeyOf(table, candidate) == word;
+        return WordOf(table->GetKey(*candidate)) == word;
     });
 }
 
@@ -272,14 +285,9 @@ ZoHashEntry* ByteArrayFind(ZoHashTable const* table, char const* key, unsigned l
 
 ZoHashEntry* PointerFind(ZoHashTable const* table, char const* key, unsigned long& hash,
                          ZoHashEntry* entry, ZoHashEntry*& prev) {
-    auto const wordOf = [](ZoHashEntry const* from) {
-        return ReadWord<std::uintptr_t>(KeyBytes(from));
-    };
-    std::uintptr_t const word = entry != nullptr ? wordOf(entry) : WordOf(key);
+    std::uintptr_t const word = entry != nullptr ? StoredWord(entry) : WordOf(key);
     hash = static_cast<ZoUInt32>(word);
-    if (entry != nullptr) return entry;
-    return WalkChain(table, hash, prev,
-                     [&](ZoHashEntry const* candidate) { return wordOf(candidate) == word; });
+    return entry != nullptr ? entry : WalkStoredWords(table, word, hash, prev);
 }
 
 ZoHashEntry* ValuePointerFind(ZoHashTable const* table, char const* key, unsigned long& hash,
@@ -313,6 +321,7 @@ ZoHashTable::ZoHashTable(ZoHashTable const& other) : ZoHashTable(other.keySize, 
     ZOVA_assert("( \"The hash table does not have a copy ctor\" && 0 )", "src/zohash", 88);
 }
 
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment): it never assigns.
 ZoHashTable& ZoHashTable::operator=(ZoHashTable const&) {
     ZOVA_assert("( \"The hash table does not have an assignement op\" && 0 )", "src/zohash", 94);
     return *this;
@@ -467,7 +476,8 @@ int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
     for (ZoUInt32 i = 0; i <= mask; ++i) {
         while (ZoHashEntry* const entry = buckets[i]) {
             buckets[i] = entry->next;
-            DestroyHashEntry(entry);
+            // From the destructor the base's hook is meant.
+            DestroyHashEntry(entry);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         }
     }
     num = 0;

@@ -50,6 +50,7 @@ long FailEachAllocation(Attempt attempt) {
     }
 }
 
+// NOLINTBEGIN(misc-definitions-in-headers): one source file of a program includes this.
 // Not inlined: where a compiler sees malloc and free inside new and delete, it warns of a mismatch.
 [[gnu::noinline]] void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
     return AllocFault::Allocate(size);
@@ -83,5 +84,6 @@ long FailEachAllocation(Attempt attempt) {
 [[gnu::noinline]] void operator delete[](void* block, std::nothrow_t const&) noexcept {
     std::free(block);
 }
+// NOLINTEND(misc-definitions-in-headers)
 
 #endif  // KELVARA_TESTS_ALLOC_FAULT_H_

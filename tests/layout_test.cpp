@@ -10,6 +10,7 @@
 #include "zocond.h"
 #include "zoencrbuf.h"
 #include "zoevmdis.h"
+#include "zohash.h"
 #include "zointrlk.h"
 #include "zomtobj.h"
 #include "zotls.h"
@@ -54,6 +55,18 @@ struct PosixConditionShape : ConditionShape {
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
+};
+struct TableShape {
+    void* table;
+    void* buckets;
+    void* initialBuckets[4];
+    ZoUInt32 nBuckets;
+    ZoUInt32 num;
+    ZoUInt32 threshold;
+    ZoUInt32 shift;
+    ZoUInt32 mask;
+    void* find;
+    unsigned short keySize;
 };
 struct RecordShape {
     void* cond;
@@ -136,11 +149,24 @@ TEST(Layout, FieldsLieWhereTheEngineLooks) {
     ZoTLSRemoveReaderWriterRecord(nullptr);
     EXPECT_EQ(View<RecordShape>(*me).spareRwRecord, record.rwRecords);
     me->asyncWatcher = 0;
+
+    ZoHashTable hashTable(7, ZoSurrFind);
+    auto const table = View<TableShape>(hashTable);
+    EXPECT_EQ(table.buckets, hashTable.initialBuckets);
+    EXPECT_EQ(table.nBuckets, 4U);
+    EXPECT_EQ(table.threshold, 16U);
+    EXPECT_EQ(table.shift, 28U);
+    EXPECT_EQ(table.mask, 3U);
+    EXPECT_EQ(table.keySize, 7);
+
+    static_assert(sizeof(ZoHashEntry) == 2 * sizeof(void*));
     static_assert(sizeof(ZoMTObj) == 2 * sizeof(void*));
     static_assert(sizeof(smp_io) == 2 * sizeof(void*));
 #if LONG_MAX == 2147483647L
     static_assert(sizeof(ZoTLS) == 40 && offsetof(ZoTLS, waitingFor) == 24);
     static_assert(sizeof(ZoCritSect) == 24 && sizeof(ZoDLDCritSect) == 32);
+    static_assert(sizeof(ZoHashTable) == 52 && sizeof(ZoHashPosition) == 20);
+    static_assert(sizeof(ZoHashIterator) == 8);
     static_assert(sizeof(ZoTLSItem) == 20 && sizeof(ZoRWRecord) == 12);
 #endif
 }
@@ -181,6 +207,25 @@ TEST(Layout, VirtualFunctionsHaveTheirSlots) {
     EXPECT_EQ(SlotOf(static_cast<smp_io& (smp_io::*)(smp_io&)>(&smp_io::flush)), 16U);
     EXPECT_EQ(SlotOf(&ZoTransactionContext::GetID), 2U);
     EXPECT_EQ(SlotOf(&ZoTransactionContext::cast2ZoTransactionResource), 3U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::CreateHashEntry), 0U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::CreateHashEntryX), 1U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::DestroyHashEntry), 2U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::ChangeHashEntry), 3U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::CloneHashEntry), 4U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::CreateHashTable), 5U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::Clone), 8U);  // behind the destructor's two
+    using ValueOfKey = void* (ZoHashTable::*)(char const*, ZoMTObj const*) const;
+    using ValueOfEntry = void* (ZoHashTable::*)(ZoHashEntry const&) const;
+    EXPECT_EQ(SlotOf(static_cast<ValueOfKey>(&ZoHashTable::GetValue)), 9U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::ChangeValue), 10U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::DeleteValue), 11U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::EmptyTable), 12U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::FirstEntry), 13U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::NextEntry), 14U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::GetKey), 15U);
+    EXPECT_EQ(SlotOf(static_cast<ValueOfEntry>(&ZoHashTable::GetValue)), 16U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::GetKeySize), 17U);
+    EXPECT_EQ(SlotOf(&ZoHashTable::AverageSearch), 18U);
     EXPECT_EQ(SlotOf(&ZoMessageService::Reserved), 0U);
     EXPECT_EQ(SlotOf(&ZoMessageService::Show), 1U);
     EXPECT_EQ(SlotOf(&ZoLog::Printf), 2U);

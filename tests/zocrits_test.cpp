@@ -99,7 +99,7 @@ TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
 }
 
 TEST_P(EitherKind, ExcludesAndCountsBackToZero) {
-    constexpr int Threads = 4, Rounds = 5000;
+    constexpr int Threads = 4, Rounds = 20000;
     long entries = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < Threads; ++t) {

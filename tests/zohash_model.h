@@ -102,7 +102,8 @@ private:
 
     char const* Key(unsigned id) const {
         if (kind.keySize == ZoHashTable::WordKeys && kind.find != ValuePointerFind) {
-            return reinterpret_cast<char const*>(std::uintptr_t{id} * 0x9E3779B1U);
+            std::uintptr_t const word = std::uintptr_t{id} * 0x9E3779B1U;
+            return reinterpret_cast<char const*>(word);  // NOLINT(performance-no-int-to-ptr)
         }
         return records[id][0].key + (kind.keySize == 5 ? 4 : 0);
     }
@@ -128,7 +129,7 @@ private:
         void* const stored = present ? found->second : nullptr;
         void* const value = Value(id);
         ZoMTObj const* const held = Byte() % 2 != 0 ? &lock : nullptr;
-        faultAt = operation >= 192 ? 1 + id % 3 : 0;
+        faultAt = operation >= 192 ? 1 + static_cast<long>(id % 3) : 0;
         faultHappened = false;
 
         switch (operation % 16) {

@@ -1,0 +1,127 @@
+#include "job.h"
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "clients.h"
+#include "database_file.h"
+#include "deadlock_ring.h"
+#include "engine.h"
+#include "host_services.h"
+#include "interrupt.h"
+#include "library_context.h"
+#include "report.h"
+#include "session.h"
+#include "unicode_data.h"
+#include "workload.h"
+
+namespace {
+
+// How many reports there are in the library's deadlock log, which it appends to.
+int ReportsInDeadlockFile() {
+    std::ifstream file("deadlock.txt");
+    int reports = 0;
+    for (std::string line; std::getline(file, line);) {
+        if (line == "******** ZOVA deadlock log ********") ++reports;
+    }
+    return reports;
+}
+
+class Job {
+public:
+    Job(Options const& options, std::vector<CharacterRecord> const& records, Outcome& outcome)
+        : options(options), records(records), kinds(KindsOf(records)), outcome(outcome) {
+        outcome.records = records.size();
+        outcome.kinds = kinds.size();
+        outcome.clients = options.ring > 0 ? options.ring : options.threads;
+    }
+
+    void Run(std::filesystem::path const& database, std::filesystem::path const& data) {
+        {
+            Sessions sessions(database, outcome.clients, options.ring == 0);
+            outcome.sharers = sessions.Sharers();
+            sessions.Of(0).store.CreateTables(kinds);
+            Workload workload(records, sessions);
+            Load(workload);
+            if (options.ring > 0) {
+                Deadlock(workload, sessions);
+            } else {
+                Work(workload);
+            }
+            outcome.interrupted = WasInterrupted();
+            outcome.complaintCount = workload.complaints.Count();
+            outcome.complaints = workload.complaints.Texts();
+            outcome.sections = TotalsOfSections();
+            TellTable(outcome, workload.counts);
+        }
+        outcome.check = CheckDatabase(database, data, outcome.passes);
+    }
+
+private:
+    void Load(Workload& workload) {
+        Passes once(records.size(), std::chrono::steady_clock::time_point::min());
+        Progress progress("loading", workload.counts);
+        RunClients(
+            outcome.clients, [&](unsigned client) { workload.Load(client, once); },
+            [&] { progress.Tell(""); });
+        progress.Tell("done, ");
+        outcome.loadTime = progress.Elapsed();
+    }
+
+    void Work(Workload& workload) {
+        Passes passes(records.size(), std::chrono::steady_clock::now() + options.work);
+        Progress progress("working", workload.counts);
+        auto const tell = [&] { progress.Tell("pass " + std::to_string(passes.Begun()) + ", "); };
+        RunClients(
+            outcome.clients, [&](unsigned client) { workload.Work(client, passes); }, tell);
+        tell();
+        outcome.workTime = progress.Elapsed();
+        outcome.passes = passes.Begun();
+    }
+
+    void Deadlock(Workload& workload, Sessions& sessions) {
+        int const reportsBefore = ReportsInDeadlockFile();
+        DeadlockRing ring(records, sessions, outcome.clients);
+        Progress progress("deadlock", workload.counts);
+        RunClients(
+            outcome.clients, [&](unsigned client) { ring.Run(client, workload.counts); },
+            [&] { progress.Tell(""); });
+        progress.Tell("resolved, ");
+        outcome.workTime = progress.Elapsed();
+        outcome.passes = 1;
+        outcome.ringFinished = ring.Finished();
+        outcome.ringRepeated = ring.Repeated();
+        outcome.deadlocksInFile = ReportsInDeadlockFile() - reportsBefore;
+    }
+
+    Options const& options;
+    std::vector<CharacterRecord> const& records;
+    Kinds const kinds;
+    Outcome& outcome;
+};
+
+}  // namespace
+
+bool RunJob(Options const& options) {
+    std::filesystem::path const data = UnicodeDataFile(options.data);
+    std::vector<CharacterRecord> const records = ReadUnicodeData(data);
+    HeedInterrupts();
+    DatabaseFile const database(options.database);
+    HostServices const services;
+    LibraryContext const context(options.detection);
+    Outcome outcome;
+    {
+        Engine const engine;
+        TellBeginning(options, data.string(),
+                      database.Path().string() + (database.IsTemporary() ? " (temporary)" : ""),
+                      records.size(), KindsOf(records).size());
+        Job(options, records, outcome).Run(database.Path(), data);
+    }
+    outcome.sectionsLeft = TotalsOfSections().alive;
+    outcome.deadlocks = services.Deadlocks();
+    outcome.falseAlarms = services.FalseAlarms();
+    outcome.assertions = ZoAssertCount();
+    return TellWhatWasSeen(outcome, options.detection);
+}

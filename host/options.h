@@ -1,0 +1,22 @@
+// The command line of zohost.
+
+#ifndef KELVARA_HOST_OPTIONS_H_
+#define KELVARA_HOST_OPTIONS_H_
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+
+struct Options {
+    unsigned threads = 4;
+    std::chrono::seconds work{5};  // how long the clients work on the loaded records
+    bool detection = true;
+    std::filesystem::path data = "/usr/share/unicode/UnicodeData.txt";
+    std::filesystem::path database;  // empty: a temporary one
+    unsigned ring = 0;               // clients of the deadlock demonstration; 0: the ordinary run
+};
+
+// Nothing when the command line asked for help, which has been printed. Throws InputError.
+std::optional<Options> ParseOptions(int count, char** words);
+
+#endif  // KELVARA_HOST_OPTIONS_H_

@@ -1,0 +1,168 @@
+#include "report.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "engine.h"
+
+namespace {
+
+double Rate(std::uint64_t count, Seconds time) {
+    return time.count() > 0 ? static_cast<double>(count) / time.count() : 0;
+}
+
+double Milliseconds(std::chrono::nanoseconds time) {
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+// "1 record", "2 records"
+std::string Number(std::uint64_t count, char const* what) {
+    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+// Collects whether anything has failed.
+class Verdict {
+public:
+    void Require(bool good, std::string const& failure) {
+        if (good) return;
+        passed = false;
+        std::printf("FAILED: %s\n", failure.c_str());
+    }
+    bool Passed() const { return passed; }
+
+private:
+    bool passed = true;
+};
+
+void TellWork(Outcome const& outcome) {
+    std::printf("%s loaded %s into %s", Number(outcome.clients, "client thread").c_str(),
+                Number(outcome.records, "record").c_str(), Number(outcome.kinds, "table").c_str());
+    if (outcome.ringRepeated.has_value()) {
+        std::printf(" and then ran into a deadlock on purpose.\n");
+        return;
+    }
+    std::printf(" and then changed each record %s.\n", Number(outcome.passes, "time").c_str());
+    if (outcome.sharers > 0) {
+        std::printf("%u of them shared one connection, %u had their own.\n", outcome.sharers,
+                    outcome.clients - outcome.sharers);
+    }
+    if (outcome.interrupted) std::printf("A signal ended the run early, at the end of a pass.\n");
+}
+
+void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
+    if (!detection) {
+        std::printf("Every lock of SQLite was a plain section; deadlocks were not looked for.\n");
+        return;
+    }
+    std::printf("Every lock of SQLite was a deadlock-detecting section.\n");
+    if (!outcome.ringRepeated.has_value()) {
+        verdict.Require(
+            outcome.deadlocks == 0,
+            std::to_string(outcome.deadlocks) + " deadlocks were reported where none should be");
+        if (outcome.deadlocks == 0) std::printf("No deadlock was reported.\n");
+        return;
+    }
+    bool const once = outcome.deadlocks == 1 && outcome.deadlocksInFile == 1;
+    verdict.Require(once, "the ring was reported " + std::to_string(outcome.deadlocks) +
+                              " times, and deadlock.txt has " +
+                              std::to_string(outcome.deadlocksInFile) +
+                              " new reports; there should be one");
+    if (once) {
+        std::printf(
+            "The ring of %u sections was reported exactly once, before the last client waited; the "
+            "report is in deadlock.txt.\n",
+            outcome.clients);
+    }
+    bool const resolved = outcome.falseAlarms == 1 && *outcome.ringRepeated == 1;
+    verdict.Require(resolved, std::to_string(*outcome.ringRepeated) + " clients gave way and " +
+                                  std::to_string(outcome.falseAlarms) +
+                                  " waits ended after all; there should be one of each");
+    if (resolved) {
+        std::printf(
+            "One client gave way, so its wait ended after all (the library calls that a false "
+            "alarm); it rolled back and did its work again.\n");
+    }
+    verdict.Require(outcome.ringFinished == outcome.clients,
+                    "only " + std::to_string(outcome.ringFinished) + " transactions finished");
+    if (outcome.ringFinished == outcome.clients) {
+        std::printf("All %u transactions finished.\n", outcome.clients);
+    }
+}
+
+void TellCheck(CheckResult const& check, Verdict& verdict) {
+    for (std::string const& problem : check.problems) verdict.Require(false, problem);
+    if (!check.Passed()) {
+        std::printf(
+            "The database differs from what one thread makes of the same file: digest "
+            "%016" PRIx64 " instead of %016" PRIx64 ".\n",
+            check.digest, check.expectedDigest);
+        return;
+    }
+    std::printf(
+        "The database holds exactly what one thread makes of the same file: %zu rows in %zu "
+        "tables, digest %016" PRIx64 ", integrity check \"%s\".\n",
+        check.rows, check.tables, check.digest, check.integrity.c_str());
+}
+
+}  // namespace
+
+Progress::Progress(char const* phase, OperationCounts const& counts)
+    : phase(phase),
+      counts(counts),
+      start(std::chrono::steady_clock::now()),
+      lastTime(start),
+      before(counts.Total()),
+      lastCount(before) {}
+
+void Progress::Tell(std::string const& state) {
+    auto const now = std::chrono::steady_clock::now();
+    std::uint64_t const count = counts.Total();
+    std::printf("%s %3.0f s: %s%" PRIu64 " operations, %.0f a second\n", phase, Elapsed().count(),
+                state.c_str(), count - before, Rate(count - lastCount, now - lastTime));
+    std::fflush(stdout);
+    lastTime = now;
+    lastCount = count;
+}
+
+void TellBeginning(Options const& options, std::string const& data, std::string const& database,
+                   std::size_t records, std::size_t kinds) {
+    std::printf("SQLite %s on %s sections\n", Engine::Version().c_str(),
+                options.detection ? "deadlock-detecting" : "plain");
+    std::printf("data:     %s, %zu records of %zu kinds\n", data.c_str(), records, kinds);
+    std::printf("database: %s\n", database.c_str());
+    std::fflush(stdout);
+}
+
+void TellTable(Outcome const& outcome, OperationCounts const& counts) {
+    std::printf("\n%-17s %12s %12s\n", "operation", "number", "a second");
+    for (std::size_t i = 0; i < OperationNames.size(); ++i) {
+        auto const operation = static_cast<Operation>(i);
+        Seconds const time = operation == Operation::Load ? outcome.loadTime : outcome.workTime;
+        std::printf("%-17s %12" PRIu64 " %12.0f\n", OperationNames[i], counts.Of(operation),
+                    Rate(counts.Of(operation), time));
+    }
+    SectionTotals const& sections = outcome.sections;
+    std::printf("%-17s %12" PRIu64 " %12.0f\n", "sections entered", sections.entered,
+                Rate(sections.entered, outcome.loadTime + outcome.workTime));
+    std::printf("%-17s %9.1f ms   at \"%s\"\n", "longest wait", Milliseconds(sections.longestWait),
+                sections.longestWaitAt.c_str());
+    std::printf("%-17s %12zu\n\n", "sections alive", sections.alive);
+}
+
+bool TellWhatWasSeen(Outcome const& outcome, bool detection) {
+    Verdict verdict;
+    TellWork(outcome);
+    TellDeadlocks(outcome, detection, verdict);
+    verdict.Require(outcome.complaintCount == 0,
+                    "clients met " + std::to_string(outcome.complaintCount) +
+                        " records that were not as they should be, such as:");
+    for (std::string const& complaint : outcome.complaints) verdict.Require(false, complaint);
+    TellCheck(outcome.check, verdict);
+    verdict.Require(outcome.assertions == 0,
+                    "the library raised " + std::to_string(outcome.assertions) + " assertions");
+    verdict.Require(outcome.sectionsLeft == 0, std::to_string(outcome.sectionsLeft) +
+                                                   " sections were left after SQLite's end");
+    std::printf("%s\n", verdict.Passed() ? "All is well." : "The check FAILED.");
+    std::fflush(stdout);
+    return verdict.Passed();
+}

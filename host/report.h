@@ -1,0 +1,68 @@
+// What zohost tells its user, on standard output.
+
+#ifndef KELVARA_HOST_REPORT_H_
+#define KELVARA_HOST_REPORT_H_
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "check.h"
+#include "operations.h"
+#include "options.h"
+#include "section.h"
+
+using Seconds = std::chrono::duration<double>;
+
+// All there is to tell of a run.
+struct Outcome {
+    std::size_t records = 0;
+    std::size_t kinds = 0;
+    unsigned clients = 0;
+    unsigned sharers = 0;  // clients that shared one connection
+    unsigned passes = 0;   // over all records, after they were loaded
+    bool interrupted = false;
+    Seconds loadTime{0};
+    Seconds workTime{0};
+    std::optional<unsigned> ringRepeated;  // in the demonstration: clients that began again
+    unsigned ringFinished = 0;             // and transactions committed
+    SectionTotals sections;                // before the connections were closed
+    std::size_t sectionsLeft = 0;          // after SQLite ended
+    unsigned deadlocks = 0;                // that the library reported,
+    unsigned falseAlarms = 0;              // called off,
+    int deadlocksInFile = 0;               // and wrote to deadlock.txt
+    unsigned long assertions = 0;
+    std::uint64_t complaintCount = 0;
+    std::vector<std::string> complaints;  // the first few
+    CheckResult check;
+};
+
+// A line now and then while a phase runs.
+class Progress {
+public:
+    Progress(char const* phase, OperationCounts const& counts);
+
+    // `state` is told with the number and the rate of the operations.
+    void Tell(std::string const& state);
+    Seconds Elapsed() const { return std::chrono::steady_clock::now() - start; }
+
+private:
+    char const* phase;
+    OperationCounts const& counts;
+    std::chrono::steady_clock::time_point const start;
+    std::chrono::steady_clock::time_point lastTime;
+    std::uint64_t const before;
+    std::uint64_t lastCount;
+};
+
+void TellBeginning(Options const& options, std::string const& data, std::string const& database,
+                   std::size_t records, std::size_t kinds);
+void TellTable(Outcome const& outcome, OperationCounts const& counts);
+// In plain words; every failure is told here, each on a line that begins with "FAILED". True when
+// there was none.
+bool TellWhatWasSeen(Outcome const& outcome, bool detection);
+
+#endif  // KELVARA_HOST_REPORT_H_

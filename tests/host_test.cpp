@@ -1,0 +1,276 @@
+// zohost as its users meet it: a process with options, output, files and an exit status.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string const Capital = "0041;LATIN CAPITAL LETTER A;Lu;0;L;;;;;N;;;;0061;\n";
+std::string const Small = "0061;LATIN SMALL LETTER A;Ll;0;L;;;;;N;;;0041;;0041\n";
+std::string const TinyData = Capital + "0042;LATIN CAPITAL LETTER B;Lu;0;L;;;;;N;;;;0062;\n" +
+                             Small +
+                             "0031;DIGIT ONE;Nd;0;EN;;1;1;1;N;;;;;\n"
+                             "3400;<CJK Ideograph Extension A, First>;Lo;0;L;;;;;N;;;;;\n"
+                             "4DBF;<CJK Ideograph Extension A, Last>;Lo;0;L;;;;;N;;;;;\n";
+
+std::string Contents(fs::path const& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+std::size_t Count(std::string const& text, std::string const& part) {
+    std::size_t count = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
+    return count;
+}
+
+class HostTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string name = testing::TempDir() + "host_test-XXXXXX";
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        folder = name;
+        fs::create_directory(folder / "tmp");
+        Write("UnicodeData.txt", TinyData);
+        setenv("TMPDIR", (folder / "tmp").c_str(), 1);
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(fs::is_empty(folder / "tmp")) << "temporary files were left behind";
+        unsetenv("ZOVA_CONFIG");
+        fs::remove_all(folder);
+    }
+
+    void Write(char const* name, std::string const& text) const {
+        std::ofstream(folder / name, std::ios::binary) << text;
+    }
+
+    pid_t Start(std::vector<std::string> words) const {
+        words.insert(words.begin(), "zohost");
+        std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
+        for (std::string& word : words) arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        pid_t const child = fork();
+        if (child != 0) return child;
+        // A run that hangs ends with a failure, and none outlives the test.
+        alarm(60);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        bool const there = chdir(folder.c_str()) == 0;
+        for (auto const& [name, number] : {std::pair{"out", 1}, std::pair{"err", 2}}) {
+            dup2(open(name, O_CREAT | O_TRUNC | O_WRONLY, 0600), number);
+        }
+        if (there) execv(ZOHOST, arguments.data());
+        _exit(126);
+    }
+
+    // The exit status; what was printed is in `out` and `err` then.
+    int Finish(pid_t child) {
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        out = Contents(folder / "out");
+        err = Contents(folder / "err");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    int Run(std::vector<std::string> const& words) { return Finish(Start(words)); }
+
+    // What it says is one line on standard error and nothing else.
+    void ExpectRefusal(std::vector<std::string> const& words, std::string const& text) {
+        EXPECT_EQ(Run(words), 2) << text;
+        EXPECT_EQ(Count(err, "\n"), 1U) << err;
+        EXPECT_NE(err.find(text), std::string::npos) << err;
+        EXPECT_EQ(out, "");
+    }
+
+    void ExpectSaid(std::string const& where, std::string const& text) const {
+        EXPECT_NE(where.find(text), std::string::npos) << '"' << text << "\" is not in:\n" << where;
+    }
+
+    // Executes `sql` on the kept database; the first number it yields, or -1.
+    int Sql(char const* sql) const {
+        sqlite3* database = nullptr;
+        int number = -1;
+        auto const take = [](void* result, int, char** values, char**) {
+            *static_cast<int*>(result) = std::atoi(values[0]);
+            return 0;
+        };
+        fs::path const file = folder / "kept.db";
+        if (sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+            sqlite3_busy_timeout(database, 60000);
+            sqlite3_exec(database, sql, take, &number, nullptr);
+        }
+        sqlite3_close(database);
+        return number;
+    }
+
+    // Whether a child that has not been finished has not ended either.
+    static bool Running(pid_t child) {
+        siginfo_t ended{};
+        return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               ended.si_pid == 0;
+    }
+
+    static void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
+
+    // Starts a run that goes on until it is told to stop, and waits until it is at work.
+    pid_t StartEndless() const {
+        pid_t const child = Start({"--data=.", "--database=kept.db", "--seconds=600"});
+        while (Running(child) && (!fs::exists(folder / "kept.db-shm") ||
+                                  Sql("SELECT count(*) FROM kind_Lu WHERE revision > 0") < 1)) {
+            Pause();
+        }
+        return child;
+    }
+
+    fs::path folder;
+    std::string out;
+    std::string err;
+};
+
+TEST_F(HostTest, WorksAndChecks) {
+    for (std::vector<std::string> const& more :
+         std::vector<std::vector<std::string>>{{"--threads=1"},
+                                               {"--threads=2", "--seconds=1"},
+                                               {"--threads=7"},
+                                               {"--no-detection"}}) {
+        std::vector<std::string> words{"--data=.", "--seconds=0"};
+        if (more.size() > 1) words.pop_back();
+        words.insert(words.end(), more.begin(), more.end());
+        EXPECT_EQ(Run(words), 0) << err;
+        EXPECT_EQ(err, "");
+        ExpectSaid(out, "6 rows in 4 tables");
+        ExpectSaid(out, "All is well.");
+    }
+    EXPECT_FALSE(fs::exists(folder / "deadlock.txt"));
+}
+
+TEST_F(HostTest, RefusesWrongOptions) {
+    ExpectRefusal({"--bogus"}, "--bogus");
+    ExpectRefusal({"--threads=0"}, "--threads");
+    ExpectRefusal({"--seconds=soon"}, "--seconds");
+    ExpectRefusal({"--deadlock", "1"}, "--deadlock");
+    ExpectRefusal({"--deadlock=3x"}, "--deadlock");
+    ExpectRefusal({"--deadlock", "--no-detection"}, "--no-detection");
+    ExpectRefusal({"--data=nowhere"}, "nowhere: there is no such data file");
+    ExpectRefusal({"--data=/dev/null"}, "/dev/null: the data file is not a regular file");
+    ExpectRefusal({"--data=.", "--database=nowhere/kept.db"}, "nowhere/kept.db: ");
+    EXPECT_EQ(Run({"--help"}), 0);
+    ExpectSaid(out, "--deadlock [N]");
+}
+
+TEST_F(HostTest, NamesTheLineOfMalformedData) {
+    struct {
+        std::string data;
+        char const* message;
+    } const cases[] = {
+        {"", ":1: the data file has no records"},
+        {Capital + "0042;LATIN CAPITAL LETTER B;Lu\n", ":2: the line has 3 fields"},
+        {Capital + "\n", ":2: the line has 1 fields"},
+        {Capital + Small.substr(0, Small.size() - 1) + ";\n", ":2: the line has 16 fields"},
+        {Capital + Small + Capital, ":3: the line repeats the code point of line 1"},
+        {Capital + "00G1" + Small.substr(4), ":2: the line has the code point \"00G1\""},
+        {Capital + "110000" + Small.substr(4), ":2: the line has the code point \"110000\""},
+        {Capital + "-041" + Small.substr(4), ":2: the line has the code point \"-041\""},
+        {"0041;A;LU;0;L;;;;;N;;;;0061;\n", ":1: the line has the general category \"LU\""},
+        {"0041;A;Lu;0;L;;;;;M;;;;0061;\n", ":1: the line has the mirrored mark \"M\""},
+        {"0041;A;Lu;999;L;;;;;N;;;;0061;\n", ":1: the line has the combining class \"999\""},
+        {Capital.substr(0, 6) + '\0' + Capital.substr(6), ":1: the line has a NUL byte"},
+        {Capital.substr(0, Capital.size() - 1) + "\r\n", ":1: the line has a carriage return"},
+        {Capital + Small.substr(0, Small.size() - 1), ":2: the line has no end"},
+    };
+    for (auto const& [data, message] : cases) {
+        Write("bad.txt", data);
+        ExpectRefusal({"--data=bad.txt"}, std::string("bad.txt") + message);
+    }
+}
+
+TEST_F(HostTest, KeepsANamedDatabaseAndNeverOverwritesIt) {
+    Write("kept.db", "");
+    EXPECT_EQ(Run({"--data=.", "--database=kept.db", "--seconds=0"}), 0) << err;
+    EXPECT_EQ(Sql("SELECT sum(revision) FROM kind_Lo"), 2);
+    EXPECT_FALSE(fs::exists(folder / "kept.db-wal"));
+    std::string const before = Contents(folder / "kept.db");
+    ExpectRefusal({"--data=.", "--database=kept.db"}, "kept.db: the file is not empty");
+    EXPECT_EQ(Contents(folder / "kept.db"), before);
+}
+
+TEST_F(HostTest, ResolvesADeadlock) {
+    std::size_t reports = 0;
+    for (std::size_t const clients : {2U, 5U, 3U}) {
+        std::string const n = std::to_string(clients);
+        EXPECT_EQ(Run({"--data=.", "--deadlock", n}), 0) << out << err;
+        ExpectSaid(out, "The ring of " + n + " sections was reported exactly once");
+        ExpectSaid(out, "All " + n + " transactions finished");
+        ExpectSaid(out, "6 rows in 4 tables");
+        EXPECT_EQ(Count(err, " wants critical section records of client "), 1U) << err;
+        EXPECT_EQ(Count(err, " owned by thread "), clients) << err;
+        ExpectSaid(err, "log, level 4: Deadlock detected.");
+        ExpectSaid(err, "log, level 3: Deadlock: false alarm.");
+        EXPECT_EQ(Count(Contents(folder / "deadlock.txt"), "* ZOVA deadlock log *"), ++reports);
+    }
+    // Who switches the console off has the report in the file only.
+    Write("quiet.ini", "[debug]\nZOVAConsole = 0\n");
+    setenv("ZOVA_CONFIG", "quiet.ini", 1);
+    EXPECT_EQ(Run({"--data=.", "--deadlock"}), 0) << out << err;
+    EXPECT_EQ(Count(err, " wants critical section "), 0U) << err;
+    // A report that cannot be written is missed.
+    fs::remove(folder / "deadlock.txt");
+    fs::create_directory(folder / "deadlock.txt");
+    EXPECT_EQ(Run({"--data=.", "--deadlock"}), 1);
+    ExpectSaid(out, "FAILED: the ring was reported 1 times, and deadlock.txt has 0 new reports");
+}
+
+TEST_F(HostTest, EndsInOrderWhenInterrupted) {
+    pid_t const child = StartEndless();
+    kill(child, SIGTERM);
+    EXPECT_EQ(Finish(child), 0) << out << err;
+    ExpectSaid(out, "A signal ended the run early");
+    ExpectSaid(out, "All is well.");
+}
+
+TEST_F(HostTest, NoticesADamagedDatabase) {
+    pid_t const child = StartEndless();
+    Sql("BEGIN IMMEDIATE;"
+        "UPDATE kind_Lu SET comment = 'damaged' WHERE code = 0x42;"
+        "UPDATE kind_Nd SET revision = revision + 1;"
+        "DELETE FROM kind_Lo WHERE code = 0x4DBF;"
+        "INSERT INTO kind_Ll SELECT 0x62, name, combining, bidi, decomposition, decimal, digit, "
+        "numeric, mirrored, oldName, comment, upper, lower, title, revision FROM kind_Ll;"
+        "CREATE TABLE stray (number INTEGER);"
+        "COMMIT");
+    // A client must have come across it, too.
+    char const* const revision = "SELECT revision FROM kind_Lu WHERE code = 0x42";
+    int const damaged = Sql(revision);
+    while (Running(child) && Sql(revision) < damaged + 2) Pause();
+    kill(child, SIGINT);
+    EXPECT_EQ(Finish(child), 1) << out << err;
+    ExpectSaid(out, "FAILED: U+0042 is not what was stored");
+    ExpectSaid(out, "FAILED: table kind_Lu: U+0042 is \"U+0042;LATIN CAPITAL LETTER B;Lu;");
+    ExpectSaid(out, "FAILED: table kind_Nd: U+0031 is \"");
+    ExpectSaid(out, "FAILED: table kind_Lo: U+4DBF is missing");
+    ExpectSaid(out, "FAILED: table kind_Lo has 1 rows instead of 2");
+    ExpectSaid(out, "FAILED: table kind_Ll: U+0062 is too many");
+    ExpectSaid(out, "FAILED: there is a table stray too many");
+    ExpectSaid(out, "FAILED: the digest of all contents differs");
+}
+
+}  // namespace
