@@ -134,6 +134,7 @@ public:
 
 private:
     friend class WaitForGraph;
+    friend void UnchainSection(ZoCritSect* section);
 
     ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 

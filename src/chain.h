@@ -10,6 +10,10 @@
 // fscs. Taking out an object that is not chained changes nothing.
 void HandleChaining(ZoSynchroObj* object, int insert);
 
+// Takes `section` out of the chain, and with a detecting section the one it wraps: for a lock that
+// is in the chain itself and releases its inner section as part of its own release.
+void UnchainSection(ZoCritSect* section);
+
 // Takes `object` out if chaining is on: the first act of every destructor that has something to
 // destroy, so that no walk of the chain meets an object half gone.
 inline void LeaveChain(ZoSynchroObj* object) {

@@ -229,6 +229,13 @@ ZoDLDCritSect::~ZoDLDCritSect() {
     delete wrapped;
 }
 
+void UnchainSection(ZoCritSect* section) {
+    if (auto* const detecting = dynamic_cast<ZoDLDCritSect*>(section)) {
+        HandleChaining(detecting->wrapped, 0);
+    }
+    HandleChaining(section, 0);
+}
+
 int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {
     return WaitForGraph::LeadsTo(WaitForGraph::OwnerOf(this), me) ? 1 : 0;
 }

@@ -1,0 +1,121 @@
+// Reader/writer mutex: many threads read at once, one writes alone, and every thread may take it
+// again and again in either mode.
+//
+//     ZoRW_Mutex* plan = ZoRW_Mutex::Make(nullptr);
+//     plan->StartRW(0, 4294967295);     // 0 reads, anything else writes
+//     …                                 // may start again, in either mode
+//     plan->EndRW(0);                   // one end for each start, same mode, same thread
+//     delete plan;
+//
+// States of a mutex:
+//
+//     state           exclusive section   reading threads   a first read   a first write
+//     free            free                0                 enters         enters
+//     read            free                n ≥ 1             enters         makes it write pending
+//     write pending   the writer's        n ≥ 1, falling    waits          waits
+//     written         the writer's        0                 waits          waits
+//
+// Writers are preferred: while one waits for the readers to leave, nobody begins to read. A thread
+// that holds the mutex already never waits for another read, even then, and such a read takes no
+// lock.
+//
+// What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
+// at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two
+// orders are reported, because they are seldom meant:
+//
+//     implicit propagation   a thread that only reads asks to write
+//     implicit lowering      a thread ends its last write and still reads
+//
+// A thread that asks to write gives its read up while it waits: two readers that both ask are
+// admitted one after the other, and what a thread has read before it must read again, since another
+// writer may have been there first. A thread that lowers is a reader like any other from then on,
+// without a moment in which a writer could come between.
+//
+// Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
+// it. The reports call the base library's log, message and assertion services and the debug
+// listeners on the calling thread, the lowering report with the write still held; these must not
+// start or end anything on the same mutex. A thread that is cancelled during a report is cancelled
+// only after it; one that is cancelled while it waits to write holds afterwards what it held before
+// it asked, so its clean-up handlers end the levels it had.
+
+#ifndef KELVARA_INCLUDE_RW_MUTEX_H_
+#define KELVARA_INCLUDE_RW_MUTEX_H_
+
+#include <atomic>
+
+#include "zosyncob.h"
+#include "zotypes.h"
+
+class ChainLock;
+class Condition;
+class ZoCritSect;
+
+// The interface, with harmless defaults: it accepts every call and locks nothing.
+class ZO_API ZoRW_Mutex : public ZoSynchroObj {
+public:
+    // A new ZoGenRW_Mutex, owned by the caller and deleted through this base; null when memory for
+    // it or one of its parts ran out. A `result` that is not null receives 0, or -1 with null.
+    static ZoRW_Mutex* Make(int* result);
+
+    ZoRW_Mutex();
+    ~ZoRW_Mutex() override;
+
+    void ForceRelease() override;
+    virtual int StartRW(int mode, unsigned long timeout);
+    virtual int EndRW(int mode);
+    // Writes one line, at most `size` bytes, the terminating NUL included. A null buffer is left
+    // alone. The numbers are a snapshot.
+    virtual void GetInfo(char* buffer, int size);
+
+protected:
+    ZO_INTERNAL explicit ZoRW_Mutex(ChainLock const& held);
+};
+
+// The mutex that locks.
+class ZO_API ZoGenRW_Mutex : public ZoRW_Mutex {
+public:
+    // For Make, which also tells when a part could not be made; such a mutex is good for nothing
+    // but its destruction.
+    ZoGenRW_Mutex();
+    ~ZoGenRW_Mutex() override;
+
+    // Ends every level that the calling thread holds, reads first, so nothing is reported.
+    void ForceRelease() override;
+    // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0, or
+    // -2030 with an assertion and nothing entered when the thread's record could not be made.
+    int StartRW(int mode, unsigned long timeout) override;
+    // Leaves one level. Returns 0; -1 with an assertion and nothing changed when the thread holds
+    // no level of that mode; -2030 with an assertion when the thread's record could not be made.
+    int EndRW(int mode) override;
+    void GetInfo(char* buffer, int size) override;
+
+private:
+    friend class ZoRW_Mutex;
+
+    ZO_INTERNAL ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
+
+    ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
+
+    ZO_INTERNAL void StartRead(ZoUInt32& holdings);
+    ZO_INTERNAL void StartWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void EndRead(ZoUInt32& holdings);
+    ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void AdmitReader();
+    ZO_INTERNAL void AdmitWriter(bool alreadyReads);
+    ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
+    ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
+
+    // Its value is the number of threads that are counted as readers; owned, never chained.
+    Condition* readers;
+    // The writer's, from its admission to the end of its last write; owned, never chained.
+    ZoCritSect* exclusive;
+    // The writer's depth and identity, 0 and null when there is none. Changed by the thread that
+    // holds the exclusive section only; atomic because GetInfo reads them from any thread.
+    std::atomic<ZoInt32> WriterLevel;
+    std::atomic<void*> owner;
+    // How many threads are trying to get in. For GetInfo only.
+    std::atomic<ZoInt32> waitingReaders;
+    std::atomic<ZoInt32> waitingWriters;
+};
+
+#endif  // KELVARA_INCLUDE_RW_MUTEX_H_

@@ -1,0 +1,343 @@
+#include "rw_mutex.h"
+
+#include <cstddef>
+#include <cstdio>
+#include <new>
+
+#include "cancellation.h"
+#include "chain.h"
+#include "condition_value.h"
+#include "trace.h"
+#include "zobase.h"
+#include "zocond.h"
+#include "zocrits.h"
+#include "zotls.h"
+
+// Who is counted as a reader.
+//
+// A thread's own record says so, between any two operations of that thread: a thread is counted,
+// once, exactly when its record has a read depth and no write depth. Every change of the record
+// that turns this one way or the other changes the count with it:
+//
+//     operation                  record (reads, writes)   count
+//     first read                 (0, 0) → (1, 0)          + 1
+//     last read, not writing     (1, 0) → (0, 0)          - 1
+//     write asked by a reader    (r, 0) → (r, 1)          - 1, before it waits
+//     last write, still reads    (r, 1) → (r, 0)          + 1, before it leaves the section
+//     anything else                                       unchanged
+//
+// So the levels may end in any order, and no state is needed beside the record.
+//
+// The count rises only in the hands of a thread that holds the exclusive section: a first reader in
+// its moment there, a writer that lowers, a writer whose wait is cancelled and that is a reader
+// again. A writer that holds the section therefore sees the count fall but never rise by another
+// hand, and a count of zero stays zero until the writer itself changes it.
+//
+// Every wait ends: a thread that waits for the section is not counted, so the writer that holds the
+// section waits for running threads only; a counted thread runs until it ends its reads or asks to
+// write, and both take it off the count.
+
+namespace {
+
+// The value as the number of counted readers: a set lets one leave, a clear lets one in, and the
+// wait, a writer's, lasts until none is left.
+class ReaderCounter final : public ConditionLogic {
+public:
+    void SafeSet(int* value) override { StoreValue(value, LoadValue(value) - 1); }
+    void SafeClear(int* value) override { StoreValue(value, LoadValue(value) + 1); }
+    int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
+};
+
+// Stateless, so one serves every mutex. Complete before any code of the program runs.
+constinit ReaderCounter readerLogic;
+
+// The parts of a record.
+constexpr ZoUInt32 OneRead = 1;
+constexpr ZoUInt32 OneWrite = 0x10000;
+
+constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
+    return holdings % OneWrite;
+}
+
+constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
+    return holdings / OneWrite;
+}
+
+void Assert(char const* text, int line) {
+    CancellationDeferred deferred;
+    ZOVA_assert(text, "src/rw_mutex", line);
+}
+
+// Counts the calling thread as waiting for a scope.
+class WaitingHere {
+public:
+    explicit WaitingHere(std::atomic<ZoInt32>& count) : count(count) {
+        count.fetch_add(1, std::memory_order_relaxed);
+    }
+    WaitingHere(WaitingHere const&) = delete;
+    WaitingHere& operator=(WaitingHere const&) = delete;
+    ~WaitingHere() { count.fetch_sub(1, std::memory_order_relaxed); }
+
+private:
+    std::atomic<ZoInt32>& count;
+};
+
+// A writer's hold of the exclusive section until it is admitted. A thread that is cancelled before
+// leaves the section and, if it gave its read up to get here, is a counted reader again.
+class PendingWrite {
+public:
+    PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
+        : exclusive(exclusive), readers(readers), gaveUpRead(gaveUpRead) {
+        exclusive.Begin();
+    }
+    PendingWrite(PendingWrite const&) = delete;
+    PendingWrite& operator=(PendingWrite const&) = delete;
+    ~PendingWrite() {
+        if (admitted) return;
+        if (gaveUpRead) readers.ClearCondition();
+        exclusive.Exit();
+    }
+
+    void WaitForReaders() {
+        readers.WaitForCondition(0, ZoNoLimit);
+        admitted = true;
+    }
+
+private:
+    ZoCritSect& exclusive;
+    Condition& readers;
+    bool const gaveUpRead;
+    bool admitted = false;
+};
+
+// --- the reports -------------------------------------------------------------------------------
+
+void ReportPropagation() {
+    CancellationDeferred deferred;
+    static constexpr char text[] = "Implicit propagation reader -> writer.";
+    ZoSystemLog()->Printf(4, text);
+    unsigned int const answer =
+        ZoMessage()->Show(0, ZoStyleQuestion, "%s\n(CANCEL to debug)", text);
+    if (answer == ZoAnswerDebug || answer == ZoAnswerAbort) {
+        Assert(
+            "\"Kelvara RW_Mutex: IMPLICIT PROPAGATION READER->WRITER! Please call technical "
+            "support. Save the stack trace.\" && 0",
+            259);
+    }
+}
+
+void ReportLowering() {
+    CancellationDeferred deferred;
+    unsigned int const answer =
+        ZoMessage()->Show(0, ZoStyleNotice, "Implicit lowering writer -> reader.");
+    if (answer == ZoAnswerAbort) {
+        Trace(0x10000, "Kelvara RW_Mutex: IMPLICIT LOWERING WRITER->READER");
+    }
+}
+
+// --- making ------------------------------------------------------------------------------------
+
+// The parts leave the chain at once: a walk of the chain reaches them through the mutex only.
+ZoCritSect* MakeExclusive() {
+    ZoCritSect* const section = ZoCritSect::Make("RW_Exclusive");
+    if (section != nullptr) UnchainSection(section);
+    return section;
+}
+
+Condition* MakeReaders() {
+    Condition* const condition = Condition::MakeCondition("RW_Readers");
+    if (condition == nullptr) return nullptr;
+    HandleChaining(condition, 0);
+    condition->logic = &readerLogic;
+    condition->value = 0;
+    return condition;
+}
+
+}  // namespace
+
+ZoRW_Mutex* ZoRW_Mutex::Make(int* result) {
+    ZoGenRW_Mutex* mutex = new (std::nothrow) ZoGenRW_Mutex;
+    if (mutex != nullptr && !mutex->IsComplete()) {
+        delete mutex;
+        mutex = nullptr;
+    }
+    if (result != nullptr) *result = mutex != nullptr ? ZoSuccess : ZoRefused;
+    return mutex;
+}
+
+// --- the mutex that locks nothing --------------------------------------------------------------
+
+ZoRW_Mutex::ZoRW_Mutex() : ZoRW_Mutex(ChainLock()) {}
+
+ZoRW_Mutex::ZoRW_Mutex(ChainLock const&) : ZoSynchroObj("RW_Mutex") {}
+
+ZoRW_Mutex::~ZoRW_Mutex() {
+    LeaveChain(this);
+}
+
+void ZoRW_Mutex::ForceRelease() {}
+
+int ZoRW_Mutex::StartRW(int, unsigned long) {
+    return ZoSuccess;
+}
+
+int ZoRW_Mutex::EndRW(int) {
+    return ZoSuccess;
+}
+
+void ZoRW_Mutex::GetInfo(char* buffer, int size) {
+    if (buffer == nullptr || size <= 0) return;
+    std::snprintf(buffer, static_cast<std::size_t>(size), "Owner:??; Wx:??; Rx:??");
+}
+
+// --- the mutex that locks ----------------------------------------------------------------------
+
+// The braces evaluate from left to right: the parts are made before the chain is locked, because
+// making a section may ask the host's configuration.
+ZoGenRW_Mutex::ZoGenRW_Mutex() : ZoGenRW_Mutex{MakeExclusive(), MakeReaders(), ChainLock()} {}
+
+ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held)
+    : ZoRW_Mutex(held),
+      readers(readers),
+      exclusive(exclusive),
+      WriterLevel(0),
+      owner(nullptr),
+      waitingReaders(0),
+      waitingWriters(0) {}
+
+ZoGenRW_Mutex::~ZoGenRW_Mutex() {
+    LeaveChain(this);
+    delete exclusive;
+    delete readers;
+    WriterLevel.store(0, std::memory_order_relaxed);
+    owner.store(nullptr, std::memory_order_relaxed);
+}
+
+int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
+    ZoUInt32* const holdings = ZoTLSReaderWriterRecord(this);
+    if (holdings == nullptr) {
+        Assert("holdings != 0", 236);
+        return ZoOutOfMemory;
+    }
+    if (mode == 0) {
+        StartRead(*holdings);
+    } else {
+        StartWrite(*holdings);
+    }
+    return ZoSuccess;
+}
+
+int ZoGenRW_Mutex::EndRW(int mode) {
+    ZoUInt32* const holdings = ZoTLSReaderWriterRecord(this);
+    if (holdings == nullptr) {
+        Assert("holdings != 0", 286);
+        return ZoOutOfMemory;
+    }
+    ZoUInt32 const depth = mode == 0 ? ReadDepth(*holdings) : WriteDepth(*holdings);
+    if (depth == 0) {
+        if (*holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+        Assert("depth != 0", 291);
+        return ZoRefused;
+    }
+    // From here on the mutex may be left to another thread, which may destroy it: its address still
+    // serves as the key of the record, and nothing else of it is used.
+    if (mode == 0) {
+        EndRead(*holdings);
+    } else {
+        EndWrite(*holdings);
+    }
+    if (*holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+    return ZoSuccess;
+}
+
+void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
+    if (holdings == 0) AdmitReader();
+    holdings += OneRead;
+}
+
+void ZoGenRW_Mutex::AdmitReader() {
+    {
+        WaitingHere waiting(waitingReaders);
+        exclusive->Begin();
+    }
+    readers->ClearCondition();
+    exclusive->Exit();
+}
+
+void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings) {
+    ZoUInt32 const depth = WriteDepth(holdings);
+    if (depth == 0) {
+        void* const identity = ZoTLS::GetThreadLocalStorage()->threadIdentity;
+        bool const alreadyReads = holdings != 0;
+        if (alreadyReads) ReportPropagation();
+        AdmitWriter(alreadyReads);
+        owner.store(identity, std::memory_order_relaxed);
+    }
+    CheckWriterLevel(depth, 271);
+    holdings += OneWrite;
+    AddToWriterLevel(1);
+}
+
+void ZoGenRW_Mutex::AdmitWriter(bool alreadyReads) {
+    // Off the count before the wait for the section: its holder may be waiting for this very read.
+    if (alreadyReads) readers->SetCondition();
+    WaitingHere waiting(waitingWriters);
+    PendingWrite pending(*exclusive, *readers, alreadyReads);
+    pending.WaitForReaders();
+}
+
+void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
+    ZoUInt32 const left = holdings - OneRead;
+    if (left == 0) readers->SetCondition();
+    holdings = left;
+}
+
+void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
+    ZoUInt32 const left = holdings - OneWrite;
+    AddToWriterLevel(-1);
+    CheckWriterLevel(WriteDepth(left), 307);
+    if (WriteDepth(left) == 0) {
+        if (left != 0) {
+            ReportLowering();
+            readers->ClearCondition();
+        }
+        owner.store(nullptr, std::memory_order_relaxed);
+        exclusive->Exit();
+    }
+    holdings = left;
+}
+
+// Called by the thread that holds the exclusive section, which orders all changes: relaxed order is
+// enough, and a load and a store are not torn apart by another thread's.
+void ZoGenRW_Mutex::AddToWriterLevel(ZoInt32 change) {
+    WriterLevel.store(WriterLevel.load(std::memory_order_relaxed) + change,
+                      std::memory_order_relaxed);
+}
+
+void ZoGenRW_Mutex::CheckWriterLevel(ZoUInt32 writeDepth, int line) const {
+    if (WriterLevel.load(std::memory_order_relaxed) == static_cast<ZoInt32>(writeDepth)) return;
+    Assert("this->WriterLevel == (long)ThreadWriterRecLevel", line);
+}
+
+void ZoGenRW_Mutex::ForceRelease() {
+    ZoUInt32* const record = ZoTLSReaderWriterRecord(this);
+    if (record == nullptr) return;  // a thread that holds something has its record
+    ZoUInt32 const holdings = *record;
+    if (holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+    for (ZoUInt32 level = ReadDepth(holdings); level != 0; --level) EndRW(0);
+    for (ZoUInt32 level = WriteDepth(holdings); level != 0; --level) EndRW(1);
+}
+
+void ZoGenRW_Mutex::GetInfo(char* buffer, int size) {
+    if (buffer == nullptr || size <= 0) return;
+    char readersText[256];
+    char exclusiveText[256];
+    readers->GetInfo(readersText, sizeof readersText);
+    exclusive->GetInfo(exclusiveText, sizeof exclusiveText);
+    std::snprintf(buffer, static_cast<std::size_t>(size),
+                  "Owner:%p; Wx:#%ld; Rx:%s; Cond:%s, wait_rd #%ld, wait_wr #%ld",
+                  owner.load(std::memory_order_relaxed),
+                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), readersText,
+                  exclusiveText, static_cast<long>(waitingReaders.load(std::memory_order_relaxed)),
+                  static_cast<long>(waitingWriters.load(std::memory_order_relaxed)));
+}

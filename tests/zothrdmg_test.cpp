@@ -1,0 +1,294 @@
+// The thread manager: what each bracket takes at each level, the table of sections, the status
+// report to the byte.
+
+#include "zothrdmg.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
+
+#include "alloc_fault.h"
+#include "services.h"
+#include "watchdog.h"
+#include "zotls.h"
+
+using namespace zotest;
+
+namespace {
+
+constexpr unsigned long ServerWriter = 25;
+
+// Slot and name, in the order of the report.
+std::pair<int, char const*> const Table[] = {
+    {0, "ZoCSRootObject"},  {1, "ZoCSLoadCD"},         {2, "ZoCSCallbackMgr"},
+    {3, "ZoCSCrypt"},       {4, "ZoCSBuildQTree"},     {5, "ZoCSLBucketLists"},
+    {6, "ZoCSReg"},         {7, "ZoCSLBucketIndex"},   {8, "ZoCSBufferColl"},
+    {9, "ZoCSObjMgr"},      {10, "ZoCSOnDemand"},      {11, "ZoCSZoMgr"},
+    {12, "ZoCSZoObject"},   {13, "ZoCSAdmin"},         {14, "ZoCSDefaults"},
+    {17, "ZoCSBucketMap"},  {18, "ZoCSCompareObject"}, {19, "ZoCSOql"},
+    {20, "ZoCSTransIDX"},   {21, "ZoCSAccessPaths"},   {22, "ZoCSBaseInternals"},
+    {23, "ZoCSCallbackID"}, {24, "ZoCSZoBaseLists"},   {25, "ZoCSServerWriter"},
+};
+
+class ThreadMgr : public testing::Test {
+protected:
+    std::string Status(ZoThreadMgr& manager) {
+        context.console->text.clear();
+        manager.PrintStatus();
+        return context.console->text;
+    }
+    // "w" the writer's depth, "r" the counted readers, "s" how often ZoCSServerWriter is entered.
+    std::string State(ZoThreadMgr& manager) {
+        std::string const status = Status(manager);
+        std::string state;
+        for (auto const& [letter, key] : {std::pair{"w", "Wx:#"},
+                                          {" r", "cond-val: "},
+                                          {" s", "ZoCSServerWriter: owning count: "}}) {
+            std::size_t const at = status.find(key);
+            if (at == std::string::npos) continue;
+            state += letter + std::to_string(std::atoi(&status[at + std::strlen(key)]));
+        }
+        return state;
+    }
+
+    Watchdog watchdog;
+    Services services;
+    Context context{false};
+};
+
+using Step = std::function<void(ZoThreadMgr&)>;
+
+// A tour through the brackets, with the state after each: at levels from OneCS + 1 on, and from
+// LessExclusiveCommit on. At the others nothing changes.
+struct Stop {
+    Step step;
+    char const* mutexOnly;
+    char const* serialised;
+};
+Stop const Tour[] = {
+    {[](auto& m) { m.BeginReader("t"); }, "w0 r1 s0", "w0 r1 s0"},
+    {[](auto& m) { m.EndReader("t"); }, "w0 r0 s0", "w0 r0 s0"},
+    {[](auto& m) { m.BeginWriter("t", 0); }, "w1 r0 s0", "w1 r0 s1"},
+    {[](auto& m) { m.EndWriter("t", 0); }, "w0 r0 s0", "w0 r0 s0"},
+    {[](auto& m) { m.BeginWriter("t", 1); }, "w1 r0 s0", "w0 r1 s1"},
+    {[](auto& m) { m.UpgradeWriter("t"); }, "w1 r0 s0", "w1 r0 s1"},
+    {[](auto& m) { m.DowngradeWriter("t"); }, "w1 r0 s0", "w0 r1 s1"},
+    {[](auto& m) { m.EndWriter("t", 1); }, "w0 r0 s0", "w0 r0 s0"},
+    {[](auto& m) { m.BeginAdmin("t"); }, "w1 r0 s0", "w1 r0 s1"},
+    {[](auto& m) { m.EndAdmin("t"); }, "w0 r0 s0", "w0 r0 s0"},
+};
+
+TEST_F(ThreadMgr, EachLevelTakesWhatItShould) {
+    for (unsigned long const level :
+         {0UL, 2UL, 4UL, 5UL, 9UL, 10UL, 11UL, 12UL, 13UL, 0x80000000UL, ~0UL}) {
+        SCOPED_TRACE(level);
+        ZoThreadMgr manager(nullptr, level);
+        EXPECT_EQ(manager.GetConcurrencyLevel(), level & 0xFFFFFFFFUL);
+        EXPECT_EQ(manager.HasNoneCS(), level == 0);
+        EXPECT_EQ(manager.HasOneCS(), level == 4);
+        EXPECT_EQ(manager.HasAllCS(), level == 9);
+        EXPECT_EQ(manager.HasLessExclusiveCommit(), level == 12);
+        std::string const still = level == 0 ? "" : level == 4 ? "w0 r0" : "w0 r0 s0";
+        for (Stop const& stop : Tour) {
+            stop.step(manager);
+            EXPECT_EQ(State(manager), level >= 12 ? stop.serialised
+                                      : level > 4 ? stop.mutexOnly
+                                                  : still);
+        }
+    }
+    EXPECT_TRUE(services.Messages().empty());
+    EXPECT_TRUE(services.Assertions().empty());
+}
+
+TEST_F(ThreadMgr, AnIndexNamesItsSection) {
+    for (unsigned long const level : {2UL, 9UL, 12UL}) {
+        ZoThreadMgr manager(nullptr, level, 0xFFFFFFFF00002000UL);
+        EXPECT_EQ(manager.GetDisableMask(), 0x2000U);
+        for (auto const& [slot, name] : Table) {
+            unsigned long const index = static_cast<unsigned long>(slot);
+            std::string const before = Status(manager);
+            ZoCritSect* const section = manager.GetCriticalSection(index, 99);
+            EXPECT_STREQ(section->GetName(), name);
+            manager.BeginCriticalSection(index, "t");
+            manager.BeginCriticalSection(index, 3, "t");
+            EXPECT_EQ(InfoOf(section),
+                      std::string(name) + (slot == 13 ? ": owning count: 0" : ": owning count: 2") +
+                          "; wait count: 0");
+            manager.EndCriticalSection(index, 3, "t");
+            manager.EndCriticalSection(index, "t");
+            EXPECT_EQ(Status(manager), before);
+        }
+    }
+    ZoThreadMgr one(nullptr, ZoThreadMgr::OneCS, 0xFFFFFFFFUL);
+    one.BeginCriticalSection(7, "t");
+    one.BeginCriticalSection(4711, "t");
+    EXPECT_EQ(InfoOf(one.GetCriticalSection(15, 0)),
+              "ZoCSTheOnlyOne: owning count: 2; wait count: 0");
+    one.EndCriticalSection(7, "t");
+    one.EndCriticalSection(20, "t");
+    EXPECT_TRUE(services.Assertions().empty());
+}
+
+TEST_F(ThreadMgr, AnIndexWithoutASectionLocksNothing) {
+    ZoThreadMgr none(nullptr, ZoThreadMgr::NoneCS);
+    ZoCritSect* const dummy = none.GetCriticalSection(5, 0);
+    none.BeginCriticalSection(5, "t");
+    none.EndCriticalSection(5, "t");
+    EXPECT_EQ(InfoOf(dummy), ": owning count: 0; wait count: 0");
+    EXPECT_TRUE(services.Assertions().empty());
+    ZoThreadMgr all;
+    std::string const before = Status(all);
+    std::size_t expected = 0;
+    for (unsigned long const index : {15UL, 16UL, 26UL, 0x80000000UL, ~0UL}) {
+        EXPECT_EQ(all.GetCriticalSection(index, 0), dummy);
+        all.BeginCriticalSection(index, "t");
+        EXPECT_EQ(Status(all), before);
+        all.EndCriticalSection(index, "t");
+        expected += 3;
+        EXPECT_EQ(services.Assertions(),
+                  Services::Lines(expected, "(this->sections[index] != 0) src/zothrdmg 188"));
+    }
+}
+
+TEST_F(ThreadMgr, MakesSectionsByTheMask) {
+    ZoThreadMgr manager(nullptr, 9, 6);
+    for (auto const& [bits, locks] : {std::pair{1UL, 1}, {2UL, 0}, {5UL, 0}, {8UL, 1}, {0UL, 1}}) {
+        for (bool const light : {false, true}) {
+            std::unique_ptr<ZoCritSect> const made(manager.MakeTheCritSect(bits, "mine", light));
+            made->Begin();
+            EXPECT_EQ(InfoOf(made.get()),
+                      "mine: owning count: " + std::to_string(locks) + "; wait count: 0");
+            made->Exit();
+        }
+    }
+}
+
+TEST_F(ThreadMgr, ReportsItsStateToTheByte) {
+    std::string const head = "  Reader/Writer Mutex:\n    Owner:(nil); Wx:#0; Rx:cond-val: ";
+    std::string const tail =
+        "; Cond:RW_Exclusive: owning count: 0; wait count: 0, wait_rd #0, wait_wr #0\n"
+        "  Critical Sections:\n";
+    ZoThreadMgr one(nullptr, 4);
+    EXPECT_EQ(Status(one), "ZoThread Status Report for Manager (" + Pointer(&one) + ")\n" + head +
+                               "0" + tail +
+                               "    00 : ZoCSTheOnlyOne     : ZoCSTheOnlyOne: owning count: 0; "
+                               "wait count: 0\n");
+    EXPECT_GT(context.console->flushes, 0);
+
+    ZoThreadMgr all;
+    all.BeginReader("t");
+    all.BeginCriticalSection(17, "t");
+    std::string expected =
+        "ZoThread Status Report for Manager (" + Pointer(&all) + ")\n" + head + "1" + tail;
+    for (auto const& [slot, name] : Table) {
+        std::string const number = std::to_string(slot);
+        std::string padded(18, ' ');
+        padded.replace(0, std::strlen(name), name);
+        expected += "    " + std::string(2 - number.size(), '0') + number + " : " + padded + " : " +
+                    name + ": owning count: " + (slot == 17 ? "1" : "0") + "; wait count: 0\n";
+    }
+    EXPECT_EQ(Status(all), expected);
+    all.EndCriticalSection(17, "t");
+    all.EndReader("t");
+
+    ZoThreadMgr none(nullptr, 0);
+    EXPECT_EQ(Status(none), "");
+}
+
+TEST_F(ThreadMgr, TheFirstManagerIsTheMainOne) {
+    EXPECT_EQ(MainThreadMgr(), nullptr);
+    auto first = std::make_unique<ZoThreadMgr>(nullptr, 0UL);
+    EXPECT_EQ(MainThreadMgr(), first.get());
+    auto second = std::make_unique<ZoThreadMgr>();
+    EXPECT_EQ(MainThreadMgr(), first.get());
+    first.reset();
+    EXPECT_EQ(MainThreadMgr(), nullptr);
+    ZoThreadMgr third;
+    second.reset();
+    EXPECT_EQ(MainThreadMgr(), &third);
+
+    EXPECT_EQ(third.HasAllCS(), 1);
+    EXPECT_EQ(ZoThreadMgr::GetNoneCS() + ZoThreadMgr::GetOneCS(), 4U);
+    EXPECT_EQ(ZoThreadMgr::GetAllCS(), 9U);
+    EXPECT_EQ(ZoThreadMgr::GetLessExclusiveCommit(), *&ZoThreadMgr::LessExclusiveCommit);
+}
+
+// Whatever could not be made is missed at the call that needs it, and by nothing else.
+TEST_F(ThreadMgr, LivesWithWhatCouldBeMade) {
+    ZoTLS::GetThreadLocalStorage();
+    for (auto const& [level, pieces] : {std::pair{4UL, 5}, {12UL, 28}}) {
+        long const failures = FailEachAllocation([&, level = level](AllocFault const& fault) {
+            std::optional<ZoThreadMgr> manager;
+            manager.emplace(nullptr, level);
+            if (!fault.Happened()) return;
+            std::size_t const before = services.Assertions().size();
+            for (Stop const& stop : Tour) stop.step(*manager);
+            for (auto const& [slot, name] : Table) {
+                manager->BeginCriticalSection(static_cast<unsigned long>(slot), "t");
+                manager->EndCriticalSection(static_cast<unsigned long>(slot), "t");
+            }
+            manager->PrintStatus();
+            EXPECT_GT(services.Assertions().size(), before);
+        });
+        EXPECT_EQ(failures, pieces);
+    }
+}
+
+// --- several threads ---------------------------------------------------------------------------
+
+TEST_F(ThreadMgr, ALessExclusiveWriterLetsReadersInButNoWriter) {
+    ZoThreadMgr manager(nullptr, 12);
+    std::atomic<bool> readerIn{false}, readerOut{false}, firstDone{false};
+    manager.BeginWriter("t", 1);
+    std::thread reader([&] {
+        manager.BeginReader("t");
+        readerIn = true;
+        Await([&] { return Status(manager).find("wait_wr #1") != std::string::npos; });
+        readerOut = true;
+        manager.EndReader("t");
+    });
+    Await([&] { return readerIn.load(); });
+    std::thread writer([&] {
+        manager.BeginWriter("t", 1);
+        EXPECT_TRUE(firstDone);
+        manager.EndWriter("t", 1);
+    });
+    ZoCritSect* const serverWriter = manager.GetCriticalSection(ServerWriter, 0);
+    Await(
+        [&] { return InfoOf(serverWriter) == "ZoCSServerWriter: owning count: 1; wait count: 1"; });
+    manager.UpgradeWriter("t");
+    EXPECT_TRUE(readerOut);
+    firstDone = true;
+    manager.EndWriter("t", 0);
+    reader.join();
+    writer.join();
+    EXPECT_EQ(State(manager), "w0 r0 s0");
+    EXPECT_TRUE(services.Messages().empty());
+}
+
+TEST_F(ThreadMgr, AWriterCancelledInItsWaitLeavesTheServerWriterSection) {
+    ZoThreadMgr manager(nullptr, 12);
+    manager.BeginReader("t");
+    for (auto* const run : {+[](void* m) -> void* {
+                                static_cast<ZoThreadMgr*>(m)->BeginWriter("t", 0);
+                                return nullptr;
+                            },
+                            +[](void* m) -> void* {
+                                static_cast<ZoThreadMgr*>(m)->BeginAdmin("t");
+                                return nullptr;
+                            }}) {
+        pthread_t thread{};
+        ASSERT_EQ(pthread_create(&thread, nullptr, run, &manager), 0);
+        Await([&] { return Status(manager).find("wait_wr #1") != std::string::npos; });
+        pthread_cancel(thread);
+        pthread_join(thread, nullptr);
+        EXPECT_EQ(State(manager), "w0 r1 s0");
+    }
+    manager.EndReader("t");
+}
+
+}  // namespace
