@@ -269,6 +269,7 @@ TEST_P(RwMutex, ForceReleaseEndsTheCallersReadsThenItsWrites) {
 }
 
 TEST_P(RwMutex, IsMadeWholeOrNotAtAll) {
+    NEEDS_ALLOC_FAULTS();
     ZoSynchroObj* const first = FirstSynchro;
     ZoTLS::GetThreadLocalStorage();
     long const failures = FailEachAllocation([&](AllocFault const& fault) {
@@ -283,6 +284,7 @@ TEST_P(RwMutex, IsMadeWholeOrNotAtAll) {
 }
 
 TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
+    NEEDS_ALLOC_FAULTS();
     for (bool const start : {true, false}) {
         std::thread([&] {
             for (long const nth : {1, 2}) {  // the thread's record, its record for the mutex

@@ -240,6 +240,7 @@ TEST(Dispatcher, ReleasesListenersOnce) {
 }
 
 TEST(Dispatcher, RefusesARegistrationWithoutMemory) {
+    NEEDS_ALLOC_FAULTS();
     Diagnostics diagnostics;
     int deleted = 0, calls = 0;
     auto const make = [&] {

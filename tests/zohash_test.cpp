@@ -18,6 +18,7 @@ char const* Word(std::uintptr_t word) {
 }
 
 TEST(HashTable, RandomProgramsAgreeWithUnorderedMap) {
+    NEEDS_ALLOC_FAULTS();
     std::mt19937 random(20260);
     std::vector<std::uint8_t> bytes(6000);
     for (unsigned run = 0; run < 10 * std::size(keyKinds); ++run) {
@@ -102,6 +103,7 @@ TEST(HashTable, WordsThatDifferInTheUpperHalf) {
 }
 
 TEST(HashTable, GrowsByFourAndShrinksWhenTheLastEntryGoes) {
+    NEEDS_ALLOC_FAULTS();
     ZoHashTable table(ZoHashTable::WordKeys, nullptr);
     auto const shape = [&] {
         return std::vector<unsigned long>{table.nBuckets, table.mask, table.threshold, table.shift};
@@ -243,6 +245,7 @@ TEST(HashTable, AverageSearch) {
 }
 
 TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
+    NEEDS_ALLOC_FAULTS();
     ZoHashTable table(ZoHashTable::StringKeys, nullptr);
     for (char name[] = "a"; *name != 'p'; ++*name) table.InsertValue(name, &table);
     ASSERT_EQ(table.GetNum(), 15U);

@@ -219,6 +219,7 @@ TEST_F(ThreadMgr, TheFirstManagerIsTheMainOne) {
 
 // Whatever could not be made is missed at the call that needs it, and by nothing else.
 TEST_F(ThreadMgr, LivesWithWhatCouldBeMade) {
+    NEEDS_ALLOC_FAULTS();
     ZoTLS::GetThreadLocalStorage();
     for (auto const& [level, pieces] : {std::pair{4UL, 5}, {12UL, 28}}) {
         long const failures = FailEachAllocation([&, level = level](AllocFault const& fault) {
