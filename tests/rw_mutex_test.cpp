@@ -27,9 +27,9 @@ constexpr int Read = 0;
 constexpr int Write = 1;
 
 std::string Info(ZoRW_Mutex* mutex, int size = 256) {
-    std::string text(256, '\0');
-    mutex->GetInfo(text.data(), size);
-    return text.c_str();
+    char text[256] = "";
+    mutex->GetInfo(text, size);
+    return text;
 }
 
 // The number after `key` in the status text; 0 without it.
