@@ -379,7 +379,8 @@ TEST_F(Base, MessagesAndAssertions) {
         speak();
     });
     EXPECT_EQ(aborted.signal, SIGABRT);
-    EXPECT_EQ(aborted.printed, untilAssertion);
+    // An emulator of a 32-bit machine adds a line of its own.
+    EXPECT_EQ(aborted.printed.substr(0, untilAssertion.size()), untilAssertion);
 
     std::filesystem::remove(directory + "/zova.ini");
     EXPECT_EQ(Printed([] { dprintf(2, "%x", ZoMessage()->Show(0, ZoStyleNotice, "told\n\n")); }),

@@ -106,7 +106,8 @@ TEST_F(ThreadMgr, EachLevelTakesWhatItShould) {
 
 TEST_F(ThreadMgr, AnIndexNamesItsSection) {
     for (unsigned long const level : {2UL, 9UL, 12UL}) {
-        ZoThreadMgr manager(nullptr, level, 0xFFFFFFFF00002000UL);
+        // On a 64-bit build the upper half of the word means nothing.
+        ZoThreadMgr manager(nullptr, level, static_cast<unsigned long>(0xFFFFFFFF00002000ULL));
         EXPECT_EQ(manager.GetDisableMask(), 0x2000U);
         for (auto const& [slot, name] : Table) {
             unsigned long const index = static_cast<unsigned long>(slot);
