@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "chain.h"
 #include "smp_io.h"
 #include "zocrits.h"
 #include "zoevmdis.h"
@@ -36,6 +37,7 @@ void TearDown() {
     Destroy(smp_debugger);
     Destroy(smp_console);
     Destroy(__defTLS);
+    ForgetChain();
     suppress_chaining = 1;
     Destroy(csDLD);
     Destroy(fscs);
