@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-enum class Operation { Load, LookUp, Update, Delete, Reinsert };
+enum class Operation { Load, LookUp, LookUpByName, Update, Delete, Reinsert };
 
-inline constexpr std::array<char const*, 5> OperationNames{"load", "look up", "update", "delete",
-                                                           "re-insert"};
+inline constexpr std::array<char const*, 6> OperationNames{"load",   "look up", "look up by name",
+                                                           "update", "delete",  "re-insert"};
 
 // Any thread counts and reads.
 class OperationCounts {
