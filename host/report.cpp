@@ -67,6 +67,7 @@ void TellWork(Outcome const& outcome) {
 
 void TellLocking(Outcome const& outcome, Verdict& verdict) {
     std::string const waits = Number(outcome.databaseWaits, "time");
+    if (outcome.clients == 1 && !outcome.separated) return;
     if (!outcome.separated) {
         std::printf(
             "The manager kept nobody apart at this level; SQLite found its database locked %s and "
