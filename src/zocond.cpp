@@ -19,16 +19,21 @@ class DefaultLogic final : public ConditionLogic {};
 // Every new condition's logic until its owner installs another.
 DefaultLogic defaultLogic;
 
+// A condition may be set for as long as it lives and never be cleared: the count wraps.
+int Step(int value, int step) {
+    return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
+}
+
 }  // namespace
 
 // --- the default logic -------------------------------------------------------------------------
 
 void ConditionLogic::SafeSet(int* value) {
-    StoreValue(value, LoadValue(value) + 1);
+    StoreValue(value, Step(LoadValue(value), 1));
 }
 
 void ConditionLogic::SafeClear(int* value) {
-    StoreValue(value, LoadValue(value) - 1);
+    StoreValue(value, Step(LoadValue(value), -1));
 }
 
 int ConditionLogic::SafeTest(int* value) {
