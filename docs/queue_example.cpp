@@ -58,7 +58,7 @@ int main(int argc, char** argv) {
     ZoWorkQueue* const queue = ZoWorkQueue::Create(workers, nullptr);
 
     ZoConcurrencyHelper::CalculateConcurrently();
-    long const parts = 2 * workers, count = static_cast<long>(lines.size());
+    long const parts = 2L * workers, count = static_cast<long>(lines.size());
     CountLetters::Sum sum{0, static_cast<int>(parts)};
     std::deque<CountLetters> units;  // the caller keeps them: the queue owns no unit
     for (long part = 0; part < parts; ++part) {

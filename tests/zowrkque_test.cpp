@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
 #include "zocond.h"
@@ -68,19 +69,6 @@ private:
         released.wait();
     }};
 };
-
-// Runs `body` on a thread and says whether that thread was cancelled.
-bool IsCancelled(std::function<void()> body) {
-    pthread_t thread{};
-    auto const run = [](void* function) -> void* {
-        (*static_cast<std::function<void()>*>(function))();
-        return nullptr;
-    };
-    EXPECT_EQ(pthread_create(&thread, nullptr, run, &body), 0);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    return result == PTHREAD_CANCELED;
-}
 
 void CancelHere() {
     pthread_cancel(pthread_self());
@@ -195,16 +183,16 @@ private:
 // Threads append, grow and shrink, each only by workers it added itself, so that one is always
 // there. In two of three rounds the queue is terminated meanwhile: from outside, or by a worker.
 TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
-    constexpr int Rounds = 30, Threads = 4, Steps = 150;
+    constexpr std::size_t Rounds = 30, Threads = 4, Steps = 150;
     enum End { Drained, Terminated, TerminatedByUnit, Ends };
-    for (int round = 0; round < Rounds; ++round) {
-        int const end = round % Ends;
+    for (std::size_t round = 0; round < Rounds; ++round) {
+        auto const end = static_cast<End>(round % Ends);
         auto queue = Make(1);
-        std::deque<Fate> fates(std::size_t{Threads} * Steps);
-        auto const work = [&](int thread) {
+        std::deque<Fate> fates(Threads * Steps);
+        auto const work = [&](std::size_t thread) {
             std::mt19937 random(static_cast<unsigned>(round * Threads + thread));
             int added = 0;
-            for (int i = 0; i < Steps; ++i) {
+            for (std::size_t i = 0; i < Steps; ++i) {
                 bool const last = thread == 0 && i == Steps / 2;
                 if (last && end == Terminated) queue->Terminate();
                 unsigned const dice = random() % 16;
@@ -215,7 +203,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
                     queue->DecreaseThreadCount();
                     --added;
                 }
-                Fate& fate = fates[static_cast<std::size_t>(thread * Steps + i)];
+                Fate& fate = fates[thread * Steps + i];
                 auto* const unit = new Mortal(fate, watchdog, last && end == TerminatedByUnit);
                 if (queue->Append(unit) == ZoSuccess) continue;
                 ++fate.refused;
@@ -223,7 +211,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
             }
         };
         std::vector<std::thread> threads;
-        for (int t = 0; t < Threads; ++t) threads.emplace_back(work, t);
+        for (std::size_t t = 0; t < Threads; ++t) threads.emplace_back(work, t);
         for (std::thread& thread : threads) thread.join();
         if (end == Drained) {  // nobody appends any more: whoever sleeps now sleeps on
             Await([&] { return queue->Length() == 0; });
@@ -293,7 +281,7 @@ TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
     EXPECT_TRUE(IsCancelled([&] { plain->Append(&cancelling); }));
     EXPECT_EQ(plain->Length(), 0);  // would block for ever on a lock left behind
 
-    auto queue = Make(1);
+    auto const queue = Make(1);
     Busy busy(queue);
     int aborted = 0;
     Unit first([] {}, CancelHere);
@@ -305,10 +293,19 @@ TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
     EXPECT_EQ(queue->Terminate(), 0);
     EXPECT_EQ(aborted, 1);
     busy.End();
+
+    auto other = Make(1);
+    Busy untilAborted(other);
+    Unit waiting([] {},
+                 [&] {
+                     pthread_testcancel();
+                     untilAborted.End();
+                 });
+    other->Append(&waiting);
     bool destroyed = false;
     EXPECT_TRUE(IsCancelled([&] {
         pthread_cancel(pthread_self());
-        queue.reset();
+        other.reset();
         destroyed = true;
         pthread_testcancel();
     }));
