@@ -88,11 +88,14 @@ struct CharacterStore::Statements {
         : insert(connection, "INSERT INTO " + table + " (" + Columns +
                                  ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"),
           find(connection, std::string("SELECT ") + Columns + " FROM " + table + " WHERE code = ?"),
+          findByName(connection, std::string("SELECT ") + Columns + " FROM " + table +
+                                     " WHERE name = ? ORDER BY code LIMIT 1"),
           update(connection, "UPDATE " + table + " SET revision = ? WHERE code = ?"),
           remove(connection, "DELETE FROM " + table + " WHERE code = ?") {}
 
     Statement insert;
     Statement find;
+    Statement findByName;
     Statement update;
     Statement remove;
 };
@@ -116,6 +119,7 @@ bool CharacterStore::Change(Statement& statement) {
 void CharacterStore::CreateTables(Kinds const& kinds) {
     for (std::string const& kind : kinds) {
         connection.Execute("CREATE TABLE " + TableName(kind) + " (" + ColumnTypes + ")");
+        connection.Execute("CREATE INDEX name_" + kind + " ON " + TableName(kind) + " (name)");
     }
 }
 
@@ -128,9 +132,21 @@ void CharacterStore::Insert(StoredCharacter const& character) {
 std::optional<StoredCharacter> CharacterStore::Find(std::string const& kind, std::uint32_t code) {
     Statement& find = For(kind).find;
     find.Bind(1, std::int64_t{code});
+    return FirstRow(find, kind);
+}
+
+std::optional<StoredCharacter> CharacterStore::FindByName(std::string const& kind,
+                                                          std::string const& name) {
+    Statement& find = For(kind).findByName;
+    find.Bind(1, name);
+    return FirstRow(find, kind);
+}
+
+std::optional<StoredCharacter> CharacterStore::FirstRow(Statement& select,
+                                                        std::string const& kind) {
     std::optional<StoredCharacter> found;
-    if (find.Step()) found = ReadRow(find, kind);
-    find.Reset();
+    if (select.Step()) found = ReadRow(select, kind);
+    select.Reset();
     return found;
 }
 

@@ -40,6 +40,8 @@ public:
     void CreateTables(Kinds const& kinds);
     void Insert(StoredCharacter const& character);
     std::optional<StoredCharacter> Find(std::string const& kind, std::uint32_t code);
+    // The first of those that have the name.
+    std::optional<StoredCharacter> FindByName(std::string const& kind, std::string const& name);
     // Stores the revision. False when there is no such character.
     bool Update(StoredCharacter const& character);
     bool Delete(StoredCharacter const& character);
@@ -50,6 +52,7 @@ private:
     struct Statements;
     Statements& For(std::string const& kind);
     bool Change(Statement& statement);
+    static std::optional<StoredCharacter> FirstRow(Statement& select, std::string const& kind);
 
     Connection& connection;
     std::map<std::string, std::unique_ptr<Statements>> statements;  // prepared at first use

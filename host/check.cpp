@@ -4,9 +4,11 @@
 #include <map>
 #include <set>
 #include <string_view>
+#include <unordered_map>
 
 #include "character_store.h"
 #include "engine.h"
+#include "object_cache.h"
 #include "unicode_data.h"
 
 namespace {
@@ -65,7 +67,7 @@ public:
     explicit Checker(std::filesystem::path const& database)
         : connection(database, "the check"), store(connection) {}
 
-    CheckResult Compare(Contents const& expected) {
+    CheckResult Compare(Contents const& expected, ObjectCache& cache) {
         std::set<std::string> const present = TablesPresent();
         Digest found;
         Digest wanted;
@@ -80,6 +82,9 @@ public:
             CompareTable(TableName(kind), inDatabase, table);
             ++result.tables;
             result.rows += inDatabase.size();
+            for (StoredCharacter const& character : inDatabase) {
+                stored.emplace(character.record.code, character);
+            }
         }
         for (std::string const& name : present) {
             if (!IsExpected(name, expected)) Problem("there is a table " + name + " too many");
@@ -87,6 +92,7 @@ public:
         result.digest = found.Value();
         result.expectedDigest = wanted.Value();
         if (result.digest != result.expectedDigest) Problem("the digest of all contents differs");
+        CompareCache(cache.All());
         CheckIntegrity();
         return result;
     }
@@ -122,6 +128,26 @@ private:
         }
     }
 
+    void CompareCache(ObjectCache::Contents const& cached) {
+        for (auto const& [code, object] : cached.byCode) CompareCached(code, object);
+        for (auto const& [name, object] : cached.byName) {
+            CompareCached(object.record.code, object);
+            if (object.record.name != name) {
+                Problem("the object cache has \"" + OnOneLine(object) + "\" by the name " + name);
+            }
+        }
+        result.cachedByCode = cached.byCode.size();
+        result.cachedByName = cached.byName.size();
+    }
+
+    void CompareCached(std::uint32_t code, StoredCharacter const& object) {
+        auto const found = stored.find(code);
+        if (found != stored.end() && found->second == object) return;
+        Problem("the object cache has " + CodePointName(code) + " as \"" + OnOneLine(object) +
+                "\", the database has " +
+                (found == stored.end() ? "nothing" : "\"" + OnOneLine(found->second) + "\""));
+    }
+
     static std::string OnOneLine(StoredCharacter const& character) {
         std::string text = CanonicalText(character);
         text.pop_back();
@@ -138,12 +164,13 @@ private:
 
     Connection connection;
     CharacterStore store;
+    std::unordered_map<std::uint32_t, StoredCharacter> stored;  // what the database has
     CheckResult result;
 };
 
 }  // namespace
 
 CheckResult CheckDatabase(std::filesystem::path const& database, std::filesystem::path const& data,
-                          std::int64_t revision) {
-    return Checker(database).Compare(SingleThreadedPass(data, revision));
+                          std::int64_t revision, ObjectCache& cache) {
+    return Checker(database).Compare(SingleThreadedPass(data, revision), cache);
 }

@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "host_services.h"
+#include "transactions.h"
 #include "zotls.h"
 
 namespace {
@@ -43,19 +45,15 @@ public:
           neighbours(*ring.sections[(client + 1) % ring.sections.size()]) {}
 
     void Run() {
-        std::lock_guard<Section> turn(session.turn);
         Appointment appointment(ring.meeting);
-        Transaction transaction(session.connection, Transaction::Reading);
         Share const share = Read();
         held.lock();
         appointment.Keep();
         EnterNeighbours();
         std::lock_guard<Section> leaveNeighbours(neighbours, std::adopt_lock);
         if (gaveWay) {
-            transaction.RollBack();
             BeginAgain();
         } else {
-            transaction.Commit();
             Write(share);
         }
         ++ring.finished;
@@ -81,44 +79,42 @@ private:
     // that goes the other way round is enough to make a ring impossible.
     void BeginAgain() {
         held.lock();
-        Transaction transaction(session.connection, Transaction::Reading);
-        Share const share = Read();
-        transaction.Commit();
-        Write(share);
+        Write(Read());
         ++ring.repeated;
         std::printf("client %u has begun again and finished its work\n", client + 1);
     }
 
     Share Read() {
+        ReadTransaction transaction(session, "read a share");
         Share share;
         for (std::size_t i = client; i < ring.records.size(); i += ring.sections.size()) {
             CharacterRecord const& record = ring.records[i];
-            share.push_back(Find(record));
+            share.push_back(LookedUp(transaction.Find(record.category, record.code), record));
         }
+        transaction.End();
         return share;
     }
 
-    // SQLite lets one transaction write at a time, and none that has read an older state. So the
-    // writing is a transaction of its own, which makes sure that nothing has changed in between.
+    // Makes sure that nothing has changed since it was read.
     void Write(Share const& share) {
-        Transaction transaction(session.connection, Transaction::Writing);
+        WriteTransaction transaction(session, "write a share");
         for (StoredCharacter character : share) {
-            if (Find(character.record) != character) {
-                throw EngineError(CodePointName(character.record.code) +
+            CharacterRecord const& record = character.record;
+            if (LookedUp(transaction.Find(record.category, record.code), record) != character) {
+                throw EngineError(CodePointName(record.code) +
                                   " changed while its client held its section");
             }
             ++character.revision;
-            session.store.Update(character);
+            transaction.Update(character);
             counts.Add(Operation::Update);
         }
         transaction.Commit();
     }
 
-    StoredCharacter Find(CharacterRecord const& record) {
-        std::optional<StoredCharacter> found = session.store.Find(record.category, record.code);
+    StoredCharacter LookedUp(std::optional<StoredCharacter> found, CharacterRecord const& record) {
         counts.Add(Operation::LookUp);
         if (!found.has_value()) throw EngineError(CodePointName(record.code) + " is not there");
-        return *found;
+        return *std::move(found);
     }
 
     DeadlockRing& ring;

@@ -1,10 +1,13 @@
 // The deadlock demonstration: n clients, n named sections, in a ring.
 //
-// Each client begins a transaction and reads its share of the records, takes its own section, meets
-// the others, and then wants its neighbour's section too. The last one to ask would close the ring.
-// The library reports that before it blocks; the client then gives its own section up, so its
-// predecessor can go on, and one after the other finishes. When at last the neighbour's section
-// comes, the client rolls back, takes its own section after it and begins its work again.
+// Each client reads its share of the records, takes its own section, meets the others, and then
+// wants its neighbour's section too. The last one to ask would close the ring. The library reports
+// that before it blocks; the client then gives its own section up, so its predecessor can go on,
+// and one after the other finishes. When at last the neighbour's section comes, the client drops
+// what it has read, takes its own section after it and begins its work again.
+//
+// While a client waits for a section it is in no transaction: a writer would wait for it in the
+// manager, where no deadlock report sees it.
 
 #ifndef KELVARA_HOST_DEADLOCK_RING_H_
 #define KELVARA_HOST_DEADLOCK_RING_H_

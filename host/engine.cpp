@@ -2,12 +2,23 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
+
 #include "sqlite_mutexes.h"
 
 namespace {
 
 // SQLite's waiters poll and are not served in order, so a patient limit.
-constexpr int BusyMilliseconds = 60000;
+constexpr int PollMilliseconds = 2;
+constexpr int MostPolls = 30000;
+
+std::atomic<std::uint64_t> waits{0};
+
+int WaitForDatabase(void*, int polls) {
+    if (polls == 0) waits.fetch_add(1, std::memory_order_relaxed);
+    sqlite3_sleep(PollMilliseconds);
+    return polls < MostPolls ? 1 : 0;
+}
 
 }  // namespace
 
@@ -28,6 +39,10 @@ std::string Engine::Version() {
     return sqlite3_libversion();
 }
 
+std::uint64_t Engine::Waits() {
+    return waits.load(std::memory_order_relaxed);
+}
+
 // --- connection --------------------------------------------------------------------------------
 
 Connection::Connection(std::filesystem::path const& database, std::string const& owner) {
@@ -38,7 +53,7 @@ Connection::Connection(std::filesystem::path const& database, std::string const&
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
     handle.reset(opened);  // also after a failure there is something to close
     if (result != SQLITE_OK) Fail("open " + database.string());
-    sqlite3_busy_timeout(opened, BusyMilliseconds);
+    sqlite3_busy_handler(opened, WaitForDatabase, nullptr);
     Execute("PRAGMA journal_mode = WAL");
     Execute("PRAGMA synchronous = NORMAL");
 }

@@ -27,6 +27,8 @@ public:
     ~Engine();
 
     static std::string Version();
+    // How often a connection has found the database locked by another, and waited.
+    static std::uint64_t Waits();
 };
 
 // A connection. One thread at a time uses it for a transaction; who shares one agrees on turns.

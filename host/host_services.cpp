@@ -13,6 +13,7 @@ thread_local DeadlockVictim* currentVictim = nullptr;
 
 constexpr std::string_view DeadlockText = "Deadlock detected.";
 constexpr std::string_view FalseAlarmText = "Deadlock: false alarm.";
+constexpr std::string_view LoweringText = "Implicit lowering writer -> reader.";
 
 // A text of several lines becomes one. No allocation: it is written while the library holds locks.
 class OneLine {
@@ -47,9 +48,17 @@ VictimScope::~VictimScope() {
 }
 
 int HostConfig::ReadValue(char const* key, int* out, char const* const* sectionPath) {
-    if (user != nullptr && user->ReadValue(key, out, sectionPath) == 0) return 0;
     bool const inDebug = sectionPath[0] != nullptr && std::string_view(sectionPath[0]) == "debug";
-    if (!inDebug || std::string_view(key) != "ZOVAConsole") return ZoNotFound;
+    bool const isConsole = inDebug && std::string_view(key) == "ZOVAConsole";
+    bool const isFlags = inDebug && std::string_view(key) == "mode";
+    if (isFlags && flags.has_value()) {
+        *out = static_cast<int>(*flags);
+        return 0;
+    }
+    bool const tracing = flags.value_or(0) != 0;
+    bool const consoleForced = isConsole && tracing;
+    if (!consoleForced && user != nullptr && user->ReadValue(key, out, sectionPath) == 0) return 0;
+    if (!isConsole) return ZoNotFound;
     *out = 1;
     return 0;
 }
@@ -68,6 +77,10 @@ unsigned int HostMessages::Show(int, unsigned int, char const* format, ...) {
     va_start(values, format);
     OneLine const line(format, values);
     va_end(values);
+    if (line.BeginsWith(LoweringText)) {
+        ++lowerings;
+        return ZoAnswerAbort;
+    }
     std::fprintf(stderr, "message: %s\n", line.Text());
     if (line.BeginsWith(DeadlockText)) {
         ++deadlocks;
@@ -76,8 +89,8 @@ unsigned int HostMessages::Show(int, unsigned int, char const* format, ...) {
     return 0;
 }
 
-HostServices::HostServices()
-    : config(ZoDefaultConfiguration()),
+HostServices::HostServices(std::optional<ZoUInt32> debugFlags)
+    : config(ZoDefaultConfiguration(), debugFlags),
       previousConfig(ZoSetDefaultConfig(&config)),
       previousLog(ZoSetSystemLog(&log)),
       previousMessages(ZoSetMessageService(&messages)) {}

@@ -1,6 +1,7 @@
 // What zohost gives the library in place of an engine's base library: a configuration with the
 // console switched on, a log that is shown and counted, and a message service that resolves
-// deadlocks.
+// deadlocks. zohost lets writers become readers on purpose, so that message is counted and asks for
+// a trace; it is not shown.
 //
 // A deadlock is resolved by the thread whose wait would have closed the ring. The library shows its
 // message on that thread and lets it leave sections it owns before it blocks; so a thread that can
@@ -13,8 +14,10 @@
 #define KELVARA_HOST_HOST_SERVICES_H_
 
 #include <atomic>
+#include <optional>
 
 #include "zobaseservices.h"
+#include "zotypes.h"
 
 class DeadlockVictim {
 public:
@@ -34,14 +37,16 @@ public:
     ~VictimScope();
 };
 
-// The user's configuration, with the console on where it says nothing about that.
+// The user's configuration. The debug flags of the command line go before its own; the console is
+// on where it says nothing about that, and where the command line sets a flag.
 class HostConfig final : public ZoConfig {
 public:
-    explicit HostConfig(ZoConfig* user) : user(user) {}
+    HostConfig(ZoConfig* user, std::optional<ZoUInt32> flags) : user(user), flags(flags) {}
     int ReadValue(char const* key, int* out, char const* const* sectionPath) override;
 
 private:
     ZoConfig* user;  // null when the user has none
+    std::optional<ZoUInt32> flags;
 };
 
 // To standard error, a line an entry.
@@ -59,15 +64,17 @@ public:
     unsigned int Show(int reserved, unsigned int style, char const* format, ...) override
         __attribute__((format(printf, 4, 5)));
     unsigned Deadlocks() const { return deadlocks; }
+    unsigned Lowerings() const { return lowerings; }
 
 private:
     std::atomic<unsigned> deadlocks{0};
+    std::atomic<unsigned> lowerings{0};
 };
 
 // Installs all three for its lifetime, which encloses that of the library context.
 class HostServices {
 public:
-    HostServices();
+    explicit HostServices(std::optional<ZoUInt32> debugFlags);
     HostServices(HostServices const&) = delete;
     HostServices& operator=(HostServices const&) = delete;
     ~HostServices();
@@ -75,6 +82,8 @@ public:
     // How many deadlocks the library has reported, and how many of them it has called off.
     unsigned Deadlocks() const { return messages.Deadlocks(); }
     unsigned FalseAlarms() const { return log.FalseAlarms(); }
+    // How many writers have gone on as readers.
+    unsigned Lowerings() const { return messages.Lowerings(); }
 
 private:
     HostConfig config;

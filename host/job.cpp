@@ -12,10 +12,14 @@
 #include "host_services.h"
 #include "interrupt.h"
 #include "library_context.h"
+#include "locking_plan.h"
+#include "object_cache.h"
 #include "report.h"
 #include "session.h"
+#include "status_request.h"
 #include "unicode_data.h"
 #include "workload.h"
+#include "zoevmdis.h"
 
 namespace {
 
@@ -32,7 +36,12 @@ int ReportsInDeadlockFile() {
 class Job {
 public:
     Job(Options const& options, std::vector<CharacterRecord> const& records, Outcome& outcome)
-        : options(options), records(records), kinds(KindsOf(records)), outcome(outcome) {
+        : options(options),
+          records(records),
+          kinds(KindsOf(records)),
+          outcome(outcome),
+          plan(options.level),
+          cache(plan) {
         outcome.records = records.size();
         outcome.kinds = kinds.size();
         outcome.clients = options.ring > 0 ? options.ring : options.threads;
@@ -40,9 +49,9 @@ public:
 
     void Run(std::filesystem::path const& database, std::filesystem::path const& data) {
         {
-            Sessions sessions(database, outcome.clients, options.ring == 0);
+            Sessions sessions(database, plan, cache, outcome.clients, options.ring == 0);
             outcome.sharers = sessions.Sharers();
-            sessions.Of(0).store.CreateTables(kinds);
+            CreateTables(sessions.Of(0));
             Workload workload(records, sessions);
             Load(workload);
             if (options.ring > 0) {
@@ -54,18 +63,37 @@ public:
             outcome.complaintCount = workload.complaints.Count();
             outcome.complaints = workload.complaints.Texts();
             outcome.sections = TotalsOfSections();
+            outcome.byCode = cache.CountsByCode();
+            outcome.byName = cache.CountsByName();
+            outcome.separated = plan.SeparatesWriters();
+            outcome.databaseWaits = Engine::Waits() - waitsBefore;
             TellTable(outcome, workload.counts);
+            plan.PrintStatus();
         }
-        outcome.check = CheckDatabase(database, data, outcome.passes);
+        ReaderBracket const reader(plan, "check");
+        outcome.check = CheckDatabase(database, data, outcome.passes, cache);
     }
 
 private:
+    void CreateTables(Session& session) {
+        AdminBracket const admin(plan, "create tables");
+        Transaction transaction(session.connection, Transaction::Writing);
+        session.store.CreateTables(kinds);
+        transaction.Commit();
+        waitsBefore = Engine::Waits();
+    }
+
+    void EverySecond(Progress& progress, std::string const& state) {
+        progress.Tell(state);
+        if (TakeStatusRequest()) plan.PrintStatus();
+    }
+
     void Load(Workload& workload) {
         Passes once(records.size(), std::chrono::steady_clock::time_point::min());
         Progress progress("loading", workload.counts);
         RunClients(
             outcome.clients, [&](unsigned client) { workload.Load(client, once); },
-            [&] { progress.Tell(""); });
+            [&] { EverySecond(progress, ""); });
         progress.Tell("done, ");
         outcome.loadTime = progress.Elapsed();
     }
@@ -73,7 +101,9 @@ private:
     void Work(Workload& workload) {
         Passes passes(records.size(), std::chrono::steady_clock::now() + options.work);
         Progress progress("working", workload.counts);
-        auto const tell = [&] { progress.Tell("pass " + std::to_string(passes.Begun()) + ", "); };
+        auto const tell = [&] {
+            EverySecond(progress, "pass " + std::to_string(passes.Begun()) + ", ");
+        };
         RunClients(
             outcome.clients, [&](unsigned client) { workload.Work(client, passes); }, tell);
         tell();
@@ -87,7 +117,7 @@ private:
         Progress progress("deadlock", workload.counts);
         RunClients(
             outcome.clients, [&](unsigned client) { ring.Run(client, workload.counts); },
-            [&] { progress.Tell(""); });
+            [&] { EverySecond(progress, ""); });
         progress.Tell("resolved, ");
         outcome.workTime = progress.Elapsed();
         outcome.passes = 1;
@@ -100,6 +130,9 @@ private:
     std::vector<CharacterRecord> const& records;
     Kinds const kinds;
     Outcome& outcome;
+    LockingPlan plan;
+    ObjectCache cache;
+    std::uint64_t waitsBefore = 0;  // while the connections were opened
 };
 
 }  // namespace
@@ -108,9 +141,11 @@ bool RunJob(Options const& options) {
     std::filesystem::path const data = UnicodeDataFile(options.data);
     std::vector<CharacterRecord> const records = ReadUnicodeData(data);
     HeedInterrupts();
+    HeedStatusRequests();
     DatabaseFile const database(options.database);
-    HostServices const services;
+    HostServices const services(options.trace);
     LibraryContext const context(options.detection);
+    GetDebugger();  // reads the flags and tells them before anything is traced
     Outcome outcome;
     {
         Engine const engine;
@@ -122,6 +157,7 @@ bool RunJob(Options const& options) {
     outcome.sectionsLeft = TotalsOfSections().alive;
     outcome.deadlocks = services.Deadlocks();
     outcome.falseAlarms = services.FalseAlarms();
+    outcome.lowerings = services.Lowerings();
     outcome.assertions = ZoAssertCount();
     return TellWhatWasSeen(outcome, options.detection);
 }

@@ -3,6 +3,7 @@
 #ifndef KELVARA_HOST_OPERATIONS_H_
 #define KELVARA_HOST_OPERATIONS_H_
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -11,10 +12,10 @@
 #include <string>
 #include <vector>
 
-enum class Operation { Load, LookUp, Update, Delete, Reinsert };
+enum class Operation { Load, LookUp, LookUpByName, Update, Delete, Reinsert };
 
-inline constexpr std::array<char const*, 5> OperationNames{"load", "look up", "update", "delete",
-                                                           "re-insert"};
+inline constexpr std::array<char const*, 6> OperationNames{"load",   "look up", "look up by name",
+                                                           "update", "delete",  "re-insert"};
 
 // Any thread counts and reads.
 class OperationCounts {
@@ -35,13 +36,14 @@ private:
     std::array<std::atomic<std::uint64_t>, OperationNames.size()> counts{};
 };
 
-// What clients met in the database that should not be there. Keeps the first few texts.
+// What clients met in the database that should not be there. Keeps the first few different texts.
 class Complaints {
 public:
     void Add(std::string text) {
         std::lock_guard<std::mutex> hold(mutex);
         ++count;
-        if (texts.size() < 5) texts.push_back(std::move(text));
+        bool const isNew = std::find(texts.begin(), texts.end(), text) == texts.end();
+        if (isNew && texts.size() < 5) texts.push_back(std::move(text));
     }
     std::uint64_t Count() const {
         std::lock_guard<std::mutex> hold(mutex);

@@ -2,10 +2,13 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <iostream>
 #include <string>
+#include <string_view>
 
 #include "input_error.h"
+#include "locking_plan.h"
 
 namespace {
 
@@ -18,6 +21,31 @@ std::string OnOneLine(std::string text) {
     return text;
 }
 
+// Decimal, or hexadecimal after 0x.
+ZoUInt32 DebugFlags(std::string_view text) {
+    bool const isHexadecimal = text.substr(0, 2) == "0x" || text.substr(0, 2) == "0X";
+    std::string_view const digits = text.substr(isHexadecimal ? 2 : 0);
+    ZoUInt32 flags = 0;
+    char const* const end = digits.data() + digits.size();
+    auto const [stop, error] = std::from_chars(digits.data(), end, flags, isHexadecimal ? 16 : 10);
+    if (error != std::errc() || stop != end) {
+        throw CLI::ValidationError(
+            "--trace", "\"" + std::string(text) + "\" is not a number of 32 bits, such as 0x10000");
+    }
+    return flags;
+}
+
+// Level 0 locks nothing.
+void LimitToOneThread(Options& options, bool threadsGiven) {
+    if (options.ring > 0) {
+        throw CLI::ValidationError("--deadlock", "level 0 locks nothing, so there is no deadlock");
+    }
+    if (threadsGiven && options.threads > 1) {
+        throw CLI::ValidationError("--threads", "level 0 locks nothing and is for one thread only");
+    }
+    options.threads = 1;
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int count, char** words) {
@@ -27,22 +55,35 @@ std::optional<Options> ParseOptions(int count, char** words) {
     std::string data = options.data.string();
     std::string database;
     std::string ring;
+    std::string flags;
 
     CLI::App app{
         "Runs the SQLite database engine on this library's sections: client threads load the\n"
         "Unicode character data, work on it, and the result is checked.\n"
         "Ends with 0 when the check passed, 1 when it failed, 2 when it could not begin.",
         "zohost"};
-    app.add_option("--threads", options.threads, "Client threads")
-        ->check(CLI::Range(1U, MostClients))
-        ->capture_default_str();
+    auto* threads = app.add_option("--threads", options.threads, "Client threads; 1 at level 0")
+                        ->check(CLI::Range(1U, MostClients))
+                        ->capture_default_str();
     app.add_option("--seconds", seconds,
                    "How long the clients work on the loaded records; they finish the pass they are "
                    "in, so 0 means one pass")
         ->check(CLI::Range(0U, LongestWork))
         ->capture_default_str();
+    app.add_option("--level", options.level,
+                   "The thread manager's concurrency level: 0 locks nothing, 4 has one section for "
+                   "everything, 9 has named sections and keeps writers apart from readers, 12 only "
+                   "while they commit")
+        ->check(CLI::Range(0U, HighestLevel))
+        ->capture_default_str();
     auto* plain = app.add_flag("--no-detection", noDetection,
                                "Plain sections instead of deadlock-detecting ones");
+    auto* trace =
+        app.add_option(
+               "--trace", flags,
+               "Debug flags, hexadecimal or decimal, whose events are shown on the console: "
+               "0x10000 writers that go on as readers")
+            ->type_name("MODE");
     app.add_option("--data", data, "UnicodeData.txt, or the folder it is in")
         ->capture_default_str();
     app.add_option("--database", database,
@@ -66,6 +107,8 @@ std::optional<Options> ParseOptions(int count, char** words) {
                 options.ring = static_cast<unsigned>(std::stoul(given));
             }
         }
+        if (trace->count() > 0) options.trace = DebugFlags(flags);
+        if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
     } catch (CLI::CallForHelp const&) {
         std::cout << app.help();
         return std::nullopt;

@@ -7,10 +7,15 @@
 #include <filesystem>
 #include <optional>
 
+#include "zothrdmg.h"
+#include "zotypes.h"
+
 struct Options {
-    unsigned threads = 4;
-    std::chrono::seconds work{5};  // how long the clients work on the loaded records
+    unsigned threads = 4;                 // 1 at level 0
+    unsigned level = ZoThreadMgr::AllCS;  // of the thread manager
+    std::chrono::seconds work{5};         // how long the clients work on the loaded records
     bool detection = true;
+    std::optional<ZoUInt32> trace;  // the debug flags, in place of the configuration's
     std::filesystem::path data = "/usr/share/unicode/UnicodeData.txt";
     std::filesystem::path database;  // empty: a temporary one
     unsigned ring = 0;               // clients of the deadlock demonstration; 0: the ordinary run

@@ -20,6 +20,22 @@ std::string Number(std::uint64_t count, char const* what) {
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+char const* Describe(unsigned level) {
+    if (level == ZoThreadMgr::NoneCS) return "nothing locked, so one client thread";
+    if (level < ZoThreadMgr::OneCS) return "named sections only";
+    if (level == ZoThreadMgr::OneCS) return "one section for everything";
+    if (level < ZoThreadMgr::LessExclusiveCommit) return "named sections, a writer is alone";
+    return "named sections, a writer is alone while it commits";
+}
+
+void TellCache(char const* name, CacheCounts const& counts) {
+    std::uint64_t const all = counts.hits + counts.misses;
+    double const percent =
+        all == 0 ? 0 : 100 * static_cast<double>(counts.hits) / static_cast<double>(all);
+    std::printf("%-17s %12" PRIu64 " hits, %" PRIu64 " misses, %.1f %%\n", name, counts.hits,
+                counts.misses, percent);
+}
+
 // Collects whether anything has failed.
 class Verdict {
 public:
@@ -49,12 +65,36 @@ void TellWork(Outcome const& outcome) {
     if (outcome.interrupted) std::printf("A signal ended the run early, at the end of a pass.\n");
 }
 
-void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
-    if (!detection) {
-        std::printf("Every lock of SQLite was a plain section; deadlocks were not looked for.\n");
+void TellLocking(Outcome const& outcome, Verdict& verdict) {
+    std::string const waits = Number(outcome.databaseWaits, "time");
+    if (outcome.clients == 1 && !outcome.separated) return;
+    if (!outcome.separated) {
+        std::printf(
+            "The manager kept nobody apart at this level; SQLite found its database locked %s and "
+            "waited.\n",
+            waits.c_str());
         return;
     }
-    std::printf("Every lock of SQLite was a deadlock-detecting section.\n");
+    verdict.Require(outcome.databaseWaits == 0,
+                    "SQLite found its database locked " + waits +
+                        ", though the manager should have kept its writers apart");
+    if (outcome.databaseWaits == 0) {
+        std::printf(
+            "The manager kept the writers apart: SQLite never found its database locked. A writer "
+            "went on as a reader %s.\n",
+            Number(outcome.lowerings, "time").c_str());
+    }
+}
+
+void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
+    if (!detection) {
+        std::printf(
+            "Every lock of SQLite and of the manager was a plain section; deadlocks were not "
+            "looked "
+            "for.\n");
+        return;
+    }
+    std::printf("Every lock of SQLite and of the manager was a deadlock-detecting section.\n");
     if (!outcome.ringRepeated.has_value()) {
         verdict.Require(
             outcome.deadlocks == 0,
@@ -80,7 +120,7 @@ void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
     if (resolved) {
         std::printf(
             "One client gave way, so its wait ended after all (the library calls that a false "
-            "alarm); it rolled back and did its work again.\n");
+            "alarm); it dropped what it had read and did its work again.\n");
     }
     verdict.Require(outcome.ringFinished == outcome.clients,
                     "only " + std::to_string(outcome.ringFinished) + " transactions finished");
@@ -102,6 +142,9 @@ void TellCheck(CheckResult const& check, Verdict& verdict) {
         "The database holds exactly what one thread makes of the same file: %zu rows in %zu "
         "tables, digest %016" PRIx64 ", integrity check \"%s\".\n",
         check.rows, check.tables, check.digest, check.integrity.c_str());
+    std::printf(
+        "The object cache agrees with the database: %zu objects by code point, %zu by name.\n",
+        check.cachedByCode, check.cachedByName);
 }
 
 }  // namespace
@@ -130,6 +173,7 @@ void TellBeginning(Options const& options, std::string const& data, std::string 
                 options.detection ? "deadlock-detecting" : "plain");
     std::printf("data:     %s, %zu records of %zu kinds\n", data.c_str(), records, kinds);
     std::printf("database: %s\n", database.c_str());
+    std::printf("locking:  level %u, %s\n", options.level, Describe(options.level));
     std::fflush(stdout);
 }
 
@@ -142,16 +186,20 @@ void TellTable(Outcome const& outcome, OperationCounts const& counts) {
                     Rate(counts.Of(operation), time));
     }
     SectionTotals const& sections = outcome.sections;
+    TellCache("cache by code", outcome.byCode);
+    TellCache("cache by name", outcome.byName);
     std::printf("%-17s %12" PRIu64 " %12.0f\n", "sections entered", sections.entered,
                 Rate(sections.entered, outcome.loadTime + outcome.workTime));
     std::printf("%-17s %9.1f ms   at \"%s\"\n", "longest wait", Milliseconds(sections.longestWait),
                 sections.longestWaitAt.c_str());
     std::printf("%-17s %12zu\n\n", "sections alive", sections.alive);
+    std::fflush(stdout);
 }
 
 bool TellWhatWasSeen(Outcome const& outcome, bool detection) {
     Verdict verdict;
     TellWork(outcome);
+    TellLocking(outcome, verdict);
     TellDeadlocks(outcome, detection, verdict);
     verdict.Require(outcome.complaintCount == 0,
                     "clients met " + std::to_string(outcome.complaintCount) +

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "check.h"
+#include "object_cache.h"
 #include "operations.h"
 #include "options.h"
 #include "section.h"
@@ -31,9 +32,14 @@ struct Outcome {
     unsigned ringFinished = 0;             // and transactions committed
     SectionTotals sections;                // before the connections were closed
     std::size_t sectionsLeft = 0;          // after SQLite ended
-    unsigned deadlocks = 0;                // that the library reported,
-    unsigned falseAlarms = 0;              // called off,
-    int deadlocksInFile = 0;               // and wrote to deadlock.txt
+    CacheCounts byCode;                    // look-ups in the object cache
+    CacheCounts byName;
+    bool separated = false;           // whether the manager kept writers apart
+    std::uint64_t databaseWaits = 0;  // for SQLite's own lock on the database
+    unsigned lowerings = 0;           // writers that went on as readers
+    unsigned deadlocks = 0;           // that the library reported,
+    unsigned falseAlarms = 0;         // called off,
+    int deadlocksInFile = 0;          // and wrote to deadlock.txt
     unsigned long assertions = 0;
     std::uint64_t complaintCount = 0;
     std::vector<std::string> complaints;  // the first few

@@ -10,15 +10,16 @@ unsigned SharersAmong(unsigned clients, bool sharing) {
 
 }  // namespace
 
-Sessions::Sessions(std::filesystem::path const& database, unsigned clients, bool sharing)
+Sessions::Sessions(std::filesystem::path const& database, LockingPlan& plan, ObjectCache& cache,
+                   unsigned clients, bool sharing)
     : sharers(SharersAmong(clients, sharing)) {
-    if (sharers > 0) {
-        sessions.push_back(std::make_unique<Session>(
-            database, "the connection of clients 1 to " + std::to_string(sharers)));
-    }
+    auto const add = [&](std::string const& owners) {
+        sessions.push_back(
+            std::make_unique<Session>(database, plan, cache, "the connection of " + owners));
+    };
+    if (sharers > 0) add("clients 1 to " + std::to_string(sharers));
     for (unsigned client = sharers; client < clients; ++client) {
-        sessions.push_back(std::make_unique<Session>(
-            database, "the connection of client " + std::to_string(client + 1)));
+        add("client " + std::to_string(client + 1));
     }
 }
 

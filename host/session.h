@@ -1,4 +1,5 @@
-// A connection with its store, and the section that says whose turn it is on it.
+// A connection with its store, the section that says whose turn it is on it, and what all sessions
+// of a database have in common.
 //
 // Clients that share a session take turns by the transaction: SQLite's own lock keeps single calls
 // apart, but a transaction belongs to the connection and not to the thread that began it.
@@ -13,13 +14,22 @@
 
 #include "character_store.h"
 #include "engine.h"
+#include "locking_plan.h"
+#include "object_cache.h"
 #include "section.h"
 
 class Session {
 public:
-    Session(std::filesystem::path const& database, std::string const& name)
-        : turn("turn on " + name), connection(database, name), store(connection) {}
+    Session(std::filesystem::path const& database, LockingPlan& plan, ObjectCache& cache,
+            std::string const& name)
+        : plan(plan),
+          cache(cache),
+          turn("turn on " + name),
+          connection(database, name),
+          store(connection) {}
 
+    LockingPlan& plan;
+    ObjectCache& cache;
     Section turn;  // held from before a transaction until after it
     Connection connection;
     CharacterStore store;
@@ -29,7 +39,8 @@ public:
 // if `sharing` allows it; each of the others has its own.
 class Sessions {
 public:
-    Sessions(std::filesystem::path const& database, unsigned clients, bool sharing);
+    Sessions(std::filesystem::path const& database, LockingPlan& plan, ObjectCache& cache,
+             unsigned clients, bool sharing);
 
     Session& Of(unsigned client);
     unsigned Sharers() const { return sharers; }

@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "interrupt.h"
+#include "transactions.h"
 
 namespace {
 
@@ -11,6 +12,8 @@ namespace {
 constexpr std::size_t BatchSize = 128;
 // In each pass one record in this many is deleted and inserted again, another one every time.
 constexpr std::size_t ReinsertOneIn = 8;
+// One record in this many is looked up by its name.
+constexpr std::size_t ByNameOneIn = 4;
 
 }  // namespace
 
@@ -74,49 +77,68 @@ void Workload::Work(unsigned client, Passes& passes) {
 }
 
 void Workload::LoadBatch(Session& session, Batch const& batch) {
-    std::lock_guard<Section> turn(session.turn);
-    Transaction transaction(session.connection, Transaction::Writing);
-    for (std::size_t i = batch.begin; i < batch.end; ++i) session.store.Insert({records[i], 0});
+    WriteTransaction transaction(session, "load");
+    for (std::size_t i = batch.begin; i < batch.end; ++i) transaction.Insert({records[i], 0});
     transaction.Commit();
     counts.Add(Operation::Load, batch.end - batch.begin);
 }
 
-// Sees one state of the database, while others go on changing it.
+// Sees one state of the database, while others wait or, if the level lets them, go on changing it.
 void Workload::LookUpBatch(Session& session, Batch const& batch) {
-    std::lock_guard<Section> turn(session.turn);
-    Transaction transaction(session.connection, Transaction::Reading);
-    for (std::size_t i = batch.begin; i < batch.end; ++i) LookUp(session, records[i]);
-    transaction.Commit();
+    ReadTransaction transaction(session, "look up");
+    for (std::size_t i = batch.begin; i < batch.end; ++i) {
+        CharacterRecord const& record = records[i];
+        if (i % ByNameOneIn == 0) {
+            LookedUpByName(transaction.FindByName(record.category, record.name), record);
+        } else {
+            LookedUp(transaction.Find(record.category, record.code), record);
+        }
+    }
+    if (!transaction.WasUndisturbed()) complaints.Add("a reader met a writer's commit");
+    transaction.End();
 }
 
 // Takes each object out, changes it and puts it back, so a change that another client makes in
 // between would be lost and missed by the check.
 void Workload::ChangeBatch(Session& session, Batch const& batch) {
-    std::lock_guard<Section> turn(session.turn);
-    Transaction transaction(session.connection, Transaction::Writing);
+    WriteTransaction transaction(session, "change");
     for (std::size_t i = batch.begin; i < batch.end; ++i) {
-        std::optional<StoredCharacter> character = LookUp(session, records[i]);
+        CharacterRecord const& record = records[i];
+        std::optional<StoredCharacter> character = transaction.Find(record.category, record.code);
+        LookedUp(character, record);
         if (!character.has_value()) continue;
         ++character->revision;
         if (i % ReinsertOneIn == batch.pass % ReinsertOneIn) {
-            Require(session.store.Delete(*character), records[i], "could not be deleted");
+            Require(transaction.Delete(*character), record, "could not be deleted");
             counts.Add(Operation::Delete);
-            session.store.Insert(*character);
+            transaction.Insert(*character);
             counts.Add(Operation::Reinsert);
         } else {
-            Require(session.store.Update(*character), records[i], "could not be updated");
+            Require(transaction.Update(*character), record, "could not be updated");
             counts.Add(Operation::Update);
         }
     }
-    transaction.Commit();
+    if (batch.begin == 0) {
+        if (!transaction.CommitAndReadBack()) complaints.Add("a writer read back something else");
+    } else {
+        transaction.Commit();
+    }
 }
 
-std::optional<StoredCharacter> Workload::LookUp(Session& session, CharacterRecord const& record) {
-    std::optional<StoredCharacter> found = session.store.Find(record.category, record.code);
+void Workload::LookedUp(std::optional<StoredCharacter> const& found,
+                        CharacterRecord const& record) {
     counts.Add(Operation::LookUp);
     Require(found.has_value(), record, "was not found");
     if (found.has_value()) Require(found->record == record, record, "is not what was stored");
-    return found;
+}
+
+void Workload::LookedUpByName(std::optional<StoredCharacter> const& found,
+                              CharacterRecord const& record) {
+    counts.Add(Operation::LookUpByName);
+    Require(found.has_value(), record, "was not found by its name");
+    if (!found.has_value()) return;
+    bool const another = found->record.code != record.code && found->record.name == record.name;
+    Require(another || found->record == record, record, "is not what was stored");
 }
 
 void Workload::Require(bool good, CharacterRecord const& record, char const* complaint) {

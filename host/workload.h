@@ -65,7 +65,9 @@ private:
     void LoadBatch(Session& session, Batch const& batch);
     void LookUpBatch(Session& session, Batch const& batch);
     void ChangeBatch(Session& session, Batch const& batch);
-    std::optional<StoredCharacter> LookUp(Session& session, CharacterRecord const& record);
+    // Both count a look-up and check what it has found.
+    void LookedUp(std::optional<StoredCharacter> const& found, CharacterRecord const& record);
+    void LookedUpByName(std::optional<StoredCharacter> const& found, CharacterRecord const& record);
     void Require(bool good, CharacterRecord const& record, char const* complaint);
 
     std::vector<CharacterRecord> const& records;

@@ -9,11 +9,13 @@
 // The switch is the configuration key "ZOVAConsole" in section "debug", read at the first write or
 // flush: absent or 0 discards everything. _Configure_smp_io() reads it again.
 //
-// Who may call: any thread, anything. The operations of all fronts exclude one another by one lock
-// that the fronts share, so pieces do not mix; a line made of several insertions may still
-// interleave with other threads' lines. A sink is called with that lock held and must not wait for
-// another thread that may be writing to a console. Code that replaces `sink` itself does so while
-// no other thread uses that front.
+// Who may call: any thread, anything. Each insertion is one call of the sink, and the sink above
+// makes one write of it; a line made of several insertions may interleave with other threads'
+// lines. A sink is called without any lock of the console, by several threads at once if they write
+// at once. Code that replaces `sink` does so while no other thread uses that front. A deadlock
+// report (zocrits.h) puts a sink of its own around the console's for its length, so other threads'
+// text goes into the log too, and the console's sink is called by the reporting thread with csDLD
+// held.
 //
 // Nothing here fails: errors of standard error are ignored, and an insertion allocates nothing.
 

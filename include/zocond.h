@@ -51,7 +51,7 @@ public:
     virtual int SafeSetApp(int* value, void* first, void* second);
 
 protected:
-    ~ConditionLogic() = default;  // objects live from load to unload, never destroyed by this base
+    ~ConditionLogic() = default;  // slots 0 to 3 are the whole table: not deleted through this base
 };
 
 // The base: no lock at all, and a wait that polls. For an object that one thread uses.
@@ -71,10 +71,10 @@ public:
     virtual int ClearCondition();
     // Waits until the logic's test passes. The test is made before the first wait, so a condition
     // that passes returns at once. `keepLocked` non-zero: returns with the lock held, also after a
-    // time-out. `milliseconds` limits the wait; 4294967295 is no limit. Each wake-up that finds the
-    // test still failing starts the full time again, so the whole may take longer. Returns 0, or
-    // ZoTimedOut without a further test. A thread cancelled in the wait leaves the lock free.
-    // The base class ignores both arguments and yields the processor between its tests.
+    // time-out. `milliseconds` limits the wait; 4294967295 or more is no limit. Each wake-up that
+    // finds the test still failing starts the full time again, so the whole may take longer.
+    // Returns 0, or ZoTimedOut without a further test. A thread cancelled in the wait leaves the
+    // lock free. The base class ignores both arguments and yields the processor between its tests.
     virtual int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds);
     // Returns the value read after unlocking.
     virtual int Unlock();

@@ -141,6 +141,7 @@ private:
     ZO_INTERNAL bool AnnounceWait(ZoTLS* me);
     ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
     ZO_INTERNAL void ReportFalseAlarm();
+    ZO_INTERNAL void EnterWrapped();
     ZO_INTERNAL void TakeOwnership(ZoTLS* me);
 
     ZoCritSect* wrapped;

@@ -12,7 +12,13 @@
 //
 // Who may call: anything here, any thread. Making or destroying an object, and the walk of
 // ReleaseAllSynchronizationObjects, hold the section "CS chain" (`fscs`). A ForceRelease override
-// is called with that section held, so it must not make or destroy synchronisation objects.
+// is called with that section held, so it must not make or destroy synchronisation objects, nor
+// enter a section that another thread may hold.
+//
+// A class of the host that derives from ZoSynchroObj directly, and overrides ForceRelease, joins
+// the chain before it is complete. Where other threads may walk the chain, hold `fscs` around its
+// construction and its destruction (fscs->Begin(), fscs->Exit()). The library's own classes do that
+// themselves.
 
 #ifndef KELVARA_INCLUDE_ZOSYNCOB_H_
 #define KELVARA_INCLUDE_ZOSYNCOB_H_
@@ -50,6 +56,7 @@ public:
     char const* GetName() const { return name; }
 
 private:
+    friend void ForgetChain();
     friend void HandleChaining(ZoSynchroObj* object, int insert);
     friend void ReleaseAllSynchronizationObjects();
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "cancellation.h"
+#include "chain.h"
 #include "smp_io.h"
 #include "thrdimp.h"
 #include "thread_entry.h"
@@ -44,6 +45,7 @@ void TearDown() {
     Destroy(smp_debugger);
     Destroy(smp_console);
     Destroy(__defTLS);
+    ForgetChain();
     suppress_chaining = 1;
     Destroy(csDLD);
     Destroy(fscs);

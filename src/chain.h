@@ -14,6 +14,10 @@ void HandleChaining(ZoSynchroObj* object, int insert);
 // is in the chain itself and releases its inner section as part of its own release.
 void UnchainSection(ZoCritSect* section);
 
+// Cuts every link of the chain. Objects that outlive the library context may be destroyed under the
+// next one, which would follow their links to neighbours that are gone by then.
+void ForgetChain();
+
 // Takes `object` out if chaining is on: the first act of every destructor that has something to
 // destroy, so that no walk of the chain meets an object half gone.
 inline void LeaveChain(ZoSynchroObj* object) {

@@ -1,33 +1,43 @@
-// Putting another sink into a console for a while.
+// The sink of a console front, shared by the threads that write to it.
 
 #ifndef KELVARA_SRC_CONSOLE_SINK_H_
 #define KELVARA_SRC_CONSOLE_SINK_H_
 
-#include <mutex>
-
 #include "smp_io.h"
 
-// Guards the sink of every front: each use of a sink holds it, so a sink that is put in for a while
-// can be destroyed as soon as it has been taken out. Recursive, because a sink may write to a
-// front.
-extern std::recursive_mutex consoleLock;
+class deadlock_io;
 
-// Holds the console for its lifetime with `sink` in place of its own. Other threads' text waits, so
-// what is written in between stands together.
-class SinkOverride {
+// A front's sink for one use. A sink is the host's code and is called without any lock; the one
+// that is not there for good, a deadlock report's, stays alive until the last thread that fetched
+// it has used it.
+class SinkUse {
 public:
-    SinkOverride(smp_io& console, _smp_io* sink)
-        : hold(consoleLock), console(console), saved(console.sink) {
-        console.sink = sink;
-    }
-    SinkOverride(SinkOverride const&) = delete;
-    SinkOverride& operator=(SinkOverride const&) = delete;
-    ~SinkOverride() { console.sink = saved; }
+    explicit SinkUse(smp_io const& stream);
+    SinkUse(SinkUse const&) = delete;
+    SinkUse& operator=(SinkUse const&) = delete;
+    ~SinkUse();
+
+    explicit operator bool() const { return sink != nullptr; }
+    _smp_io* operator->() const { return sink; }
 
 private:
-    std::lock_guard<std::recursive_mutex> hold;
+    _smp_io* sink;
+    deadlock_io* report;  // the sink, if it is a report's
+};
+
+// Puts a new deadlock_io around a console's sink for a scope. Reports follow each other, so there
+// is one at a time.
+class LoggedConsole {
+public:
+    explicit LoggedConsole(smp_io& console);
+    LoggedConsole(LoggedConsole const&) = delete;
+    LoggedConsole& operator=(LoggedConsole const&) = delete;
+    ~LoggedConsole();
+
+private:
     smp_io& console;
-    _smp_io* saved;
+    _smp_io* const saved;
+    deadlock_io* const log;
 };
 
 #endif  // KELVARA_SRC_CONSOLE_SINK_H_

@@ -11,7 +11,8 @@ class ZoDLDCritSect;
 class ZoTLS;
 
 // A console sink that appends everything to "deadlock.txt" in the current directory and passes it
-// on to the sink it wraps. It lives for one report, on the stack of the detecting thread.
+// on to the sink it wraps. It lives for one report, or until the last thread that wrote to the
+// console meanwhile is done with it (console_sink.h).
 class deadlock_io : public _smp_io {
 public:
     // Opens the file and writes a report's head, its time included. A file that cannot be opened is
@@ -26,6 +27,10 @@ public:
 private:
     _smp_io* wrapped;  // not owned
     FILE* file;        // null when it could not be opened
+
+    friend class SinkUse;
+    friend class LoggedConsole;
+    long users = 1;  // the report and whoever uses the sink right now; guarded by consoleLock
 };
 
 // Writes the chain of waits that begins with thread `me` wanting `section`, a line a thread and an

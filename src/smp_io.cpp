@@ -7,12 +7,13 @@
 #include <mutex>
 #include <new>
 
+#include "cancellation.h"
 #include "console_sink.h"
+#include "deadlock_io.h"
 #include "debug_path.h"
 #include "zobase.h"
 
 smp_io* smp_console = nullptr;
-std::recursive_mutex consoleLock;
 
 char const* const debug_path[2] = {"debug", nullptr};
 
@@ -37,7 +38,9 @@ std::atomic_ref<smp_io*> TheConsole() {
 
 }  // namespace
 
+// Off while the configuration is asked: it may write to the console itself.
 void _Configure_smp_io() {
+    zova_console.store(0, std::memory_order_relaxed);
     int value = 0;
     if (ZoConfig* configuration = ZoDefaultConfiguration()) {
         configuration->ReadValue(key_zova_console, &value, debug_path);
@@ -73,18 +76,63 @@ void _smp_io::flush() {
     if (ConsoleIsOn()) std::fflush(stderr);
 }
 
+// --- who uses a sink ---------------------------------------------------------------------------
+
+namespace {
+
+// Guards the sink of every front against LoggedConsole, and the users of a report's sink. Held for
+// a few instructions and never while a sink is called.
+std::mutex consoleLock;
+deadlock_io* reportSink = nullptr;  // the sink of the report in progress; guarded by consoleLock
+
+}  // namespace
+
+SinkUse::SinkUse(smp_io const& stream) {
+    std::lock_guard<std::mutex> hold(consoleLock);
+    sink = stream.sink;
+    report = sink != nullptr && sink == reportSink ? reportSink : nullptr;
+    if (report != nullptr) ++report->users;
+}
+
+SinkUse::~SinkUse() {
+    if (report == nullptr) return;
+    {
+        std::lock_guard<std::mutex> hold(consoleLock);
+        if (--report->users != 0) return;
+    }
+    CancellationDeferred deferred;  // closing the file is a cancellation point
+    delete report;
+}
+
+LoggedConsole::LoggedConsole(smp_io& console)
+    : console(console), saved(console.sink), log(new (std::nothrow) deadlock_io(saved)) {
+    if (log == nullptr) return;
+    std::lock_guard<std::mutex> hold(consoleLock);
+    console.sink = log;
+    reportSink = log;
+}
+
+LoggedConsole::~LoggedConsole() {
+    if (log == nullptr) return;
+    {
+        std::lock_guard<std::mutex> hold(consoleLock);
+        console.sink = saved;
+        reportSink = nullptr;
+        if (--log->users != 0) return;
+    }
+    delete log;
+}
+
 // --- the front ---------------------------------------------------------------------------------
 
 namespace {
 
 void Write(smp_io& stream, char const* text, int length) {
-    std::lock_guard<std::recursive_mutex> hold(consoleLock);
-    if (stream.sink != nullptr) stream.sink->writeOutput(text, length);
+    if (SinkUse sink(stream); sink) sink->writeOutput(text, length);
 }
 
 void FlushSink(smp_io& stream) {
-    std::lock_guard<std::recursive_mutex> hold(consoleLock);
-    if (stream.sink != nullptr) stream.sink->flush();
+    if (SinkUse sink(stream); sink) sink->flush();
 }
 
 // Holds the longest text of any format: the largest double has 309 digits before its point.
@@ -116,8 +164,7 @@ smp_io& smp_io::operator<<(char const* text) {
 }
 
 smp_io& smp_io::operator<<(ZoString const& text) {
-    std::lock_guard<std::recursive_mutex> hold(consoleLock);
-    if (sink != nullptr) sink->writeOutput(text);
+    if (SinkUse use(*this); use) use->writeOutput(text);
     return *this;
 }
 

@@ -169,7 +169,8 @@ int POSIXCondition::SetConditionApp(void* first, void* second) {
 }
 
 int POSIXCondition::WaitForCondition(unsigned short keepLocked, unsigned long milliseconds) {
-    ZoUInt32 const limit = static_cast<ZoUInt32>(milliseconds);
+    ZoUInt32 const limit =
+        milliseconds < ZoNoLimit ? static_cast<ZoUInt32>(milliseconds) : ZoNoLimit;
     int result = ZoSuccess;
     MutexHold hold(mutex);
     while (result == ZoSuccess && logic->SafeTest(&value) != 0) {

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
 #include <new>
 
 #include "cancellation.h"
@@ -36,13 +35,21 @@ pthread_t Self() {
     return self;
 }
 
-// Enters the section that guards the wait-for graph for a scope.
+// Enters the section that guards the wait-for graph for a scope. Without the library context there
+// is none, and no thread waits.
 class GraphLock {
 public:
-    GraphLock() { csDLD->Begin(); }
+    GraphLock() : section(csDLD) {
+        if (section != nullptr) section->Begin();
+    }
     GraphLock(GraphLock const&) = delete;
     GraphLock& operator=(GraphLock const&) = delete;
-    ~GraphLock() { csDLD->Exit(); }
+    ~GraphLock() {
+        if (section != nullptr) section->Exit();
+    }
+
+private:
+    ZoCritSect* section;
 };
 
 }  // namespace
@@ -180,9 +187,8 @@ public:
         ZoTLS volatile const* remembered = thread;
         unsigned long steps = 0;
         unsigned long limit = 1;
-        while (thread != nullptr) {
+        while (thread != nullptr && thread->waitingFor != nullptr) {
             thread = BlockerOf(thread);
-            if (thread == nullptr) return false;
             if (thread == target) return true;
             if (thread == remembered) return false;
             if (++steps == limit) {
@@ -254,7 +260,7 @@ void ZoDLDCritSect::Begin() {
     ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
     if (me == nullptr) {
         // No record, which was reported: nothing can be told apart, so only lock.
-        wrapped->Begin();
+        EnterWrapped();
         SetOwningCount(GetOwningCount() + 1);
         return;
     }
@@ -265,7 +271,7 @@ void ZoDLDCritSect::Begin() {
     }
     waitCount.fetch_add(1, std::memory_order_relaxed);
     bool const suspect = AnnounceWait(me);
-    wrapped->Begin();
+    EnterWrapped();
     if (suspect) ReportFalseAlarm();
     TakeOwnership(me);
     waitCount.fetch_sub(1, std::memory_order_relaxed);
@@ -280,6 +286,13 @@ bool ZoDLDCritSect::AnnounceWait(ZoTLS* me) {
     if (suspect) ReportDeadlock(me);
     me->waitingFor = this;
     return suspect;
+}
+
+// The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
+// had no record before, so its entry went unnoticed: it gives the second level back.
+void ZoDLDCritSect::EnterWrapped() {
+    wrapped->Begin();
+    if (GetOwningCount() != 0) wrapped->Exit();
 }
 
 void ZoDLDCritSect::TakeOwnership(ZoTLS* me) {
@@ -297,13 +310,8 @@ void ZoDLDCritSect::Exit() {
         ZoThreadSwitchWithDelay(delay);
     }
     GraphLock lock;
-    bool const hadRecord = owner.load(std::memory_order_relaxed) != nullptr;
     owner.store(nullptr, std::memory_order_relaxed);
-    if (hadRecord) {
-        wrapped->Exit();
-    } else {
-        wrapped->ForceRelease();  // entered without a record: it counted every level itself
-    }
+    wrapped->Exit();
 }
 
 void ZoDLDCritSect::ForceRelease() {
@@ -343,14 +351,12 @@ namespace {
 
 // The ring, in words and traces, to the console and to the log file at once.
 void WriteReport(ZoTLS* me, ZoDLDCritSect* section, smp_io& console) {
-    std::lock_guard<std::recursive_mutex> hold(consoleLock);  // for reading the sink
-    deadlock_io log(console.sink);
-    SinkOverride logged(console, &log);
-
+    LoggedConsole logged(console);
     DeadlockDetectionMakeMessage(me, section, &console);
     ZoTLSPrepareStackTrace(&console);
     ZoTLSStackTrace(me, &console);
-    for (ZoTLS* thread = WaitForGraph::OwnerOf(section); thread != me;
+    // A sink of the host may have left a section meanwhile, so the chain may break off.
+    for (ZoTLS* thread = WaitForGraph::OwnerOf(section); thread != nullptr && thread != me;
          thread = WaitForGraph::BlockerOf(thread)) {
         ZoTLSStackTrace(thread, &console);
         console << endl;

@@ -37,6 +37,16 @@ void HandleChaining(ZoSynchroObj* object, int insert) {
     if (fscs != nullptr) fscs->Exit();
 }
 
+void ForgetChain() {
+    ZoSynchroObj* object = FirstSynchro;
+    while (object != nullptr) {
+        ZoSynchroObj* const older = object->next;
+        object->next = nullptr;
+        object->prev = nullptr;
+        object = older;
+    }
+}
+
 void ReleaseAllSynchronizationObjects() {
     if (fscs != nullptr) fscs->Begin();
     for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {

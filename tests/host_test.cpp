@@ -28,7 +28,8 @@ std::string const TinyData = Capital + "0042;LATIN CAPITAL LETTER B;Lu;0;L;;;;;N
                              Small +
                              "0031;DIGIT ONE;Nd;0;EN;;1;1;1;N;;;;;\n"
                              "3400;<CJK Ideograph Extension A, First>;Lo;0;L;;;;;N;;;;;\n"
-                             "4DBF;<CJK Ideograph Extension A, Last>;Lo;0;L;;;;;N;;;;;\n";
+                             "4DBF;<CJK Ideograph Extension A, Last>;Lo;0;L;;;;;N;;;;;\n"
+                             "0032;DIGIT TWO;Nd;0;EN;;2;2;2;N;;;;;\n";
 
 std::string Contents(fs::path const& file) {
     std::ostringstream text;
@@ -55,7 +56,7 @@ protected:
 
     void TearDown() override {
         EXPECT_TRUE(fs::is_empty(folder / "tmp")) << "temporary files were left behind";
-        unsetenv("ZOVA_CONFIG");
+        for (char const* name : {"TMPDIR", "ZOVA_CONFIG"}) unsetenv(name);
         fs::remove_all(folder);
     }
 
@@ -156,17 +157,52 @@ TEST_F(HostTest, WorksAndChecks) {
         if (more.size() > 1) words.pop_back();
         words.insert(words.end(), more.begin(), more.end());
         EXPECT_EQ(Run(words), 0) << err;
-        EXPECT_EQ(err, "");
-        ExpectSaid(out, "6 rows in 4 tables");
+        EXPECT_EQ(err.find("ZoThread Status Report for Manager ("), 0U) << err;
+        ExpectSaid(out, "7 rows in 4 tables");
         ExpectSaid(out, "All is well.");
     }
     EXPECT_FALSE(fs::exists(folder / "deadlock.txt"));
+}
+
+// So few records that clients meet at them all the time.
+TEST_F(HostTest, WorksAtEachLevel) {
+    for (unsigned const level : {0U, 2U, 4U, 9U, 10U, 12U, 13U}) {
+        EXPECT_EQ(Run({"--data=.", "--seconds=1", "--level=" + std::to_string(level)}), 0) << out;
+        ExpectSaid(out, "7 rows in 4 tables");
+        ExpectSaid(out, "The object cache agrees with the database");
+        ExpectSaid(out, level == 0 ? "1 client thread loaded" : "4 client threads loaded");
+        EXPECT_EQ(Count(err, "ZoCSTheOnlyOne"), level == 4 ? 2U : 0U) << err;
+        EXPECT_EQ(Count(err, "25 : ZoCSServerWriter"), level == 0 || level == 4 ? 0U : 1U) << err;
+    }
+}
+
+TEST_F(HostTest, TracesWhatTheFlagsSay) {
+    char const* const level = "DEBUG LEVEL --> 0x10000\n";
+    char const* const lowering = "Kelvara RW_Mutex: IMPLICIT LOWERING WRITER->READER\n";
+    Write("quiet.ini", "[debug]\nZOVAConsole = 0\nmode = 0x10000\n");
+    for (char const* const config : {"", "quiet.ini"}) {
+        setenv("ZOVA_CONFIG", config, 1);
+        EXPECT_EQ(Run({"--data=.", "--seconds=0", "--trace=65536"}), 0) << out;
+        ExpectSaid(err, level);
+        EXPECT_EQ(Count(err, lowering), 1U) << err;
+    }
+    EXPECT_EQ(Run({"--data=.", "--seconds=0"}), 0) << out;
+    EXPECT_EQ(err, "");
+    unsetenv("ZOVA_CONFIG");
+    EXPECT_EQ(Run({"--data=.", "--seconds=0", "--trace=0"}), 0) << out;
+    EXPECT_EQ(Count(err, "-->") + Count(err, "LOWERING"), 0U) << err;
 }
 
 TEST_F(HostTest, RefusesWrongOptions) {
     ExpectRefusal({"--bogus"}, "--bogus");
     ExpectRefusal({"--threads=0"}, "--threads");
     ExpectRefusal({"--seconds=soon"}, "--seconds");
+    ExpectRefusal({"--level=14"}, "--level");
+    ExpectRefusal({"--level=-1"}, "--level");
+    ExpectRefusal({"--level=0", "--threads=2"}, "--threads: level 0 locks nothing");
+    ExpectRefusal({"--level=0", "--deadlock"}, "--deadlock: level 0 locks nothing");
+    ExpectRefusal({"--trace=0x100000000"}, "--trace");
+    ExpectRefusal({"--trace=10000h"}, "--trace");
     ExpectRefusal({"--deadlock", "1"}, "--deadlock");
     ExpectRefusal({"--deadlock=3x"}, "--deadlock");
     ExpectRefusal({"--deadlock", "--no-detection"}, "--no-detection");
@@ -220,7 +256,7 @@ TEST_F(HostTest, ResolvesADeadlock) {
         EXPECT_EQ(Run({"--data=.", "--deadlock", n}), 0) << out << err;
         ExpectSaid(out, "The ring of " + n + " sections was reported exactly once");
         ExpectSaid(out, "All " + n + " transactions finished");
-        ExpectSaid(out, "6 rows in 4 tables");
+        ExpectSaid(out, "7 rows in 4 tables");
         EXPECT_EQ(Count(err, " wants critical section records of client "), 1U) << err;
         EXPECT_EQ(Count(err, " owned by thread "), clients) << err;
         ExpectSaid(err, "log, level 4: Deadlock detected.");
@@ -239,20 +275,27 @@ TEST_F(HostTest, ResolvesADeadlock) {
     ExpectSaid(out, "FAILED: the ring was reported 1 times, and deadlock.txt has 0 new reports");
 }
 
-TEST_F(HostTest, EndsInOrderWhenInterrupted) {
+TEST_F(HostTest, ReportsItsLocksWhenAskedAndEndsInOrderWhenInterrupted) {
     pid_t const child = StartEndless();
+    kill(child, SIGUSR1);
+    while (Running(child) && Count(Contents(folder / "err"), "25 : ZoCSServerWriter") == 0) Pause();
     kill(child, SIGTERM);
     EXPECT_EQ(Finish(child), 0) << out << err;
+    EXPECT_EQ(Count(err, "ZoThread Status Report for Manager ("), 2U) << err;
     ExpectSaid(out, "A signal ended the run early");
     ExpectSaid(out, "All is well.");
 }
 
+// The clients repair what they store again, so the damage is done again with it.
 TEST_F(HostTest, NoticesADamagedDatabase) {
     pid_t const child = StartEndless();
     Sql("BEGIN IMMEDIATE;"
-        "UPDATE kind_Lu SET comment = 'damaged' WHERE code = 0x42;"
-        "UPDATE kind_Nd SET revision = revision + 1;"
-        "DELETE FROM kind_Lo WHERE code = 0x4DBF;"
+        "CREATE TRIGGER a AFTER INSERT ON kind_Lu WHEN new.code = 0x42 BEGIN"
+        " UPDATE kind_Lu SET comment = 'damaged' WHERE code = 0x42; END;"
+        "CREATE TRIGGER b AFTER INSERT ON kind_Nd BEGIN UPDATE kind_Nd SET revision = 0; END;"
+        "CREATE TRIGGER c AFTER UPDATE ON kind_Nd BEGIN UPDATE kind_Nd SET revision = 0; END;"
+        "CREATE TRIGGER d AFTER INSERT ON kind_Lo WHEN new.code = 0x4DBF BEGIN"
+        " DELETE FROM kind_Lo WHERE code = 0x4DBF; END;"
         "INSERT INTO kind_Ll SELECT 0x62, name, combining, bidi, decomposition, decimal, digit, "
         "numeric, mirrored, oldName, comment, upper, lower, title, revision FROM kind_Ll;"
         "CREATE TABLE stray (number INTEGER);"
@@ -260,7 +303,7 @@ TEST_F(HostTest, NoticesADamagedDatabase) {
     // A client must have come across it, too.
     char const* const revision = "SELECT revision FROM kind_Lu WHERE code = 0x42";
     int const damaged = Sql(revision);
-    while (Running(child) && Sql(revision) < damaged + 2) Pause();
+    while (Running(child) && Sql(revision) < damaged + 24) Pause();
     kill(child, SIGINT);
     EXPECT_EQ(Finish(child), 1) << out << err;
     ExpectSaid(out, "FAILED: U+0042 is not what was stored");
@@ -269,6 +312,7 @@ TEST_F(HostTest, NoticesADamagedDatabase) {
     ExpectSaid(out, "FAILED: table kind_Lo: U+4DBF is missing");
     ExpectSaid(out, "FAILED: table kind_Lo has 1 rows instead of 2");
     ExpectSaid(out, "FAILED: table kind_Ll: U+0062 is too many");
+    ExpectSaid(out, "FAILED: the object cache has U+003");
     ExpectSaid(out, "FAILED: there is a table stray too many");
     ExpectSaid(out, "FAILED: the digest of all contents differs");
 }

@@ -114,16 +114,23 @@ private:
     ZoAssertHandler previousAssert;
 };
 
-// A sink that keeps the text.
+// A sink that keeps the text. Threads may write to it at once; it is read when none does.
 class TextSink : public _smp_io {
 public:
     using _smp_io::writeOutput;
     void writeOutput(char const* piece, int length) override {
+        std::lock_guard<std::mutex> hold(mutex);
         text.append(piece, length == -1 ? std::strlen(piece) : static_cast<std::size_t>(length));
     }
-    void flush() override { ++flushes; }
+    void flush() override {
+        std::lock_guard<std::mutex> hold(mutex);
+        ++flushes;
+    }
     std::string text;
     int flushes = 0;
+
+private:
+    std::mutex mutex;
 };
 
 // The library context; its console writes to `console`.

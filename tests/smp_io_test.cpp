@@ -95,6 +95,28 @@ TEST(Console, PiecesOfSeveralThreadsDoNotMix) {
     }
 }
 
+// A configuration that writes to the console while it is asked for the switch finds it off.
+TEST(Console, MayBeUsedByTheConfigurationItself) {
+    class Talking : public ZoConfig {
+    public:
+        int ReadValue(char const*, int* out, char const* const*) override {
+            *GetConsole() << ++asked;
+            *out = 1;
+            return 0;
+        }
+        int asked = 0;
+    } talking;
+    ZoConfig* const previous = ZoSetDefaultConfig(&talking);
+    ___ZoExtendedContext(1);
+    testing::internal::CaptureStderr();
+    _Configure_smp_io();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(talking.asked, 1);
+    ___ZoExtendedContext(0);
+    ZoSetDefaultConfig(previous);
+    _Configure_smp_io();
+}
+
 TEST(Sleeping, ReturnsWhatTheSystemSays) {
     EXPECT_EQ(ZoThreadSwitch(), 0);
     EXPECT_EQ(ZoYieldProcessor(), 0);

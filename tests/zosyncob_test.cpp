@@ -147,6 +147,22 @@ TEST(Context, SetUpAndTearDownAThousandTimes) {
     }
 }
 
+// Objects that outlive their context leave the next one's chain alone, whatever became of their
+// neighbours in the old one.
+TEST(Context, IsSurvivedByItsObjects) {
+    ___ZoExtendedContext(1);
+    ZoCritSect* objects[3];
+    for (ZoCritSect*& object : objects) object = ZoCritSect::Make("old");
+    ___ZoExtendedContext(0);
+    delete objects[1];
+    ___ZoExtendedContext(1);
+    ZoSynchroObj* const first = FirstSynchro;
+    delete objects[0];
+    delete objects[2];
+    EXPECT_EQ(FirstSynchro, first);
+    ___ZoExtendedContext(0);
+}
+
 TEST(ThreadingMode, KeepsTheWholeWord) {
     EXPECT_EQ(ZoIsSingleThreaded(), 0);
     EXPECT_EQ(ZoGetThreadingMode(), 1);

@@ -1,0 +1,59 @@
+// Abortion handlers: what the host wants to be asked before an interrupt (SIGINT) or a request to
+// quit (SIGQUIT) ends the process. Each of them can refuse.
+//
+//     int KeepWhileSaving(void* store) { return static_cast<Store*>(store)->IsSaving(); }
+//     ZoAddAbortionHandler(KeepWhileSaving, &store);
+//     …
+//     ZoRemoveAbortionHandler(KeepWhileSaving, &store);
+//
+// When one of the two signals comes, the handlers are called one after the other, in the order of
+// registration, until one returns nonzero. The process then goes on as if the signal had not come;
+// if none does, it ends with exit(0). Each signal that is delivered is asked about once.
+//
+// The facility exists while there are references to it: each add takes one, each remove releases
+// one.
+//
+//     references   handlers          SIGINT and SIGQUIT
+//     none yet     none              as the host has set them
+//     1 or more    those registered  ask the handlers; none registered: end the process
+//     none again   none              end the process
+//
+// So from the first add on both signals are caught for good, even where they were ignored before,
+// as an interrupt is in a job that a shell started in the background.
+//
+// Where handlers run: on a thread of their own, which the first add starts and which lives as long
+// as the process. It blocks all signals, and so do the threads and programs that a handler starts.
+// Where there is no such thread, in a forked child or because it could not be started, they run
+// inside the signal handler, on the thread that got the signal, whatever that was about to do;
+// there a handler must do only what is safe in a signal handler.
+//
+// What a handler may do: add and remove handlers, itself included. The handlers behind it see the
+// change in the same round; one that the last handler adds is asked from the next signal on. It may
+// give up its locks (ReleaseAllSynchronizationObjects) and may end the process itself. It must not
+// throw.
+//
+// Who may call: any thread. Adding, removing and fork() wait while handlers run, those called from
+// a handler excepted, so a handler must not wait for a thread that may be doing one of these.
+
+#ifndef KELVARA_INCLUDE_ZOABORT_H_
+#define KELVARA_INCLUDE_ZOABORT_H_
+
+#include "zotypes.h"
+
+// Registers `handler`, to be called with `argument`, behind those there are. It returns 0 to agree
+// to the end of the process and nonzero to keep it alive. The same pair may be registered more than
+// once. A null handler is not registered but takes a reference like any other.
+//
+// Returns 0, or 1 when called from inside a handler; for a null handler the number of references.
+// When memory runs out nothing is registered and no reference taken: ZoOutOfMemory, or 0 when the
+// facility itself could not be set up.
+ZO_API int ZoAddAbortionHandler(int (*handler)(void*), void* argument);
+
+// Removes the first registration of `handler` with `argument`, if there is one, and releases one
+// reference in any case. Once it has returned, on a thread that is not inside a handler, that
+// registration is not running either. Releasing the last reference drops what is still registered.
+//
+// Returns the number of references left; 0 also when there was none.
+ZO_API int ZoRemoveAbortionHandler(int (*handler)(void*), void* argument);
+
+#endif  // KELVARA_INCLUDE_ZOABORT_H_

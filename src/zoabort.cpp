@@ -1,0 +1,358 @@
+#include "zoabort.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+#include "abort_handlers.h"
+#include "cancellation.h"
+#include "zocrits.h"
+#include "zolist.h"
+
+// Everything in static storage here is trivially destroyed: signals are caught and asked about to
+// the very end of the process, while exit() runs destructors on this thread or another.
+
+namespace {
+
+// --- the facility --------------------------------------------------------------------------------
+
+struct AbortItem : ZoLinkedListItem {
+    AbortItem(int (*handler)(void*), void* argument) : handler(handler), argument(argument) {}
+
+    int (*handler)(void*);
+    void* argument;
+};
+
+// One life of the facility, from the first reference to the last. `abortCS` guards the fields below
+// it and is held while handlers run.
+//
+// The section cannot guard its own life: a thread that wants to enter it, or a handler that
+// releases the last reference while its caller holds it, would be left with a destroyed section. So
+// whoever uses a facility pins it first, and it is destroyed with the last pin. The references
+// together count as one pin, which goes when the last of them is released. From then on the
+// facility is torn down: nobody finds it any more, and a thread that had pinned it before and
+// enters its section late sees the mark and looks for the facility of the day.
+struct Facility {
+    Facility()
+        : abortCS(ZoCritSect::MakeImplementation("AbortionHandler")),
+          abortList(new (std::nothrow) ZoLinkedList) {}
+    Facility(Facility const&) = delete;
+    Facility& operator=(Facility const&) = delete;
+    ~Facility() {
+        delete abortList;
+        delete abortCS;
+    }
+
+    ZoCritSect* const abortCS;
+
+    ZoLinkedList* const abortList;  // of AbortItem
+    int abortInited = 0;            // references
+    bool tornDown = false;
+    ZoLinkedListItem* nextItem = nullptr;  // whom to ask after the handler that is running
+
+    int pins = 1;  // guarded by facilityLock
+};
+
+// Guards `facility` and the pins of every facility, and what set-up does once. Held for a few
+// instructions or a system call, and taken last.
+std::mutex facilityLock;
+Facility* facility = nullptr;
+
+// The calling thread is inside a handler, and so holds abortCS already.
+thread_local bool insideHandler = false;
+
+// Keeps the two signals from the calling thread; returns what it had blocked before.
+sigset_t BlockSignals() {
+    sigset_t signals;
+    sigset_t previous;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGQUIT);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, &previous);
+    return previous;
+}
+
+// Keeps them away for a scope. Where the signal handler asks the handlers itself it needs the locks
+// of this file, so it must not interrupt their holder.
+class SignalsBlocked {
+public:
+    SignalsBlocked() : previous(BlockSignals()) {}
+    SignalsBlocked(SignalsBlocked const&) = delete;
+    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
+
+private:
+    sigset_t const previous;
+};
+
+Facility* PinFacility() {
+    std::lock_guard<std::mutex> lock(facilityLock);
+    if (facility != nullptr) ++facility->pins;
+    return facility;
+}
+
+void Unpin(Facility* pinned) {
+    bool last = false;
+    {
+        std::lock_guard<std::mutex> lock(facilityLock);
+        last = --pinned->pins == 0;
+    }
+    if (last) delete pinned;
+}
+
+// Pins the facility that `find` pins and enters its section; null when `find` finds none.
+Facility* EnterFacility(Facility* (*find)()) {
+    for (;;) {
+        Facility* const found = find();
+        if (found == nullptr) return nullptr;
+        found->abortCS->Begin();
+        if (!found->tornDown) return found;
+        found->abortCS->Exit();
+        Unpin(found);
+    }
+}
+
+// A thread that is inside no handler leaves the section completely. It holds one level, except
+// after it has asked handlers (see AskHandlers), when it may hold any number.
+void LeaveFacility(Facility* entered) {
+    if (insideHandler) {
+        entered->abortCS->Exit();
+    } else {
+        entered->abortCS->ForceRelease();
+    }
+    Unpin(entered);
+}
+
+// The facility, entered, for a scope; null when there is none.
+class Hold {
+public:
+    explicit Hold(Facility* (*find)() = PinFacility) : entered(EnterFacility(find)) {}
+    Hold(Hold const&) = delete;
+    Hold& operator=(Hold const&) = delete;
+    ~Hold() {
+        if (entered != nullptr) LeaveFacility(entered);
+    }
+
+    explicit operator bool() const { return entered != nullptr; }
+    Facility* operator->() const { return entered; }
+
+private:
+    SignalsBlocked blocked;
+    Facility* entered;
+};
+
+// --- signals -------------------------------------------------------------------------------------
+
+// The process that has a thread which asks the handlers; 0 when none has. A forked child finds its
+// parent here. Release order publishes `arrivals` to the signal handler, which reads with acquire.
+std::atomic<pid_t> processWithAsker{0};
+static_assert(std::atomic<pid_t>::is_always_lock_free, "the signal handler reads it");
+
+// Posted once for each signal, so that none is lost while an earlier one is being asked about.
+sem_t arrivals;
+
+void InstallSignalHandlers() {
+    std::signal(SIGQUIT, LowLevelHandler);
+    std::signal(SIGINT, LowLevelHandler);
+}
+
+// Asks the handlers about one signal and does as they say. The two signals stay blocked on this
+// thread to the end of the process, so none interrupts the exit to begin another.
+void AnswerSignal() {
+    CancellationDeferred deferred;  // a thread cancelled in a handler would keep the section
+    SignalsBlocked blocked;
+    if (LowLevelAbortionHandler() == 0) std::exit(0);
+    InstallSignalHandlers();  // in case a handler has changed them
+}
+
+void* AskForEver(void*) {
+    for (;;) {
+        if (sem_wait(&arrivals) == 0) AnswerSignal();
+    }
+}
+
+// Starts the thread that asks the handlers, if this process has none. When that fails the signal
+// handler does its work, and the next set-up tries again.
+void StartAsker() {
+    if (processWithAsker.load(std::memory_order_relaxed) == getpid()) return;
+    if (sem_init(&arrivals, 0, 0) != 0) return;
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &previous);  // for the thread to begin with
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, AskForEver, nullptr) == 0) {
+        pthread_detach(thread);
+        processWithAsker.store(getpid(), std::memory_order_release);
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+// --- fork ----------------------------------------------------------------------------------------
+
+// A child gets the locks as they are when it is forked, but not the threads that hold them. So the
+// forking thread holds them all. What other threads had pinned stays pinned in the child, which
+// costs it the memory of one facility at most.
+
+// Guarded by facilityLock, which the forking thread holds.
+sigset_t maskBeforeFork;
+Facility* heldForFork = nullptr;
+
+void BeforeFork() {
+    sigset_t const previous = BlockSignals();
+    Facility* const entered = EnterFacility(PinFacility);
+    facilityLock.lock();
+    maskBeforeFork = previous;
+    heldForFork = entered;
+}
+
+void AfterFork() {
+    sigset_t const previous = maskBeforeFork;
+    Facility* const entered = heldForFork;
+    facilityLock.unlock();
+    if (entered != nullptr) LeaveFacility(entered);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+void HeedForks() {
+    pthread_atfork(BeforeFork, AfterFork, AfterFork);
+}
+
+// --- set-up and references -----------------------------------------------------------------------
+
+// A facility that could be made completely, or null.
+Facility* MakeFacility() {
+    Facility* const made = new (std::nothrow) Facility;
+    if (made == nullptr) return nullptr;
+    if (made->abortCS != nullptr && made->abortList != nullptr) return made;
+    delete made;
+    return nullptr;
+}
+
+// Makes `made` the facility unless another thread was first. Whoever finds a facility finds the
+// signals caught as well.
+bool SetUp(Facility* made) {
+    std::lock_guard<std::mutex> lock(facilityLock);
+    if (facility != nullptr) return false;
+    facility = made;
+    ++made->pins;
+    StartAsker();
+    InstallSignalHandlers();
+    return true;
+}
+
+// Pins the facility, which it sets up if there is none; null when it cannot be made.
+Facility* PinOrSetUpFacility() {
+    for (;;) {
+        if (Facility* const found = PinFacility()) return found;
+        static pthread_once_t heeded = PTHREAD_ONCE_INIT;
+        pthread_once(&heeded, HeedForks);
+        Facility* const made = MakeFacility();
+        if (made == nullptr || SetUp(made)) return made;
+        delete made;
+    }
+}
+
+int TakeReference() {
+    Hold hold(PinOrSetUpFacility);
+    return hold ? ++hold->abortInited : 0;
+}
+
+int ReleaseReference() {
+    Hold hold;
+    if (!hold) return 0;
+    int const left = --hold->abortInited;
+    if (left != 0) return left;
+    hold->tornDown = true;
+    hold->nextItem = nullptr;
+    std::lock_guard<std::mutex> lock(facilityLock);
+    facility = nullptr;
+    --hold->pins;  // that of the references; the hold has one of its own
+    return 0;
+}
+
+// --- the handlers --------------------------------------------------------------------------------
+
+AbortItem* FindItem(ZoLinkedList const* list, int (*handler)(void*), void* argument) {
+    for (ZoLinkedListItem* i = list->GetFirst(); i != nullptr; i = i->GetNext()) {
+        AbortItem* const item = static_cast<AbortItem*>(i);
+        if (item->handler == handler && item->argument == argument) return item;
+    }
+    return nullptr;
+}
+
+// The item is not touched once its handler is called, which may remove it. The next one is kept
+// where a removal of it, or the end of the facility, moves it on.
+//
+// A handler may also make its thread leave all its sections. So the section is entered anew after
+// each: one level more if it is still held, which nobody could notice in between; else its return.
+int AskHandlers(Hold& hold) {
+    int result = 0;
+    hold->nextItem = hold->abortList->GetFirst();
+    while (result == 0 && hold->nextItem != nullptr) {
+        AbortItem const* const item = static_cast<AbortItem*>(hold->nextItem);
+        hold->nextItem = item->GetNext();
+        insideHandler = true;
+        result = item->handler(item->argument);
+        insideHandler = false;
+        hold->abortCS->Begin();
+    }
+    return result;
+}
+
+}  // namespace
+
+int AbortHandlerInitialization(int release) {
+    return release == 0 ? TakeReference() : ReleaseReference();
+}
+
+int ZoAddAbortionHandler(int (*handler)(void*), void* argument) {
+    int const count = AbortHandlerInitialization(0);
+    if (count == 0 || handler == nullptr) return count;
+    AbortItem* const item = new (std::nothrow) AbortItem(handler, argument);
+    if (item == nullptr) {
+        AbortHandlerInitialization(1);
+        return ZoOutOfMemory;
+    }
+    Hold hold;
+    if (hold) {
+        hold->abortList->InsertLast(item);
+    } else {
+        delete item;  // somebody has released more references than were taken
+    }
+    return insideHandler ? 1 : 0;
+}
+
+int ZoRemoveAbortionHandler(int (*handler)(void*), void* argument) {
+    if (Hold hold; hold) {
+        if (AbortItem* const item = FindItem(hold->abortList, handler, argument)) {
+            if (hold->nextItem == item) hold->nextItem = item->GetNext();
+            hold->abortList->DeleteItem(item);
+        }
+    }
+    return AbortHandlerInitialization(1);
+}
+
+int LowLevelAbortionHandler() {
+    Hold hold;
+    return hold ? AskHandlers(hold) : 0;
+}
+
+// With a thread to ask the handlers this does only what a signal handler may: atomics that are
+// lock-free, getpid and sem_post. The post fails when two thousand million signals wait already.
+void LowLevelHandler(int) {
+    int const error = errno;
+    if (processWithAsker.load(std::memory_order_acquire) == getpid()) {
+        sem_post(&arrivals);
+    } else {
+        AnswerSignal();
+    }
+    errno = error;
+}

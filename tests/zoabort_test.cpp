@@ -1,0 +1,311 @@
+// Abortion handlers. What ends a process happens in one of its own, a death test that must end with
+// status 0; what it wrote to standard error tells who was asked.
+
+#include "zoabort.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "abort_handlers.h"
+#include "alloc_fault.h"
+#include "services.h"
+
+using namespace zotest;
+
+// The linker puts this in front of the system's function, so that a test can make it fail.
+namespace {
+bool failThreads = false;
+}  // namespace
+extern "C" {
+int __real_pthread_create(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
+int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*body)(void*),
+                          void* argument) {
+    return failThreads ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
+}
+}
+
+namespace {
+
+void Write(char const* text) {
+    if (write(STDERR_FILENO, text, std::strlen(text)) < 0) std::abort();
+}
+int Agree(void* text) {
+    Write(static_cast<char const*>(text));
+    return 0;
+}
+int Refuse(void* text) {
+    Write(static_cast<char const*>(text));
+    return 1;
+}
+int RemoveItself(void* text) {
+    return Agree(text) + ZoRemoveAbortionHandler(RemoveItself, text);
+}
+int Exit(void* text) {
+    Write(static_cast<char const*>(text));
+    std::exit(0);
+}
+int Leave(void*) {
+    _exit(0);
+}
+int Add(int (*handler)(void*), char const* text = "") {
+    return ZoAddAbortionHandler(handler, const_cast<char*>(text));
+}
+int Remove(int (*handler)(void*), char const* text = "") {
+    return ZoRemoveAbortionHandler(handler, const_cast<char*>(text));
+}
+
+// The signal is the end, within a minute.
+void Send(int signal) {
+    alarm(60);
+    raise(signal);
+    for (;;) pause();
+}
+
+// --- the end of a process ------------------------------------------------------------------------
+
+// Without a thread the handlers have answered by the time the signal handler returns.
+void RefuseThenAgree(char const* end) {
+    Add(Refuse, "refused ");
+    raise(SIGINT);
+    raise(SIGQUIT);
+    Remove(Refuse, "refused ");
+    Add(Agree, end);
+    Send(SIGINT);
+}
+
+void InForkedChild() {
+    Add(Agree, "parent's ");
+    pid_t const child = fork();
+    if (child == 0) RefuseThenAgree("child's");
+    int status = -1;
+    waitpid(child, &status, 0);
+    _exit(status);
+}
+
+// A child gets the locks as they were when it was forked.
+void ForkedWhileOthersChangeTheList() {
+    std::atomic<bool> forked{false};
+    std::thread change([&] {
+        while (!forked) Add(Agree), Remove(Agree);
+    });
+    for (int i = 0; i < 50; ++i) {
+        pid_t const child = fork();
+        if (child == 0) {
+            alarm(60);
+            Add(Agree);
+            Remove(Agree);
+            Add(Leave);
+            Send(SIGINT);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        if (status != 0) Write("stuck ");
+    }
+    forked = true;
+    change.join();
+    _exit(0);
+}
+
+TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    struct {
+        char const* written;
+        void (*body)();
+    } const cases[] = {
+        {"first second at exit",
+         [] {
+             std::atexit([] { Write("at exit"); });
+             Add(Agree, "first ");
+             Add(Agree, "second ");
+             Send(SIGINT);
+         }},
+        {"", [] { Add(nullptr), Send(SIGQUIT); }},
+        {"", [] { Add(Agree, "torn down"), Remove(Agree), Send(SIGINT); }},
+        {"caught", [] { std::signal(SIGINT, SIG_IGN), Add(Agree, "caught"), Send(SIGINT); }},
+        {"last ",
+         [] { Add(RemoveItself, "last "), Add(Agree, "not"), Remove(Leave), Send(SIGINT); }},
+        {"exits removed",
+         [] {
+             std::atexit([] { Write(Remove(Exit, "exits ") == 0 ? "removed" : "kept"); });
+             Add(Exit, "exits ");
+             Send(SIGQUIT);
+         }},
+        {"refused refused agreed", [] { failThreads = true, RefuseThenAgree("agreed"); }},
+        {"parent's refused parent's refused parent's child's", InForkedChild},
+        {"", ForkedWhileOthersChangeTheList},
+    };
+    for (auto const& one : cases) {
+        EXPECT_EXIT(one.body(), testing::ExitedWithCode(0), testing::Eq(std::string(one.written)));
+    }
+}
+
+// --- vetoes --------------------------------------------------------------------------------------
+
+std::atomic<int> asked{0};
+
+// Moves to the end of the list, so that it is always in it, behind whatever others have added.
+int MoveAndRefuse(void*) {
+    ++asked;
+    EXPECT_EQ(Add(MoveAndRefuse), 1);
+    Remove(MoveAndRefuse);
+    return 1;
+}
+
+TEST(AbortHandlers, NoVetoIsLostInAStorm) {
+    EXPECT_EQ(Add(MoveAndRefuse), 0);
+    std::atomic<bool> over{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&] {
+            while (!over) Add(Agree), Remove(Agree);
+        });
+    }
+    std::vector<std::thread> senders;
+    for (int signal : {SIGINT, SIGQUIT, SIGINT, SIGQUIT}) {
+        senders.emplace_back([signal] {
+            for (int i = 0; i < 250; ++i) raise(signal);
+        });
+    }
+    for (std::thread& sender : senders) sender.join();
+    Await([] { return asked == 1000; });
+    over = true;
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(Remove(MoveAndRefuse), 0);
+}
+
+// --- one round -----------------------------------------------------------------------------------
+
+int Yes(void*) {
+    return 0;
+}
+int No(void*) {
+    return 7;
+}
+int RemoveNext(void*) {
+    Remove(No);
+    return 0;
+}
+int AddNo(void*) {
+    EXPECT_EQ(Add(No), 1);
+    return 0;
+}
+int DropAll(void*) {
+    while (AbortHandlerInitialization(1) != 0) {
+    }
+    Add(No);  // to a new list, which is asked the next time
+    return 0;
+}
+
+TEST(AbortHandlers, ARoundSeesWhatItsHandlersChange) {
+    using Handler = int (*)(void*);
+    struct {
+        std::vector<Handler> handlers;
+        int answer;
+        int next;
+    } const cases[] = {
+        {{Yes, No, Yes}, 7, 7},
+        {{RemoveNext, No}, 0, 0},
+        {{RemoveNext, No, No}, 7, 0},
+        {{AddNo, Yes}, 7, 7},
+        {{Yes, AddNo}, 0, 7},
+        {{DropAll, No}, 0, 7},
+        {{DropAll, Yes, Yes, No}, 0, 7},
+    };
+    for (auto const& one : cases) {
+        EXPECT_EQ(LowLevelAbortionHandler(), 0);
+        for (Handler handler : one.handlers) EXPECT_EQ(Add(handler), 0);
+        EXPECT_EQ(LowLevelAbortionHandler(), one.answer);
+        EXPECT_EQ(LowLevelAbortionHandler(), one.next);
+        while (AbortHandlerInitialization(1) != 0) {
+        }
+    }
+}
+
+TEST(AbortHandlers, ReferencesAreCounted) {
+    Context context(false);
+    EXPECT_EQ(AbortHandlerInitialization(1), 0);
+    EXPECT_EQ(Add(Yes), 0);
+    EXPECT_STREQ(FirstSynchro->GetName(), "AbortionHandler");
+    EXPECT_EQ(AbortHandlerInitialization(0), 2);
+    EXPECT_EQ(Add(nullptr), 3);
+    EXPECT_EQ(Add(No), 0);
+    EXPECT_EQ(Remove(No, "another argument"), 3);
+    EXPECT_EQ(LowLevelAbortionHandler(), 7);
+    EXPECT_EQ(Remove(No), 2);
+    EXPECT_EQ(LowLevelAbortionHandler(), 0);
+
+    // A handler may make its thread let go of everything; the section stays in order.
+    Add([](void*) {
+        ReleaseAllSynchronizationObjects();
+        return AbortHandlerInitialization(0) == 4 ? 0 : 1;
+    });
+    EXPECT_EQ(LowLevelAbortionHandler(), 0);
+    EXPECT_EQ(InfoOf(static_cast<ZoCritSect*>(FirstSynchro)),
+              "AbortionHandler: owning count: 0; wait count: 0");
+    std::thread([] { EXPECT_EQ(AbortHandlerInitialization(1), 3); }).join();
+    while (AbortHandlerInitialization(1) != 0) {
+    }
+    EXPECT_STRNE(FirstSynchro->GetName(), "AbortionHandler");
+
+    FailEachAllocation([](AllocFault const& fault) {
+        int const result = Add(No);
+        EXPECT_TRUE(result == 0 || (result == ZoOutOfMemory && fault.Happened()));
+        bool const added = result == 0 && !fault.Happened();
+        EXPECT_EQ(LowLevelAbortionHandler(), added ? 7 : 0);
+        EXPECT_EQ(AbortHandlerInitialization(0), added ? 2 : 1);
+        while (AbortHandlerInitialization(1) != 0) {
+        }
+    });
+}
+
+TEST(AbortHandlers, RemovingWaitsForTheHandlerThatRuns) {
+    static std::atomic<bool> running, end, removed;
+    auto const handler = [](void*) {
+        running = true;
+        Await([] { return end.load(); });
+        return removed ? 0 : 1;
+    };
+    Add(handler);
+    std::thread asker([] { EXPECT_EQ(LowLevelAbortionHandler(), 1); });
+    Await([] { return running.load(); });
+    std::thread remover([&] {
+        Remove(handler);
+        removed = true;
+    });
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    end = true;
+    asker.join();
+    remover.join();
+}
+
+// The section may go while a thread is about to enter it.
+TEST(AbortHandlers, LastReferenceGoesWhileOthersAskAndAdd) {
+    std::atomic<int> busy{2};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) {
+                EXPECT_EQ(Add(No), 0);
+                Remove(No);
+            }
+            --busy;
+        });
+    }
+    while (busy != 0) LowLevelAbortionHandler();
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(AbortHandlerInitialization(0), 1);
+    EXPECT_EQ(AbortHandlerInitialization(1), 0);
+}
+
+}  // namespace
