@@ -21,6 +21,8 @@
 // each through its virtual destructor, whatever object the pointer holds by then, and leaves every
 // pointer as at load, so the two may follow each other again and again. It does not touch the
 // host's semaphore.
+//
+// Also here: _Thread, the system thread as the library's portable part sees it.
 
 #ifndef KELVARA_INCLUDE__ZOTHRD_H_
 #define KELVARA_INCLUDE__ZOTHRD_H_
@@ -30,5 +32,49 @@
 // Non-zero sets up, 0 tears down; does nothing when that is already so. Called by one thread while
 // no other uses the library. Reports no failure: what could not be made stays null.
 ZO_API void ___ZoExtendedContext(int setUp);
+
+class ZoThread;
+
+// The system thread: what a ZoThread (zothread.h) knows of the operating system. The owner makes a
+// new one for every start and destroys it; it writes the owner's status, so the owner outlives it.
+// Complete by itself: what a platform cannot do it inherits.
+//
+// An owner's status is written by several threads; each of these may be called by any thread.
+class ZO_API _Thread {
+public:
+    // The platform's system thread for `owner`, owned by the caller; null when memory ran out.
+    static _Thread* MakeSysThread(ZoThread* owner);
+
+    explicit _Thread(ZoThread* owner);
+    _Thread(_Thread const&) = delete;
+    _Thread& operator=(_Thread const&) = delete;
+    virtual ~_Thread();
+
+    // Ends the thread: the owner's status becomes 5 (aborted). 0, or an error number.
+    virtual int Abort();
+    // Makes a thread that runs the owner. `stackSizeCode`: 0 the system's default, 1 32768 bytes,
+    // 2 1048576 bytes, any other as many bytes. 0, or ZoRefused. Here: does nothing, returns 0.
+    virtual int Start(long stackSizeCode);
+    virtual int Suspend();   // only marks: the owner's status becomes 2; returns 0
+    virtual int Continue();  // only marks: the owner's status becomes 1; returns 0
+    virtual int Giveup();    // lets another thread run; here: does nothing; returns 0
+    // Here: ZoNotSupported; the arguments, whose meaning is a platform's, are not touched.
+    virtual int GetOSThreadInfo(void* first, void* second, void* third);
+
+protected:
+    ZoThread* owner;  // null once destroyed
+};
+
+// A command for a system thread, for the host to derive from; the library makes none.
+class ZO_API CmdObj {
+public:
+    CmdObj();
+    CmdObj(CmdObj const&) = delete;
+    CmdObj& operator=(CmdObj const&) = delete;
+    virtual ~CmdObj();
+
+    // Here: ZoNotHandled.
+    virtual int ProcessCmd(_Thread* thread);
+};
 
 #endif  // KELVARA_INCLUDE__ZOTHRD_H_

@@ -21,6 +21,9 @@
 // Lock, or a WaitForCondition that keeps the lock, and Unlock, the thread calls no other operation
 // of the same condition but GetInfo. The base class Condition locks nothing and is for one thread
 // at a time. A condition is destroyed when nobody uses it any more.
+//
+// On top of conditions: resource watchers, counters of the users of a resource that a thread can
+// wait on until there are none left; see ZoResourceWatcher below.
 
 #ifndef KELVARA_INCLUDE_ZOCOND_H_
 #define KELVARA_INCLUDE_ZOCOND_H_
@@ -106,12 +109,67 @@ public:
     int SetConditionApp(void* first, void* second) override;
 
 private:
+    friend class ZoResourceWatcher;
+
     ZO_INTERNAL POSIXCondition(char const* name, ChainLock const& held);
+    // Wakes one waiter without changing the value.
+    ZO_INTERNAL void WakeWaiter();
 
     pthread_mutex_t mutex;  // guards value, and every call of logic
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
+};
+
+// Counts the users of a resource.
+//
+//     watcher.IncrementCounter();      // each user, as it starts
+//     watcher.DecrementCounter();      // the same user, as it ends
+//     watcher.WaitForZero(0);          // the owner, before it destroys the resource
+//
+// Any thread may call anything; increments and decrements balance. Every thread that waits passes
+// when the count reaches zero, unless it has left zero again by the time that thread looks. Nobody
+// is waiting when a watcher is destroyed; a decrement does not touch the watcher once a waiter can
+// have seen the zero. A watcher whose condition could not be made refuses to count, at zero.
+class ZO_API ZoResourceWatcher {
+public:
+    ZoResourceWatcher();
+    ZoResourceWatcher(ZoResourceWatcher const&) = delete;
+    ZoResourceWatcher& operator=(ZoResourceWatcher const&) = delete;
+    virtual ~ZoResourceWatcher();
+
+    // Returns the new count; ZoRefused, nothing changed, when the value is negative.
+    virtual int IncrementCounter();
+    // Returns the new value and wakes a waiting thread.
+    virtual int DecrementCounter();
+    // Waits, always without limit, until the count is zero; the argument is ignored. Returns 0.
+    virtual int WaitForZero(unsigned long ignored);
+    // Does nothing and returns 0.
+    virtual int Reset();
+
+    // The value at this moment, read without the lock.
+    int Counter() const;
+
+protected:
+    POSIXCondition* condition;  // named "ResourceWatcher"; owned; null when memory ran out
+};
+
+// Can be closed, so that no new user is counted while the old ones drain away.
+//
+//     state     Increment             Decrement             Counter             changes by
+//     open      counts                counts                the count           WaitForZero: closed
+//     closed    ZoRefused, nothing    counts, result < 0    0x80000000 + count  Reset: open
+//
+// The count has 31 bits and wraps within them; bit 31 says closed.
+class ZO_API ZoLockableResourceWatcher : public ZoResourceWatcher {
+public:
+    ZoLockableResourceWatcher();
+    ~ZoLockableResourceWatcher() override;
+
+    // Closes the watcher, which stays closed, and waits until the count is zero. Returns 0.
+    int WaitForZero(unsigned long ignored) override;
+    // Opens the watcher; the count stays. Returns 0.
+    int Reset() override;
 };
 
 #endif  // KELVARA_INCLUDE_ZOCOND_H_

@@ -19,16 +19,21 @@ class DefaultLogic final : public ConditionLogic {};
 // Every new condition's logic until its owner installs another.
 DefaultLogic defaultLogic;
 
+// A condition may be set for as long as it lives and never be cleared: the count wraps.
+int Step(int value, int step) {
+    return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
+}
+
 }  // namespace
 
 // --- the default logic -------------------------------------------------------------------------
 
 void ConditionLogic::SafeSet(int* value) {
-    StoreValue(value, LoadValue(value) + 1);
+    StoreValue(value, Step(LoadValue(value), 1));
 }
 
 void ConditionLogic::SafeClear(int* value) {
-    StoreValue(value, LoadValue(value) - 1);
+    StoreValue(value, Step(LoadValue(value), -1));
 }
 
 int ConditionLogic::SafeTest(int* value) {
@@ -182,6 +187,11 @@ int POSIXCondition::WaitForCondition(unsigned short keepLocked, unsigned long mi
     return result;
 }
 
+void POSIXCondition::WakeWaiter() {
+    MutexHold hold(mutex);
+    pthread_cond_signal(&condition);
+}
+
 int POSIXCondition::Lock() {
     pthread_mutex_lock(&mutex);
     return LoadValue(&value);
@@ -190,4 +200,95 @@ int POSIXCondition::Lock() {
 int POSIXCondition::Unlock() {
     pthread_mutex_unlock(&mutex);
     return LoadValue(&value);
+}
+
+// --- resource watchers -------------------------------------------------------------------------
+
+namespace {
+
+constexpr unsigned int CountMask = 0x7FFFFFFFU;
+
+class __ResourceLogic final : public ConditionLogic {
+public:
+    void SafeSet(int* value) override { StoreValue(value, LoadValue(value) - 1); }
+    void SafeClear(int* value) override { StoreValue(value, LoadValue(value) + 1); }
+    int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
+};
+
+class __LockableResourceLogic final : public ConditionLogic {
+public:
+    void SafeSet(int* value) override { Count(value, -1); }
+    void SafeClear(int* value) override { Count(value, 1); }
+    int SafeTest(int* value) override {
+        return (static_cast<unsigned int>(LoadValue(value)) & CountMask) != 0 ? 1 : 0;
+    }
+
+private:
+    static void Count(int* value, int step) {
+        unsigned int const before = static_cast<unsigned int>(LoadValue(value));
+        unsigned int const count = (before + static_cast<unsigned int>(step)) & CountMask;
+        StoreValue(value, static_cast<int>((before & ~CountMask) | count));
+    }
+};
+
+__ResourceLogic resourceLogic;
+__LockableResourceLogic locableResourceLogic;
+
+}  // namespace
+
+ZoResourceWatcher::ZoResourceWatcher()
+    : condition(new (std::nothrow) POSIXCondition("ResourceWatcher")) {
+    if (condition != nullptr) condition->logic = &resourceLogic;
+}
+
+ZoResourceWatcher::~ZoResourceWatcher() {
+    delete condition;
+    condition = nullptr;
+}
+
+int ZoResourceWatcher::IncrementCounter() {
+    return condition == nullptr ? ZoRefused : condition->ClearCondition();
+}
+
+int ZoResourceWatcher::DecrementCounter() {
+    return condition == nullptr ? ZoRefused : condition->SetCondition();
+}
+
+// A decrement wakes one waiter. A waiter that passes wakes the next, so all pass; the decrement
+// cannot do that, because the first one to pass may destroy the watcher.
+int ZoResourceWatcher::WaitForZero(unsigned long) {
+    if (condition == nullptr) return ZoSuccess;
+    int const result = condition->WaitForCondition(0, ZoNoLimit);
+    condition->WakeWaiter();
+    return result;
+}
+
+int ZoResourceWatcher::Reset() {
+    return ZoSuccess;
+}
+
+int ZoResourceWatcher::Counter() const {
+    return condition == nullptr ? 0 : LoadValue(&condition->value);
+}
+
+ZoLockableResourceWatcher::ZoLockableResourceWatcher() {
+    if (condition != nullptr) condition->logic = &locableResourceLogic;
+}
+
+ZoLockableResourceWatcher::~ZoLockableResourceWatcher() = default;
+
+int ZoLockableResourceWatcher::WaitForZero(unsigned long ignored) {
+    if (condition == nullptr) return ZoSuccess;
+    int const value = condition->Lock();
+    StoreValue(&condition->value, static_cast<int>(static_cast<unsigned int>(value) | ~CountMask));
+    condition->Unlock();
+    return ZoResourceWatcher::WaitForZero(ignored);
+}
+
+int ZoLockableResourceWatcher::Reset() {
+    if (condition == nullptr) return ZoSuccess;
+    int const value = condition->Lock();
+    StoreValue(&condition->value, static_cast<int>(static_cast<unsigned int>(value) & CountMask));
+    condition->Unlock();
+    return ZoSuccess;
 }

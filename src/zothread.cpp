@@ -1,3 +1,162 @@
 #include "zothread.h"
 
+#include "_zothrd.h"
+#include "cancellation.h"
+#include "thrdimp.h"
+#include "trace.h"
+#include "zobase.h"
+#include "zosleep.h"
+#include "zosyncob.h"
+
 ZoExtendedBase::~ZoExtendedBase() = default;
+
+namespace {
+
+void TraceMethod(char const* text, ZoThread* thread) {
+    Trace(0x800000, text, thread);
+}
+
+}  // namespace
+
+// Keeps the system thread of an object, if there is one, from being destroyed while it is used.
+//
+// The use is counted before the pointer is read, and ReplaceSystemThread changes the pointer before
+// it reads the count, all in one total order: either the use finds the new pointer or the other
+// side finds the use.
+class SystemThreadUse {
+public:
+    explicit SystemThreadUse(ZoThread& thread) : thread(thread) {
+        ++thread.systemThreadUses;
+        used = thread.systemThread;
+    }
+    SystemThreadUse(SystemThreadUse const&) = delete;
+    SystemThreadUse& operator=(SystemThreadUse const&) = delete;
+    ~SystemThreadUse() { --thread.systemThreadUses; }
+
+    explicit operator bool() const { return used != nullptr; }
+    _Thread* operator->() const { return used; }
+
+private:
+    ZoThread& thread;
+    _Thread* used;
+};
+
+ZoThread::ZoThread(char const* name, char const* text, int autoDelete)
+    : systemThread(nullptr),
+      status(NotStarted),
+      result(0),
+      argument(nullptr),
+      name(name),
+      text(text),
+      pendingPriority(ZoPriorityUnchanged),
+      flags(0),
+      systemThreadUses(0),
+      blockingObject(nullptr),
+      stackSizeCode(2),
+      autoDelete(autoDelete),
+      resourceWatcher(nullptr) {}
+
+ZoThread::ZoThread(char const* name, void* argument, char const* text, int autoDelete)
+    : ZoThread(name, text, autoDelete) {
+    Start(argument);
+}
+
+ZoThread::~ZoThread() {
+    CancellationDeferred deferred;
+    ZoInt32 const now = status;
+    if ((now == Running || now == Suspended) && systemThread != nullptr) Abort();
+    ReleaseBlockingObject();
+    ReplaceSystemThread(nullptr);
+}
+
+int ZoThread::Work(void*) {
+    TraceMethod("ZoThread::Work ", this);
+    return 0;
+}
+
+void ZoThread::Init(void*) {
+    TraceMethod("ZoThread::Init ", this);
+}
+
+void ZoThread::Cleanup(void*) {
+    TraceMethod("ZoThread::Cleanup ", this);
+}
+
+int ZoThread::Start(void* startArgument) {
+    TraceMethod("ZoThread::Start ", this);
+    ZoInt32 const now = status;
+    if (now != NotStarted && now != Finished && now != Aborted) return ZoSuccess;
+    argument = startArgument;
+    _Thread* const made = _Thread::MakeSysThread(this);
+    if (made == nullptr) return ZoOutOfMemory;
+    ReplaceSystemThread(made);
+    // Not `this` any more after it: the thread may have deleted the object.
+    return made->Start(stackSizeCode) == 0 ? ZoSuccess : ZoStartFailed;
+}
+
+int ZoThread::Abort() {
+    TraceMethod("ZoThread::Abort ", this);
+    if (SystemThreadUse const used{*this}) used->Abort();
+    ReleaseBlockingObject();
+    return 0;
+}
+
+int ZoThread::Suspend() {
+    SystemThreadUse const used(*this);
+    return used ? used->Suspend() : 0;
+}
+
+int ZoThread::Giveup() {
+    SystemThreadUse const used(*this);
+    return used ? used->Giveup() : 0;
+}
+
+int ZoThread::Continue() {
+    SystemThreadUse const used(*this);
+    return used ? used->Continue() : 0;
+}
+
+int ZoThread::Block(ZoSynchroObj*) {
+    return Suspend();
+}
+
+int ZoThread::WaitForThreadExit(int) {
+    ZOVA_assert("0", "src/zothread", 228);
+    return 0;
+}
+
+int ZoThread::GetOSThreadInfo(void* first, void* second, void* third) {
+    SystemThreadUse const used(*this);
+    return used ? used->GetOSThreadInfo(first, second, third) : ZoRefused;
+}
+
+int ZoThread::SetThreadPriority() {
+    if (pendingPriority != ZoPriorityUnchanged) {
+        ZoThreadPriority(pendingPriority);
+        pendingPriority = ZoPriorityUnchanged;
+    }
+    return 0;
+}
+
+int ZoThread::SetThreadPriorityBoost() {
+    if ((flags & 1U) != 0) ZoThreadPriorityBoostDisable();
+    return 0;
+}
+
+void ZoThread::_Finish() {
+    ReplaceSystemThread(nullptr);
+    ReleaseBlockingObject();
+}
+
+void ZoThread::ReplaceSystemThread(_Thread* replacement) {
+    _Thread* const old = systemThread.exchange(replacement);
+    if (old == nullptr) return;
+    while (systemThreadUses != 0) ZoYieldProcessor();
+    delete old;
+}
+
+void ZoThread::ReleaseBlockingObject() {
+    if (blockingObject == nullptr) return;
+    blockingObject->ForceRelease();
+    blockingObject = nullptr;
+}

@@ -14,6 +14,7 @@
 #include "zointrlk.h"
 #include "zomtobj.h"
 #include "zotls.h"
+#include "zowrkque.h"
 
 using namespace zotest;
 
@@ -105,6 +106,23 @@ struct DispatcherShape {
     void* table;
     ZoUInt32 nextFamilyId, requestedMask;
     void *familyList, *listeners, *lock;
+};
+struct ResultShape {
+    void* condition;
+    int result;
+    unsigned short parallel;
+};
+struct UnitShape {
+    void *table, *result;
+};
+struct QueueShape {
+    void* table;
+    void *logicTable, *logicQueue;
+    alignas(ZoLinkedList) unsigned char items[sizeof(ZoLinkedList)];
+    void* condition;
+    int terminated;
+    void *workersTable, *workersCondition;
+    void* context;
 };
 struct EncryptionBufferShape {
     void* table;
@@ -283,6 +301,42 @@ TEST(Layout, DiagnosticsHaveTheirFieldsAndSlots) {
     EXPECT_EQ(SlotOf(&ZoInterlocked::ExchangeAdd), 6U);
     EXPECT_EQ(SlotOf(&ZoEncryptionBufferInterface::GetData), 2U);
     EXPECT_EQ(SlotOf(&ZoEncryptionBufferInterface::EnsureCapacity), 5U);
+}
+
+TEST(Layout, WorkQueuesHaveTheirFieldsAndSlots) {
+    class Unit : public ZoWorkUnit {
+    public:
+        using ZoWorkUnit::ZoWorkUnit;
+        void Handle(ZoWorkQueue*) override {}
+        void Aborted(ZoWorkQueue*) override {}
+    };
+    ZoResult result{nullptr, 17, {1}};
+    auto const stored = View<ResultShape>(result);
+    EXPECT_EQ(stored.result, 17);
+    EXPECT_EQ(stored.parallel, 1);
+    EXPECT_EQ(View<UnitShape>(Unit(&result)).result, &result);
+    static_assert(sizeof(ZoQueueWorker) == sizeof(ZoThread) + sizeof(void*));
+    ZoWorkQueue* const queue = ZoWorkQueue::Create(0, &result);
+    queue->Terminate();
+    QueueShape shape;
+    std::memcpy(&shape, static_cast<void*>(queue), sizeof shape);  // its class is not published
+    EXPECT_EQ(shape.logicQueue, queue);
+    EXPECT_STREQ(static_cast<Condition*>(shape.condition)->GetName(), "WorkQueue");
+    EXPECT_EQ(shape.terminated, 1);
+    EXPECT_STREQ(static_cast<Condition*>(shape.workersCondition)->GetName(), "ResourceWatcher");
+    EXPECT_EQ(shape.context, &result);
+    queue->Destroy();
+
+    EXPECT_EQ(SlotOf(&ZoWorkUnit::Handle), 2U);
+    EXPECT_EQ(SlotOf(&ZoWorkUnit::Aborted), 3U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::Destroy), 2U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::Append), 3U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::Length), 4U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::Terminate), 5U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::IncreaseThreadCount), 6U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::DecreaseThreadCount), 7U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::ThreadCount), 8U);
+    EXPECT_EQ(SlotOf(&ZoWorkQueue::Context), 9U);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -46,6 +47,8 @@ TEST(Condition, CountsSetsAndClears) {
     EXPECT_EQ(posix->ClearCondition(), ZoRefused);
     EXPECT_EQ(posix->value, -3);
     EXPECT_EQ(plain.ClearCondition(), -4);
+    posix->value = INT_MAX;  // a queue sets its condition for as long as it lives
+    EXPECT_EQ(posix->SetCondition(), INT_MIN);
     // The logic's answer from one class, the value from the other.
     posix->value = plain.value = -1;
     EXPECT_EQ(posix->SetConditionApp(nullptr, nullptr), 1);

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "alloc_fault.h"
+#include "cancelled.h"
 #include "services.h"
 #include "trace.h"
 
@@ -65,23 +66,6 @@ private:
 };
 
 void Ignore(ZoEvent const*) {}
-
-// Runs `body` on a thread with a small stack, and says whether the thread was cancelled.
-bool IsCancelled(std::function<void()> body) {
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, std::size_t{256} * 1024);
-    pthread_t thread{};
-    auto const run = [](void* function) -> void* {
-        (*static_cast<std::function<void()>*>(function))();
-        return nullptr;
-    };
-    EXPECT_EQ(pthread_create(&thread, &attributes, run, &body), 0);
-    pthread_attr_destroy(&attributes);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    return result == PTHREAD_CANCELED;
-}
 
 void Send(unsigned long mask, unsigned long type, int code = 0, char const* text = "") {
     ZoSimpleEvent event(code, mask, type);

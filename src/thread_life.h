@@ -1,0 +1,68 @@
+// What a system thread and its running thread know of each other.
+
+#ifndef KELVARA_SRC_THREAD_LIFE_H_
+#define KELVARA_SRC_THREAD_LIFE_H_
+
+#include <pthread.h>
+
+#include <atomic>
+#include <mutex>
+
+// One life of one thread, from before its creation until both the system thread object and the
+// thread itself are gone; each holds a reference.
+//
+// The handle of a detached thread dangles once the thread has ended. So it is used only with the
+// lock held and while HandleIsValid: the thread takes the lock to say that it ends, which it cannot
+// do between that test and the use.
+//
+// The lock also decides between an abort and the thread's next access to its thread object: an
+// abort that was accepted is seen by UnlessAborted, and an access that was begun is over before the
+// abort is accepted. So whoever has aborted a thread may destroy the object.
+class ThreadLife {
+public:
+    // Idle -> Starting -> Running -> Finishing -> Ended. Starting: on the way, handle not known.
+    // Finishing: past its work, nothing left to abort. Back to Idle when the creation fails; from
+    // Running to Ended when the thread is cancelled.
+    enum State { Idle, Starting, Running, Finishing, Ended };
+
+    ThreadLife() = default;
+    ThreadLife(ThreadLife const&) = delete;
+    ThreadLife& operator=(ThreadLife const&) = delete;
+
+    void Share() { references.fetch_add(1, std::memory_order_relaxed); }
+    void Release() {
+        // Release order ends this holder's use before the count falls; acquire order brings every
+        // holder's use before the deletion.
+        if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+    }
+
+    bool HandleIsValid() const { return state == Running || state == Finishing; }
+    bool CanBeAborted() const { return state == Starting || state == Running; }
+
+    // Does `step`, an access to the thread object, with the lock held. An aborted thread ends here
+    // instead, whatever its cancellation state. A thread that no system thread started just does
+    // the step.
+    template <class Step>
+    static void UnlessAborted(Step step) {
+        if (current == nullptr) return step();
+        {
+            std::lock_guard<std::mutex> const hold(current->mutex);
+            if (!current->aborted) return step();
+        }
+        pthread_exit(PTHREAD_CANCELED);
+    }
+
+    std::mutex mutex;      // guards what follows, and the system thread's handle
+    State state = Idle;    // changed by the starter, then by the thread
+    bool aborted = false;  // an abort has been accepted
+
+    // The calling thread's life; null for a thread that no system thread started.
+    static constinit thread_local ThreadLife* current;
+
+private:
+    ~ThreadLife() = default;
+
+    std::atomic<int> references{1};
+};
+
+#endif  // KELVARA_SRC_THREAD_LIFE_H_

@@ -1,0 +1,406 @@
+// Work queues and concurrent calculations: the fate of each unit, order, wake-ups, the end of the
+// workers, results.
+
+#include "zowrkque.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <latch>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alloc_fault.h"
+#include "cancelled.h"
+#include "services.h"
+#include "watchdog.h"
+#include "zocond.h"
+#include "zoevmdis.h"
+
+using namespace zotest;
+
+namespace {
+
+struct Destroyer {
+    void operator()(ZoWorkQueue* queue) const { queue->Destroy(); }
+};
+using Queue = std::unique_ptr<ZoWorkQueue, Destroyer>;
+
+Queue Make(int workers, void* context = nullptr) {
+    return Queue(ZoWorkQueue::Create(workers, context));
+}
+
+class Unit : public ZoWorkUnit {
+public:
+    using Step = std::function<void()>;
+    explicit Unit(
+        Step handle = [] {}, Step abort = [] {})
+        : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()),
+          handle(std::move(handle)),
+          abort(std::move(abort)) {}
+    void Handle(ZoWorkQueue*) override { handle(); }
+    void Aborted(ZoWorkQueue*) override { abort(); }
+
+private:
+    Step handle, abort;
+};
+
+// Keeps the one worker of a queue busy until it is told.
+class Busy {
+public:
+    explicit Busy(Queue const& queue) {
+        EXPECT_EQ(queue->Append(&unit), ZoSuccess);
+        taken.wait();
+    }
+    void End() { released.count_down(); }
+
+private:
+    std::latch taken{1}, released{1};
+    Unit unit{[this] {
+        taken.count_down();
+        released.wait();
+    }};
+};
+
+void CancelHere() {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+}
+
+class WorkQueue : public testing::Test {
+protected:
+    Watchdog watchdog;
+};
+using Calculation = WorkQueue;
+
+TEST_F(WorkQueue, WithoutWorkersTheAppenderHandles) {
+    for (int const workers : {0, -1}) {
+        int context = 0;
+        auto const queue = Make(workers, &context);
+        EXPECT_EQ(queue->ThreadCount(), 0);
+        EXPECT_EQ(queue->Context(), &context);
+        EXPECT_EQ(queue->DecreaseThreadCount(), ZoSuccess);
+        ZoConcurrencyHelper::CalculateConcurrently();
+        std::vector<std::thread::id> handlers;
+        Unit unit([&] { handlers.push_back(std::this_thread::get_id()); });
+        EXPECT_EQ(queue->Append(&unit), ZoSuccess);
+        std::vector<std::thread::id> const here{std::this_thread::get_id()};
+        EXPECT_EQ(handlers, here);
+        EXPECT_EQ(queue->Length(), 0);
+        EXPECT_EQ(ZoConcurrencyHelper::GetResultObject()->parallel, 0);
+        EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), ZoNoResult);
+        EXPECT_EQ(queue->Terminate(), 0);
+        EXPECT_EQ(queue->Append(&unit), ZoRefused);
+        EXPECT_EQ(queue->DecreaseThreadCount(), ZoRefused);
+        EXPECT_EQ(queue->Length(), ZoRefused);
+        EXPECT_EQ(handlers, here);
+    }
+}
+
+TEST_F(WorkQueue, HandlesOrAbortsInTheOrderOfAppending) {
+    constexpr int Units = 5;
+    std::vector<int> inOrder(Units);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    for (bool const terminate : {false, true}) {
+        auto const queue = Make(1);
+        Busy busy(queue);
+        std::vector<int> handled, aborted;
+        std::atomic<int> passed{0};
+        std::deque<Unit> units;
+        for (int i = 0; i < Units; ++i) {
+            units.emplace_back(
+                [&, i] {
+                    handled.push_back(i);
+                    ++passed;
+                },
+                [&, i] { aborted.push_back(i); });
+            EXPECT_EQ(queue->Append(&units.back()), ZoSuccess);
+        }
+        EXPECT_EQ(queue->Length(), Units);
+        if (!terminate) {
+            busy.End();
+            Await([&] { return passed == Units; });
+            EXPECT_EQ(handled, inOrder);
+            continue;
+        }
+        EXPECT_EQ(queue->Terminate(), 0);
+        EXPECT_EQ(aborted, inOrder);
+        EXPECT_EQ(queue->Length(), ZoRefused);
+        EXPECT_EQ(queue->Append(&units.front()), ZoRefused);
+        EXPECT_EQ(queue->ThreadCount(), 1);
+        queue->IncreaseThreadCount();
+        busy.End();
+        Await([&] { return queue->ThreadCount() == 0; });
+        EXPECT_EQ(handled, std::vector<int>());
+    }
+}
+
+TEST_F(WorkQueue, GrowsAndShrinks) {
+    auto const queue = Make(3);
+    EXPECT_EQ(queue->ThreadCount(), 3);
+    EXPECT_EQ(queue->DecreaseThreadCount(), ZoSuccess);
+    EXPECT_EQ(queue->DecreaseThreadCount(), ZoSuccess);
+    Await([&] { return queue->ThreadCount() == 1; });
+    EXPECT_EQ(queue->Length(), 0);
+    queue->IncreaseThreadCount();
+    EXPECT_EQ(queue->ThreadCount(), 2);
+}
+
+struct Fate {
+    std::atomic<int> handled{0}, aborted{0}, refused{0};
+};
+
+// Deletes itself as soon as the queue has handed it over.
+class Mortal : public ZoWorkUnit {
+public:
+    Mortal(Fate& fate, Watchdog& watchdog, bool terminate)
+        : fate(fate), watchdog(watchdog), terminate(terminate) {}
+    void Handle(ZoWorkQueue* queue) override {
+        if (terminate) queue->Terminate();
+        ++fate.handled;
+        watchdog.Progress();
+        delete this;
+    }
+    void Aborted(ZoWorkQueue*) override {
+        ++fate.aborted;
+        delete this;
+    }
+
+private:
+    Fate& fate;
+    Watchdog& watchdog;
+    bool terminate;
+};
+
+// Threads append, grow and shrink, each only by workers it added itself, so that one is always
+// there. In two of three rounds the queue is terminated meanwhile: from outside, or by a worker.
+TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
+    constexpr std::size_t Rounds = 30, Threads = 4, Steps = 150;
+    enum End { Drained, Terminated, TerminatedByUnit, Ends };
+    for (std::size_t round = 0; round < Rounds; ++round) {
+        auto const end = static_cast<End>(round % Ends);
+        auto queue = Make(1);
+        std::deque<Fate> fates(Threads * Steps);
+        auto const work = [&](std::size_t thread) {
+            std::mt19937 random(static_cast<unsigned>(round * Threads + thread));
+            int added = 0;
+            for (std::size_t i = 0; i < Steps; ++i) {
+                bool const last = thread == 0 && i == Steps / 2;
+                if (last && end == Terminated) queue->Terminate();
+                unsigned const dice = random() % 16;
+                if (dice == 0 && added < 4) {
+                    queue->IncreaseThreadCount();
+                    ++added;
+                } else if (dice == 1 && added > 0) {
+                    queue->DecreaseThreadCount();
+                    --added;
+                }
+                Fate& fate = fates[thread * Steps + i];
+                auto* const unit = new Mortal(fate, watchdog, last && end == TerminatedByUnit);
+                if (queue->Append(unit) == ZoSuccess) continue;
+                ++fate.refused;
+                delete unit;
+            }
+        };
+        std::vector<std::thread> threads;
+        for (std::size_t t = 0; t < Threads; ++t) threads.emplace_back(work, t);
+        for (std::thread& thread : threads) thread.join();
+        if (end == Drained) {  // nobody appends any more: whoever sleeps now sleeps on
+            Await([&] { return queue->Length() == 0; });
+        }
+        queue.reset();
+        for (Fate const& fate : fates) {
+            ASSERT_EQ(fate.handled + fate.aborted + fate.refused, 1);
+            ASSERT_EQ(fate.handled, end == Drained ? 1 : fate.handled.load());
+        }
+        watchdog.Progress();
+    }
+}
+
+class Counter : public ZoEventListener {
+public:
+    int Notify(ZoEvent const* event) override {
+        char const* const text = static_cast<ZoSimpleEvent const*>(event)->GetMessageText();
+        if (std::strstr(text, "Work started") != nullptr) ++started;
+        // Slowly, so that a Destroy that does not wait is the faster one.
+        for (int i = 0; i < 100; ++i) std::this_thread::yield();
+        if (std::strstr(text, "delete done") != nullptr) ++deleted;
+        return 0;
+    }
+    std::atomic<int> started{0}, deleted{0};
+};
+
+TEST_F(WorkQueue, EndsWhenEveryWorkerIsGone) {
+    Services services;
+    services.Configure("mode", 0x100);
+    Context context(false);
+    auto* const counter = new Counter;
+    ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(1, 0x600, counter);
+    int workers = 0;
+    for (int round = 0; round < 20; ++round) {
+        // A destruction without Terminate neither handles nor aborts what is waiting.
+        bool const destroy = round % 2 == 0;
+        int const made = destroy ? 4 : 1;
+        workers += made;
+        ZoWorkQueue* const queue = ZoWorkQueue::Create(made, nullptr);
+        std::latch taken{1};
+        bool done = false;
+        Unit unit([&] {
+            taken.count_down();
+            Await([&] { return queue->Length() == ZoRefused; });
+            for (int i = 0; i < 100; ++i) std::this_thread::yield();
+            done = true;
+        });
+        Unit forgotten([] { ADD_FAILURE(); }, [] { ADD_FAILURE(); });
+        queue->Append(&unit);
+        taken.wait();
+        if (destroy) {
+            queue->Destroy();
+        } else {
+            queue->Append(&forgotten);
+            delete queue;
+        }
+        EXPECT_TRUE(done);
+        EXPECT_EQ(counter->started, workers);
+        EXPECT_EQ(counter->deleted, workers);
+        watchdog.Progress();
+    }
+}
+
+TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
+    auto const plain = Make(0);
+    Unit cancelling(CancelHere);
+    EXPECT_TRUE(IsCancelled([&] { plain->Append(&cancelling); }));
+    EXPECT_EQ(plain->Length(), 0);  // would block for ever on a lock left behind
+
+    auto const queue = Make(1);
+    Busy busy(queue);
+    int aborted = 0;
+    Unit first([] {}, CancelHere);
+    Unit second([] {}, [&] { ++aborted; });
+    queue->Append(&first);
+    queue->Append(&second);
+    EXPECT_TRUE(IsCancelled([&] { queue->Terminate(); }));
+    EXPECT_EQ(aborted, 0);
+    EXPECT_EQ(queue->Terminate(), 0);
+    EXPECT_EQ(aborted, 1);
+    busy.End();
+
+    auto other = Make(1);
+    Busy untilAborted(other);
+    Unit waiting([] {},
+                 [&] {
+                     pthread_testcancel();
+                     untilAborted.End();
+                 });
+    other->Append(&waiting);
+    bool destroyed = false;
+    EXPECT_TRUE(IsCancelled([&] {
+        pthread_cancel(pthread_self());
+        other.reset();
+        destroyed = true;
+        pthread_testcancel();
+    }));
+    EXPECT_TRUE(destroyed);
+}
+
+TEST_F(WorkQueue, OutOfMemory) {
+    NEEDS_ALLOC_FAULTS();
+    int complete = 0;
+    long const faults = FailEachAllocation([&](AllocFault const& fault) {
+        auto const queue = Make(2);
+        if (!queue) return;
+        complete = queue->ThreadCount();
+        EXPECT_GE(complete, fault.Happened() ? 1 : 2);
+    });
+    EXPECT_GE(faults, 5);
+    EXPECT_EQ(complete, 2);
+
+    auto const queue = Make(1);
+    Busy busy(queue);
+    ZoConcurrencyHelper::CalculateConcurrently();
+    Unit unit;
+    {
+        AllocFault const fault(1);
+        EXPECT_EQ(queue->Append(&unit), ZoOutOfMemory);
+    }
+    EXPECT_EQ(queue->Length(), 0);
+    EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), ZoNoResult);  // does not wait
+    FailEachAllocation([](AllocFault const& fault) {
+        ZoConcurrencyHelper::CalculateConcurrently();
+        EXPECT_EQ(ZoConcurrencyHelper::IsConcurrent(), fault.Happened() ? 0 : 1);
+        ZoConcurrencyHelper::CalculateResult(0);
+    });
+    busy.End();
+}
+
+TEST_F(Calculation, OnOneThread) {
+    Services services;
+    EXPECT_EQ(ZoConcurrencyHelper::IsConcurrent(), 0);
+    EXPECT_EQ(ZoConcurrencyHelper::GetResultObject(), nullptr);
+    EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), 7);
+    ZoConcurrencyHelper::SetResult(nullptr, 3);
+    struct {
+        int stored, result;
+    } const rows[] = {{5, 5}, {0, 7}, {-1, -1}, {ZoNoResult, ZoNoResult}};
+    for (auto const& row : rows) {
+        ZoConcurrencyHelper::CalculateConcurrently();
+        EXPECT_EQ(ZoConcurrencyHelper::IsConcurrent(), 1);
+        ZoResult* const result = ZoConcurrencyHelper::GetResultObject();
+        EXPECT_STREQ(result->condition->GetName(), "ConcurrencyHelper");
+        if (row.stored != ZoNoResult) ZoConcurrencyHelper::SetResult(result, row.stored);
+        EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), row.result);
+        EXPECT_EQ(ZoConcurrencyHelper::IsConcurrent(), 0);
+    }
+    EXPECT_EQ(services.Assertions(), Services::Lines());
+    ZoConcurrencyHelper::CalculateConcurrently();
+    std::unique_ptr<ZoResult> const replaced(ZoConcurrencyHelper::GetResultObject());
+    ZoConcurrencyHelper::CalculateConcurrently();
+    EXPECT_EQ(services.Assertions(), Services::Lines{"res == 0 src/zowrkque 86"});
+    EXPECT_NE(ZoConcurrencyHelper::GetResultObject(), replaced.get());
+    delete replaced->condition;
+    EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), ZoNoResult);
+}
+
+// Stores its result and is gone for the thread that waits for it: so is the result object.
+class Answer : public ZoWorkUnit {
+public:
+    explicit Answer(int value) : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()), value(value) {}
+    void Handle(ZoWorkQueue*) override {
+        if (value % 2 == 0) std::this_thread::yield();
+        ZoConcurrencyHelper::SetResult(resultObject, value);
+    }
+    void Aborted(ZoWorkQueue*) override {}
+
+private:
+    int value;
+};
+
+TEST_F(Calculation, OnAWorker) {
+    constexpr int Threads = 3, Calculations = 700;
+    auto const queue = Make(2);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < Calculations; ++i) {
+                ZoConcurrencyHelper::CalculateConcurrently();
+                Answer answer(i);
+                EXPECT_EQ(queue->Append(&answer), ZoSuccess);
+                EXPECT_EQ(ZoConcurrencyHelper::GetResultObject()->parallel, 1);
+                ASSERT_EQ(ZoConcurrencyHelper::CalculateResult(-7), i != 0 ? i : -7);
+                watchdog.Progress();
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+}
+
+}  // namespace
