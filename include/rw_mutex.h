@@ -79,7 +79,9 @@ public:
     ZoGenRW_Mutex();
     ~ZoGenRW_Mutex() override;
 
-    // Ends every level that the calling thread holds, reads first, so nothing is reported.
+    // Ends every level that the calling thread holds, reads first, so nothing is reported. Called
+    // from a deadlock report, about a wait for this very mutex, it leaves the wait alone: the
+    // thread holds what it asked for once it is admitted, with the reads it had.
     void ForceRelease() override;
     // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0, or
     // -2030 with an assertion and nothing entered when the thread's record could not be made.

@@ -7,6 +7,7 @@
 #include "cancellation.h"
 #include "chain.h"
 #include "condition_value.h"
+#include "rw_record.h"
 #include "trace.h"
 #include "zobase.h"
 #include "zocond.h"
@@ -108,6 +109,22 @@ private:
     Condition& readers;
     bool const gaveUpRead;
     bool admitted = false;
+};
+
+// Empties a record for a scope. A reader that waits to write is off the count, so its record must
+// not say that it reads: a deadlock report in the wait may make the thread leave all it holds.
+class RecordSetAside {
+public:
+    explicit RecordSetAside(ZoUInt32& holdings) : holdings(holdings), kept(holdings) {
+        holdings = 0;
+    }
+    RecordSetAside(RecordSetAside const&) = delete;
+    RecordSetAside& operator=(RecordSetAside const&) = delete;
+    ~RecordSetAside() { holdings = kept; }
+
+private:
+    ZoUInt32& holdings;
+    ZoUInt32 const kept;
 };
 
 // --- the reports -------------------------------------------------------------------------------
@@ -228,14 +245,14 @@ int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
 }
 
 int ZoGenRW_Mutex::EndRW(int mode) {
-    ZoUInt32* const holdings = ZoTLSReaderWriterRecord(this);
-    if (holdings == nullptr) {
+    ZoTLS const* const me = ZoTLS::GetThreadLocalStorage();
+    if (me == nullptr) {
         Assert("holdings != 0", 286);
         return ZoOutOfMemory;
     }
-    ZoUInt32 const depth = mode == 0 ? ReadDepth(*holdings) : WriteDepth(*holdings);
-    if (depth == 0) {
-        if (*holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+    ZoUInt32* const holdings = FindReaderWriterRecord(me, this);
+    ZoUInt32 const all = holdings != nullptr ? *holdings : 0;
+    if ((mode == 0 ? ReadDepth(all) : WriteDepth(all)) == 0) {
         Assert("depth != 0", 291);
         return ZoRefused;
     }
@@ -270,6 +287,7 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings) {
         void* const identity = ZoTLS::GetThreadLocalStorage()->threadIdentity;
         bool const alreadyReads = holdings != 0;
         if (alreadyReads) ReportPropagation();
+        RecordSetAside reads(holdings);
         AdmitWriter(alreadyReads);
         owner.store(identity, std::memory_order_relaxed);
     }
@@ -304,7 +322,7 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
         owner.store(nullptr, std::memory_order_relaxed);
         exclusive->Exit();
     }
-    holdings = left;
+    holdings -= OneWrite;  // and not `left`, should the report have changed the reads
 }
 
 // Called by the thread that holds the exclusive section, which orders all changes: relaxed order is
@@ -320,10 +338,11 @@ void ZoGenRW_Mutex::CheckWriterLevel(ZoUInt32 writeDepth, int line) const {
 }
 
 void ZoGenRW_Mutex::ForceRelease() {
-    ZoUInt32* const record = ZoTLSReaderWriterRecord(this);
-    if (record == nullptr) return;  // a thread that holds something has its record
-    ZoUInt32 const holdings = *record;
-    if (holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+    ZoTLS const* const me = ZoTLS::GetThreadLocalStorage();
+    ZoUInt32 const* const record = me != nullptr ? FindReaderWriterRecord(me, this) : nullptr;
+    // A record of 0 belongs to an admission that is under way and stays: the thread is here from a
+    // deadlock report.
+    ZoUInt32 const holdings = record != nullptr ? *record : 0;
     for (ZoUInt32 level = ReadDepth(holdings); level != 0; --level) EndRW(0);
     for (ZoUInt32 level = WriteDepth(holdings); level != 0; --level) EndRW(1);
 }

@@ -374,27 +374,32 @@ ZoEventMessageDispatcher::ZoEventMessageDispatcher()
     if (lock != nullptr) listeners = new (std::nothrow) ZoHashTable(ZoHashTable::WordKeys, nullptr);
     for (PredefinedFamily const* family = PredefinedFamilyTable; family->name != nullptr;
          ++family) {
-        AddFamilyRegistration(family->name, family->id);
+        if (AddFamilyRegistration(family->name, family->id) == ZoSuccess) continue;
+        // With a family missing its name would get another type. Better to refuse everything.
+        delete listeners;
+        listeners = nullptr;
     }
 }
 
 ZoEventMessageDispatcher::~ZoEventMessageDispatcher() {
+    // Without the table nothing is registered or delivered any more: the destructor of a listener
+    // may dispatch or trace.
+    ZoHashTable* const table = listeners;
+    listeners = nullptr;
+    if (table != nullptr) {
+        ZoHashIterator position;
+        for (ZoHashEntry* entry = table->FirstEntry(position); entry != nullptr;
+             entry = table->NextEntry(position)) {
+            delete static_cast<ZoListenerRegistration*>(table->GetValue(*entry));
+        }
+    }
+    delete table;
     while (familyList != nullptr) {
         ZoEventFamily* const family = familyList;
         familyList = family->next;
         delete[] family->name;
         delete family;
     }
-    if (listeners != nullptr) {
-        ZoHashIterator position;
-        for (ZoHashEntry* entry = listeners->FirstEntry(position); entry != nullptr;
-             entry = listeners->NextEntry(position)) {
-            auto* const chain = static_cast<ZoListenerRegistration*>(listeners->GetValue(*entry));
-            listeners->ChangeHashEntry(entry, nullptr);  // a listener's destructor may dispatch
-            delete chain;
-        }
-    }
-    delete listeners;
     delete lock;
 }
 
@@ -488,8 +493,9 @@ unsigned long ZoEventMessageDispatcher::GetEventFamilyId(char const* name) {
     for (ZoEventFamily const* family = familyList; family != nullptr; family = family->next) {
         if (family->id != 0 && std::strcmp(family->name, name) == 0) return family->id;
     }
-    // Without a section nothing keeps two threads from adding at once.
-    if (lock == nullptr || AddFamilyRegistration(name, nextFamilyId) != ZoSuccess) return NoType;
+    // Without a table the dispatcher is incomplete or going.
+    if (listeners == nullptr || AddFamilyRegistration(name, nextFamilyId) != ZoSuccess)
+        return NoType;
     return nextFamilyId++;
 }
 
@@ -557,7 +563,9 @@ void RegisterConsoleListener() {
 
 void ConfigureDebugger() {
     smp_debug* const debugger = Load(smp_debugger);
-    if (debugger == nullptr) return;
+    // A trace needs a dispatcher, and the console listener is registered once: so not before there
+    // is one.
+    if (debugger == nullptr || ZoEventMessageDispatcher::GetDispatcher() == nullptr) return;
     ZoConfig* const configuration = ZoDefaultConfiguration();
     if (configuration == nullptr) return;
     int state = Unconfigured;

@@ -137,15 +137,26 @@ void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash)
     head = entry;
 }
 
-// Makes an entry for the absent key and links it in. A growth that fails leaves the table as it
-// was, and the insertion stands.
-ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
-    ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
-    if (entry == nullptr) return nullptr;
+// Links a new entry in. A growth that fails leaves the table as it was, and the insertion stands.
+void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
     PushFront(table, entry, hash);
     ++table.num;
     if (table.num >= table.threshold) table.RebuildTable();
+}
+
+// Makes an entry for the absent key and links it in.
+ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
+    if (entry != nullptr) LinkIn(table, entry, hash);
     return entry;
+}
+
+// The hash of an entry's key in the table's present shape.
+unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
+    unsigned long hash;
+    ZoHashEntry* prev;
+    table.find(&table, nullptr, hash, entry, prev);
+    return hash;
 }
 
 // `link` is what points to the entry: its predecessor's `next`, or the head of its bucket.
@@ -195,6 +206,13 @@ ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
 
 void ReportMissingKey() {
     ZOVA_assert("( \"You need a space to get the key.\" && 0 )", "src/zohash", 412);
+}
+
+// What a search for a key that cannot be had finds.
+ZoHashEntry* NoKey(unsigned long& hash, ZoHashEntry*& prev) {
+    hash = 0;
+    prev = nullptr;
+    return nullptr;
 }
 
 ZoUInt32 HashText(char const* text) {
@@ -250,6 +268,7 @@ ZoHashEntry* StringFind(ZoHashTable const* table, char const* key, unsigned long
         hash = text != nullptr ? HashText(text) : 0;
         return entry;
     }
+    if (key == nullptr) return NoKey(hash, prev);
     hash = HashText(key);
     return WalkChain(table, hash, prev, [&](ZoHashEntry const* candidate) {
         char const* const text = TextOf(table, candidate);
@@ -271,6 +290,7 @@ ZoHashEntry* OneDWordFind(ZoHashTable const* table, char const* key, unsigned lo
 ZoHashEntry* ByteArrayFind(ZoHashTable const* table, char const* key, unsigned long& hash,
                            ZoHashEntry* entry, ZoHashEntry*& prev) {
     unsigned short const length = table->GetKeySize();
+    if (entry == nullptr && key == nullptr) return NoKey(hash, prev);
     if (entry != nullptr) {
         char const* const bytes = BytesOf(table, entry);
         if (bytes == nullptr) ReportMissingKey();
@@ -390,8 +410,10 @@ int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
 
     ZoHashIterator it;
     for (ZoHashEntry* entry = FirstEntry(it); entry != nullptr; entry = NextEntry(it)) {
-        char const* const key = GetKey(*entry);
         void* const value = GetValue(*entry);
+        // A set of values needs no other key.
+        bool const isSet = find == ValuePointerFind && !HasKeyBytes(keySize);
+        char const* const key = isSet ? static_cast<char const*>(value) : GetKey(*entry);
         // What an entry keeps of a surrogate is not the record that an operation takes as the key.
         if (keySize == SurrogateKeys && key == KeyBytes(entry)) {
             SurrogateRecord const record(Surrogate::OfKeyBytes(key));
@@ -576,8 +598,10 @@ int ZoHashTable::Position(char const* key, ZoHashPosition& pos) const {
 
 int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
     if (pos.table != this) return ZoBadPosition;
-    ZoHashEntry* const entry = Insert(*this, pos.key, value, pos.hash);
+    ZoHashEntry* const entry = CreateHashEntryX(pos.key, value, pos.hash);
     if (entry == nullptr) return ZoOutOfMemory;
+    // The table may have grown or shrunk since the position was taken, which changes hashes.
+    LinkIn(*this, entry, HashOf(*this, entry));
     pos.entry = entry;
     pos.table = nullptr;
     return ZoSuccess;
@@ -586,7 +610,8 @@ int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
 int ZoHashTable::Delete(ZoHashPosition& pos) {
     if (pos.table != this || pos.entry == nullptr) return ZoBadPosition;
     // Without a predecessor the entry was its chain's head; insertions since then stand before it.
-    ZoHashEntry** link = pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, pos.hash);
+    ZoHashEntry** link =
+        pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, HashOf(*this, pos.entry));
     if (pos.prev == nullptr) {
         while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
     }

@@ -6,6 +6,7 @@
 #include <new>
 #include <type_traits>
 
+#include "rw_record.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zothread.h"
@@ -153,6 +154,11 @@ Condition** TLSGetCondition() {
     if (mine->cond == nullptr) mine->cond = Condition::MakeCondition("TLS Cond");
     if (mine->cond == nullptr) ZOVA_assert("(myTLS->cond != 0)", "src/zotls", 111);
     return &mine->cond;
+}
+
+ZoUInt32* FindReaderWriterRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
+    ZoRWRecord* const found = FindRwRecord(thread, mutex);
+    return found != nullptr ? &found->holdings : nullptr;
 }
 
 ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex) {

@@ -287,7 +287,8 @@ TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
     NEEDS_ALLOC_FAULTS();
     for (bool const start : {true, false}) {
         std::thread([&] {
-            for (long const nth : {1, 2}) {  // the thread's record, its record for the mutex
+            // The thread's record; for a start also its record for the mutex.
+            for (long nth = 1; nth <= (start ? 2 : 1); ++nth) {
                 AllocFault const fault(nth);
                 int const result = start ? mutex->StartRW(Read, 0) : mutex->EndRW(Read);
                 EXPECT_TRUE(fault.Happened());
@@ -299,6 +300,41 @@ TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
         }).join();
     }
     EXPECT_EQ(Info(mutex.get()), FreeInfo());
+}
+
+// The thread that finds a deadlock may give up all it holds, the mutex included that it is about to
+// enter: it enters all the same, and what it holds then is counted once.
+TEST_P(RwMutex, ADeadlockReportMayGiveEverythingUp) {
+    if (!GetParam()) return;
+    std::unique_ptr<ZoRW_Mutex> second(ZoRW_Mutex::Make(nullptr));
+    services.onMessage = [&](std::string const& text) {
+        if (text.find("Deadlock detected") != std::string::npos) {
+            second->ForceRelease();
+            mutex->ForceRelease();
+        }
+        return 0U;
+    };
+    std::atomic<ZoTLS*> other{nullptr};
+    std::atomic<bool> both{false};
+    std::thread thread([&] {
+        mutex->StartRW(Write, 0);
+        other = ZoTLS::GetThreadLocalStorage();
+        Await([&] { return both.load(); });
+        second->StartRW(Write, 0);
+        second->EndRW(Write);
+        mutex->EndRW(Write);
+    });
+    Await([&] { return other != nullptr; });
+    second->StartRW(Write, 0);
+    both = true;
+    Await([&] { return ThreadWaitsForThread(other, ZoTLS::GetThreadLocalStorage()) == 1; });
+    EXPECT_EQ(mutex->StartRW(Read, 0), 0);
+    EXPECT_EQ(Holdings(mutex.get()), 1);
+    EXPECT_EQ(Holdings(second.get()), -1);
+    EXPECT_EQ(mutex->EndRW(Read), 0);
+    thread.join();
+    EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    EXPECT_EQ(Info(second.get()), FreeInfo());
 }
 
 // --- several threads ---------------------------------------------------------------------------

@@ -231,6 +231,25 @@ TEST(HashTable, PositionsFitOneTableOnce) {
     for (ZoHashEntry* entry : erased) table.DestroyHashEntry(entry);
 }
 
+// What is created or deleted through a position lies in its bucket although the table has another
+// shape by then.
+TEST(HashTable, PositionsOutliveGrowth) {
+    ZoHashTable table(ZoHashTable::WordKeys, nullptr);
+    for (unsigned key = 1; key < 200; ++key) {
+        ZoHashPosition created, deleted;
+        table.InsertValue(Word(1000), &table);
+        EXPECT_EQ(table.Position(Word(key), created), 0);
+        EXPECT_EQ(table.Position(Word(1000), deleted), 1);
+        bool const head = deleted.prev == nullptr;
+        table.RebuildTable();
+        EXPECT_EQ(table.Create(created, &table), 0);
+        EXPECT_EQ(table.LookUp(Word(key)), created.entry);
+        EXPECT_EQ(table.Delete(deleted), head ? 0 : ZoBadPosition);
+        table.Remove(Word(key));
+        table.Remove(Word(1000));
+    }
+}
+
 TEST(HashTable, AverageSearch) {
     ZoHashTable table(ZoHashTable::WordKeys, PointerFind);
     unsigned long longest = 9;
