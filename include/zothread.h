@@ -44,8 +44,8 @@
 // Who may call: Start, _Finish and the destructor, one thread at a time for one object. Abort,
 // Suspend, Continue, Giveup and GetOSThreadInfo, any thread, also during Start and on the thread
 // itself; none of them together with the destructor. Everything marked "before Start" is for the
-// creator alone. No lock is held while the three operations run. A listener of the trace 0x100000
-// neither starts nor finishes a thread object.
+// creator alone. No lock is held while the three operations run. Event listeners leave thread
+// objects alone: a failing abort is told to them while it keeps the object's system thread.
 
 #ifndef KELVARA_INCLUDE_ZOTHREAD_H_
 #define KELVARA_INCLUDE_ZOTHREAD_H_
@@ -155,8 +155,8 @@ protected:
     char const* text;
     ZoThreadPriorityValue pendingPriority;
     unsigned short flags;  // bit 0: priority boost off
-    // Calls that use systemThread at this moment; Start and _Finish let them end before they
-    // destroy it. Lies in what would be padding.
+    // How many calls use systemThread at this moment, and whether it is being replaced: it is never
+    // destroyed in use. Lies in what would be padding.
     std::atomic<unsigned short> systemThreadUses;
     ZoSynchroObj* blockingObject;  // null; the library sets none. Given a ForceRelease and nulled
                                    // by Abort, _Finish and the destructor

@@ -71,6 +71,10 @@ struct PosixStartRecord : StartRecord {
     ThreadLife* life;  // with a reference for the new thread
 };
 
+// A cancelled thread leaves marks of its frames on its stack, which AddressSanitizer takes for an
+// error of the code that runs while the stack is unwound.
+#define RUNS_WHILE_UNWOUND __attribute__((no_sanitize_address))
+
 // Lives in the first frame of a system thread, so that it says that the thread ends when nothing
 // else is left to do, also when the thread is cancelled and its stack is unwound.
 class RunningThread {
@@ -83,7 +87,7 @@ public:
     }
     RunningThread(RunningThread const&) = delete;
     RunningThread& operator=(RunningThread const&) = delete;
-    ~RunningThread() {
+    RUNS_WHILE_UNWOUND ~RunningThread() {
         ThreadLife::current = nullptr;
         {
             std::lock_guard<std::mutex> const hold(life->mutex);
@@ -96,7 +100,7 @@ private:
     ThreadLife* life;
 };
 
-void* PosixTrampoline(void* startRecord) {
+RUNS_WHILE_UNWOUND void* PosixTrampoline(void* startRecord) {
     auto* const record = static_cast<PosixStartRecord*>(startRecord);
     RunningThread const running(*record);
     Trampoline(static_cast<StartRecord*>(record));

@@ -16,17 +16,26 @@ void TraceMethod(char const* text, ZoThread* thread) {
     Trace(0x800000, text, thread);
 }
 
+// Set in systemThreadUses while the system thread is replaced. New uses wait for that, so a
+// replacement is not kept from its turn by uses that follow each other.
+constexpr unsigned short Replacing = 0x8000;
+
 }  // namespace
 
-// Keeps the system thread of an object, if there is one, from being destroyed while it is used.
-//
-// The use is counted before the pointer is read, and ReplaceSystemThread changes the pointer before
-// it reads the count, all in one total order: either the use finds the new pointer or the other
-// side finds the use.
+// Keeps the system thread of an object, if there is one, from being replaced while it is used.
 class SystemThreadUse {
 public:
     explicit SystemThreadUse(ZoThread& thread) : thread(thread) {
-        ++thread.systemThreadUses;
+        unsigned short uses = thread.systemThreadUses;
+        for (;;) {
+            if ((uses & Replacing) != 0) {
+                ZoYieldProcessor();
+                uses = thread.systemThreadUses;
+            } else if (thread.systemThreadUses.compare_exchange_weak(
+                           uses, static_cast<unsigned short>(uses + 1))) {
+                break;
+            }
+        }
         used = thread.systemThread;
     }
     SystemThreadUse(SystemThreadUse const&) = delete;
@@ -149,9 +158,10 @@ void ZoThread::_Finish() {
 }
 
 void ZoThread::ReplaceSystemThread(_Thread* replacement) {
+    systemThreadUses |= Replacing;
+    while (systemThreadUses != Replacing) ZoYieldProcessor();
     _Thread* const old = systemThread.exchange(replacement);
-    if (old == nullptr) return;
-    while (systemThreadUses != 0) ZoYieldProcessor();
+    systemThreadUses = 0;
     delete old;
 }
 

@@ -15,6 +15,7 @@
 #ifndef KELVARA_TESTS_ALLOC_FAULT_H_
 #define KELVARA_TESTS_ALLOC_FAULT_H_
 
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -47,10 +48,19 @@ public:
             allocationsLeft = -1;
             return nullptr;
         }
-        return std::malloc(size != 0 ? size : 1);
+        void* const block = std::malloc(size != 0 ? size : 1);
+        if (block != nullptr) ++live;
+        return block;
     }
+    static void Free(void* block) {
+        if (block != nullptr) --live;
+        std::free(block);
+    }
+    // Blocks that all threads hold at this moment.
+    static long Live() { return live; }
 
 private:
+    static inline std::atomic<long> live{0};
     static inline thread_local long allocationsLeft = 0;  // -1 once the fault has happened
 };
 
@@ -83,22 +93,22 @@ long FailEachAllocation(Attempt attempt) {
     return operator new(size);
 }
 [[gnu::noinline]] void operator delete(void* block) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete[](void* block) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete[](void* block, std::size_t) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete(void* block, std::nothrow_t const&) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete[](void* block, std::nothrow_t const&) noexcept {
-    std::free(block);
+    AllocFault::Free(block);
 }
 // NOLINTEND(misc-definitions-in-headers)
 #endif

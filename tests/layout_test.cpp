@@ -4,15 +4,18 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "services.h"
+#include "thrdimp.h"
 #include "zocond.h"
 #include "zoencrbuf.h"
 #include "zoevmdis.h"
 #include "zohash.h"
 #include "zointrlk.h"
 #include "zomtobj.h"
+#include "zothread.h"
 #include "zotls.h"
 #include "zowrkque.h"
 
@@ -337,6 +340,72 @@ TEST(Layout, WorkQueuesHaveTheirFieldsAndSlots) {
     EXPECT_EQ(SlotOf(&ZoWorkQueue::DecreaseThreadCount), 7U);
     EXPECT_EQ(SlotOf(&ZoWorkQueue::ThreadCount), 8U);
     EXPECT_EQ(SlotOf(&ZoWorkQueue::Context), 9U);
+}
+
+struct ThreadShape {
+    void *table, *systemThread;
+    ZoInt32 status;
+    int result;
+    void* argument;
+    char const *name, *text;
+    int pendingPriority;
+    unsigned short flags;
+    void* blockingObject;
+    ZoInt32 stackSizeCode;
+    int autoDelete;
+    void* watcher;
+};
+struct PosixThreadShape {
+    void *table, *owner;
+    pthread_attr_t attributes;
+    pthread_t handle;
+    int lastError;
+    void* life;
+};
+
+TEST(Layout, ThreadsHaveTheirFieldsAndSlots) {
+    ZoResourceWatcher watcher;
+    ZoThread thread("name", "text", 3);
+    thread.SetPendingPriority(ZoPriorityHigh);
+    thread.SetPriorityBoostOff(1);
+    thread.SetStackSizeCode(77);
+    thread.SetResourceWatcher(&watcher);
+    auto const shape = View<ThreadShape>(thread);
+    EXPECT_EQ(shape.systemThread, nullptr);
+    EXPECT_EQ(shape.status, 7);
+    EXPECT_EQ(shape.result, 0);
+    EXPECT_EQ(shape.argument, nullptr);
+    EXPECT_STREQ(shape.name, "name");
+    EXPECT_STREQ(shape.text, "text");
+    EXPECT_EQ(shape.pendingPriority, 1);
+    EXPECT_EQ(shape.flags, 1);
+    EXPECT_EQ(shape.blockingObject, nullptr);
+    EXPECT_EQ(shape.stackSizeCode, 77);
+    EXPECT_EQ(shape.autoDelete, 3);
+    EXPECT_EQ(shape.watcher, &watcher);
+    PosixThread posix(&thread);
+    posix.Abort();
+    auto const system = View<PosixThreadShape>(posix);
+    EXPECT_EQ(system.owner, &thread);
+    EXPECT_EQ(system.handle, pthread_t{0});
+    EXPECT_EQ(system.lastError, ESRCH);
+    static_assert(sizeof(CmdObj) == sizeof(void*) && sizeof(_Thread) == 2 * sizeof(void*));
+    static_assert(sizeof(ZoLockableResourceWatcher) == 2 * sizeof(void*));
+
+    EXPECT_EQ(SlotOf(&ZoThread::Work), 2U);
+    EXPECT_EQ(SlotOf(&ZoThread::Init), 3U);
+    EXPECT_EQ(SlotOf(&ZoThread::Cleanup), 4U);
+    EXPECT_EQ(SlotOf(&_Thread::Abort), 2U);
+    EXPECT_EQ(SlotOf(&_Thread::Start), 3U);
+    EXPECT_EQ(SlotOf(&_Thread::Suspend), 4U);
+    EXPECT_EQ(SlotOf(&_Thread::Continue), 5U);
+    EXPECT_EQ(SlotOf(&_Thread::Giveup), 6U);
+    EXPECT_EQ(SlotOf(&_Thread::GetOSThreadInfo), 7U);
+    EXPECT_EQ(SlotOf(&CmdObj::ProcessCmd), 2U);
+    EXPECT_EQ(SlotOf(&ZoResourceWatcher::IncrementCounter), 2U);
+    EXPECT_EQ(SlotOf(&ZoResourceWatcher::DecrementCounter), 3U);
+    EXPECT_EQ(SlotOf(&ZoResourceWatcher::WaitForZero), 4U);
+    EXPECT_EQ(SlotOf(&ZoResourceWatcher::Reset), 5U);
 }
 
 }  // namespace

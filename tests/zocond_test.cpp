@@ -7,11 +7,13 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <limits>
 #include <memory>
 #include <thread>
 #include <vector>
 
 #include "services.h"
+#include "watchdog.h"
 
 using namespace zotest;
 
@@ -136,6 +138,62 @@ TEST(Condition, TheBaseClassPollsUntilItsLogicPasses) {
     });
     EXPECT_EQ(condition.WaitForCondition(0, 0), ZoSuccess);
     opener.join();
+}
+
+TEST(ResourceWatcher, CountsAndCloses) {
+    ZoResourceWatcher plain;
+    EXPECT_EQ(plain.WaitForZero(0), 0);
+    for (int count : {1, 2, 3}) EXPECT_EQ(plain.IncrementCounter(), count);
+    EXPECT_EQ(plain.Reset(), 0);
+    EXPECT_EQ(plain.Counter(), 3);
+    for (int count : {2, 1, 0, -1}) EXPECT_EQ(plain.DecrementCounter(), count);
+    EXPECT_EQ(plain.IncrementCounter(), ZoRefused);
+
+    constexpr int Closed = std::numeric_limits<int>::min();
+    ZoLockableResourceWatcher lockable;
+    EXPECT_EQ(lockable.IncrementCounter(), 1);
+    EXPECT_EQ(lockable.IncrementCounter(), 2);
+    std::thread owner([&] { EXPECT_EQ(lockable.WaitForZero(0), 0); });
+    Await([&] { return lockable.Counter() == Closed + 2; });
+    EXPECT_EQ(lockable.IncrementCounter(), ZoRefused);
+    EXPECT_EQ(lockable.DecrementCounter(), Closed + 1);
+    EXPECT_EQ(lockable.DecrementCounter(), Closed);
+    owner.join();
+    EXPECT_EQ(lockable.Counter(), Closed);
+    EXPECT_EQ(lockable.DecrementCounter(), -1);  // wraps below the bit
+    EXPECT_EQ(lockable.Reset(), 0);
+    EXPECT_EQ(lockable.Counter(), std::numeric_limits<int>::max());
+    EXPECT_EQ(lockable.IncrementCounter(), 0);
+}
+
+// One of the waiters is cancelled: it must not take the others' wake-up with it.
+TEST(ResourceWatcher, ZeroLetsEveryWaiterPass) {
+    Watchdog watchdog;
+    for (int round = 0; round < 300; ++round) {
+        auto watcher = std::make_unique<ZoLockableResourceWatcher>();
+        watcher->IncrementCounter();
+        std::atomic<int> passed{0};
+        std::vector<std::thread> waiters;
+        for (int t = 0; t < 6; ++t) {
+            waiters.emplace_back([&] {
+                watcher->WaitForZero(0);
+                ++passed;
+            });
+        }
+        pthread_t cancelled;
+        auto const wait = [](void* w) -> void* {
+            static_cast<ZoResourceWatcher*>(w)->WaitForZero(0);
+            return nullptr;
+        };
+        ASSERT_EQ(pthread_create(&cancelled, nullptr, wait, watcher.get()), 0);
+        if (round % 2 == 0) Await([&] { return watcher->Counter() < 0; });
+        pthread_cancel(cancelled);
+        watcher->DecrementCounter();
+        Await([&] { return passed == 6; });
+        pthread_join(cancelled, nullptr);
+        for (std::thread& waiter : waiters) waiter.join();
+        watchdog.Progress();
+    }
 }
 
 }  // namespace
