@@ -12,32 +12,45 @@
 
 namespace {
 
-class OwnServices final : public ZoLog, public ZoMessageService, public ZoConfig {
-public:
+class OwnLog final : public ZoLog {
     int Printf(int, char const*, ...) override { return 0; }
+};
+
+class OwnMessages final : public ZoMessageService {
     unsigned int Show(int, unsigned int, char const*, ...) override { return 0; }
+};
+
+class OwnConfig final : public ZoConfig {
+public:
     int ReadValue(char const* key, int* out, char const* const* sectionPath) override {
         asked = std::string(sectionPath[0]) + "." + key;
         *out = 6;
         return 0;
     }
     std::string asked;
-    std::string asserted;
-} own;
+};
+
+OwnLog ownLog;
+OwnMessages ownMessages;
+OwnConfig ownConfig;
+std::string asserted;
 
 }  // namespace
 
 void ZOVA_assert(char const*, char const* file, int line) {
-    own.asserted = file + std::to_string(line);
+    asserted = file + std::to_string(line);
 }
+
 ZoLog* ZoSystemLog() {
-    return &own;
+    return &ownLog;
 }
+
 ZoMessageService* ZoMessage() {
-    return &own;
+    return &ownMessages;
 }
+
 ZoConfig* DefaultConfig(ZoConfig*) {
-    return &own;
+    return &ownConfig;
 }
 
 TEST(OwnServices, EverybodyReachesThem) {
@@ -45,15 +58,15 @@ TEST(OwnServices, EverybodyReachesThem) {
     EXPECT_EQ(dlsym(RTLD_DEFAULT, "_Z9ZoMessagev"), reinterpret_cast<void*>(&ZoMessage));
 
     _Configure_smp_io();
-    EXPECT_EQ(own.asked, "debug.ZOVAConsole");
+    EXPECT_EQ(ownConfig.asked, "debug.ZOVAConsole");
 
     ZoTLS const original;
     ZoTLS const copy(original);
-    EXPECT_EQ(own.asserted, "src/zotls67");
+    EXPECT_EQ(asserted, "src/zotls67");
     EXPECT_EQ(ZoAssertCount(), 0U);
 
     testing::internal::CaptureStderr();
     EXPECT_EQ(ZoSetMessageService(nullptr)->Show(0, 0, "from the base library"), 6U);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "from the base library\n");
-    EXPECT_EQ(own.asked, "base.answer");
+    EXPECT_EQ(ownConfig.asked, "base.answer");
 }

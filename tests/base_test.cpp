@@ -2,24 +2,26 @@
 // configuration or prints runs in a child process whose standard error is caught.
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <climits>
 #include <filesystem>
 #include <fstream>
-#include <regex>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "services.h"
 #include "zobase.h"
 #include "zobaseservices.h"
 #include "zolist.h"
@@ -42,6 +44,28 @@ void RunLast() {
 }
 [[gnu::section(".preinit_array"), gnu::used]] void (*const runLast)() = RunLast;
 
+std::string ReadFile(std::string const& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+// `text` with the time that begins a log entry written as "@".
+std::string Undated(std::string const& text) {
+    std::string const shape = "0000-00-00T00:00:00.000Z";
+    std::istringstream lines(text);
+    std::string undated;
+    for (std::string line; std::getline(lines, line);) {
+        std::string digits = line.substr(0, shape.size());
+        for (char& c : digits) {
+            if (c >= '0' && c <= '9') c = '0';
+        }
+        if (digits == shape) line.replace(0, shape.size(), "@");
+        undated += line + (lines.eof() ? "" : "\n");
+    }
+    return undated;
+}
+
 class Base : public testing::Test {
 protected:
     Base() {
@@ -50,88 +74,154 @@ protected:
     }
     ~Base() override { std::filesystem::remove_all(directory); }
 
-    void Write(char const* name, std::string const& text) const {
-        std::ofstream(directory + name, std::ios::binary) << text;
+    void WriteConfig(std::string const& text) const {
+        std::ofstream(directory + "/zova.ini", std::ios::binary) << text;
     }
 
-    // The times of log entries are written as "@".
-    std::string Read(char const* name) const {
-        std::ostringstream text;
-        text << std::ifstream(directory + name, std::ios::binary).rdbuf();
-        static std::regex const time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
-        return std::regex_replace(text.str(), time, "@");
-    }
+    struct Outcome {
+        std::string printed;
+        int signal;
+        int exitCode;
+    };
 
-    // What `body` prints in a child that sits in the directory, with nothing configured but
-    // zova.ini, and that ends with exit(0) or by `signal`.
+    // Runs `body` in a child that sits in the directory, with nothing configured but zova.ini.
     template <class Body>
-    std::string Printed(Body body, int signal = 0) const {
+    Outcome InChild(Body body) const {
+        std::string const caught = directory + "/stderr";
         fflush(nullptr);
         pid_t const child = fork();
         if (child == 0) {
+            int const to = open(caught.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+            dup2(to, STDERR_FILENO);
+            close(to);
             unsetenv("ZOVA_CONFIG");
             unsetenv("ZOVA_ASSERT");
-            if (chdir(directory.c_str()) != 0 || freopen("stderr", "w", stderr) == nullptr) abort();
+            if (chdir(directory.c_str()) != 0) abort();
             body();
             exit(0);  // with static destructors and, where there is one, the leak check
         }
         int status = 0;
         waitpid(child, &status, 0);
-        EXPECT_EQ(WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status), signal);
-        return Read("/stderr");
+        return {ReadFile(caught), WIFSIGNALED(status) ? WTERMSIG(status) : 0,
+                WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+    }
+
+    // What a child prints that has to end well.
+    template <class Body>
+    std::string Printed(Body body) const {
+        Outcome const outcome = InChild(body);
+        EXPECT_EQ(outcome.signal, 0);
+        EXPECT_EQ(outcome.exitCode, 0);
+        return Undated(outcome.printed);
     }
 
     std::string directory;
 };
 
-using Names = std::vector<char const*>;
+using Path = std::vector<char const*>;
 
-// The values of `keys`, "-" where one is missing.
-void PrintValues(Names path, Names const& keys) {
+// "-" where the key is missing.
+std::string Lookup(Path path, char const* key) {
     path.push_back(nullptr);
-    for (char const* key : keys) {
-        int value = 0;
-        bool const found = ZoDefaultConfiguration()->ReadValue(key, &value, path.data()) == 0;
-        dprintf(2, "%s ", found ? std::to_string(value).c_str() : "-");
-    }
+    ZoConfig* const configuration = ZoDefaultConfiguration();
+    int value = 4711;
+    if (configuration->ReadValue(key, &value, path.data()) != 0) return value == 4711 ? "-" : "?";
+    return std::to_string(value);
 }
 
-TEST_F(Base, ConfigurationFile) {
-    std::string const notANumber = "the value is not a number of 32 bits";
+TEST_F(Base, ConfigurationNumbers) {
+    static std::pair<std::string, std::optional<int>> const cases[] = {
+        {"0", 0},
+        {"50", 50},
+        {"-0", 0},
+        {"+7", 7},
+        {"-7", -7},
+        {"007", 7},
+        {"2147483647", INT_MAX},
+        {"-2147483648", INT_MIN},
+        {"2147483648", {}},
+        {"-2147483649", {}},
+        {"99999999999999999999999999", {}},
+        {"0x0", 0},
+        {"0XfF", 255},
+        {"-0x10", -16},
+        {"0x7FFFFFFF", INT_MAX},
+        {"0x80000000", INT_MIN},
+        {"0xF0000000", -268435456},
+        {"0xFFFFFFFF", -1},
+        {"0x100000000", {}},
+        {"-0x80000000", INT_MIN},
+        {"-0x80000001", {}},
+        {"5;half", 5},
+        {"5 # half", 5},
+        {"", {}},
+        {"; 5", {}},
+        {"0x", {}},
+        {"-", {}},
+        {"+-5", {}},
+        {"- 5", {}},
+        {"5 6", {}},
+        {"5k", {}},
+        {"1A", {}},
+        {"0xG", {}},
+        {"\"5\"", {}},
+        {"five", {}}};
+    std::string file = "[n]\n";
+    std::string complaints;
+    std::string values;
+    int line = 1;
+    for (auto const& [text, value] : cases) {
+        file += "k" + std::to_string(++line) + " = " + text + "\n";
+        values += text + " -> " + (value ? std::to_string(*value) : "-") + "\n";
+        if (value) continue;
+        complaints += "zova.ini:" + std::to_string(line) +
+                      ": line ignored: the value is not a number of 32 bits\n";
+    }
+    WriteConfig(file);
+    EXPECT_EQ(complaints + values, Printed([] {
+                  int number = 1;
+                  for (auto const& [text, value] : cases) {
+                      std::string const key = "k" + std::to_string(++number);
+                      std::string const got = Lookup({"n"}, key.c_str());
+                      dprintf(2, "%s -> %s\n", text.c_str(), got.c_str());
+                  }
+              }));
+}
+
+TEST_F(Base, ConfigurationLines) {
+    std::string const word = "the key is not one word";
     std::pair<std::string, std::string> const lines[] = {
-        {"\xEF\xBB\xBF"
-         "top = 1\r",
-         ""},
+        {"\xEF\xBB\xBFtop = 1\r", ""},
+        {"", ""},
         {" \t ; comment", ""},
-        {"a = -007", ""},
-        {"b = 2147483647;most", ""},
-        {"c = -2147483648", ""},
-        {"d = 0XfF", ""},
-        {"e = 0xFFFFFFFF", ""},
-        {"f = 2147483648", notANumber},
-        {"f = -2147483649", notANumber},
-        {"f = 0x100000000", notANumber},
-        {"f = 99999999999999999999999999", notANumber},
-        {"f = 0x", notANumber},
-        {"f = 5 6", notANumber},
-        {"f = ", notANumber},
+        {"# [comment]", ""},
         {"[debug]\r", ""},
         {"csSleepTime=50", ""},
         {"\tmode\t=\t0xF0000000 # flags\r", ""},
-        {"two words = 5", "the key is not one word"},
+        {"two words = 5", word},
+        {" = 5", word},
+        {"k[1] = 5", word},
+        {"k ; = 5", word},
+        {"k#1 = 5", word},
+        {std::string("n\0l = 5", 7), word},
         {"lonely", "neither [section] nor key = value"},
         {"[unended", "the section has no ]"},
+        {"[]", "the section is not one word"},
         {"[a b]", "the section is not one word"},
         {"[other] = 5", "something follows the section"},
         {"still = 7", ""},
         {"[ deeper.still ] ; comment", ""},
-        {"deep = 2", ""},
+        {"\xC3\xA4 = 2", ""},
         {"[debug]", ""},
         {"csSleepTime = 60", ""},
-        {"csSleepTime = 6O", notANumber},
+        {"csSleepTime = 6O", "the value is not a number of 32 bits"},
         {"[base]", ""},
         {"log = ; nowhere", "the value is not a path"},
+        {"log = a\x01"
+         "b",
+         "the value is not a path"},
         {std::string(100'000, ' ') + "far = 8" + std::string(100'000, ' '), ""},
+        {std::string(100'000, 'x'), "neither [section] nor key = value"},
         {"last = 9", ""},
     };
     std::string file;
@@ -143,109 +233,178 @@ TEST_F(Base, ConfigurationFile) {
         if (complaint.empty()) continue;
         expected += "zova.ini:" + std::to_string(number) + ": line ignored: " + complaint + "\n";
     }
-    expected += "1 -7 2147483647 -2147483648 255 -1 - 60 -268435456 7 - 2 2 - - 8 9 ";
-    Write("/zova.ini", file);
+    expected += "1 60 -268435456 7 2 2 8 9 - - - -";
+    WriteConfig(file);
     EXPECT_EQ(expected, Printed([] {
-                  PrintValues({}, {"top", "a", "b", "c", "d", "e", "f"});
-                  PrintValues({"debug"}, {"csSleepTime", "mode", "still", "Mode"});
-                  PrintValues({"deeper", "still"}, {"deep"});
-                  PrintValues({"deeper.still"}, {"deep"});
-                  PrintValues({"deeper"}, {"deep"});
-                  PrintValues({"deeper", "still", "more"}, {"deep"});
-                  PrintValues({"base"}, {"far", "last"});
+                  std::string all;
+                  for (auto const& [path, key] : std::vector<std::pair<Path, char const*>>{
+                           {{}, "top"},
+                           {{"debug"}, "csSleepTime"},
+                           {{"debug"}, "mode"},
+                           {{"debug"}, "still"},
+                           {{"deeper", "still"}, "\xC3\xA4"},
+                           {{"deeper.still"}, "\xC3\xA4"},
+                           {{"base"}, "far"},
+                           {{"base"}, "last"},
+                           {{"deeper"}, "\xC3\xA4"},
+                           {{"deeper", "still", "more"}, "\xC3\xA4"},
+                           {{"Debug"}, "mode"},
+                           {{"debug"}, "Mode"}}) {
+                      all += (all.empty() ? "" : " ") + Lookup(path, key);
+                  }
+                  dprintf(2, "%s", all.c_str());
               }));
 }
 
-TEST_F(Base, ConfigurationFileOfTheEnvironment) {
-    Write("/mine.ini", "k = 2");
-    std::string const cannot = ": cannot read the configuration: ";
-    std::pair<char const*, std::string> const cases[] = {
-        {"", ""},  // the one of the directory, which need not be there
-        {"mine.ini", "2 "},
-        {"none.ini", "none.ini" + cannot + "No such file or directory\n"},
-        {"/dev/zero", "/dev/zero" + cannot + "File too large\n"},
+TEST_F(Base, ConfigurationFile) {
+    auto const firstUse = [](char const* named) {
+        return [named] {
+            if (named != nullptr) setenv("ZOVA_CONFIG", named, 1);
+            std::vector<std::thread> threads;
+            for (int i = 0; i < 4; ++i) {
+                threads.emplace_back([] { ZoSystemLog()->Printf(4, "-"); });
+                threads.emplace_back([] { ZoDefaultConfiguration(); });
+            }
+            for (std::thread& thread : threads) thread.join();
+            if (ZoDefaultConfiguration() != nullptr) dprintf(2, "%s", Lookup({}, "k").c_str());
+        };
     };
-    for (auto const& [named, printed] : cases) {
-        EXPECT_EQ(printed, Printed([named = named] {
-                      setenv("ZOVA_CONFIG", named, 1);
-                      if (ZoDefaultConfiguration() != nullptr) PrintValues({}, {"k"});
-                  }));
-    }
+    auto const withoutEntries = [](std::string printed) {
+        std::string const line = "@ 4 -\n";
+        for (std::size_t at; (at = printed.find(line)) != std::string::npos;) {
+            printed.erase(at, line.size());
+        }
+        return printed;
+    };
+    std::string const cannot = ": cannot read the configuration: ";
+    EXPECT_EQ(withoutEntries(Printed(firstUse(nullptr))), "");
+    EXPECT_EQ(withoutEntries(Printed(firstUse("none.ini"))),
+              "none.ini" + cannot + "No such file or directory\n");
+    EXPECT_EQ(withoutEntries(Printed(firstUse("."))), "." + cannot + "Is a directory\n");
+    EXPECT_EQ(withoutEntries(Printed(firstUse("/dev/zero"))),
+              "/dev/zero" + cannot + "File too large\n");
+
+    WriteConfig("k = 1\nwrong\n");
+    std::ofstream(directory + "/mine.ini") << "k = 2";
+    EXPECT_EQ(withoutEntries(Printed(firstUse(""))),
+              "zova.ini:2: line ignored: neither [section] nor key = value\n1");
+    EXPECT_EQ(withoutEntries(Printed(firstUse("mine.ini"))), "2");
 }
 
-// The threads also come to the first use of the log and of the configuration together.
 TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
     constexpr int Threads = 4;
     constexpr int Entries = 50;
-    std::string const complaint = "zova.ini:1: line ignored: neither [section] nor key = value\n";
-    Write("/zova.ini", "wrong\n[base]\nlog = the;log # shared\n");
+    WriteConfig("[base]\nlog = the;log # shared\n");
     std::string const filler(1500, '.');  // more than the log formats without allocating
-    EXPECT_EQ(complaint + complaint, Printed([&filler] {
+    auto const logMany = [&filler](int process) {
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < Threads; ++thread) {
+            threads.emplace_back([=, &filler] {
+                for (int i = 0; i < Entries; ++i) {
+                    ZoSystemLog()->Printf(i % 5, "%d/%d/%d\n%s\r\n\n", process, thread, i,
+                                          i % 2 == 0 ? "short" : filler.c_str());
+                }
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+    };
+    EXPECT_EQ(Printed([&] {
                   pid_t const second = fork();
-                  std::vector<std::thread> threads;
-                  for (int t = 0; t < Threads; ++t) {
-                      threads.emplace_back([=, &filler] {
-                          for (int i = 0; i < Entries; ++i) {
-                              ZoSystemLog()->Printf(i % 5, "%d/%d/%d\n%s\r\n\n", second == 0, t, i,
-                                                    i % 2 == 0 ? "short" : filler.c_str());
-                          }
-                      });
-                  }
-                  for (std::thread& thread : threads) thread.join();
+                  logMany(second == 0 ? 2 : 1);
                   if (second != 0) waitpid(second, nullptr, 0);
-              }));
+              }),
+              "");
 
-    std::istringstream log(Read("/the;log"));
-    int next[2][Threads] = {};
+    std::istringstream log(Undated(ReadFile(directory + "/the;log")));
+    int next[3][Threads] = {};
     int lines = 0;
     for (std::string line; std::getline(log, line); ++lines) {
+        int level = 0;
         int process = 0;
         int thread = 0;
-        ASSERT_EQ(sscanf(line.c_str(), "@ %*d %d/%d", &process, &thread), 2) << line;
-        int const i = next[process][thread]++;
-        std::ostringstream expected;
-        expected << "@ " << i % 5 << ' ' << process << '/' << thread << '/' << i << "\\n"
-                 << (i % 2 == 0 ? "short" : filler);
-        EXPECT_EQ(line, expected.str());
+        int i = 0;
+        ASSERT_EQ(sscanf(line.c_str(), "@ %d %d/%d/%d", &level, &process, &thread, &i), 4) << line;
+        EXPECT_EQ(i, next[process][thread]++);
+        EXPECT_EQ(level, i % 5);
+        EXPECT_EQ(line.substr(line.find('\\')), "\\n" + (i % 2 == 0 ? "short" : filler));
     }
     EXPECT_EQ(lines, 2 * Threads * Entries);
 }
 
+// Writes to a datagram socket arrive one by one.
+TEST_F(Base, EachReportIsOneWrite) {
+    EXPECT_EQ(Printed([] {
+                  int sockets[2];
+                  int const standardError = dup(STDERR_FILENO);
+                  if (socketpair(AF_UNIX, SOCK_DGRAM, 0, sockets) != 0) abort();
+                  dup2(sockets[0], STDERR_FILENO);
+                  std::string const filler(3000, '.');
+                  ZoSystemLog()->Printf(4, "two\n%s", filler.c_str());
+                  ZoMessage()->Show(0, ZoStyleNotice, "two\n%s", filler.c_str());
+                  ZOVA_assert(filler.c_str(), "file", 1);
+                  char packet[4000];
+                  while (recv(sockets[1], packet, sizeof packet, MSG_DONTWAIT) > 3000) {
+                      dprintf(standardError, "whole ");
+                  }
+              }),
+              "whole whole whole ");
+}
+
+TEST_F(Base, LogThatCannotBeOpenedGoesToStandardError) {
+    WriteConfig("[base]\nlog = no/such/log\n");
+    EXPECT_EQ(Printed([] {
+                  ZoSystemLog()->Printf(4, "one");
+                  ZoSystemLog()->Printf(3, "%s", "");
+              }),
+              "no/such/log: cannot open the log: No such file or directory; logging to standard "
+              "error\n@ 4 one\n@ 3 \n");
+}
+
 TEST_F(Base, MessagesAndAssertions) {
-    Write("/zova.ini", "[base]\nanswer = 0x80000000\n");
+    WriteConfig("[base]\nanswer = 0x80000000\n");
     auto const speak = [] {
-        dprintf(2, "%x\n", ZoMessage()->Show(0, ZoStyleQuestion, "%s\n(CANCEL)", "Deadlock."));
+        unsigned int const answer =
+            ZoMessage()->Show(0, ZoStyleQuestion, "%s\n(CANCEL to debug)", "Deadlock detected.");
+        dprintf(2, "%x\n", answer);
         ZOVA_assert("(0 && \"x\")", "src/zocrits", 365);
         dprintf(2, "%lu\n", ZoAssertCount());
     };
     std::string const untilAssertion =
-        "Deadlock.\n(CANCEL)\n80000000\nsrc/zocrits:365: assertion failed: (0 && \"x\")\n";
+        "Deadlock detected.\n(CANCEL to debug)\n80000000\n"
+        "src/zocrits:365: assertion failed: (0 && \"x\")\n";
     EXPECT_EQ(Printed(speak), untilAssertion + "1\n");
 
-    auto const speakAndAbort = [&] {
+    Outcome const aborted = InChild([&] {
         setenv("ZOVA_ASSERT", "abort", 1);
         speak();
-    };
+    });
+    EXPECT_EQ(aborted.signal, SIGABRT);
     // An emulator of a 32-bit machine adds a line of its own.
-    EXPECT_EQ(Printed(speakAndAbort, SIGABRT).substr(0, untilAssertion.size()), untilAssertion);
+    EXPECT_EQ(aborted.printed.substr(0, untilAssertion.size()), untilAssertion);
+
+    std::filesystem::remove(directory + "/zova.ini");
+    EXPECT_EQ(Printed([] { dprintf(2, "%x", ZoMessage()->Show(0, ZoStyleNotice, "told\n\n")); }),
+              "told\n0");
 }
 
 TEST_F(Base, ReportingIsNoCancellationPointAndKeepsErrno) {
-    Write("/zova.ini", "[base]\nlog = no/such/log\nwrong\n");
-    auto const report = [](void*) -> void* {
-        pthread_cancel(pthread_self());
-        errno = EDOM;
-        ZOVA_assert("0", "src/zothread", 228);
-        ZoMessage()->Show(0, ZoStyleNotice, "message");
-        ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
-        ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
-        pthread_testcancel();
-        return nullptr;
-    };
+    WriteConfig("[base]\nlog = no/such/log\nwrong\n");
     EXPECT_EQ(
-        Printed([report] {
+        Printed([] {
             pthread_t thread{};
-            pthread_create(&thread, nullptr, report, nullptr);
+            pthread_create(
+                &thread, nullptr,
+                [](void*) -> void* {
+                    pthread_cancel(pthread_self());
+                    errno = EDOM;
+                    ZOVA_assert("0", "src/zothread", 228);
+                    ZoMessage()->Show(0, ZoStyleNotice, "message");
+                    ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
+                    ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
+                    pthread_testcancel();
+                    return nullptr;
+                },
+                nullptr);
             void* end = nullptr;
             pthread_join(thread, &end);
             dprintf(2, "%d", end == PTHREAD_CANCELED);
@@ -257,24 +416,53 @@ TEST_F(Base, ReportingIsNoCancellationPointAndKeepsErrno) {
 }
 
 TEST_F(Base, ServicesWorkAfterStaticObjectsAreGone) {
-    Write("/zova.ini", "[base]\nanswer = 1\n");
+    WriteConfig("[base]\nanswer = 1\n");
     EXPECT_EQ(Printed([] { useServicesAfterMain = true; }),
               "@ 4 late entry\nlate message\nsrc/late:1: assertion failed: late\n");
 }
 
 TEST(BaseServices, ASetterReturnsWhatWasInForceAndNullRestores) {
-    ZoLog* const log = ZoSystemLog();
-    ZoMessageService* const messages = ZoMessage();
-    ZoAssertHandler const handler = ZoSetAssertHandler(nullptr);
-    zotest::Services services;
-    EXPECT_NE(ZoSetDefaultConfig(nullptr), nullptr);
-    EXPECT_NE(ZoSetSystemLog(nullptr), log);
-    EXPECT_EQ(ZoSystemLog(), log);
-    EXPECT_NE(ZoSetMessageService(nullptr), messages);
-    EXPECT_EQ(ZoMessage(), messages);
-    EXPECT_NE(ZoSetAssertHandler(nullptr), handler);
-    EXPECT_EQ(ZoSetAssertHandler(nullptr), handler);
+    class Log final : public ZoLog {
+        int Printf(int, char const*, ...) override { return 5; }
+    } log;
+    ZoLog* const ownLog = ZoSystemLog();
+    EXPECT_EQ(ZoSetSystemLog(&log), ownLog);
+    EXPECT_EQ(ZoSystemLog()->Printf(4, "unseen"), 5);
+    EXPECT_EQ(ZoSetSystemLog(nullptr), &log);
+    EXPECT_EQ(ZoSystemLog(), ownLog);
 
+    class Config final : public ZoConfig {
+        int ReadValue(char const*, int* out, char const* const*) override {
+            *out = 6;
+            return 0;
+        }
+    } config;
+    EXPECT_EQ(ZoSetDefaultConfig(&config), nullptr);
+    EXPECT_EQ(ZoDefaultConfiguration(), &config);
+
+    class Messages final : public ZoMessageService {
+        unsigned int Show(int, unsigned int, char const*, ...) override { return 7; }
+    } messages;
+    ZoMessageService* const ownMessages = ZoMessage();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ownMessages->Show(0, 0, "seen"), 6U);  // by the configuration in force
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "seen\n");
+    EXPECT_EQ(ZoSetMessageService(&messages), ownMessages);
+    EXPECT_EQ(ZoMessage()->Show(0, 0, "unseen"), 7U);
+    EXPECT_EQ(ZoSetMessageService(nullptr), &messages);
+    EXPECT_EQ(ZoSetDefaultConfig(nullptr), &config);
+
+    static int handledLine = 0;
+    unsigned long const before = ZoAssertCount();
+    ZoAssertHandler const ownHandler =
+        ZoSetAssertHandler([](char const*, char const*, int line) { handledLine = line; });
+    ZOVA_assert("0", "src/x", 8);
+    EXPECT_EQ(handledLine, 8);
+    EXPECT_EQ(ZoAssertCount(), before + 1);
+    ZoSetAssertHandler(nullptr);
+    EXPECT_EQ(ZoSetAssertHandler(nullptr), ownHandler);
+
+    EXPECT_EQ(CheckZoVersionNumber(1, 2, 3, 4, 0, 3), 0);
     ZoSetVersionCheck([](unsigned long major, unsigned long, unsigned long, unsigned long,
                          unsigned long, int flags) { return static_cast<int>(major) + flags; });
     EXPECT_EQ(CheckZoVersionNumber(1, 2, 3, 4, 0, 3), 4);
@@ -289,50 +477,66 @@ TEST(BaseLists, DoublyLinked) {
         ~Item() override { deleted += name; }
         char name;
     };
-    auto const order = [](ZoLinkedList const& list) {
+    auto const named = [](ZoLinkedListItem* item) { return static_cast<Item*>(item)->name; };
+    auto const order = [&](ZoLinkedList const& list) {
         std::string forth;
         std::string back;
-        for (auto* i = list.GetFirst(); i; i = i->GetNext()) forth += static_cast<Item*>(i)->name;
-        for (auto* i = list.GetLast(); i; i = i->GetPrev()) back += static_cast<Item*>(i)->name;
+        for (auto* i = list.GetFirst(); i != nullptr; i = i->GetNext()) forth += named(i);
+        for (auto* i = list.GetLast(); i != nullptr; i = i->GetPrev()) back += named(i);
         EXPECT_EQ(forth, std::string(back.rbegin(), back.rend()));
         return forth;
     };
     {
         ZoLinkedList list;
+        EXPECT_EQ(list.RemoveFirst(), nullptr);
         auto* const only = new Item('o');
         list.InsertLast(only);
-        EXPECT_EQ(list.RemoveFirst(), only);
-        EXPECT_EQ(list.RemoveFirst(), nullptr);
+        list.RemoveItem(only);
         EXPECT_EQ(order(list), "");
         auto* const middle = new Item('m');
         auto* const last = new Item('z');
         list.InsertFirst(middle);
         list.InsertLast(last);
         list.InsertFirst(only);
-        EXPECT_EQ(order(list), "omz");
+        list.InsertLast(new Item('e'));
+        EXPECT_EQ(order(list), "omze");
         list.RemoveItem(middle);
-        EXPECT_EQ(order(list), "oz");
+        EXPECT_EQ(order(list), "oze");
         list.InsertLast(middle);
+        EXPECT_EQ(order(list), "ozem");
+        list.RemoveItem(middle);
         list.DeleteItem(last);
-        EXPECT_EQ(order(list), "om");
-        EXPECT_EQ(deleted, "z");
+        EXPECT_EQ(list.RemoveFirst(), only);
+        EXPECT_EQ(order(list), "e");
+        list.InsertFirst(middle);
+        delete only;
+        EXPECT_EQ(deleted, "zo");
     }
-    EXPECT_EQ(deleted, "zom");
+    EXPECT_EQ(deleted, "zome");
 }
 
 TEST(BaseLists, SinglyLinked) {
-    struct Item : ZoSimpleLinkedListItem {};
+    struct Item : ZoSimpleLinkedListItem {
+        int padding[16];
+    };
+    static_assert(sizeof(ZoSimpleLinkedList) == sizeof(void*));
     ZoSimpleLinkedList list;  // frees two of these; a leak checker watches
     auto* const a = new Item;
     auto* const b = new Item;
     auto* const c = new Item;
+    list.RemoveItem(a);
     for (Item* item : {a, b, c}) list.InsertFirst(item);
-    for (int i = 0; i < 2; ++i) list.RemoveItem(b);  // the second time it is not there
+    list.RemoveItem(b);
     EXPECT_EQ(list.GetFirst(), c);
     EXPECT_EQ(c->GetNext(), a);
+    list.RemoveItem(b);
     list.RemoveItem(c);
     EXPECT_EQ(list.GetFirst(), a);
+    list.RemoveItem(a);
+    EXPECT_EQ(list.GetFirst(), nullptr);
     list.InsertFirst(b);
+    list.InsertFirst(a);
+    EXPECT_EQ(a->GetNext(), b);
     delete c;
 }
 
@@ -343,14 +547,18 @@ TEST(BaseRawBuffer, GivenAndOwned) {
     EXPECT_EQ(given.EnsureCapacity(17), -2016);
     EXPECT_EQ(given.GetBuf(), memory);
     EXPECT_EQ(given.GetBufLen(), 16U);
+    EXPECT_EQ(ZoRawBuffer(nullptr, 16, ZoRawBufferUseGiven).GetBufLen(), 0U);
 
-    ZoRawBuffer owned(nullptr, 16, ZoRawBufferOwnAndGrow);
-    ASSERT_EQ(owned.GetBufLen(), 16U);
-    static_cast<char*>(owned.GetBuf())[15] = 'x';
-    EXPECT_EQ(owned.EnsureCapacity(100'000), 0);
-    EXPECT_EQ(owned.EnsureCapacity(1), 0);
-    EXPECT_GE(owned.GetBufLen(), 100'000U);
-    EXPECT_EQ(static_cast<char*>(owned.GetBuf())[15], 'x');
+    for (void* block : {static_cast<void*>(nullptr), malloc(16)}) {
+        ZoRawBuffer owned(block, 16, ZoRawBufferOwnAndGrow);
+        ASSERT_EQ(owned.GetBufLen(), 16U);
+        static_cast<char*>(owned.GetBuf())[15] = 'x';
+        EXPECT_EQ(owned.EnsureCapacity(100'000), 0);
+        EXPECT_GE(owned.GetBufLen(), 100'000U);
+        EXPECT_EQ(static_cast<char*>(owned.GetBuf())[15], 'x');
+        EXPECT_EQ(owned.EnsureCapacity(1), 0);
+        EXPECT_GE(owned.GetBufLen(), 100'000U);
+    }
 }
 
 }  // namespace
