@@ -123,8 +123,9 @@ int Trampoline(void* startRecord) {
     return CplusplusTrampoline(record->owner, &record->started);
 }
 
-// The object is touched only inside UnlessAborted and by the virtual calls: as soon as the thread
-// has been aborted or has stored its last status, the object may be destroyed.
+// Once the starter may go on, the object is touched only inside UnlessAborted and by the virtual
+// calls: as soon as the thread has been aborted or has stored its last status, the object may be
+// destroyed.
 int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     constexpr ZoUInt32 Entry = 0x100;
     void* const argument = thread->argument;
@@ -137,13 +138,13 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
         watcher = CountIn(thread->resourceWatcher);
         thread->SetThreadPriority();
         thread->SetThreadPriorityBoost();
-        if (started != nullptr) __atomic_store_n(started, 1, __ATOMIC_RELEASE);
-    }
-    ThreadLife::UnlessAborted([&] {
-        // Not over the mark of a Suspend that came in between.
+        // Before the starter goes on, so that a second start finds it running. Not over the mark of
+        // an abort or a Suspend that came in between.
         ZoInt32 starting = ZoThread::NotStarted;
         thread->status.compare_exchange_strong(starting, ZoThread::Running);
-    });
+        if (started != nullptr) __atomic_store_n(started, 1, __ATOMIC_RELEASE);
+    }
+    ThreadLife::UnlessAborted([] {});
     thread->Init(argument);
     Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Work started ...");
     ThreadLife::UnlessAborted([] {});

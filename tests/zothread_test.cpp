@@ -198,7 +198,7 @@ TEST_F(Threads, StackSizesAndStartsThatFail) {
             EXPECT_EQ(result, ZoOutOfMemory);
             EXPECT_EQ(other.GetStatus(), 7);
         }
-        Await([&] { return other.GetStatus() != 1 && (result != 0 || other.GetStatus() != 7); });
+        Await([&] { return result != 0 || other.GetStatus() == 4; });
     });
     EXPECT_EQ(met, 2);
     Recording recording(EAGAIN);
@@ -318,7 +318,7 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
         EXPECT_EQ(thread.Start(&script), 0);
         EXPECT_EQ(watcher.Counter(), 1) << "counted before the starter goes on";
         EXPECT_EQ(thread.pendingPriority, ZoPriorityUnchanged);
-        Await([&] { return thread.GetStatus() == 1; });
+        EXPECT_EQ(thread.GetStatus(), 1);
         _Thread* const system = thread.systemThread;
         EXPECT_EQ(thread.Start(nullptr), 0);
         EXPECT_EQ(thread.systemThread, system) << "a running one is left alone";
