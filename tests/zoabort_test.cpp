@@ -117,6 +117,21 @@ bool ChildSucceeds(Body body) {
     return status == 0;
 }
 
+// A signal must not come while its thread has the locks that the answer needs.
+void SignalsWhileTheirThreadChangesTheList() {
+    failThreads = true;
+    Add(Refuse);
+    std::atomic<bool> sent{false};
+    std::thread sender([&, changer = pthread_self()] {
+        for (int i = 0; i < 2000; ++i) pthread_kill(changer, i % 2 == 0 ? SIGINT : SIGQUIT);
+        sent = true;
+    });
+    alarm(60);
+    while (!sent) Add(Agree), Remove(Agree);
+    sender.join();
+    _exit(0);
+}
+
 void InForkedChild() {
     Add(Agree, "parent's ");
     bool const succeeded = ChildSucceeds([] { RefuseThenAgree("child's"); });
@@ -177,6 +192,7 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
              Send(SIGQUIT);
          }},
         {"refused refused agreed", [] { failThreads = true, RefuseThenAgree("agreed"); }},
+        {"", SignalsWhileTheirThreadChangesTheList},
         {"parent's refused parent's refused parent's child's", InForkedChild},
         {"child's", OnThreadOfForkedChild},
         {"", ForkedWhileOthersChangeTheList},
@@ -286,12 +302,17 @@ TEST(AbortHandlers, ReferencesAreCounted) {
     // A handler may make its thread let go of everything; the section stays in order.
     Add([](void*) {
         ReleaseAllSynchronizationObjects();
-        return AbortHandlerInitialization(0) == 4 ? 0 : 1;
+        return AbortHandlerInitialization(0) == 5 ? 0 : 1;
+    });
+    Add([](void*) {
+        EXPECT_EQ(InfoOf(static_cast<ZoCritSect*>(FirstSynchro)),
+                  "AbortionHandler: owning count: 1; wait count: 0");
+        return 0;
     });
     EXPECT_EQ(LowLevelAbortionHandler(), 0);
     EXPECT_EQ(InfoOf(static_cast<ZoCritSect*>(FirstSynchro)),
               "AbortionHandler: owning count: 0; wait count: 0");
-    std::thread([] { EXPECT_EQ(AbortHandlerInitialization(1), 3); }).join();
+    std::thread([] { EXPECT_EQ(AbortHandlerInitialization(1), 4); }).join();
     while (AbortHandlerInitialization(1) != 0) {
     }
     EXPECT_STRNE(FirstSynchro->GetName(), "AbortionHandler");
