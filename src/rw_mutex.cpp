@@ -116,7 +116,7 @@ private:
 class RecordSetAside {
 public:
     explicit RecordSetAside(ZoUInt32& holdings) : holdings(holdings), kept(holdings) {
-        holdings = 0;
+        this->holdings = 0;
     }
     RecordSetAside(RecordSetAside const&) = delete;
     RecordSetAside& operator=(RecordSetAside const&) = delete;
