@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -11,10 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include "services.h"
 #include "smp_vers.h"
-#include "zobaseservices.h"
 #include "zoencrbuf.h"
 #include "zointrlk.h"
+
+using namespace zotest;
 
 namespace {
 
@@ -37,14 +40,21 @@ TEST(Interlocked, AnswersOldOrNewValue) {
 // Calls `body` on several threads at once.
 template <class Body>
 void OnThreads(int count, Body body) {
+    std::atomic<int> ready{0};
     std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) threads.emplace_back(body);
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&] {
+            ++ready;
+            Await([&] { return ready == count; });
+            body();
+        });
+    }
     for (std::thread& thread : threads) thread.join();
 }
 
 // Each step of each thread changes the word by an operation of another kind.
 TEST(Interlocked, LosesNothing) {
-    constexpr int Threads = 4, Rounds = 20'000;
+    constexpr int Threads = 4, Rounds = 200'000;
     std::unique_ptr<ZoInterlocked> const lock(ZoInterlocked::Make());
     ZoInt32 word = 0, taken = 0;
     void* top = nullptr;
