@@ -60,18 +60,13 @@ Section::~Section() {
     SectionRegister::Get().Remove(this);
 }
 
-void Section::lock() noexcept {
+void Section::EnterAndMeasure() noexcept {
     auto const start = std::chrono::steady_clock::now();
     section->Begin();
     std::chrono::nanoseconds const wait = std::chrono::steady_clock::now() - start;
-    entered.store(entered.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     if (wait.count() > longestWait.load(std::memory_order_relaxed)) {
         longestWait.store(wait.count(), std::memory_order_relaxed);
     }
-}
-
-void Section::unlock() noexcept {
-    section->Exit();
 }
 
 SectionTotals TotalsOfSections() {

@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-class ZoCritSect;
+#include "zocrits.h"
 
 class Section {
 public:
@@ -34,12 +34,22 @@ public:
 private:
     friend class SectionRegister;
 
+    static void AddOne(std::atomic<std::uint64_t>& count) noexcept {
+        count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    bool IsHeld() const noexcept {
+        return entered.load(std::memory_order_relaxed) != left.load(std::memory_order_relaxed);
+    }
+    void EnterAndMeasure() noexcept;
+
     // The library keeps the pointer to the name only, and a deadlock report may tell it as long as
     // the section is alive.
     std::array<char, 96> name{};
     std::unique_ptr<ZoCritSect> section;
-    // Written by the owner of the section only; atomic because totals read them any time.
+    // Written by the owner of the section only; atomic because totals read them any time, and lock
+    // to see from their difference whether the section is held.
     std::atomic<std::uint64_t> entered{0};
+    std::atomic<std::uint64_t> left{0};
     std::atomic<std::chrono::nanoseconds::rep> longestWait{0};
 };
 
@@ -52,5 +62,22 @@ struct SectionTotals {
 };
 
 SectionTotals TotalsOfSections();
+
+// Here for the sake of SQLite's calls, some dozens for each record. Reading the clock twice would
+// cost more than entering a free section, so it is read only when the section is held; a wait that
+// begins in the very moment in which another thread enters is not measured.
+inline void Section::lock() noexcept {
+    if (IsHeld()) {
+        EnterAndMeasure();
+    } else {
+        section->Begin();
+    }
+    AddOne(entered);
+}
+
+inline void Section::unlock() noexcept {
+    AddOne(left);
+    section->Exit();
+}
 
 #endif  // KELVARA_HOST_SECTION_H_

@@ -1,0 +1,90 @@
+// zohost's load, by SQLite on the library's sections and by SQLite on its own mutexes.
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+#include "character_store.h"
+#include "database_file.h"
+#include "engine.h"
+#include "unicode_data.h"
+
+namespace {
+
+constexpr char const* DataFolder = "/usr/share/unicode";
+
+std::vector<CharacterRecord> const& Records() {
+    static std::vector<CharacterRecord> const records =
+        ReadUnicodeData(UnicodeDataFile(DataFolder));
+    return records;
+}
+
+// SQLite on its own mutexes for as long as this lives.
+class OwnEngine {
+public:
+    OwnEngine() {
+        static sqlite3_mutex_methods const own = OwnMutexMethods();
+        if (sqlite3_config(SQLITE_CONFIG_MUTEX, &own) != SQLITE_OK ||
+            sqlite3_initialize() != SQLITE_OK) {
+            throw std::runtime_error("SQLite does not start on its own mutexes");
+        }
+    }
+    OwnEngine(OwnEngine const&) = delete;
+    OwnEngine& operator=(OwnEngine const&) = delete;
+    ~OwnEngine() { sqlite3_shutdown(); }
+
+private:
+    // SQLite tells them once it has run with them. What a host configured before is forgotten.
+    static sqlite3_mutex_methods OwnMutexMethods() {
+        sqlite3_mutex_methods methods{};
+        sqlite3_config(SQLITE_CONFIG_MUTEX, &methods);  // none: SQLite takes its own
+        sqlite3_initialize();
+        sqlite3_shutdown();
+        sqlite3_config(SQLITE_CONFIG_GETMUTEX, &methods);
+        return methods;
+    }
+};
+
+void LoadRecords(std::filesystem::path const& database) {
+    Connection connection(database, "the load");
+    CharacterStore store(connection);
+    Transaction load(connection, Transaction::Writing);
+    store.CreateTables(KindsOf(Records()));
+    for (CharacterRecord const& record : Records()) store.Insert({record, 0});
+    load.Commit();
+}
+
+template <class AnEngine>
+void LoadInMemory(benchmark::State& state) {
+    AnEngine const engine;
+    for (auto _ : state) LoadRecords(":memory:");
+}
+
+template <class AnEngine>
+void LoadInFile(benchmark::State& state) {
+    AnEngine const engine;
+    for (auto _ : state) {
+        state.PauseTiming();
+        {
+            DatabaseFile const file{{}};
+            state.ResumeTiming();
+            LoadRecords(file.Path());
+            state.PauseTiming();
+        }
+        state.ResumeTiming();
+    }
+}
+
+#define PAIR(function, name)                                                                     \
+    BENCHMARK(function<Engine>)->Name(name "/zo")->Unit(benchmark::kMillisecond)->UseRealTime(); \
+    BENCHMARK(function<OwnEngine>)                                                               \
+        ->Name(name "/SQLite's own")                                                             \
+        ->Unit(benchmark::kMillisecond)                                                          \
+        ->UseRealTime()
+
+PAIR(LoadInMemory, "load in memory");
+PAIR(LoadInFile, "load in a file");
+
+}  // namespace
