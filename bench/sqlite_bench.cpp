@@ -77,14 +77,9 @@ void LoadInFile(benchmark::State& state) {
     }
 }
 
-#define PAIR(function, name)                                                                     \
-    BENCHMARK(function<Engine>)->Name(name "/zo")->Unit(benchmark::kMillisecond)->UseRealTime(); \
-    BENCHMARK(function<OwnEngine>)                                                               \
-        ->Name(name "/SQLite's own")                                                             \
-        ->Unit(benchmark::kMillisecond)                                                          \
-        ->UseRealTime()
-
-PAIR(LoadInMemory, "load in memory");
-PAIR(LoadInFile, "load in a file");
+BENCHMARK(LoadInMemory<Engine>)->Name("load in memory/zo")->UseRealTime();
+BENCHMARK(LoadInMemory<OwnEngine>)->Name("load in memory/SQLite's own")->UseRealTime();
+BENCHMARK(LoadInFile<Engine>)->Name("load in a file/zo")->UseRealTime();
+BENCHMARK(LoadInFile<OwnEngine>)->Name("load in a file/SQLite's own")->UseRealTime();
 
 }  // namespace

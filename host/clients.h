@@ -1,4 +1,4 @@
-// Running the client threads.
+// Running the client threads: thread objects of the library, counted by a resource watcher.
 
 #ifndef KELVARA_HOST_CLIENTS_H_
 #define KELVARA_HOST_CLIENTS_H_
@@ -6,9 +6,9 @@
 #include <functional>
 
 // Runs body(0) to body(count - 1), each on a thread of its own, and returns when all have ended.
-// Meanwhile calls `everySecond` about once a second on the calling thread. Throws what the first
+// Meanwhile calls `tick` a few times a second on the calling thread. Throws what the first
 // body to fail threw; when not all threads can be started, no body runs.
 void RunClients(unsigned count, std::function<void(unsigned)> const& body,
-                std::function<void()> const& everySecond);
+                std::function<void()> const& tick);
 
 #endif  // KELVARA_HOST_CLIENTS_H_

@@ -13,6 +13,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// The temporary folder, while there is one. For an exit() that runs no destructor of main's
+// objects: it is called while the main thread waits for the clients, so nobody changes this
+// meanwhile.
+fs::path& Leftover() {
+    static fs::path& leftover = *new fs::path;
+    return leftover;
+}
+
+void RemoveLeftover() {
+    std::error_code ignored;
+    if (!Leftover().empty()) fs::remove_all(Leftover(), ignored);
+    Leftover().clear();
+}
+
 fs::path MakeTemporaryFolder() {
     std::error_code error;
     fs::path const parent = fs::temp_directory_path(error);
@@ -48,6 +62,8 @@ void MakeEmpty(fs::path const& file) {
 DatabaseFile::DatabaseFile(fs::path const& wanted) {
     if (wanted.empty()) {
         folder = MakeTemporaryFolder();
+        Leftover() = folder;
+        [[maybe_unused]] static int const registered = std::atexit(RemoveLeftover);
         path = folder / "characters.db";
         return;
     }
@@ -59,6 +75,5 @@ DatabaseFile::DatabaseFile(fs::path const& wanted) {
 }
 
 DatabaseFile::~DatabaseFile() {
-    std::error_code ignored;
-    if (IsTemporary()) fs::remove_all(folder, ignored);
+    if (IsTemporary()) RemoveLeftover();
 }

@@ -12,7 +12,7 @@ public:
     explicit DatabaseFile(std::filesystem::path const& wanted);
     DatabaseFile(DatabaseFile const&) = delete;
     DatabaseFile& operator=(DatabaseFile const&) = delete;
-    // Removes what is temporary, SQLite's companion files included.
+    // Removes what is temporary, SQLite's companion files included. exit() does so too.
     ~DatabaseFile();
 
     std::filesystem::path const& Path() const { return path; }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "progress.h"
 #include "zotypes.h"
 
 namespace {
@@ -69,6 +70,7 @@ int HostLog::Printf(int level, char const* format, ...) {
     OneLine const line(format, values);
     va_end(values);
     if (line.BeginsWith(FalseAlarmText)) ++falseAlarms;
+    EraseProgressBar();
     return std::fprintf(stderr, "log, level %d: %s\n", level, line.Text());
 }
 
@@ -81,6 +83,7 @@ unsigned int HostMessages::Show(int, unsigned int, char const* format, ...) {
         ++lowerings;
         return ZoAnswerAbort;
     }
+    EraseProgressBar();
     std::fprintf(stderr, "message: %s\n", line.Text());
     if (line.BeginsWith(DeadlockText)) {
         ++deadlocks;

@@ -1,12 +1,76 @@
 #include "interrupt.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <new>
+
+#include "progress.h"
+#include "zoabort.h"
 
 namespace {
 
 std::atomic<bool> interrupted{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
+
+// What stands in the way of the process's end.
+class Gate {
+public:
+    // Never destroyed: a process that ends at once still has threads that wait here.
+    static Gate& Get() {
+        static Gate& gate = *new Gate;
+        return gate;
+    }
+
+    void BeginTransaction() {
+        std::unique_lock<std::mutex> hold(mutex);
+        opened.wait(hold, [this] { return !closed; });
+        ++transactions;
+    }
+
+    void EndTransaction() {
+        std::lock_guard<std::mutex> hold(mutex);
+        --transactions;
+    }
+
+    void SetClientsAtWork(bool atWork) {
+        std::unique_lock<std::mutex> hold(mutex);
+        opened.wait(hold, [this] { return !closed; });
+        clientsAtWork = atWork;
+    }
+
+    // Null, and nothing begins any more, when nothing stands in the way; else what does.
+    char const* Close() {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (transactions > 0) return "a transaction is open";
+        if (!clientsAtWork) return "the database is being set up or checked";
+        closed = true;
+        return nullptr;
+    }
+
+private:
+    std::mutex mutex;                // guards the rest
+    std::condition_variable opened;  // never: who waits for it waits for the end
+    unsigned transactions = 0;
+    bool clientsAtWork = false;
+    bool closed = false;
+};
+
+// On a thread of the library's, so it may wait for the gate's lock and print.
+int RefuseUnlessIdle(void*) {
+    char const* const obstacle = Gate::Get().Close();
+    EraseProgressBar();
+    if (obstacle == nullptr) {
+        std::fprintf(stderr, "zohost: interrupted; no transaction is open\n");
+        return 0;
+    }
+    std::fprintf(stderr, "zohost: not interrupted, because %s; the run ends after this pass\n",
+                 obstacle);
+    interrupted.store(true, std::memory_order_relaxed);
+    return 1;
+}
 
 }  // namespace
 
@@ -14,10 +78,27 @@ void HeedInterrupts() {
     struct sigaction action = {};
     action.sa_handler = [](int) { interrupted.store(true, std::memory_order_relaxed); };
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-    sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    // Never removed: without handlers the library would end the process unasked.
+    if (ZoAddAbortionHandler(RefuseUnlessIdle, nullptr) != 0) throw std::bad_alloc();
 }
 
 bool WasInterrupted() {
     return interrupted.load(std::memory_order_relaxed);
+}
+
+OpenTransaction::OpenTransaction() {
+    Gate::Get().BeginTransaction();
+}
+
+OpenTransaction::~OpenTransaction() {
+    Gate::Get().EndTransaction();
+}
+
+ClientsAtWork::ClientsAtWork() {
+    Gate::Get().SetClientsAtWork(true);
+}
+
+ClientsAtWork::~ClientsAtWork() {
+    Gate::Get().SetClientsAtWork(false);
 }

@@ -14,10 +14,12 @@
 #include "library_context.h"
 #include "locking_plan.h"
 #include "object_cache.h"
+#include "progress.h"
 #include "report.h"
 #include "session.h"
 #include "status_request.h"
 #include "unicode_data.h"
+#include "work_pool.h"
 #include "workload.h"
 #include "zoevmdis.h"
 
@@ -52,13 +54,18 @@ public:
             Sessions sessions(database, plan, cache, outcome.clients, options.ring == 0);
             outcome.sharers = sessions.Sharers();
             CreateTables(sessions.Of(0));
-            Workload workload(records, sessions);
-            Load(workload);
+            WorkPool pool(options.workers);
+            Workload workload(records, sessions, pool, options.rest);
+            Load(workload, pool);
             if (options.ring > 0) {
                 Deadlock(workload, sessions);
             } else {
-                Work(workload);
+                Work(workload, pool);
             }
+            outcome.queued = pool.Done();
+            outcome.mostWorkers = pool.MostWorkers();
+            outcome.workersLeft = pool.Workers();
+            outcome.loaded = workload.loaded;
             outcome.interrupted = WasInterrupted();
             outcome.complaintCount = workload.complaints.Count();
             outcome.complaints = workload.complaints.Texts();
@@ -83,30 +90,37 @@ private:
         waitsBefore = Engine::Waits();
     }
 
-    void EverySecond(Progress& progress, std::string const& state) {
+    void Tick(Progress& progress, std::string const& state) {
         progress.Tell(state);
-        if (TakeStatusRequest()) plan.PrintStatus();
+        if (!TakeStatusRequest()) return;
+        EraseProgressBar();
+        plan.PrintStatus();
     }
 
-    void Load(Workload& workload) {
+    void Load(Workload& workload, WorkPool& pool) {
         Passes once(records.size(), std::chrono::steady_clock::time_point::min());
-        Progress progress("loading", workload.counts);
+        Progress progress("loading", workload.counts, [&] {
+            return static_cast<double>(workload.counts.Of(Operation::Load)) /
+                   static_cast<double>(records.size());
+        });
+        workload.atHalf = [&] { pool.Grow(options.grow); };
         RunClients(
             outcome.clients, [&](unsigned client) { workload.Load(client, once); },
-            [&] { EverySecond(progress, ""); });
-        progress.Tell("done, ");
+            [&] { Tick(progress, ""); });
+        progress.TellEnd("done, ");
         outcome.loadTime = progress.Elapsed();
     }
 
-    void Work(Workload& workload) {
+    void Work(Workload& workload, WorkPool& pool) {
         Passes passes(records.size(), std::chrono::steady_clock::now() + options.work);
-        Progress progress("working", workload.counts);
-        auto const tell = [&] {
-            EverySecond(progress, "pass " + std::to_string(passes.Begun()) + ", ");
-        };
+        Progress progress("working", workload.counts,
+                          [&] { return progress.Elapsed() / Seconds(options.work); });
+        auto const state = [&] { return "pass " + std::to_string(passes.Begun()) + ", "; };
+        workload.atHalf = [&] { pool.Shrink(options.shrink); };
         RunClients(
-            outcome.clients, [&](unsigned client) { workload.Work(client, passes); }, tell);
-        tell();
+            outcome.clients, [&](unsigned client) { workload.Work(client, passes); },
+            [&] { Tick(progress, state()); });
+        progress.TellEnd(state());
         outcome.workTime = progress.Elapsed();
         outcome.passes = passes.Begun();
     }
@@ -114,11 +128,11 @@ private:
     void Deadlock(Workload& workload, Sessions& sessions) {
         int const reportsBefore = ReportsInDeadlockFile();
         DeadlockRing ring(records, sessions, outcome.clients);
-        Progress progress("deadlock", workload.counts);
+        Progress progress("deadlock", workload.counts, nullptr);
         RunClients(
             outcome.clients, [&](unsigned client) { ring.Run(client, workload.counts); },
-            [&] { EverySecond(progress, ""); });
-        progress.Tell("resolved, ");
+            [&] { Tick(progress, ""); });
+        progress.TellEnd("resolved, ");
         outcome.workTime = progress.Elapsed();
         outcome.passes = 1;
         outcome.ringFinished = ring.Finished();
@@ -140,11 +154,11 @@ private:
 bool RunJob(Options const& options) {
     std::filesystem::path const data = UnicodeDataFile(options.data);
     std::vector<CharacterRecord> const records = ReadUnicodeData(data);
-    HeedInterrupts();
     HeedStatusRequests();
-    DatabaseFile const database(options.database);
     HostServices const services(options.trace);
     LibraryContext const context(options.detection);
+    HeedInterrupts();
+    DatabaseFile const database(options.database);
     GetDebugger();  // reads the flags and tells them before anything is traced
     Outcome outcome;
     {

@@ -18,7 +18,8 @@
 // The order in which a thread takes locks. It holds none of those further down when it takes one
 // further up:
 //
-//     1  the sections of the deadlock demonstration ("records of client n")
+//     1  the sections of the deadlock demonstration ("records of client n"); the work queue's lock,
+//        where there are no workers
 //     2  the turn on a connection
 //     3  a bracket: ZoCSServerWriter (level 12), then the reader/writer mutex
 //     4  ZoCSObjMgr (at level 4 "ZoCSTheOnlyOne"), which guards the object cache

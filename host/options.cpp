@@ -46,11 +46,20 @@ void LimitToOneThread(Options& options, bool threadsGiven) {
     options.threads = 1;
 }
 
+// Units that wait when the last worker ends would wait for ever.
+void RequireAWorkerToStay(Options const& options) {
+    unsigned const most = options.workers + options.grow;
+    if (options.shrink == 0 || options.shrink < most) return;
+    throw CLI::ValidationError(
+        "--shrink", "of " + std::to_string(most) + " workers at the most, at least one must stay");
+}
+
 }  // namespace
 
 std::optional<Options> ParseOptions(int count, char** words) {
     Options options;
     unsigned seconds = static_cast<unsigned>(options.work.count());
+    unsigned rest = 0;
     bool noDetection = false;
     std::string data = options.data.string();
     std::string database;
@@ -75,6 +84,21 @@ std::optional<Options> ParseOptions(int count, char** words) {
                    "everything, 9 has named sections and keeps writers apart from readers, 12 only "
                    "while they commit")
         ->check(CLI::Range(0U, HighestLevel))
+        ->capture_default_str();
+    app.add_option(
+           "--workers", options.workers,
+           "Worker threads of the queue that load and look-ups go through; without any, the "
+           "client does its own")
+        ->check(CLI::Range(0U, MostClients))
+        ->capture_default_str();
+    app.add_option("--grow", options.grow, "Workers that are added in the middle of the load")
+        ->check(CLI::Range(0U, MostClients));
+    app.add_option("--shrink", options.shrink,
+                   "Workers that are taken away in the middle of the first pass over the records")
+        ->check(CLI::Range(0U, MostClients));
+    app.add_option("--rest", rest,
+                   "Milliseconds that a client rests after each batch of records it has worked on")
+        ->check(CLI::Range(0U, LongestWork * 1000))
         ->capture_default_str();
     auto* plain = app.add_flag("--no-detection", noDetection,
                                "Plain sections instead of deadlock-detecting ones");
@@ -108,6 +132,7 @@ std::optional<Options> ParseOptions(int count, char** words) {
             }
         }
         if (trace->count() > 0) options.trace = DebugFlags(flags);
+        RequireAWorkerToStay(options);
         if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
     } catch (CLI::CallForHelp const&) {
         std::cout << app.help();
@@ -116,6 +141,7 @@ std::optional<Options> ParseOptions(int count, char** words) {
         throw InputError(OnOneLine(error.what()) + " (zohost --help tells the options)");
     }
     options.work = std::chrono::seconds(seconds);
+    options.rest = std::chrono::milliseconds(rest);
     options.detection = !noDetection;
     options.data = data;
     options.database = database;

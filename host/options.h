@@ -17,8 +17,12 @@ struct Options {
     bool detection = true;
     std::optional<ZoUInt32> trace;  // the debug flags, in place of the configuration's
     std::filesystem::path data = "/usr/share/unicode/UnicodeData.txt";
-    std::filesystem::path database;  // empty: a temporary one
-    unsigned ring = 0;               // clients of the deadlock demonstration; 0: the ordinary run
+    std::filesystem::path database;     // empty: a temporary one
+    unsigned workers = 2;               // of the work queue, at first
+    unsigned grow = 0;                  // more from the middle of the load on
+    unsigned shrink = 0;                // fewer from the middle of the work on
+    std::chrono::milliseconds rest{0};  // of a client after each batch
+    unsigned ring = 0;  // clients of the deadlock demonstration; 0: the ordinary run
 };
 
 // Nothing when the command line asked for help, which has been printed. Throws InputError.

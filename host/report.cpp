@@ -58,6 +58,9 @@ void TellWork(Outcome const& outcome) {
         return;
     }
     std::printf(" and then changed each record %s.\n", Number(outcome.passes, "time").c_str());
+    std::printf("Load and look-ups went through a work queue: %s, at most %s, %u at the end.\n",
+                Number(outcome.queued, "unit").c_str(),
+                Number(outcome.mostWorkers, "worker").c_str(), outcome.workersLeft);
     if (outcome.sharers > 0) {
         std::printf("%u of them shared one connection, %u had their own.\n", outcome.sharers,
                     outcome.clients - outcome.sharers);
@@ -149,24 +152,6 @@ void TellCheck(CheckResult const& check, Verdict& verdict) {
 
 }  // namespace
 
-Progress::Progress(char const* phase, OperationCounts const& counts)
-    : phase(phase),
-      counts(counts),
-      start(std::chrono::steady_clock::now()),
-      lastTime(start),
-      before(counts.Total()),
-      lastCount(before) {}
-
-void Progress::Tell(std::string const& state) {
-    auto const now = std::chrono::steady_clock::now();
-    std::uint64_t const count = counts.Total();
-    std::printf("%s %3.0f s: %s%" PRIu64 " operations, %.0f a second\n", phase, Elapsed().count(),
-                state.c_str(), count - before, Rate(count - lastCount, now - lastTime));
-    std::fflush(stdout);
-    lastTime = now;
-    lastCount = count;
-}
-
 void TellBeginning(Options const& options, std::string const& data, std::string const& database,
                    std::size_t records, std::size_t kinds) {
     std::printf("SQLite %s on %s sections\n", Engine::Version().c_str(),
@@ -199,6 +184,9 @@ void TellTable(Outcome const& outcome, OperationCounts const& counts) {
 bool TellWhatWasSeen(Outcome const& outcome, bool detection) {
     Verdict verdict;
     TellWork(outcome);
+    verdict.Require(outcome.loaded == outcome.records,
+                    "the work queue answered for " + std::to_string(outcome.loaded) +
+                        " loaded records instead of " + std::to_string(outcome.records));
     TellLocking(outcome, verdict);
     TellDeadlocks(outcome, detection, verdict);
     verdict.Require(outcome.complaintCount == 0,

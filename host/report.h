@@ -14,9 +14,8 @@
 #include "object_cache.h"
 #include "operations.h"
 #include "options.h"
+#include "progress.h"
 #include "section.h"
-
-using Seconds = std::chrono::duration<double>;
 
 // All there is to tell of a run.
 struct Outcome {
@@ -26,6 +25,10 @@ struct Outcome {
     unsigned sharers = 0;  // clients that shared one connection
     unsigned passes = 0;   // over all records, after they were loaded
     bool interrupted = false;
+    std::uint64_t queued = 0;  // pieces of work that went through the work queue
+    std::uint64_t loaded = 0;  // records, by what the work queue answered
+    unsigned mostWorkers = 0;
+    unsigned workersLeft = 0;
     Seconds loadTime{0};
     Seconds workTime{0};
     std::optional<unsigned> ringRepeated;  // in the demonstration: clients that began again
@@ -44,24 +47,6 @@ struct Outcome {
     std::uint64_t complaintCount = 0;
     std::vector<std::string> complaints;  // the first few
     CheckResult check;
-};
-
-// A line now and then while a phase runs.
-class Progress {
-public:
-    Progress(char const* phase, OperationCounts const& counts);
-
-    // `state` is told with the number and the rate of the operations.
-    void Tell(std::string const& state);
-    Seconds Elapsed() const { return std::chrono::steady_clock::now() - start; }
-
-private:
-    char const* phase;
-    OperationCounts const& counts;
-    std::chrono::steady_clock::time_point const start;
-    std::chrono::steady_clock::time_point lastTime;
-    std::uint64_t const before;
-    std::uint64_t lastCount;
 };
 
 void TellBeginning(Options const& options, std::string const& data, std::string const& database,

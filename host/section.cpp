@@ -11,7 +11,8 @@
 class SectionRegister {
 public:
     static SectionRegister& Get() {
-        static SectionRegister theRegister;
+        // Never destroyed: SQLite's global mutexes are sections and may be destroyed at exit.
+        static SectionRegister& theRegister = *new SectionRegister;
         return theRegister;
     }
 

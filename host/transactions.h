@@ -22,6 +22,7 @@
 
 #include "character_store.h"
 #include "engine.h"
+#include "interrupt.h"
 #include "locking_plan.h"
 #include "object_cache.h"
 #include "section.h"
@@ -40,6 +41,7 @@ public:
     void End() { transaction.Commit(); }
 
 private:
+    OpenTransaction const open;  // before any lock
     Session& session;
     std::lock_guard<Section> turn;
     ReaderBracket bracket;
@@ -64,6 +66,7 @@ public:
     bool CommitAndReadBack();
 
 private:
+    OpenTransaction const open;  // before any lock
     Session& session;
     char const* label;
     std::lock_guard<Section> turn;

@@ -2,11 +2,22 @@
 
 #include <algorithm>
 #include <mutex>
+#include <thread>
 
 #include "interrupt.h"
 #include "transactions.h"
 
 namespace {
+
+// Ends early when the run is to end.
+void Rest(std::chrono::milliseconds time) {
+    constexpr std::chrono::milliseconds AtOnce{50};
+    while (time.count() > 0 && !WasInterrupted()) {
+        std::chrono::milliseconds const part = std::min(time, AtOnce);
+        std::this_thread::sleep_for(part);
+        time -= part;
+    }
+}
 
 // Records in a transaction.
 constexpr std::size_t BatchSize = 128;
@@ -65,26 +76,37 @@ void Workload::ForEachBatch(Passes& passes, DoBatch doBatch) {
 
 void Workload::Load(unsigned client, Passes& passes) {
     Session& session = sessions.Of(client);
-    ForEachBatch(passes, [&](Batch const& batch) { LoadBatch(session, batch); });
+    ForEachBatch(passes, [&](Batch const& batch) {
+        TellHalf(batch);
+        loaded += static_cast<unsigned>(pool.Run([&] { return LoadBatch(session, batch); }));
+    });
 }
 
 void Workload::Work(unsigned client, Passes& passes) {
     Session& session = sessions.Of(client);
     ForEachBatch(passes, [&](Batch const& batch) {
-        LookUpBatch(session, batch);
+        TellHalf(batch);
+        pool.Run([&] { return LookUpBatch(session, batch); });
         ChangeBatch(session, batch);
+        Rest(rest);
     });
 }
 
-void Workload::LoadBatch(Session& session, Batch const& batch) {
+void Workload::TellHalf(Batch const& batch) const {
+    std::size_t const middle = records.size() / 2;
+    if (batch.pass == 1 && batch.begin <= middle && middle < batch.end) atHalf();
+}
+
+int Workload::LoadBatch(Session& session, Batch const& batch) {
     WriteTransaction transaction(session, "load");
     for (std::size_t i = batch.begin; i < batch.end; ++i) transaction.Insert({records[i], 0});
     transaction.Commit();
     counts.Add(Operation::Load, batch.end - batch.begin);
+    return static_cast<int>(batch.end - batch.begin);
 }
 
 // Sees one state of the database, while others wait or, if the level lets them, go on changing it.
-void Workload::LookUpBatch(Session& session, Batch const& batch) {
+int Workload::LookUpBatch(Session& session, Batch const& batch) {
     ReadTransaction transaction(session, "look up");
     for (std::size_t i = batch.begin; i < batch.end; ++i) {
         CharacterRecord const& record = records[i];
@@ -96,6 +118,7 @@ void Workload::LookUpBatch(Session& session, Batch const& batch) {
     }
     if (!transaction.WasUndisturbed()) complaints.Add("a reader met a writer's commit");
     transaction.End();
+    return static_cast<int>(batch.end - batch.begin);
 }
 
 // Takes each object out, changes it and puts it back, so a change that another client makes in

@@ -7,8 +7,11 @@
 #ifndef KELVARA_HOST_WORKLOAD_H_
 #define KELVARA_HOST_WORKLOAD_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -16,6 +19,7 @@
 #include "section.h"
 #include "session.h"
 #include "unicode_data.h"
+#include "work_pool.h"
 
 struct Batch {
     unsigned pass;      // from 1 on
@@ -48,22 +52,31 @@ private:
 
 class Workload {
 public:
-    Workload(std::vector<CharacterRecord> const& records, Sessions& sessions)
-        : records(records), sessions(sessions) {}
+    // `rest`: how long a client rests after each batch that it has worked on.
+    Workload(std::vector<CharacterRecord> const& records, Sessions& sessions, WorkPool& pool,
+             std::chrono::milliseconds rest)
+        : records(records), sessions(sessions), pool(pool), rest(rest) {}
 
-    // What a client does in each phase.
+    // What a client does in each phase. Loading and looking up are pieces of work for the pool;
+    // changes are the client's own.
     void Load(unsigned client, Passes& passes);
     void Work(unsigned client, Passes& passes);
 
+    // Called by the client that comes to the middle of the records for the first time in a phase.
+    std::function<void()> atHalf = [] {};
+
     OperationCounts counts;
     Complaints complaints;
+    std::atomic<std::uint64_t> loaded{0};  // records, by what the pool answered
 
 private:
     template <class DoBatch>
     static void ForEachBatch(Passes& passes, DoBatch doBatch);
 
-    void LoadBatch(Session& session, Batch const& batch);
-    void LookUpBatch(Session& session, Batch const& batch);
+    void TellHalf(Batch const& batch) const;
+    // Both return the number of records.
+    int LoadBatch(Session& session, Batch const& batch);
+    int LookUpBatch(Session& session, Batch const& batch);
     void ChangeBatch(Session& session, Batch const& batch);
     // Both count a look-up and check what it has found.
     void LookedUp(std::optional<StoredCharacter> const& found, CharacterRecord const& record);
@@ -72,6 +85,8 @@ private:
 
     std::vector<CharacterRecord> const& records;
     Sessions& sessions;
+    WorkPool& pool;
+    std::chrono::milliseconds const rest;
 };
 
 #endif  // KELVARA_HOST_WORKLOAD_H_

@@ -65,6 +65,7 @@ protected:
     }
 
     pid_t Start(std::vector<std::string> words) const {
+        for (char const* name : {"out", "err"}) fs::remove(folder / name);
         words.insert(words.begin(), "zohost");
         std::vector<char*> arguments;
         arguments.reserve(words.size() + 1);
@@ -76,8 +77,8 @@ protected:
         alarm(60);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         bool const there = chdir(folder.c_str()) == 0;
-        for (auto const& [name, number] : {std::pair{"out", 1}, std::pair{"err", 2}}) {
-            dup2(open(name, O_CREAT | O_TRUNC | O_WRONLY, 0600), number);
+        for (auto const& [name, number] : {std::pair{"out", 1}, std::pair{errorFile.c_str(), 2}}) {
+            dup2(open(name, O_CREAT | O_TRUNC | O_WRONLY | O_NOCTTY, 0600), number);
         }
         if (there) execv(ZOHOST, arguments.data());
         _exit(126);
@@ -133,8 +134,8 @@ protected:
     static void Pause() { std::this_thread::sleep_for(std::chrono::milliseconds(5)); }
 
     // Starts a run that goes on until it is told to stop, and waits until it is at work.
-    pid_t StartEndless() const {
-        pid_t const child = Start({"--data=.", "--database=kept.db", "--seconds=600"});
+    pid_t StartEndless(char const* level = "--level=9") const {
+        pid_t const child = Start({"--data=.", "--database=kept.db", "--seconds=600", level});
         while (Running(child) && (!fs::exists(folder / "kept.db-shm") ||
                                   Sql("SELECT count(*) FROM kind_Lu WHERE revision > 0") < 1)) {
             Pause();
@@ -143,6 +144,7 @@ protected:
     }
 
     fs::path folder;
+    std::string errorFile = "err";
     std::string out;
     std::string err;
 };
@@ -201,6 +203,8 @@ TEST_F(HostTest, RefusesWrongOptions) {
     ExpectRefusal({"--level=-1"}, "--level");
     ExpectRefusal({"--level=0", "--threads=2"}, "--threads: level 0 locks nothing");
     ExpectRefusal({"--level=0", "--deadlock"}, "--deadlock: level 0 locks nothing");
+    ExpectRefusal({"--workers=-1"}, "--workers");
+    ExpectRefusal({"--workers=2", "--grow=1", "--shrink=3"}, "--shrink: of 3 workers");
     ExpectRefusal({"--trace=0x100000000"}, "--trace");
     ExpectRefusal({"--trace=10000h"}, "--trace");
     ExpectRefusal({"--deadlock", "1"}, "--deadlock");
@@ -286,6 +290,79 @@ TEST_F(HostTest, ReportsItsLocksWhenAskedAndEndsInOrderWhenInterrupted) {
     ExpectSaid(out, "All is well.");
 }
 
+// While the test holds the database, transactions wait for it: soon there is a second without an
+// operation.
+TEST_F(HostTest, RefusesAnInterruptWhileATransactionIsOpen) {
+    pid_t const child = StartEndless("--level=4");
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open((folder / "kept.db").c_str(), &database), SQLITE_OK);
+    sqlite3_busy_timeout(database, 60000);
+    ASSERT_EQ(sqlite3_exec(database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    while (Running(child) && Count(Contents(folder / "out"), "s, 0 a second") == 0) Pause();
+    kill(child, SIGINT);
+    while (Running(child) && Count(Contents(folder / "err"), "not interrupted") == 0) Pause();
+    EXPECT_TRUE(Running(child));
+    sqlite3_exec(database, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(database);
+    EXPECT_EQ(Finish(child), 0) << out << err;
+    ExpectSaid(err, "zohost: not interrupted, because a transaction is open");
+    ExpectSaid(out, "A signal ended the run early");
+    ExpectSaid(out, "All is well.");
+}
+
+// A second without an operation: each of the four clients rests after its first batch, which is
+// a pass over all records.
+TEST_F(HostTest, EndsAtOnceWhenInterruptedBetweenTransactions) {
+    for (char const* const database : {"--database=kept.db", "--seconds=600"}) {
+        pid_t const child = Start({"--data=.", "--rest=600000", "--workers=1", database});
+        while (Running(child) && Count(Contents(folder / "out"), "s, 0 a second") == 0) Pause();
+        kill(child, SIGINT);
+        EXPECT_EQ(Finish(child), 0) << out << err;
+        ExpectSaid(err, "zohost: interrupted; no transaction is open\n");
+        EXPECT_EQ(Count(out, "All is well."), 0U);
+    }
+    EXPECT_EQ(Sql("SELECT count(*) FROM pragma_integrity_check WHERE integrity_check = 'ok'"), 1);
+    EXPECT_EQ(Sql("SELECT sum(revision) FROM kind_Lo"), 4 * 2);
+}
+
+TEST_F(HostTest, WorksWithAnyNumberOfWorkers) {
+    struct {
+        std::vector<std::string> words;
+        char const* workers;
+    } const cases[] = {
+        {{"--workers=0"}, "at most 0 workers, 0 at the end"},
+        {{"--workers=1", "--level=4"}, "at most 1 worker, 1 at the end"},
+        {{"--workers=0", "--grow=2"}, "at most 2 workers, 2 at the end"},
+        {{"--workers=2", "--grow=3", "--shrink=4", "--threads=7"},
+         "at most 5 workers, 1 at the end"},
+    };
+    for (auto const& [more, workers] : cases) {
+        std::vector<std::string> words{"--data=.", "--seconds=1"};
+        words.insert(words.end(), more.begin(), more.end());
+        EXPECT_EQ(Run(words), 0) << out << err;
+        ExpectSaid(out, workers);
+        ExpectSaid(out, "All is well.");
+    }
+}
+
+TEST_F(HostTest, ShowsABarOnATerminal) {
+    int const terminal = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_GE(terminal, 0);
+    ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
+    errorFile = ptsname(terminal);
+    int const keptOpen = open(errorFile.c_str(), O_RDWR | O_NOCTTY);
+    EXPECT_EQ(Run({"--data=.", "--seconds=2"}), 0);
+    std::string shown(65536, '\0');
+    shown.resize(
+        static_cast<std::size_t>(std::max(0L, read(terminal, shown.data(), shown.size()))));
+    ExpectSaid(shown, "\r\033[Kworking [");
+    ExpectSaid(shown, " s left");
+    ExpectSaid(out, "All is well.");
+    EXPECT_EQ(Count(out, "\r"), 0U);
+    close(keptOpen);
+    close(terminal);
+}
+
 // The clients repair what they store again, so the damage is done again with it.
 TEST_F(HostTest, NoticesADamagedDatabase) {
     pid_t const child = StartEndless();
@@ -304,7 +381,7 @@ TEST_F(HostTest, NoticesADamagedDatabase) {
     char const* const revision = "SELECT revision FROM kind_Lu WHERE code = 0x42";
     int const damaged = Sql(revision);
     while (Running(child) && Sql(revision) < damaged + 24) Pause();
-    kill(child, SIGINT);
+    kill(child, SIGTERM);
     EXPECT_EQ(Finish(child), 1) << out << err;
     ExpectSaid(out, "FAILED: U+0042 is not what was stored");
     ExpectSaid(out, "FAILED: table kind_Lu: U+0042 is \"U+0042;LATIN CAPITAL LETTER B;Lu;");
