@@ -141,8 +141,9 @@ public:
     }
     // Before Start: see _Thread::Start (_zothrd.h); 2 unless changed.
     void SetStackSizeCode(long code) { stackSizeCode = static_cast<ZoInt32>(code); }
-    // Before Start: counts the thread from before Start returns until the thread uses neither the
-    // object nor the library any more. Not owned; outlives the thread. A thread that the watcher
+    // Before Start: counts the thread from before Start returns until the thread uses the object no
+    // more. Not owned; outlives the thread's uncounting. Then the thread still releases its
+    // per-thread record, for which the library context must be there. A thread that the watcher
     // refuses to count, because it is closed, runs uncounted.
     void SetResourceWatcher(ZoResourceWatcher* watcher) { resourceWatcher = watcher; }
 
@@ -158,8 +159,9 @@ protected:
     // How many calls use systemThread at this moment, and whether it is being replaced: it is never
     // destroyed in use. Lies in what would be padding.
     std::atomic<unsigned short> systemThreadUses;
-    ZoSynchroObj* blockingObject;  // null; the library sets none. Given a ForceRelease and nulled
-                                   // by Abort, _Finish and the destructor
+    // Null; the library sets none. Abort, _Finish and the destructor null it and give it a
+    // ForceRelease, one of them if several meet.
+    std::atomic<ZoSynchroObj*> blockingObject;
     ZoInt32 stackSizeCode;
     int autoDelete;
     ZoResourceWatcher* resourceWatcher;

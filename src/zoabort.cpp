@@ -267,7 +267,8 @@ int TakeReference() {
 
 int ReleaseReference() {
     Hold hold;
-    if (!hold) return 0;
+    // No reference either: another thread is setting the facility up and has not taken its own yet.
+    if (!hold || hold->abortInited == 0) return 0;
     int const left = --hold->abortInited;
     if (left != 0) return left;
     hold->tornDown = true;

@@ -166,7 +166,5 @@ void ZoThread::ReplaceSystemThread(_Thread* replacement) {
 }
 
 void ZoThread::ReleaseBlockingObject() {
-    if (blockingObject == nullptr) return;
-    blockingObject->ForceRelease();
-    blockingObject = nullptr;
+    if (ZoSynchroObj* const blocking = blockingObject.exchange(nullptr)) blocking->ForceRelease();
 }

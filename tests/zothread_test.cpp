@@ -378,7 +378,7 @@ class Blocker : public ZoSynchroObj {
 public:
     Blocker() : ZoSynchroObj("blocker") {}
     void ForceRelease() override { ++released; }
-    int released = 0;
+    std::atomic<int> released{0};
 };
 
 TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
@@ -496,6 +496,7 @@ private:
 struct Run {
     bool stays;
     std::atomic<bool> inside{false};
+    Blocker blocker{};
 };
 
 class Restless : public ZoThread {
@@ -504,6 +505,7 @@ public:
         SetResourceWatcher(&watcher);
     }
     int Work(void* run) override {
+        blockingObject = &static_cast<Run*>(run)->blocker;
         static_cast<Run*>(run)->inside = true;
         return static_cast<Run*>(run)->stays ? Stay() : 7;
     }
