@@ -105,7 +105,10 @@ void RunClients(unsigned count, std::function<void(unsigned)> const& body,
         }
         ClientsAtWork const atWork;
         everyoneIsThere.set_value();
-        while (!roll.WaitATick()) tick();
+        while (!roll.WaitATick()) {
+            EndPutOff const putOff;
+            tick();
+        }
     }
     roll.RethrowFailure();
 }

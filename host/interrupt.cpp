@@ -43,12 +43,16 @@ public:
 
     // Null, and nothing begins any more, when nothing stands in the way; else what does.
     char const* Close() {
+        std::unique_lock<std::mutex> end(ending);
         std::lock_guard<std::mutex> hold(mutex);
         if (transactions > 0) return "a transaction is open";
         if (!clientsAtWork) return "the database is being set up or checked";
         closed = true;
+        end.release();  // held for good
         return nullptr;
     }
+
+    std::mutex ending;  // taken before `mutex`; whoever holds it puts an agreed end off
 
 private:
     std::mutex mutex;                // guards the rest
@@ -93,6 +97,14 @@ OpenTransaction::OpenTransaction() {
 
 OpenTransaction::~OpenTransaction() {
     Gate::Get().EndTransaction();
+}
+
+EndPutOff::EndPutOff() {
+    Gate::Get().ending.lock();
+}
+
+EndPutOff::~EndPutOff() {
+    Gate::Get().ending.unlock();
 }
 
 ClientsAtWork::ClientsAtWork() {

@@ -39,4 +39,15 @@ public:
     ~ClientsAtWork();
 };
 
+// The process does not end as long as this lives, but an agreed end is only put off: once there is
+// one, the constructor does not return. For steps that use what exit() destroys, and for short
+// ones.
+class EndPutOff {
+public:
+    EndPutOff();
+    EndPutOff(EndPutOff const&) = delete;
+    EndPutOff& operator=(EndPutOff const&) = delete;
+    ~EndPutOff();
+};
+
 #endif  // KELVARA_HOST_INTERRUPT_H_

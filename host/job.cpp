@@ -65,7 +65,7 @@ public:
             outcome.queued = pool.Done();
             outcome.mostWorkers = pool.MostWorkers();
             outcome.workersLeft = pool.Workers();
-            outcome.loaded = workload.loaded;
+            outcome.answered = workload.answered;
             outcome.interrupted = WasInterrupted();
             outcome.complaintCount = workload.complaints.Count();
             outcome.complaints = workload.complaints.Texts();
@@ -103,9 +103,9 @@ private:
             return static_cast<double>(workload.counts.Of(Operation::Load)) /
                    static_cast<double>(records.size());
         });
-        workload.atHalf = [&] { pool.Grow(options.grow); };
+        auto const grow = [&] { pool.Grow(options.grow); };
         RunClients(
-            outcome.clients, [&](unsigned client) { workload.Load(client, once); },
+            outcome.clients, [&](unsigned client) { workload.Load(client, once, grow); },
             [&] { Tick(progress, ""); });
         progress.TellEnd("done, ");
         outcome.loadTime = progress.Elapsed();
@@ -116,9 +116,9 @@ private:
         Progress progress("working", workload.counts,
                           [&] { return progress.Elapsed() / Seconds(options.work); });
         auto const state = [&] { return "pass " + std::to_string(passes.Begun()) + ", "; };
-        workload.atHalf = [&] { pool.Shrink(options.shrink); };
+        auto const shrink = [&] { pool.Shrink(options.shrink); };
         RunClients(
-            outcome.clients, [&](unsigned client) { workload.Work(client, passes); },
+            outcome.clients, [&](unsigned client) { workload.Work(client, passes, shrink); },
             [&] { Tick(progress, state()); });
         progress.TellEnd(state());
         outcome.workTime = progress.Elapsed();

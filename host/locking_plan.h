@@ -18,6 +18,8 @@
 // The order in which a thread takes locks. It holds none of those further down when it takes one
 // further up:
 //
+//     0  the gate of transactions (interrupt.h), held for a few instructions, or for good once the
+//        process ends
 //     1  the sections of the deadlock demonstration ("records of client n"); the work queue's lock,
 //        where there are no workers
 //     2  the turn on a connection

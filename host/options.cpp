@@ -50,6 +50,7 @@ void LimitToOneThread(Options& options, bool threadsGiven) {
 void RequireAWorkerToStay(Options const& options) {
     unsigned const most = options.workers + options.grow;
     if (options.shrink == 0 || options.shrink < most) return;
+    if (most == 0) throw CLI::ValidationError("--shrink", "there are no workers to take away");
     throw CLI::ValidationError(
         "--shrink", "of " + std::to_string(most) + " workers at the most, at least one must stay");
 }

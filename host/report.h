@@ -25,8 +25,8 @@ struct Outcome {
     unsigned sharers = 0;  // clients that shared one connection
     unsigned passes = 0;   // over all records, after they were loaded
     bool interrupted = false;
-    std::uint64_t queued = 0;  // pieces of work that went through the work queue
-    std::uint64_t loaded = 0;  // records, by what the work queue answered
+    std::uint64_t queued = 0;    // pieces of work that went through the work queue
+    std::uint64_t answered = 0;  // records that it has loaded or looked up, by its answers
     unsigned mostWorkers = 0;
     unsigned workersLeft = 0;
     Seconds loadTime{0};

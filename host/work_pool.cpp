@@ -6,7 +6,7 @@
 
 namespace {
 
-// Stored as the result of work that threw or was not done.
+// Stored as the result of work that threw.
 constexpr int Failed = -1;
 
 class Piece final : public ZoWorkUnit {
@@ -25,6 +25,7 @@ public:
         ZoConcurrencyHelper::SetResult(resultObject, value);
     }
 
+    // Never: the queue is terminated when nobody waits for work any more.
     void Aborted(ZoWorkQueue*) override { ZoConcurrencyHelper::SetResult(resultObject, Failed); }
 
     std::exception_ptr const& Failure() const { return failure; }
@@ -55,7 +56,7 @@ int WorkPool::Run(std::function<int()> const& work) {
 
 void WorkPool::Grow(unsigned workers) {
     for (unsigned i = 0; i < workers; ++i) queue->IncreaseThreadCount();
-    most = std::max(most.load(), Workers());
+    most = std::max(MostWorkers(), Workers());
 }
 
 void WorkPool::Shrink(unsigned workers) {

@@ -24,10 +24,10 @@ public:
     WorkPool(WorkPool const&) = delete;
     WorkPool& operator=(WorkPool const&) = delete;
 
-    // What `work` returns, zero or more. Throws what it throws.
+    // What `work` returns, zero or more. Throws what it throws, and std::bad_alloc.
     int Run(std::function<int()> const& work);
-    // Both take effect while pieces of work are waiting and being done. At least one worker stays,
-    // if there was one, or what is waiting would wait for ever.
+    // Both may be called while pieces of work are waiting and being done; one thread at a time
+    // grows. Shrink leaves at least one worker, or what is waiting would wait for ever.
     void Grow(unsigned workers);
     void Shrink(unsigned workers);
 

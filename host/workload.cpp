@@ -74,27 +74,31 @@ void Workload::ForEachBatch(Passes& passes, DoBatch doBatch) {
     }
 }
 
-void Workload::Load(unsigned client, Passes& passes) {
+void Workload::Load(unsigned client, Passes& passes, Step const& atHalf) {
     Session& session = sessions.Of(client);
     ForEachBatch(passes, [&](Batch const& batch) {
-        TellHalf(batch);
-        loaded += static_cast<unsigned>(pool.Run([&] { return LoadBatch(session, batch); }));
+        if (IsHalf(batch)) atHalf();
+        Pool([&] { return LoadBatch(session, batch); });
     });
 }
 
-void Workload::Work(unsigned client, Passes& passes) {
+void Workload::Work(unsigned client, Passes& passes, Step const& atHalf) {
     Session& session = sessions.Of(client);
     ForEachBatch(passes, [&](Batch const& batch) {
-        TellHalf(batch);
-        pool.Run([&] { return LookUpBatch(session, batch); });
+        if (IsHalf(batch)) atHalf();
+        Pool([&] { return LookUpBatch(session, batch); });
         ChangeBatch(session, batch);
         Rest(rest);
     });
 }
 
-void Workload::TellHalf(Batch const& batch) const {
+bool Workload::IsHalf(Batch const& batch) const {
     std::size_t const middle = records.size() / 2;
-    if (batch.pass == 1 && batch.begin <= middle && middle < batch.end) atHalf();
+    return batch.pass == 1 && batch.begin <= middle && middle < batch.end;
+}
+
+void Workload::Pool(std::function<int()> const& work) {
+    answered += static_cast<unsigned>(pool.Run(work));
 }
 
 int Workload::LoadBatch(Session& session, Batch const& batch) {

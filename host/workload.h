@@ -59,21 +59,23 @@ public:
 
     // What a client does in each phase. Loading and looking up are pieces of work for the pool;
     // changes are the client's own.
-    void Load(unsigned client, Passes& passes);
-    void Work(unsigned client, Passes& passes);
-
-    // Called by the client that comes to the middle of the records for the first time in a phase.
-    std::function<void()> atHalf = [] {};
+    // `atHalf` is called by the client that comes to the middle of the records first.
+    using Step = std::function<void()>;
+    void Load(unsigned client, Passes& passes, Step const& atHalf);
+    void Work(unsigned client, Passes& passes, Step const& atHalf);
 
     OperationCounts counts;
     Complaints complaints;
-    std::atomic<std::uint64_t> loaded{0};  // records, by what the pool answered
+    // Records that were loaded or looked up, by what the pool answered.
+    std::atomic<std::uint64_t> answered{0};
 
 private:
     template <class DoBatch>
     static void ForEachBatch(Passes& passes, DoBatch doBatch);
 
-    void TellHalf(Batch const& batch) const;
+    bool IsHalf(Batch const& batch) const;
+    // Has the pool do it and adds the answer up.
+    void Pool(std::function<int()> const& work);
     // Both return the number of records.
     int LoadBatch(Session& session, Batch const& batch);
     int LookUpBatch(Session& session, Batch const& batch);

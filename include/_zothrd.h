@@ -20,7 +20,9 @@
 // and clears the host's semaphore (ZoQaSemaphore). Tear-down destroys them in the reverse order,
 // each through its virtual destructor, whatever object the pointer holds by then, and leaves every
 // pointer as at load, so the two may follow each other again and again. It does not touch the
-// host's semaphore.
+// host's semaphore. It waits for threads of the library that a watcher or a queue has let go but
+// that still release their per-thread record: after a queue's Destroy, or at a watcher's zero, the
+// context may be torn down at once.
 //
 // Also here: _Thread, the system thread as the library's portable part sees it.
 

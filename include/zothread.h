@@ -143,8 +143,8 @@ public:
     void SetStackSizeCode(long code) { stackSizeCode = static_cast<ZoInt32>(code); }
     // Before Start: counts the thread from before Start returns until the thread uses the object no
     // more. Not owned; outlives the thread's uncounting. Then the thread still releases its
-    // per-thread record, for which the library context must be there. A thread that the watcher
-    // refuses to count, because it is closed, runs uncounted.
+    // per-thread record; the tear-down of the library context waits for that. A thread that the
+    // watcher refuses to count, because it is closed, runs uncounted.
     void SetResourceWatcher(ZoResourceWatcher* watcher) { resourceWatcher = watcher; }
 
 protected:

@@ -40,6 +40,7 @@ void Destroy(Object*& object) {
 }
 
 void TearDown() {
+    EndingThreads::WaitForNone();
     Destroy(eventDispatcher);
     Destroy(interlockedObject);
     Destroy(smp_debugger);
@@ -170,6 +171,7 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     }
     ZoThreadDetach(nullptr);
     ZoThreadPriority(ZoPriorityHighest);
+    EndingThreads::Enter();
     if (watcher != nullptr) watcher->DecrementCounter();
     return result;
 }

@@ -65,4 +65,16 @@ private:
     std::atomic<int> references{1};
 };
 
+// The threads that nobody waits for any more but that still release their per-thread record, which
+// needs the library context. Its tear-down waits for them: whoever has seen a watcher at zero or a
+// queue destroyed may tear down at once.
+class EndingThreads {
+public:
+    // By a system thread that is about to let others believe that it is gone.
+    static void Enter();
+    // By the key's destructor, once the record is released; also where the thread has not entered.
+    static void Leave();
+    static void WaitForNone();
+};
+
 #endif  // KELVARA_SRC_THREAD_LIFE_H_

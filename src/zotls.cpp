@@ -6,7 +6,9 @@
 #include <new>
 #include <type_traits>
 
+#include "cancellation.h"
 #include "rw_record.h"
+#include "thread_life.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zothread.h"
@@ -27,6 +29,14 @@ pthread_mutex_t keyCreation = PTHREAD_MUTEX_INITIALIZER;
 // without the lock: a thread that reads the key with acquire order has the finished key, and one
 // that still reads NoKey looks again under the lock.
 std::atomic<pthread_key_t> ZoTLSkey{NoKey};
+
+// How many threads have entered EndingThreads, and the lock that guards the number.
+pthread_mutex_t endingLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t nobodyEnding = PTHREAD_COND_INITIALIZER;
+int endingThreads = 0;
+
+// Whether the calling thread has entered.
+constinit thread_local bool isEnding = false;
 
 pthread_key_t Key() {
     return ZoTLSkey.load(std::memory_order_acquire);
@@ -81,6 +91,30 @@ ZoRWRecord* FindRwRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
 
 }  // namespace
 
+// Only a thread whose end the key's destructor sees may enter: it has a record, and ends.
+void EndingThreads::Enter() {
+    if (ThreadLife::current == nullptr || CurrentRecord() == nullptr) return;
+    isEnding = true;
+    pthread_mutex_lock(&endingLock);
+    ++endingThreads;
+    pthread_mutex_unlock(&endingLock);
+}
+
+void EndingThreads::Leave() {
+    if (!isEnding) return;
+    isEnding = false;
+    pthread_mutex_lock(&endingLock);
+    if (--endingThreads == 0) pthread_cond_broadcast(&nobodyEnding);
+    pthread_mutex_unlock(&endingLock);
+}
+
+void EndingThreads::WaitForNone() {
+    CancellationDeferred deferred;  // the lock is not left to a cancelled thread
+    pthread_mutex_lock(&endingLock);
+    while (endingThreads != 0) pthread_cond_wait(&nobodyEnding, &endingLock);
+    pthread_mutex_unlock(&endingLock);
+}
+
 ZoTLS::ZoTLS()
     : cond(nullptr),
       itemArray(nullptr),
@@ -130,13 +164,15 @@ int ZoThreadAttach(void*) {
 void ZoThreadDetach(void* record) {
     if (record == nullptr) return;
     ZoTLS* const mine = static_cast<ZoTLS*>(record);
-    if (--mine->attachCount != 0) return;
-    // As the key's destructor this runs with the slot already cleared. Destroying the record's
-    // condition enters the chain's section, which may look the record up: it must find this one and
-    // not make a second that nobody frees.
-    StoreRecord(mine);
-    delete mine;
-    StoreRecord(nullptr);
+    if (--mine->attachCount == 0) {
+        // As the key's destructor this runs with the slot already cleared. Destroying the record's
+        // condition enters the chain's section, which may look the record up: it must find this one
+        // and not make a second that nobody frees.
+        StoreRecord(mine);
+        delete mine;
+        StoreRecord(nullptr);
+    }
+    EndingThreads::Leave();
 }
 
 int ZoTLSisAsyncWatcherThread() {

@@ -205,6 +205,7 @@ TEST_F(HostTest, RefusesWrongOptions) {
     ExpectRefusal({"--level=0", "--deadlock"}, "--deadlock: level 0 locks nothing");
     ExpectRefusal({"--workers=-1"}, "--workers");
     ExpectRefusal({"--workers=2", "--grow=1", "--shrink=3"}, "--shrink: of 3 workers");
+    ExpectRefusal({"--workers=0", "--shrink=1"}, "--shrink: there are no workers");
     ExpectRefusal({"--trace=0x100000000"}, "--trace");
     ExpectRefusal({"--trace=10000h"}, "--trace");
     ExpectRefusal({"--deadlock", "1"}, "--deadlock");
@@ -331,6 +332,7 @@ TEST_F(HostTest, WorksWithAnyNumberOfWorkers) {
         char const* workers;
     } const cases[] = {
         {{"--workers=0"}, "at most 0 workers, 0 at the end"},
+        {{"--workers=4"}, "at most 4 workers, 4 at the end"},
         {{"--workers=1", "--level=4"}, "at most 1 worker, 1 at the end"},
         {{"--workers=0", "--grow=2"}, "at most 2 workers, 2 at the end"},
         {{"--workers=2", "--grow=3", "--shrink=4", "--threads=7"},

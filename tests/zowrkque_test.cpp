@@ -275,6 +275,15 @@ TEST_F(WorkQueue, EndsWhenEveryWorkerIsGone) {
     }
 }
 
+// The workers still release their records when nobody waits for them any more.
+TEST(WorkQueueContext, EndsRightAfterTheQueue) {
+    for (int round = 0; round < 200; ++round) {
+        ___ZoExtendedContext(1);
+        Make(3);
+        ___ZoExtendedContext(0);
+    }
+}
+
 TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
     auto const plain = Make(0);
     Unit cancelling(CancelHere);
