@@ -24,6 +24,7 @@
 #include "watchdog.h"
 #include "zocond.h"
 #include "zoevmdis.h"
+#include "zotls.h"
 
 using namespace zotest;
 
@@ -275,11 +276,20 @@ TEST_F(WorkQueue, EndsWhenEveryWorkerIsGone) {
     }
 }
 
-// The workers still release their records when nobody waits for them any more.
+// A worker still releases its record, with the condition in it, when nobody waits for it any more.
 TEST(WorkQueueContext, EndsRightAfterTheQueue) {
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 500; ++round) {
         ___ZoExtendedContext(1);
-        Make(3);
+        {
+            std::latch handled(1);
+            Unit unit([&] {
+                TLSGetCondition();
+                handled.count_down();
+            });
+            Queue const queue = Make(1);
+            queue->Append(&unit);
+            handled.wait();
+        }
         ___ZoExtendedContext(0);
     }
 }
