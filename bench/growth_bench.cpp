@@ -101,17 +101,20 @@ void AppendAndHandle(benchmark::State& state) {
 }
 
 BENCHMARK(MakeSection)
-    ->Name("make and destroy a section, N alive")
+    ->Name("make and destroy a section, N alive/zo")
     ->RangeMultiplier(10)
     ->Range(1, 100000);
-BENCHMARK(ReleaseAll)->Name("release all, N sections alive")->RangeMultiplier(10)->Range(1, 100000);
+BENCHMARK(ReleaseAll)
+    ->Name("release all, N sections alive/zo")
+    ->RangeMultiplier(10)
+    ->Range(1, 100000);
 BENCHMARK(FirstRead)
-    ->Name("first read and end, N mutexes held")
+    ->Name("first read and end, N mutexes held/zo")
     ->RangeMultiplier(10)
     ->Range(1, 100);
-BENCHMARK(Dispatch)->Name("dispatch to N listeners")->RangeMultiplier(10)->Range(1, 1000);
+BENCHMARK(Dispatch)->Name("dispatch to N listeners/zo")->RangeMultiplier(10)->Range(1, 1000);
 BENCHMARK(AppendAndHandle)
-    ->Name("append and handle one of N units")
+    ->Name("append and handle one of N units/zo")
     ->RangeMultiplier(10)
     ->Range(1, 100000)
     ->UseRealTime();

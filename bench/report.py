@@ -3,7 +3,7 @@
 
     report.py [--check] [--docs FOLDER] OUTPUT RESULTS.json ...
 
-A benchmark's name is CASE/WHO, where WHO is "zo" for ours. Prints the table, writes it to
+A benchmark's name is CASE/WHO or, on a curve, CASE/WHO/NUMBER; WHO is "zo" for ours. Prints the table, writes it to
 OUTPUT/table.json and draws it as OUTPUT/performance.svg. A target is missed when it is exceeded by
 more than the noise: half the distance of the quartiles of the repetitions, of ours and the peer's
 together. --check: a missed target makes the status 1. --docs: also puts the table, the charts and
@@ -57,7 +57,11 @@ def read_results(path):
         if found := re.search(r"/threads:(\d+)$", name):
             name = name[: found.start()]
             threads = ", 1 thread" if found[1] == "1" else f", {found[1]} threads"
+        size = ""
+        if found := re.search(r"/\d+$", name):
+            name, size = name[: found.start()], found[0]
         case, _, who = name.rpartition("/")
+        case += size
         item = run["real_time"] * UNITS[run["time_unit"]]
         if "items_per_second" in run:
             item = 1e9 / run["items_per_second"]
