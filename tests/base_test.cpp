@@ -348,46 +348,31 @@ TEST_F(Base, ServicesWorkAfterStaticObjectsAreGone) {
               "@ 4 late entry\nlate message\nsrc/late:1: assertion failed: late\n");
 }
 
-TEST(BaseServices, ASetterReturnsWhatWasInForceAndNullRestores) {
-    class Log final : public ZoLog {
-        int Printf(int, char const*, ...) override { return 5; }
-    } log;
-    ZoLog* const ownLog = ZoSystemLog();
-    EXPECT_EQ(ZoSetSystemLog(&log), ownLog);
-    EXPECT_EQ(ZoSystemLog(), &log);
-    EXPECT_EQ(ZoSetSystemLog(nullptr), &log);
-    EXPECT_EQ(ZoSystemLog(), ownLog);
-
-    class Config final : public ZoConfig {
-        int ReadValue(char const*, int* out, char const* const*) override {
-            *out = 6;
-            return 0;
-        }
-    } config;
-    EXPECT_EQ(ZoSetDefaultConfig(&config), nullptr);
-    EXPECT_EQ(ZoDefaultConfiguration(), &config);
-
-    class Messages final : public ZoMessageService {
-        unsigned int Show(int, unsigned int, char const*, ...) override { return 7; }
-    } messages;
-    ZoMessageService* const ownMessages = ZoMessage();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ownMessages->Show(0, 0, "seen"), 6U);  // by the configuration in force
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "seen\n");
-    EXPECT_EQ(ZoSetMessageService(&messages), ownMessages);
-    EXPECT_EQ(ZoMessage(), &messages);
-    EXPECT_EQ(ZoSetMessageService(nullptr), &messages);
-    EXPECT_EQ(ZoSetDefaultConfig(nullptr), &config);
-
-    static int handledLine = 0;
+TEST(BaseServices, AreReplacedAndNullRestoresTheOwn) {
+    ZoLog* const log = ZoSystemLog();
+    ZoMessageService* const messages = ZoMessage();
     unsigned long const before = ZoAssertCount();
-    ZoAssertHandler const ownHandler =
-        ZoSetAssertHandler([](char const*, char const*, int line) { handledLine = line; });
-    ZOVA_assert("0", "src/x", 8);
-    EXPECT_EQ(handledLine, 8);
-    EXPECT_EQ(ZoAssertCount(), before + 1);
-    ZoSetAssertHandler(nullptr);
-    EXPECT_EQ(ZoSetAssertHandler(nullptr), ownHandler);
+    {
+        zotest::Services services;  // takes the place of each, and gives it back
+        EXPECT_NE(ZoSystemLog(), log);
+        EXPECT_NE(ZoMessage(), messages);
+        EXPECT_NE(ZoDefaultConfiguration(), nullptr);
+        ZOVA_assert("0", "src/x", 8);
+        EXPECT_EQ(services.Assertions(), zotest::Services::Lines{"0 src/x 8"});
+        EXPECT_EQ(ZoAssertCount(), before + 1);
+        ZoConfig* const other = ZoSetDefaultConfig(nullptr);
+        EXPECT_EQ(ZoDefaultConfiguration(), nullptr);
+        EXPECT_EQ(ZoSetDefaultConfig(other), nullptr);
+    }
+    EXPECT_EQ(ZoSystemLog(), log);
+    EXPECT_EQ(ZoMessage(), messages);
+    EXPECT_EQ(ZoSetSystemLog(nullptr), log);
+    EXPECT_EQ(ZoSystemLog(), log);
+    EXPECT_EQ(ZoSetMessageService(nullptr), messages);
+    EXPECT_EQ(ZoMessage(), messages);
+    ZoAssertHandler const handler = ZoSetAssertHandler(nullptr);
+    EXPECT_NE(handler, nullptr);
+    EXPECT_EQ(ZoSetAssertHandler(nullptr), handler);
 
     ZoSetVersionCheck([](unsigned long major, unsigned long, unsigned long, unsigned long,
                          unsigned long, int flags) { return static_cast<int>(major) + flags; });
