@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "services.h"
@@ -36,12 +37,10 @@ Mirror View(Object const& object) {
 struct SynchroShape {
     void* table;
     char const* name;
-    void* next;
-    void* prev;
+    void *next, *prev;
 };
 struct SectionShape : SynchroShape {
-    ZoInt32 owningCount;
-    ZoInt32 waitCount;
+    ZoInt32 owningCount, waitCount;
 };
 struct PosixShape : SectionShape {
     pthread_mutexattr_t attributes;
@@ -49,45 +48,29 @@ struct PosixShape : SectionShape {
     pthread_t owner;
 };
 struct DetectingShape : SectionShape {
-    void* wrapped;
-    void* owner;
+    void *wrapped, *owner;
 };
-struct ConditionShape : SynchroShape {
+struct PosixConditionShape : SynchroShape {
     void* logic;
     int value;
-};
-struct PosixConditionShape : ConditionShape {
     pthread_mutex_t mutex;
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
 };
 struct TableShape {
-    void* table;
-    void* buckets;
-    void* initialBuckets[4];
-    ZoUInt32 nBuckets;
-    ZoUInt32 num;
-    ZoUInt32 threshold;
-    ZoUInt32 shift;
-    ZoUInt32 mask;
+    void *table, *buckets, *initialBuckets[4];
+    ZoUInt32 nBuckets, num, threshold, shift, mask;
     void* find;
     unsigned short keySize;
 };
 struct RecordShape {
-    void* cond;
-    void* itemArray;
+    void *cond, *itemArray;
     short itemCount;
     unsigned short asyncWatcher;
     ZoInt32 attachCount;
-    void* rwRecords;
-    void* threadIdentity;
-    void* waitingFor;
-    void* spareRwRecord;
-    void* concurrencyResult;
-    void* ownedObject;
+    void *rwRecords, *threadIdentity, *waitingFor, *spareRwRecord, *concurrencyResult, *ownedObject;
 };
-
 struct SimpleEventShape {
     void* table;
     int code;
@@ -121,13 +104,11 @@ struct UnitShape {
     void *table, *result;
 };
 struct QueueShape {
-    void* table;
-    void *logicTable, *logicQueue;
+    void *table, *logicTable, *logicQueue;
     alignas(ZoLinkedList) unsigned char items[sizeof(ZoLinkedList)];
     void* condition;
     int terminated;
-    void *workersTable, *workersCondition;
-    void* context;
+    void *workersTable, *workersCondition, *context;
 };
 struct EncryptionBufferShape {
     void* table;
@@ -176,10 +157,8 @@ TEST(Layout, FieldsLieWhereTheEngineLooks) {
     ZoHashTable hashTable(7, ZoSurrFind);
     auto const table = View<TableShape>(hashTable);
     EXPECT_EQ(table.buckets, hashTable.initialBuckets);
-    EXPECT_EQ(table.nBuckets, 4U);
-    EXPECT_EQ(table.threshold, 16U);
-    EXPECT_EQ(table.shift, 28U);
-    EXPECT_EQ(table.mask, 3U);
+    EXPECT_EQ(std::tuple(table.nBuckets, table.num, table.threshold, table.shift, table.mask),
+              std::tuple(4, 0, 16, 28, 3));
     EXPECT_EQ(table.keySize, 7);
 
     static_assert(sizeof(ZoHashEntry) == 2 * sizeof(void*));
@@ -198,11 +177,9 @@ TEST(Layout, DiagnosticsHaveTheirFields) {
     ZoSimpleEvent event(-5, 2, 0x900);
     event << "abc";
     auto const text = View<SimpleEventShape>(event);
-    EXPECT_EQ(text.code, -5);
-    EXPECT_EQ(text.mask, 2U);
-    EXPECT_EQ(text.type, 0x900U);
+    EXPECT_EQ(std::tuple(text.code, text.mask, text.type, text.length),
+              std::tuple(-5, 2, 0x900, 3));
     EXPECT_STREQ(text.text, "abc");
-    EXPECT_EQ(text.length, 3);
     smp_debug switches(6);
     switches.Disable();
     auto const flags = View<SwitchesShape>(switches);
@@ -282,16 +259,13 @@ TEST(Layout, ThreadsHaveTheirFields) {
     thread.SetResourceWatcher(&watcher);
     auto const shape = View<ThreadShape>(thread);
     EXPECT_EQ(shape.systemThread, nullptr);
-    EXPECT_EQ(shape.status, 7);
-    EXPECT_EQ(shape.result, 0);
-    EXPECT_EQ(shape.argument, nullptr);
+    EXPECT_EQ(std::tuple(shape.status, shape.result, shape.pendingPriority, shape.flags,
+                         shape.stackSizeCode, shape.autoDelete),
+              std::tuple(7, 0, 1, 1, 77, 3));
     EXPECT_STREQ(shape.name, "name");
     EXPECT_STREQ(shape.text, "text");
-    EXPECT_EQ(shape.pendingPriority, 1);
-    EXPECT_EQ(shape.flags, 1);
+    EXPECT_EQ(shape.argument, nullptr);
     EXPECT_EQ(shape.blockingObject, nullptr);
-    EXPECT_EQ(shape.stackSizeCode, 77);
-    EXPECT_EQ(shape.autoDelete, 3);
     EXPECT_EQ(shape.watcher, &watcher);
     PosixThread posix(&thread);
     posix.Abort();
