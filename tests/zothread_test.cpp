@@ -330,32 +330,6 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
     }
 }
 
-struct Deleting : Scripted {
-    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(1), watcher(watcher) {
-        SetResourceWatcher(&watcher);
-    }
-    ~Deleting() override {
-        EXPECT_GE(watcher.Counter(), 1);
-        EXPECT_NE(ZoTLS::GetThreadLocalStorage()->ownedObject, nullptr);
-        ++deleted;
-    }
-    ZoResourceWatcher& watcher;
-    static inline std::atomic<int> deleted{0};
-};
-
-// A thread's own deletion: on its thread, with its record, and while it is still counted.
-TEST_F(Threads, DeleteThemselvesBeforeTheyAreUncounted) {
-    Script script;
-    script.work = [this] {
-        marks.Leave();
-        return 0;
-    };
-    ZoResourceWatcher watcher;
-    for (int i = 0; i < 2000; ++i) EXPECT_EQ((new Deleting(watcher))->Start(&script), 0);
-    watcher.WaitForZero(0);
-    EXPECT_EQ(Deleting::deleted, 2000);
-}
-
 class Blocker : public ZoSynchroObj {
 public:
     Blocker() : ZoSynchroObj("blocker") {}
@@ -550,6 +524,18 @@ TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
     });
 }
 
+// A thread's own deletion: on its thread, with its record, and while it is still counted.
+struct Deleting : Scripted {
+    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(1), watcher(watcher) {}
+    ~Deleting() override {
+        EXPECT_GE(watcher.Counter(), 1);
+        EXPECT_NE(ZoTLS::GetThreadLocalStorage()->ownedObject, nullptr);
+        ++deleted;
+    }
+    ZoResourceWatcher& watcher;
+    static inline std::atomic<int> deleted{0};
+};
+
 TEST_F(Threads, LeaveNothingBehind) {
     Script script;
     Marking watcher;
@@ -576,11 +562,12 @@ TEST_F(Threads, LeaveNothingBehind) {
         go.wait(false);
         return 0;
     };
-    for (int i = 0; i < 1000; ++i) start(*new Scripted(1));
+    for (int i = 0; i < 1000; ++i) start(*new Deleting(watcher));
     EXPECT_EQ(watcher.Counter(), 1000);
     go = true;
     go.notify_all();
     awaitNothingLeft();
+    EXPECT_EQ(Deleting::deleted, 1000);
 }
 
 }  // namespace
