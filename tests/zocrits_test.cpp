@@ -8,7 +8,6 @@
 #include <chrono>
 #include <thread>
 #include <typeinfo>
-#include <vector>
 
 #include "services.h"
 #include "zotls.h"
@@ -75,7 +74,7 @@ TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
 
     std::atomic<bool> inside{false};
     std::thread other([&] {
-        section->ForceRelease();  // not the owner: nothing happens
+        ReleaseAllSynchronizationObjects();  // by another than the owner: nothing happens
         section->Begin();
         inside = true;
         section->Exit();
@@ -84,7 +83,7 @@ TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
     EXPECT_FALSE(inside);
     section->Begin();
     section->Begin();
-    section->ForceRelease();
+    ReleaseAllSynchronizationObjects();  // which calls ForceRelease
     other.join();
     EXPECT_TRUE(inside);
     EXPECT_EQ(InfoOf(section), Free());
@@ -101,18 +100,14 @@ TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
 TEST_P(EitherKind, ExcludesAndCountsBackToZero) {
     constexpr int Threads = 4, Rounds = 20000;
     long entries = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Threads; ++t) {
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < Rounds; ++i) {
-                int const depth = 1 + (i + t) % 3;
-                for (int d = 0; d < depth; ++d) section->Begin();
-                ++entries;
-                for (int d = 0; d < depth; ++d) section->Exit();
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    OnThreads(Threads, [&](int thread) {
+        for (int i = 0; i < Rounds; ++i) {
+            int const depth = 1 + (i + thread) % 3;
+            for (int d = 0; d < depth; ++d) section->Begin();
+            ++entries;
+            for (int d = 0; d < depth; ++d) section->Exit();
+        }
+    });
     EXPECT_EQ(entries, Threads * Rounds);
     section->Begin();
     EXPECT_EQ(InfoOf(section), Owned(1, 0));

@@ -2,6 +2,7 @@
 
 #include "zosyncob.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -56,37 +57,6 @@ TEST(SynchroChain, HoldsLiveObjectsNewestFirst) {
     EXPECT_EQ(FirstSynchro, first);
 }
 
-TEST(SynchroChain, ReleasesWhatTheCallingThreadHolds) {
-    for (bool detection : {false, true}) {
-        Context context(detection);
-        ZoCritSect* mine = ZoCritSect::Make("mine");
-        ZoCritSect* others = ZoCritSect::Make("others");
-        std::atomic<int> step{0};
-        std::thread other([&] {
-            others->Begin();
-            step = 1;
-            Await([&] { return step == 2; });
-            mine->Begin();  // free although its owner never left it
-            mine->Exit();
-            others->Exit();
-        });
-        Await([&] { return step == 1; });
-        for (int i = 0; i < 3; ++i) mine->Begin();
-        ReleaseAllSynchronizationObjects();
-        if (!detection) {
-            EXPECT_EQ(InfoOf(mine), "mine: owning count: 0; wait count: 0");
-            EXPECT_EQ(InfoOf(others), "others: owning count: 1; wait count: 0");
-        } else {
-            EXPECT_EQ(InfoOf(mine), "mine: is available");
-            EXPECT_NE(InfoOf(others).find("owning count: 1; wait count: 0"), std::string::npos);
-        }
-        step = 2;
-        other.join();
-        delete mine;
-        delete others;
-    }
-}
-
 // Objects come and go on some threads while others walk the chain: a walk must meet complete
 // objects only.
 TEST(SynchroChain, SurvivesWalksWhileObjectsComeAndGo) {
@@ -94,25 +64,22 @@ TEST(SynchroChain, SurvivesWalksWhileObjectsComeAndGo) {
         Context context(detection);
         ZoSynchroObj* const first = FirstSynchro;
         std::atomic<int> makers{2};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 2; ++t) {
-            threads.emplace_back([&] {
-                for (int i = 0; i < 300; ++i) {
-                    ZoCritSect* section = ZoCritSect::Make("s");
-                    Condition* condition = Condition::MakeCondition("c");
-                    section->Begin();
-                    std::this_thread::yield();  // for a walk that meets both
-                    delete condition;
-                    section->Exit();
-                    delete section;
-                }
-                --makers;
-            });
-        }
-        threads.emplace_back([&] {
-            while (makers != 0) ReleaseAllSynchronizationObjects();
+        OnThreads(3, [&](int thread) {
+            if (thread == 2) {
+                while (makers != 0) ReleaseAllSynchronizationObjects();
+                return;
+            }
+            for (int i = 0; i < 300; ++i) {
+                ZoCritSect* section = ZoCritSect::Make("s");
+                Condition* condition = Condition::MakeCondition("c");
+                section->Begin();
+                std::this_thread::yield();  // for a walk that meets both
+                delete condition;
+                section->Exit();
+                delete section;
+            }
+            --makers;
         });
-        for (std::thread& thread : threads) thread.join();
         EXPECT_EQ(FirstSynchro, first);
     }
 }
@@ -131,19 +98,21 @@ TEST(Context, SetUpAndTearDownAThousandTimes) {
         ASSERT_EQ(InfoOf(csDLD), "DeadLockDetectionCS: owning count: 0; wait count: 0");
         ASSERT_EQ(*ZoGetCritSectCritSect(), csDLD);
         ASSERT_STREQ(FirstSynchro->GetName(), "EventDispatcher");
-        ASSERT_NE(ZoEventMessageDispatcher::GetDispatcher(), nullptr);
-        ASSERT_NE(GetZoInterlocked(), nullptr);
         ASSERT_EQ(GetDebugger()->current, 0U);
         ASSERT_EQ(ZoQaSemaphore::GetSemaphore(), nullptr);
+        auto const globals = [] {
+            return std::vector<void*>{fscs,
+                                      csDLD,
+                                      __defTLS,
+                                      GetConsole(),
+                                      GetDebugger(),
+                                      GetZoInterlocked(),
+                                      ZoEventMessageDispatcher::GetDispatcher()};
+        };
+        ASSERT_THAT(globals(), testing::Each(testing::NotNull()));
         ___ZoExtendedContext(0);
         ASSERT_EQ(suppress_chaining, 1);
-        ASSERT_EQ(fscs, nullptr);
-        ASSERT_EQ(csDLD, nullptr);
-        ASSERT_EQ(__defTLS, nullptr);
-        ASSERT_EQ(GetConsole(), nullptr);
-        ASSERT_EQ(ZoEventMessageDispatcher::GetDispatcher(), nullptr);
-        ASSERT_EQ(GetZoInterlocked(), nullptr);
-        ASSERT_EQ(GetDebugger(), nullptr);
+        ASSERT_THAT(globals(), testing::Each(testing::IsNull()));
     }
 }
 
