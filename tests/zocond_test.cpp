@@ -10,8 +10,8 @@
 #include <limits>
 #include <memory>
 #include <thread>
-#include <vector>
 
+#include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
 
@@ -20,7 +20,6 @@ using namespace zotest;
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr unsigned long NoLimit = 4294967295UL;
 
 std::unique_ptr<Condition> Make() {
     return std::unique_ptr<Condition>(Condition::MakeCondition("c"));
@@ -68,7 +67,7 @@ TEST(Condition, TimesOutNoSoonerThanAsked) {
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(1000));
     EXPECT_EQ(condition->Unlock(), 0);  // kept, also after a time-out
     EXPECT_EQ(condition->SetCondition(), 1);
-    EXPECT_EQ(condition->WaitForCondition(1, NoLimit), ZoSuccess);
+    EXPECT_EQ(condition->WaitForCondition(1, ZoNoLimit), ZoSuccess);
     EXPECT_EQ(condition->Unlock(), 1);
 }
 
@@ -77,9 +76,8 @@ TEST(Condition, EverySetWakesAWaiter) {
     constexpr int Waiters = 4, Passes = 500;
     auto condition = Make();
     auto done = Make();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Waiters; ++t) {
-        threads.emplace_back([&] {
+    OnThreads(Waiters + 1, [&](int thread) {
+        if (thread < Waiters) {
             for (int i = 0; i < Passes; ++i) {
                 // -1 converted to unsigned long is no limit either.
                 condition->WaitForCondition(1, static_cast<unsigned long>(-1));
@@ -87,15 +85,15 @@ TEST(Condition, EverySetWakesAWaiter) {
                 condition->Unlock();
                 done->SetCondition();
             }
-        });
-    }
-    for (int i = 0; i < Waiters * Passes; ++i) {
-        condition->SetCondition();
-        done->WaitForCondition(1, NoLimit);
-        --done->value;
-        done->Unlock();
-    }
-    for (std::thread& thread : threads) thread.join();
+        } else {
+            for (int i = 0; i < Waiters * Passes; ++i) {
+                condition->SetCondition();
+                done->WaitForCondition(1, ZoNoLimit);
+                --done->value;
+                done->Unlock();
+            }
+        }
+    });
     EXPECT_EQ(condition->value, 0);
 }
 
@@ -114,17 +112,16 @@ TEST(Condition, ACancelledWaiterLeavesTheLockFree) {
     auto condition = Make();
     Gate gate;
     condition->logic = &gate;
-    pthread_t thread;
-    auto const wait = [](void* c) -> void* {
-        static_cast<Condition*>(c)->WaitForCondition(0, NoLimit);
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, nullptr, wait, condition.get()), 0);
-    Await([&] { return gate.tests != 0; });
-    pthread_cancel(thread);
-    void* result = nullptr;
-    pthread_join(thread, &result);
-    EXPECT_EQ(result, PTHREAD_CANCELED);
+    std::atomic<pthread_t> waiter{};
+    std::thread canceller([&] {
+        Await([&] { return gate.tests != 0; });
+        pthread_cancel(waiter);
+    });
+    EXPECT_TRUE(IsCancelled([&] {
+        waiter = pthread_self();
+        condition->WaitForCondition(0, ZoNoLimit);
+    }));
+    canceller.join();
     EXPECT_EQ(condition->SetCondition(), 1);  // would block for ever on a lock left behind
 }
 
@@ -172,26 +169,18 @@ TEST(ResourceWatcher, ZeroLetsEveryWaiterPass) {
     for (int round = 0; round < 300; ++round) {
         auto watcher = std::make_unique<ZoLockableResourceWatcher>();
         watcher->IncrementCounter();
-        std::atomic<int> passed{0};
-        std::vector<std::thread> waiters;
-        for (int t = 0; t < 6; ++t) {
-            waiters.emplace_back([&] {
+        std::atomic<pthread_t> cancelled{};
+        OnThreads(8, [&](int thread) {
+            if (thread < 7) {
+                if (thread == 0) cancelled = pthread_self();
                 watcher->WaitForZero(0);
-                ++passed;
-            });
-        }
-        pthread_t cancelled;
-        auto const wait = [](void* w) -> void* {
-            static_cast<ZoResourceWatcher*>(w)->WaitForZero(0);
-            return nullptr;
-        };
-        ASSERT_EQ(pthread_create(&cancelled, nullptr, wait, watcher.get()), 0);
-        if (round % 2 == 0) Await([&] { return watcher->Counter() < 0; });
-        pthread_cancel(cancelled);
-        watcher->DecrementCounter();
-        Await([&] { return passed == 6; });
-        pthread_join(cancelled, nullptr);
-        for (std::thread& waiter : waiters) waiter.join();
+            } else {
+                Await([&] { return cancelled != 0; });
+                if (round % 2 == 0) Await([&] { return watcher->Counter() < 0; });
+                pthread_cancel(cancelled);
+                watcher->DecrementCounter();
+            }
+        });
         watchdog.Progress();
     }
 }
