@@ -8,8 +8,6 @@
 #include <cfloat>
 #include <chrono>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "services.h"
 #include "zosleep.h"
@@ -80,14 +78,10 @@ TEST(Console, CanBeReplaced) {
 
 TEST(Console, PiecesOfSeveralThreadsDoNotMix) {
     Context context(false);
-    std::vector<std::thread> threads;
-    for (char letter : {'a', 'b', 'c'}) {
-        threads.emplace_back([letter] {
-            std::string const piece = std::string(7, letter) + "\n";
-            for (int i = 0; i < 300; ++i) *GetConsole() << piece.c_str();
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    OnThreads(3, [](int thread) {
+        std::string const piece = std::string(7, static_cast<char>('a' + thread)) + "\n";
+        for (int i = 0; i < 300; ++i) *GetConsole() << piece.c_str();
+    });
     std::string const& text = context.console->text;
     ASSERT_EQ(text.size(), 3U * 300U * 8U);
     for (std::size_t at = 0; at < text.size(); at += 8) {

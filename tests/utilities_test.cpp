@@ -3,14 +3,11 @@
 #include <gtest/gtest.h>
 #include <time.h>
 
-#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "services.h"
 #include "smp_vers.h"
@@ -37,28 +34,13 @@ TEST(Interlocked, AnswersOldOrNewValue) {
     EXPECT_EQ(pointer, &b);
 }
 
-// Calls `body` on several threads at once.
-template <class Body>
-void OnThreads(int count, Body body) {
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&] {
-            ++ready;
-            Await([&] { return ready == count; });
-            body();
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-}
-
 // Each step of each thread changes the word by an operation of another kind.
 TEST(Interlocked, LosesNothing) {
     constexpr int Threads = 4, Rounds = 200'000;
     std::unique_ptr<ZoInterlocked> const lock(ZoInterlocked::Make());
     ZoInt32 word = 0, taken = 0;
     void* top = nullptr;
-    OnThreads(Threads, [&] {
+    OnThreads(Threads, [&](int) {
         for (int round = 0; round < Rounds; ++round) {
             lock->Increment(&word);
             lock->ExchangeAdd(&word, 2);
@@ -103,7 +85,7 @@ TEST(Module, DescribesItself) {
 
     numbers.back() = ' ';
     GETZOSMPINFO(nullptr, nullptr, nullptr, nullptr, nullptr);
-    OnThreads(4, [&] {
+    OnThreads(4, [&](int) {
         char const* info = nullptr;
         GETZOSMPINFO(nullptr, nullptr, &info, nullptr, nullptr);
         EXPECT_EQ(info, title + " " + numbers);

@@ -4,10 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "services.h"
 
@@ -22,26 +22,21 @@ TEST(MTObject, FirstBeginsAtTheSameMomentMakeOneSection) {
         for (int round = 0; round < 200; ++round) {
             ZoMTObj object;
             int inside = 0, most = 0;
-            std::atomic<int> ready{0};
-            std::vector<std::thread> threads;
-            for (int t = 0; t < 3; ++t) {
-                threads.emplace_back([&, t] {
-                    ++ready;
-                    Await([&] { return ready == 3; });
-                    if (t == 0) {
-                        object.BeginLongCriticalSection();
-                        most = std::max(most, ++inside);
-                        --inside;
-                        object.EndCriticalSection();
-                    } else {
-                        ZoAutoSync outer(&object);
-                        ZoAutoSync inner(&object);
-                        most = std::max(most, ++inside);
-                        --inside;
-                    }
-                });
-            }
-            for (std::thread& thread : threads) thread.join();
+            auto const enter = [&] {
+                most = std::max(most, ++inside);
+                --inside;
+            };
+            OnThreads(3, [&](int thread) {
+                if (thread == 0) {
+                    object.BeginLongCriticalSection();
+                    enter();
+                    object.EndCriticalSection();
+                } else {
+                    ZoAutoSync outer(&object);
+                    ZoAutoSync inner(&object);
+                    enter();
+                }
+            });
             ASSERT_EQ(most, 1);
             ASSERT_NE(FirstSynchro, first);
             ASSERT_STREQ(FirstSynchro->GetName(), "?");

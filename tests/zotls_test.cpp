@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 #include "services.h"
 #include "zocond.h"
@@ -63,20 +62,12 @@ TEST(ThreadRecord, KeyIsMadeOnceAndTriedAgainAfterAFailure) {
     failKey = false;
     Services::Lines const reports = services.Assertions();
     ASSERT_EQ(reports.size(), 15U);  // three for each of five look-ups
-    EXPECT_EQ(reports[0], "err == 0 src/zotls 845");
-    EXPECT_EQ(reports[1], "err == 0 src/zotls 867");
-    EXPECT_EQ(reports[2], "retval src/zotls 832");
+    EXPECT_EQ(Services::Lines(reports.begin(), reports.begin() + 3),
+              (Services::Lines{"err == 0 src/zotls 845", "err == 0 src/zotls 867",
+                               "retval src/zotls 832"}));
 
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 8; ++t) {
-        threads.emplace_back([&] {
-            ++ready;
-            Await([&] { return ready == 8; });
-            EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), ZoTLS::GetThreadLocalStorage());
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    OnThreads(
+        8, [](int) { EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), ZoTLS::GetThreadLocalStorage()); });
     EXPECT_EQ(keysMade, 1);
 
     OnNewThread([] {
