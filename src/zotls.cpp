@@ -55,13 +55,20 @@ void CreateKeyOnce() {
     if (err != 0) ZOVA_assert("err == 0", "src/zotls", 845);
 }
 
-ZoTLS* CurrentRecord() {
-    pthread_key_t const key = Key();
-    return key == NoKey ? nullptr : static_cast<ZoTLS*>(pthread_getspecific(key));
-}
+// What the key holds for the calling thread, at hand: every entry of a detecting section and every
+// lock of a reader/writer mutex asks for it. The key stays the truth, because only a key has a
+// destructor that runs when the thread ends; each change of it is made here as well.
+[[gnu::tls_model("initial-exec")]] constinit thread_local ZoTLS* current = nullptr;
 
 int StoreRecord(ZoTLS* record) {
-    return pthread_setspecific(Key(), record);
+    int const err = pthread_setspecific(Key(), record);
+    if (err == 0) current = record;
+    return err;
+}
+
+// The end of a thread empties the key without us.
+void FollowKey() {
+    current = static_cast<ZoTLS*>(pthread_getspecific(Key()));
 }
 
 // A record for the calling thread, which has none; null when that fails.
@@ -93,7 +100,7 @@ ZoRWRecord* FindRwRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
 
 // Only a thread whose end the key's destructor sees may enter: it has a record, and ends.
 void EndingThreads::Enter() {
-    if (ThreadLife::current == nullptr || CurrentRecord() == nullptr) return;
+    if (ThreadLife::current == nullptr || current == nullptr) return;
     isEnding = true;
     pthread_mutex_lock(&endingLock);
     ++endingThreads;
@@ -145,17 +152,17 @@ ZoTLS::~ZoTLS() {
 }
 
 ZoTLS* ZoTLS::GetThreadLocalStorage() {
-    ZoTLS* record = CurrentRecord();
+    ZoTLS* record = current;
     if (record != nullptr) return record;
     ZoThreadAttach(nullptr);
-    record = CurrentRecord();
+    record = current;
     if (record == nullptr) ZOVA_assert("retval", "src/zotls", 832);
     return record;
 }
 
 int ZoThreadAttach(void*) {
     if (Key() == NoKey) CreateKeyOnce();
-    ZoTLS* record = CurrentRecord();
+    ZoTLS* record = current;
     if (record == nullptr) record = MakeRecord();
     if (record != nullptr) ++record->attachCount;
     return 0;
@@ -171,6 +178,8 @@ void ZoThreadDetach(void* record) {
         StoreRecord(mine);
         delete mine;
         StoreRecord(nullptr);
+    } else {
+        FollowKey();
     }
     EndingThreads::Leave();
 }
