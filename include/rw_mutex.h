@@ -99,11 +99,13 @@ private:
     ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
     ZO_INTERNAL void StartRead(ZoUInt32& holdings);
-    ZO_INTERNAL void StartWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void StartWrite(ZoUInt32& holdings, void* identity);
     ZO_INTERNAL void EndRead(ZoUInt32& holdings);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
-    ZO_INTERNAL void AdmitReader();
+    ZO_INTERNAL void QueueToRead();
     ZO_INTERNAL void AdmitWriter(bool alreadyReads);
+    ZO_INTERNAL void CloseGate(bool gaveUpRead);
+    ZO_INTERNAL void LeaveReaders();
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
 
