@@ -6,13 +6,10 @@
 
 #include "cancellation.h"
 #include "chain.h"
-#include "rw_gate.h"
-#include "rw_record.h"
+#include "rw_fast.h"
 #include "trace.h"
 #include "zobase.h"
-#include "zocond.h"
 #include "zocrits.h"
-#include "zotls.h"
 
 // Who is counted as a reader.
 //
@@ -61,18 +58,6 @@ public:
 
 // Stateless, so one serves every mutex. Complete before any code of the program runs.
 constinit ReaderCounter readerLogic;
-
-// The parts of a record.
-constexpr ZoUInt32 OneRead = 1;
-constexpr ZoUInt32 OneWrite = 0x10000;
-
-constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
-    return holdings % OneWrite;
-}
-
-constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
-    return holdings / OneWrite;
-}
 
 void Assert(char const* text, int line) {
     CancellationDeferred deferred;
@@ -253,6 +238,14 @@ ZoGenRW_Mutex::~ZoGenRW_Mutex() {
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
+    return mode == 0 && TryStartRead() ? ZoSuccess : Start(mode);
+}
+
+int ZoGenRW_Mutex::EndRW(int mode) {
+    return mode == 0 && TryEndRead() ? ZoSuccess : End(mode);
+}
+
+int ZoGenRW_Mutex::Start(int mode) {
     ZoTLS* const me = CurrentThread();
     ZoRWRecord* const record = me != nullptr ? FindOrMakeRwRecord(me, this) : nullptr;
     if (record == nullptr) return WithoutRecord(236);
@@ -264,7 +257,7 @@ int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
     return ZoSuccess;
 }
 
-int ZoGenRW_Mutex::EndRW(int mode) {
+int ZoGenRW_Mutex::End(int mode) {
     ZoTLS* const me = CurrentThread();
     if (me == nullptr) return WithoutRecord(286);
     ZoRWRecord* const record = FindRwRecord(me, this);
@@ -281,7 +274,7 @@ int ZoGenRW_Mutex::EndRW(int mode) {
 }
 
 void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
-    if (holdings == 0 && !ReaderGate(readers->value).TryEnter()) QueueToRead();
+    if (holdings == 0 && !Gate().TryEnter()) QueueToRead();
     holdings += OneRead;
 }
 
@@ -291,17 +284,18 @@ void ZoGenRW_Mutex::QueueToRead() {
         OneLessAtEnd waiting(waitingReaders);
         exclusive->Begin();
     }
-    if (ReaderGate(readers->value).Enter()) AddOne(waitingWriters);
+    if (Gate().Enter()) AddOne(waitingWriters);
     exclusive->Exit();
 }
 
 void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
     ZoUInt32 const depth = WriteDepth(holdings);
     if (depth == 0) {
-        bool const alreadyReads = holdings != 0;
-        if (alreadyReads) ReportPropagation();
-        RecordSetAside reads(holdings);
-        AdmitWriter(alreadyReads);
+        if (holdings != 0) {
+            AdmitReaderToWrite(holdings);
+        } else {
+            AdmitWriter(false);
+        }
         owner.store(identity, std::memory_order_relaxed);
     }
     CheckWriterLevel(depth, 271);
@@ -309,20 +303,26 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
     AddToWriterLevel(1);
 }
 
-void ZoGenRW_Mutex::AdmitWriter(bool alreadyReads) {
-    ReaderGate const gate(readers->value);
+void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
+    ReportPropagation();
+    RecordSetAside reads(holdings);
     // Off the count before the wait for the section: its holder may be waiting for this very read.
-    if (alreadyReads) LeaveReaders();
+    LeaveReaders();
+    AdmitWriter(true);
+}
+
+void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
+    ReaderGate const gate = Gate();
     bool const claimed = gate.TryClaim();
     if (!claimed) AddOne(waitingWriters);
     exclusive->Begin();
     if (claimed && gate.IsClaimed()) return;
-    CloseGate(alreadyReads);
+    CloseGate(gaveUpRead);
 }
 
 // The calling thread is counted as a waiting writer.
 void ZoGenRW_Mutex::CloseGate(bool gaveUpRead) {
-    ReaderGate::Found const found = ReaderGate(readers->value).Close();
+    ReaderGate::Found const found = Gate().Close();
     if (found == ReaderGate::ClaimedByOther) return;  // and its one is the claimer's now
     OneLessAtEnd waiting(waitingWriters);
     if (found == ReaderGate::Free) return;
@@ -331,7 +331,7 @@ void ZoGenRW_Mutex::CloseGate(bool gaveUpRead) {
 }
 
 void ZoGenRW_Mutex::LeaveReaders() {
-    if (!ReaderGate(readers->value).TryLeave()) readers->SetCondition();
+    if (!Gate().TryLeave()) readers->SetCondition();
 }
 
 void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
@@ -347,7 +347,7 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     if (WriteDepth(left) == 0) {
         if (left != 0) ReportLowering();
         owner.store(nullptr, std::memory_order_relaxed);
-        ReaderGate(readers->value).Open(left != 0 ? 1 : 0);
+        Gate().Open(left != 0 ? 1 : 0);
         exclusive->Exit();
     }
     holdings -= OneWrite;  // and not `left`, should the report have changed the reads
@@ -382,8 +382,7 @@ void ZoGenRW_Mutex::GetInfo(char* buffer, int size) {
     std::snprintf(buffer, static_cast<std::size_t>(size),
                   "Owner:%p; Wx:#%ld; Rx:cond-val: %d; Cond:%s, wait_rd #%ld, wait_wr #%ld",
                   owner.load(std::memory_order_relaxed),
-                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)),
-                  ReaderGate(readers->value).Count(), exclusiveText,
-                  static_cast<long>(waitingReaders.load(std::memory_order_relaxed)),
+                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), Gate().Count(),
+                  exclusiveText, static_cast<long>(waitingReaders.load(std::memory_order_relaxed)),
                   static_cast<long>(waitingWriters.load(std::memory_order_relaxed)));
 }

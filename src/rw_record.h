@@ -20,6 +20,18 @@ inline ZoTLS* CurrentThread() {
     return record != nullptr ? record : ZoTLS::GetThreadLocalStorage();
 }
 
+// The parts of `holdings`.
+constexpr ZoUInt32 OneRead = 1;
+constexpr ZoUInt32 OneWrite = 0x10000;
+
+constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
+    return holdings % OneWrite;
+}
+
+constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
+    return holdings / OneWrite;
+}
+
 // The functions below take the calling thread's record.
 
 // Null when the thread has no record for `mutex`.
@@ -32,17 +44,22 @@ inline ZoRWRecord* FindRwRecord(ZoTLS const* me, ZoRW_Mutex const* mutex) {
     return nullptr;
 }
 
+// Makes the spare record, which there is, one for `mutex`, which had none.
+inline ZoRWRecord* AddSpareRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex, ZoUInt32 holdings) {
+    ZoRWRecord* const record = me->spareRwRecord;
+    me->spareRwRecord = nullptr;
+    record->mutex = mutex;
+    record->holdings = holdings;
+    me->rwRecords.InsertFirst(record);
+    return record;
+}
+
 // Made with `holdings` 0 if there is none; null when memory ran out.
 inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
     if (ZoRWRecord* const found = FindRwRecord(me, mutex)) return found;
-    ZoRWRecord* record = me->spareRwRecord;
-    me->spareRwRecord = nullptr;
-    if (record == nullptr) record = new (std::nothrow) ZoRWRecord;
-    if (record == nullptr) return nullptr;
-    record->holdings = 0;
-    record->mutex = mutex;
-    me->rwRecords.InsertFirst(record);
-    return record;
+    if (me->spareRwRecord == nullptr) me->spareRwRecord = new (std::nothrow) ZoRWRecord;
+    if (me->spareRwRecord == nullptr) return nullptr;
+    return AddSpareRwRecord(me, mutex, 0);
 }
 
 // Takes `record`, one of `me`, out and keeps it as the spare one, or frees it.
