@@ -11,10 +11,10 @@
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
+#include "rw_record.h"
 #include "smp_io.h"
 #include "zobase.h"
 #include "zosleep.h"
-#include "zotls.h"
 
 ZoCritSect* csDLD = nullptr;
 
@@ -290,7 +290,7 @@ int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {
 }
 
 void ZoDLDCritSect::Begin() {
-    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    ZoTLS* const me = CurrentThread();
     if (me == nullptr) {
         // No record, which was reported: nothing can be told apart, so only lock.
         EnterWrapped();
@@ -361,7 +361,7 @@ void ZoDLDCritSect::Exit() {
 }
 
 void ZoDLDCritSect::ForceRelease() {
-    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    ZoTLS* const me = CurrentThread();
     if (me == nullptr || owner.load(std::memory_order_relaxed) != me) return;
     SetOwningCount(0);
     GraphLock lock;
