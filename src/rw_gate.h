@@ -101,7 +101,7 @@ private:
     bool TryStep(int expected, int step, std::memory_order order) const {
         do {
             if (word.compare_exchange_strong(expected, expected + step, order,
-                                             std::memory_order_relaxed)) {
+                                             std::memory_order_relaxed)) [[likely]] {
                 return true;
             }
         } while ((expected & Closed) == 0);
