@@ -7,12 +7,12 @@
 //     bit 30      closed: readers enter with the section held, and leave with the condition's lock
 //                 held
 //
-//     word                       state                                   a reader           a
-//     writer n                          free (0) or read                        enters and leaves
-//     claims (0) closed + claimed           claimed, or written                     queues queues
-//     closed, count 0            written                                 queues             queues
-//     closed, count n            write pending                           queues; a counted  queues
-//                                                                        one leaves
+//     word                 state                  a first read   a counted reader   a write
+//     0                    free                   enters         -                  claims
+//     n                    read                   enters         leaves             queues
+//     closed + claimed     claimed, or written    queues         -                  queues
+//     closed, count 0      written                queues         -                  queues
+//     closed, count n      write pending          queues         leaves with lock   queues
 //
 // Who changes it, all by atomic read-modify-write but for Open:
 //
@@ -101,7 +101,7 @@ private:
     bool TryStep(int expected, int step, std::memory_order order) const {
         do {
             if (word.compare_exchange_strong(expected, expected + step, order,
-                                             std::memory_order_relaxed)) {
+                                             std::memory_order_relaxed)) [[likely]] {
                 return true;
             }
         } while ((expected & Closed) == 0);

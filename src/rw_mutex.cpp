@@ -238,11 +238,15 @@ ZoGenRW_Mutex::~ZoGenRW_Mutex() {
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
-    return mode == 0 && TryStartRead() ? ZoSuccess : Start(mode);
+    if (mode == 0 && TryStartRead()) [[likely]]
+        return ZoSuccess;
+    return Start(mode);
 }
 
 int ZoGenRW_Mutex::EndRW(int mode) {
-    return mode == 0 && TryEndRead() ? ZoSuccess : End(mode);
+    if (mode == 0 && TryEndRead()) [[likely]]
+        return ZoSuccess;
+    return End(mode);
 }
 
 int ZoGenRW_Mutex::Start(int mode) {

@@ -34,14 +34,13 @@ constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
 
 // The functions below take the calling thread's record.
 
-// Null when the thread has no record for `mutex`.
+// Null when the thread has no record for `mutex`. The one added last is mostly the one sought.
 inline ZoRWRecord* FindRwRecord(ZoTLS const* me, ZoRW_Mutex const* mutex) {
-    for (ZoSimpleLinkedListItem* item = me->rwRecords.GetFirst(); item != nullptr;
-         item = item->GetNext()) {
-        ZoRWRecord* const record = static_cast<ZoRWRecord*>(item);
-        if (record->mutex == mutex) return record;
-    }
-    return nullptr;
+    auto* record = static_cast<ZoRWRecord*>(me->rwRecords.GetFirst());
+    while (record != nullptr && record->mutex != mutex) [[unlikely]] {
+            record = static_cast<ZoRWRecord*>(record->GetNext());
+        }
+    return record;
 }
 
 // Makes the spare record, which there is, one for `mutex`, which had none.
@@ -62,16 +61,19 @@ inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
     return AddSpareRwRecord(me, mutex, 0);
 }
 
-// Takes `record`, one of `me`, out and keeps it as the spare one, or frees it.
-inline void DropRwRecord(ZoTLS* me, ZoRWRecord* record) {
-    me->rwRecords.RemoveItem(record);
-    if (me->spareRwRecord != nullptr) {
-        delete record;
-        return;
-    }
+// Takes `record`, one of `me`, out and makes it the spare record, of which there is none.
+inline void MakeSpareRwRecord(ZoTLS* me, ZoRWRecord* record) {
     record->mutex = nullptr;
     record->holdings = 0;
     me->spareRwRecord = record;
+    me->rwRecords.RemoveItem(record);
+}
+
+// Takes `record`, one of `me`, out and keeps it as the spare one, or frees it.
+inline void DropRwRecord(ZoTLS* me, ZoRWRecord* record) {
+    if (me->spareRwRecord == nullptr) return MakeSpareRwRecord(me, record);
+    me->rwRecords.RemoveItem(record);
+    delete record;
 }
 
 #endif  // KELVARA_SRC_RW_RECORD_H_
