@@ -19,7 +19,8 @@ class DefaultLogic final : public ConditionLogic {};
 // Every new condition's logic until its owner installs another.
 DefaultLogic defaultLogic;
 
-// A condition may be set for as long as it lives and never be cleared: the count wraps.
+// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
+// down more often than up: the value wraps.
 int Step(int value, int step) {
     return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
 }
@@ -210,8 +211,8 @@ constexpr unsigned int CountMask = 0x7FFFFFFFU;
 
 class __ResourceLogic final : public ConditionLogic {
 public:
-    void SafeSet(int* value) override { StoreValue(value, LoadValue(value) - 1); }
-    void SafeClear(int* value) override { StoreValue(value, LoadValue(value) + 1); }
+    void SafeSet(int* value) override { StoreValue(value, Step(LoadValue(value), -1)); }
+    void SafeClear(int* value) override { StoreValue(value, Step(LoadValue(value), 1)); }
     int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
 };
 
