@@ -118,9 +118,9 @@ public:
     // Ends the work: calls Aborted on what is waiting, in the order of appending, on this thread.
     // Workers end after the unit they are handling; nobody waits for that. Returns 0.
     virtual int Terminate() = 0;
-    // Adds a worker, counted when this returns. One that cannot be started is not reported. Returns
-    // the value of the queue's condition, which tells nothing. On a terminated queue the worker
-    // ends at once.
+    // Adds a worker, counted when this returns. One that cannot be started is deleted, since nobody
+    // else knows it, and not reported. Returns the value of the queue's condition, which tells
+    // nothing. On a terminated queue the worker ends at once.
     virtual int IncreaseThreadCount() = 0;
     // Lets the first worker end that has come to the end of what is waiting now. Returns as Append.
     // Does nothing on a queue without workers.

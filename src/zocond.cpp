@@ -26,7 +26,8 @@ auto WithLogic(ConditionLogic* logic, Operation operation) {
     return logic == &defaultLogic ? operation(defaultLogic) : operation(*logic);
 }
 
-// A condition may be set for as long as it lives and never be cleared: the count wraps.
+// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
+// down more often than up: the value wraps.
 int Step(int value, int step) {
     return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
 }
@@ -218,8 +219,8 @@ constexpr unsigned int CountMask = 0x7FFFFFFFU;
 
 class __ResourceLogic final : public ConditionLogic {
 public:
-    void SafeSet(int* value) override { StoreValue(value, LoadValue(value) - 1); }
-    void SafeClear(int* value) override { StoreValue(value, LoadValue(value) + 1); }
+    void SafeSet(int* value) override { StoreValue(value, Step(LoadValue(value), -1)); }
+    void SafeClear(int* value) override { StoreValue(value, Step(LoadValue(value), 1)); }
     int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
 };
 
