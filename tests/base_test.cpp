@@ -12,16 +12,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <climits>
 #include <filesystem>
 #include <fstream>
-#include <optional>
+#include <regex>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "cancelled.h"
+#include "services.h"
 #include "zobase.h"
 #include "zobaseservices.h"
 #include "zolist.h"
@@ -52,18 +52,8 @@ std::string ReadFile(std::string const& path) {
 
 // `text` with the time that begins a log entry written as "@".
 std::string Undated(std::string const& text) {
-    std::string const shape = "0000-00-00T00:00:00.000Z";
-    std::istringstream lines(text);
-    std::string undated;
-    for (std::string line; std::getline(lines, line);) {
-        std::string digits = line.substr(0, shape.size());
-        for (char& c : digits) {
-            if (c >= '0' && c <= '9') c = '0';
-        }
-        if (digits == shape) line.replace(0, shape.size(), "@");
-        undated += line + (lines.eof() ? "" : "\n");
-    }
-    return undated;
+    static std::regex const time(R"((^|\n)\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
+    return std::regex_replace(text, time, "$1@");
 }
 
 class Base : public testing::Test {
@@ -118,72 +108,57 @@ protected:
     std::string directory;
 };
 
-using Path = std::vector<char const*>;
+std::vector<std::string> Split(std::string const& text, char mark) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, mark);) parts.push_back(part);
+    return parts;
+}
 
-// "-" where the key is missing.
-std::string Lookup(Path path, char const* key) {
-    path.push_back(nullptr);
-    ZoConfig* const configuration = ZoDefaultConfiguration();
+// The value of "section/section/key"; "-" where there is none.
+std::string Lookup(std::string const& path) {
+    std::vector<std::string> const names = Split(path, '/');
+    std::vector<char const*> sections;
+    for (std::string const& name : names) sections.push_back(name.c_str());
+    sections.back() = nullptr;
     int value = 4711;
-    if (configuration->ReadValue(key, &value, path.data()) != 0) return value == 4711 ? "-" : "?";
+    int const result =
+        ZoDefaultConfiguration()->ReadValue(names.back().c_str(), &value, sections.data());
+    if (result != 0) return value == 4711 ? "-" : "?";
     return std::to_string(value);
 }
 
+std::string Complaint(int line, std::string const& wrong) {
+    return "zova.ini:" + std::to_string(line) + ": line ignored: " + wrong + "\n";
+}
+
 TEST_F(Base, ConfigurationNumbers) {
-    static std::pair<std::string, std::optional<int>> const cases[] = {
-        {"0", 0},
-        {"50", 50},
-        {"-0", 0},
-        {"+7", 7},
-        {"-7", -7},
-        {"007", 7},
-        {"2147483647", INT_MAX},
-        {"-2147483648", INT_MIN},
-        {"2147483648", {}},
-        {"-2147483649", {}},
-        {"99999999999999999999999999", {}},
-        {"0x0", 0},
-        {"0XfF", 255},
-        {"-0x10", -16},
-        {"0x7FFFFFFF", INT_MAX},
-        {"0x80000000", INT_MIN},
-        {"0xF0000000", -268435456},
-        {"0xFFFFFFFF", -1},
-        {"0x100000000", {}},
-        {"-0x80000000", INT_MIN},
-        {"-0x80000001", {}},
-        {"5;half", 5},
-        {"5 # half", 5},
-        {"", {}},
-        {"; 5", {}},
-        {"0x", {}},
-        {"-", {}},
-        {"+-5", {}},
-        {"- 5", {}},
-        {"5 6", {}},
-        {"5k", {}},
-        {"1A", {}},
-        {"0xG", {}},
-        {"\"5\"", {}},
-        {"five", {}}};
-    std::string file = "[n]\n";
-    std::string complaints;
-    std::string values;
+    static std::vector<std::string> const cases = Split(
+        "0 -> 0, 50 -> 50, -0 -> 0, +7 -> 7, -7 -> -7, 007 -> 7, 5;half -> 5, 5 # half -> 5,"
+        "2147483647 -> 2147483647, -2147483648 -> -2147483648, 2147483648 -> -,"
+        "-2147483649 -> -, 99999999999999999999999999 -> -, 0x0 -> 0, 0XfF -> 255, -0x10 -> -16,"
+        "0x7FFFFFFF -> 2147483647, 0x80000000 -> -2147483648, 0xF0000000 -> -268435456,"
+        "0xFFFFFFFF -> -1, 0x100000000 -> -, -0x80000000 -> -2147483648, -0x80000001 -> -,"
+        " -> -, ; 5 -> -, 0x -> -, - -> -, +-5 -> -, - 5 -> -, 5 6 -> -, 5k -> -, 1A -> -,"
+        "0xG -> -, \"5\" -> -, five -> -",
+        ',');
+    static auto const written = [](std::string const& one) {
+        return one.substr(0, one.find(" -> "));
+    };
+    std::string file = "[n]\n", complaints, values;
     int line = 1;
-    for (auto const& [text, value] : cases) {
-        file += "k" + std::to_string(++line) + " = " + text + "\n";
-        values += text + " -> " + (value ? std::to_string(*value) : "-") + "\n";
-        if (value) continue;
-        complaints += "zova.ini:" + std::to_string(line) +
-                      ": line ignored: the value is not a number of 32 bits\n";
+    for (std::string const& one : cases) {
+        file += "k" + std::to_string(++line) + " = " + written(one) + "\n";
+        values += one + "\n";
+        if (!one.ends_with("> -")) continue;
+        complaints += Complaint(line, "the value is not a number of 32 bits");
     }
     WriteConfig(file);
     EXPECT_EQ(complaints + values, Printed([] {
                   int number = 1;
-                  for (auto const& [text, value] : cases) {
-                      std::string const key = "k" + std::to_string(++number);
-                      std::string const got = Lookup({"n"}, key.c_str());
-                      dprintf(2, "%s -> %s\n", text.c_str(), got.c_str());
+                  for (std::string const& one : cases) {
+                      std::string const value = Lookup("n/k" + std::to_string(++number));
+                      dprintf(2, "%s -> %s\n", written(one).c_str(), value.c_str());
                   }
               }));
 }
@@ -224,71 +199,47 @@ TEST_F(Base, ConfigurationLines) {
         {std::string(100'000, 'x'), "neither [section] nor key = value"},
         {"last = 9", ""},
     };
-    std::string file;
-    std::string expected;
+    std::string file, expected;
     int number = 0;
     for (auto const& [line, complaint] : lines) {
         file += (number == 0 ? "" : "\n") + line;
         ++number;
-        if (complaint.empty()) continue;
-        expected += "zova.ini:" + std::to_string(number) + ": line ignored: " + complaint + "\n";
+        if (!complaint.empty()) expected += Complaint(number, complaint);
     }
-    expected += "1 60 -268435456 7 2 2 8 9 - - - -";
     WriteConfig(file);
-    EXPECT_EQ(expected, Printed([] {
-                  std::string all;
-                  for (auto const& [path, key] : std::vector<std::pair<Path, char const*>>{
-                           {{}, "top"},
-                           {{"debug"}, "csSleepTime"},
-                           {{"debug"}, "mode"},
-                           {{"debug"}, "still"},
-                           {{"deeper", "still"}, "\xC3\xA4"},
-                           {{"deeper.still"}, "\xC3\xA4"},
-                           {{"base"}, "far"},
-                           {{"base"}, "last"},
-                           {{"deeper"}, "\xC3\xA4"},
-                           {{"deeper", "still", "more"}, "\xC3\xA4"},
-                           {{"Debug"}, "mode"},
-                           {{"debug"}, "Mode"}}) {
-                      all += (all.empty() ? "" : " ") + Lookup(path, key);
-                  }
-                  dprintf(2, "%s", all.c_str());
-              }));
+    EXPECT_EQ(
+        expected + "1 60 -268435456 7 2 2 8 9 - - - - ", Printed([] {
+            for (char const* path :
+                 {"top", "debug/csSleepTime", "debug/mode", "debug/still", "deeper/still/\xC3\xA4",
+                  "deeper.still/\xC3\xA4", "base/far", "base/last", "deeper/\xC3\xA4",
+                  "deeper/still/more/\xC3\xA4", "Debug/mode", "debug/Mode"}) {
+                dprintf(2, "%s ", Lookup(path).c_str());
+            }
+        }));
 }
 
+// The first use comes from several threads at once.
 TEST_F(Base, ConfigurationFile) {
-    auto const firstUse = [](char const* named) {
-        return [named] {
+    auto const printedBy = [this](char const* named) {
+        std::string const printed = Printed([named] {
             if (named != nullptr) setenv("ZOVA_CONFIG", named, 1);
-            std::vector<std::thread> threads;
-            for (int i = 0; i < 4; ++i) {
-                threads.emplace_back([] { ZoSystemLog()->Printf(4, "-"); });
-                threads.emplace_back([] { ZoDefaultConfiguration(); });
-            }
-            for (std::thread& thread : threads) thread.join();
-            if (ZoDefaultConfiguration() != nullptr) dprintf(2, "%s", Lookup({}, "k").c_str());
-        };
-    };
-    auto const withoutEntries = [](std::string printed) {
-        std::string const line = "@ 4 -\n";
-        for (std::size_t at; (at = printed.find(line)) != std::string::npos;) {
-            printed.erase(at, line.size());
-        }
-        return printed;
+            zotest::OnThreads(8, [](int thread) {
+                if (thread % 2 == 0) ZoSystemLog()->Printf(4, "-");
+                ZoDefaultConfiguration();
+            });
+            if (ZoDefaultConfiguration() != nullptr) dprintf(2, "%s", Lookup("k").c_str());
+        });
+        return std::regex_replace(printed, std::regex("@ 4 -\n"), "");
     };
     std::string const cannot = ": cannot read the configuration: ";
-    EXPECT_EQ(withoutEntries(Printed(firstUse(nullptr))), "");
-    EXPECT_EQ(withoutEntries(Printed(firstUse("none.ini"))),
-              "none.ini" + cannot + "No such file or directory\n");
-    EXPECT_EQ(withoutEntries(Printed(firstUse("."))), "." + cannot + "Is a directory\n");
-    EXPECT_EQ(withoutEntries(Printed(firstUse("/dev/zero"))),
-              "/dev/zero" + cannot + "File too large\n");
-
+    EXPECT_EQ(printedBy(nullptr), "");
+    EXPECT_EQ(printedBy("none.ini"), "none.ini" + cannot + "No such file or directory\n");
+    EXPECT_EQ(printedBy("."), "." + cannot + "Is a directory\n");
+    EXPECT_EQ(printedBy("/dev/zero"), "/dev/zero" + cannot + "File too large\n");
     WriteConfig("k = 1\nwrong\n");
     std::ofstream(directory + "/mine.ini") << "k = 2";
-    EXPECT_EQ(withoutEntries(Printed(firstUse(""))),
-              "zova.ini:2: line ignored: neither [section] nor key = value\n1");
-    EXPECT_EQ(withoutEntries(Printed(firstUse("mine.ini"))), "2");
+    EXPECT_EQ(printedBy(""), Complaint(2, "neither [section] nor key = value") + "1");
+    EXPECT_EQ(printedBy("mine.ini"), "2");
 }
 
 TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
@@ -297,16 +248,12 @@ TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
     WriteConfig("[base]\nlog = the;log # shared\n");
     std::string const filler(1500, '.');  // more than the log formats without allocating
     auto const logMany = [&filler](int process) {
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < Threads; ++thread) {
-            threads.emplace_back([=, &filler] {
-                for (int i = 0; i < Entries; ++i) {
-                    ZoSystemLog()->Printf(i % 5, "%d/%d/%d\n%s\r\n\n", process, thread, i,
-                                          i % 2 == 0 ? "short" : filler.c_str());
-                }
-            });
-        }
-        for (std::thread& thread : threads) thread.join();
+        zotest::OnThreads(Threads, [=, &filler](int thread) {
+            for (int i = 0; i < Entries; ++i) {
+                ZoSystemLog()->Printf(i % 5, "%d/%d/%d\n%s\r\n\n", process, thread, i,
+                                      i % 2 == 0 ? "short" : filler.c_str());
+            }
+        });
     };
     EXPECT_EQ(Printed([&] {
                   pid_t const second = fork();
@@ -319,10 +266,7 @@ TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
     int next[3][Threads] = {};
     int lines = 0;
     for (std::string line; std::getline(log, line); ++lines) {
-        int level = 0;
-        int process = 0;
-        int thread = 0;
-        int i = 0;
+        int level = 0, process = 0, thread = 0, i = 0;
         ASSERT_EQ(sscanf(line.c_str(), "@ %d %d/%d/%d", &level, &process, &thread, &i), 4) << line;
         EXPECT_EQ(i, next[process][thread]++);
         EXPECT_EQ(level, i % 5);
@@ -348,16 +292,6 @@ TEST_F(Base, EachReportIsOneWrite) {
                   }
               }),
               "whole whole whole ");
-}
-
-TEST_F(Base, LogThatCannotBeOpenedGoesToStandardError) {
-    WriteConfig("[base]\nlog = no/such/log\n");
-    EXPECT_EQ(Printed([] {
-                  ZoSystemLog()->Printf(4, "one");
-                  ZoSystemLog()->Printf(3, "%s", "");
-              }),
-              "no/such/log: cannot open the log: No such file or directory; logging to standard "
-              "error\n@ 4 one\n@ 3 \n");
 }
 
 TEST_F(Base, MessagesAndAssertions) {
@@ -391,28 +325,21 @@ TEST_F(Base, ReportingIsNoCancellationPointAndKeepsErrno) {
     WriteConfig("[base]\nlog = no/such/log\nwrong\n");
     EXPECT_EQ(
         Printed([] {
-            pthread_t thread{};
-            pthread_create(
-                &thread, nullptr,
-                [](void*) -> void* {
-                    pthread_cancel(pthread_self());
-                    errno = EDOM;
-                    ZOVA_assert("0", "src/zothread", 228);
-                    ZoMessage()->Show(0, ZoStyleNotice, "message");
-                    ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
-                    ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
-                    pthread_testcancel();
-                    return nullptr;
-                },
-                nullptr);
-            void* end = nullptr;
-            pthread_join(thread, &end);
-            dprintf(2, "%d", end == PTHREAD_CANCELED);
+            bool const cancelled = zotest::IsCancelled([] {
+                pthread_cancel(pthread_self());
+                errno = EDOM;
+                ZOVA_assert("0", "src/zothread", 228);
+                ZoMessage()->Show(0, ZoStyleNotice, "message");
+                ZoSystemLog()->Printf(4, "kept %d", errno == EDOM);
+                ZoSystemLog()->Printf(3, "%s", errno == EDOM ? "" : "lost");
+                pthread_testcancel();
+            });
+            dprintf(2, "%d", cancelled);
         }),
         "src/zothread:228: assertion failed: 0\nmessage\n"
         "zova.ini:3: line ignored: neither [section] nor key = value\n"
         "no/such/log: cannot open the log: No such file or directory; logging to standard error\n"
-        "@ 4 kept 1\n@ 4 kept 1\n1");
+        "@ 4 kept 1\n@ 3 \n1");
 }
 
 TEST_F(Base, ServicesWorkAfterStaticObjectsAreGone) {
@@ -421,48 +348,32 @@ TEST_F(Base, ServicesWorkAfterStaticObjectsAreGone) {
               "@ 4 late entry\nlate message\nsrc/late:1: assertion failed: late\n");
 }
 
-TEST(BaseServices, ASetterReturnsWhatWasInForceAndNullRestores) {
-    class Log final : public ZoLog {
-        int Printf(int, char const*, ...) override { return 5; }
-    } log;
-    ZoLog* const ownLog = ZoSystemLog();
-    EXPECT_EQ(ZoSetSystemLog(&log), ownLog);
-    EXPECT_EQ(ZoSystemLog()->Printf(4, "unseen"), 5);
-    EXPECT_EQ(ZoSetSystemLog(nullptr), &log);
-    EXPECT_EQ(ZoSystemLog(), ownLog);
-
-    class Config final : public ZoConfig {
-        int ReadValue(char const*, int* out, char const* const*) override {
-            *out = 6;
-            return 0;
-        }
-    } config;
-    EXPECT_EQ(ZoSetDefaultConfig(&config), nullptr);
-    EXPECT_EQ(ZoDefaultConfiguration(), &config);
-
-    class Messages final : public ZoMessageService {
-        unsigned int Show(int, unsigned int, char const*, ...) override { return 7; }
-    } messages;
-    ZoMessageService* const ownMessages = ZoMessage();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(ownMessages->Show(0, 0, "seen"), 6U);  // by the configuration in force
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "seen\n");
-    EXPECT_EQ(ZoSetMessageService(&messages), ownMessages);
-    EXPECT_EQ(ZoMessage()->Show(0, 0, "unseen"), 7U);
-    EXPECT_EQ(ZoSetMessageService(nullptr), &messages);
-    EXPECT_EQ(ZoSetDefaultConfig(nullptr), &config);
-
-    static int handledLine = 0;
+TEST(BaseServices, AreReplacedAndNullRestoresTheOwn) {
+    ZoLog* const log = ZoSystemLog();
+    ZoMessageService* const messages = ZoMessage();
     unsigned long const before = ZoAssertCount();
-    ZoAssertHandler const ownHandler =
-        ZoSetAssertHandler([](char const*, char const*, int line) { handledLine = line; });
-    ZOVA_assert("0", "src/x", 8);
-    EXPECT_EQ(handledLine, 8);
-    EXPECT_EQ(ZoAssertCount(), before + 1);
-    ZoSetAssertHandler(nullptr);
-    EXPECT_EQ(ZoSetAssertHandler(nullptr), ownHandler);
+    {
+        zotest::Services services;  // takes the place of each, and gives it back
+        EXPECT_NE(ZoSystemLog(), log);
+        EXPECT_NE(ZoMessage(), messages);
+        EXPECT_NE(ZoDefaultConfiguration(), nullptr);
+        ZOVA_assert("0", "src/x", 8);
+        EXPECT_EQ(services.Assertions(), zotest::Services::Lines{"0 src/x 8"});
+        EXPECT_EQ(ZoAssertCount(), before + 1);
+        ZoConfig* const other = ZoSetDefaultConfig(nullptr);
+        EXPECT_EQ(ZoDefaultConfiguration(), nullptr);
+        EXPECT_EQ(ZoSetDefaultConfig(other), nullptr);
+    }
+    EXPECT_EQ(ZoSystemLog(), log);
+    EXPECT_EQ(ZoMessage(), messages);
+    EXPECT_EQ(ZoSetSystemLog(nullptr), log);
+    EXPECT_EQ(ZoSystemLog(), log);
+    EXPECT_EQ(ZoSetMessageService(nullptr), messages);
+    EXPECT_EQ(ZoMessage(), messages);
+    ZoAssertHandler const handler = ZoSetAssertHandler(nullptr);
+    EXPECT_NE(handler, nullptr);
+    EXPECT_EQ(ZoSetAssertHandler(nullptr), handler);
 
-    EXPECT_EQ(CheckZoVersionNumber(1, 2, 3, 4, 0, 3), 0);
     ZoSetVersionCheck([](unsigned long major, unsigned long, unsigned long, unsigned long,
                          unsigned long, int flags) { return static_cast<int>(major) + flags; });
     EXPECT_EQ(CheckZoVersionNumber(1, 2, 3, 4, 0, 3), 4);
@@ -477,13 +388,12 @@ TEST(BaseLists, DoublyLinked) {
         ~Item() override { deleted += name; }
         char name;
     };
-    auto const named = [](ZoLinkedListItem* item) { return static_cast<Item*>(item)->name; };
-    auto const order = [&](ZoLinkedList const& list) {
-        std::string forth;
-        std::string back;
+    auto const order = [](ZoLinkedList const& list) {
+        auto const named = [](ZoLinkedListItem* item) { return static_cast<Item*>(item)->name; };
+        std::string forth, back;
         for (auto* i = list.GetFirst(); i != nullptr; i = i->GetNext()) forth += named(i);
-        for (auto* i = list.GetLast(); i != nullptr; i = i->GetPrev()) back += named(i);
-        EXPECT_EQ(forth, std::string(back.rbegin(), back.rend()));
+        for (auto* i = list.GetLast(); i != nullptr; i = i->GetPrev()) back = named(i) + back;
+        EXPECT_EQ(forth, back);
         return forth;
     };
     {

@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <random>
 #include <thread>
@@ -18,6 +18,7 @@
 
 #include "deadlock_io.h"
 #include "services.h"
+#include "watchdog.h"
 #include "zotls.h"
 
 using namespace zotest;
@@ -58,46 +59,33 @@ std::string const FileHead =
 
 using Sections = std::vector<std::unique_ptr<ZoCritSect>>;
 
-// N threads own a section each and want the next one's; the last wait closes the ring. Which is
-// told apart by `closing`: the thread that comes last lets go of what it owns when it is asked.
+// N threads own a section each and want the next one's; the last thread's wait closes the ring. It
+// is that thread which is asked, and `dissolve` has it let go of what it owns.
 class Ring {
 public:
-    Ring(Services& services, Sections& sections, bool dissolves = true)
-        : services(services), sections(sections), dissolves(dissolves) {}
+    Ring(Services& services, Sections& sections)
+        : services(services), sections(sections), records(sections.size()) {}
+
+    std::function<void()> dissolve = [this] { sections.back()->Exit(); };
+    unsigned int answer = 0;  // to every message
 
     void Run() {
-        std::size_t const size = sections.size();
-        std::vector<std::thread> threads;
-        records.assign(size, nullptr);
         services.onMessage = [this](std::string const& text) {
-            if (dissolves && text.find("CANCEL") != std::string::npos) sections.back()->Exit();
-            return 0U;
+            if (text.find("CANCEL") != std::string::npos) dissolve();
+            return answer;
         };
-        for (std::size_t i = 0; i < size; ++i) {
-            threads.emplace_back([this, i, size] {
-                records[i] = ZoTLS::GetThreadLocalStorage();
-                sections[i]->Begin();
-                ++owning;
-                Await([&] { return owning == static_cast<int>(size) && turn == i; });
-                if (i + 1 < size) {
-                    // The next thread's turn comes when this one is seen waiting.
-                    std::thread watch([this, i] {
-                        Await([&] { return IsWaiting(i); });
-                        ++turn;
-                    });
-                    sections[i + 1]->Begin();
-                    watch.join();
-                    sections[i + 1]->Exit();
-                    sections[i]->Exit();
-                } else {
-                    sections[0]->Begin();  // its own section is gone when this returns
-                    sections[0]->Exit();
-                }
-                ++finished;
-            });
-        }
-        for (std::thread& thread : threads) thread.join();
-        EXPECT_EQ(finished, static_cast<int>(size));
+        OnThreads(static_cast<int>(sections.size()), [this](int number) {
+            auto const i = static_cast<std::size_t>(number);
+            bool const closes = i + 1 == sections.size();
+            records[i] = ZoTLS::GetThreadLocalStorage();
+            sections[i]->Begin();
+            ++owning;
+            Await([&] { return owning == sections.size() && (i == 0 || IsWaiting(i - 1)); });
+            ZoCritSect& wanted = *sections[closes ? 0 : i + 1];
+            wanted.Begin();
+            wanted.Exit();
+            if (!closes) sections[i]->Exit();  // else it is gone when Begin returns
+        });
     }
 
     // The report of the chain, without the empty lines of the traces.
@@ -130,10 +118,8 @@ private:
 
     Services& services;
     Sections& sections;
-    bool const dissolves;
     std::vector<ZoTLS*> records;
-    std::atomic<int> owning{0}, finished{0};
-    std::atomic<std::size_t> turn{0};
+    std::atomic<std::size_t> owning{0};
 };
 
 Sections MakeSections(std::size_t count) {
@@ -188,39 +174,14 @@ TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
         Context context(true);
         Sections sections = MakeSections(2);
         Ring ring(services, sections);
-        // Ring::Run installs the dissolving; the answer goes on top of it.
-        std::thread run([&] { ring.Run(); });
-        run.join();
-        EXPECT_TRUE(services.Assertions().empty());
-
-        ZoCritSect* const first = sections[0].get();
-        ZoCritSect* const second = sections[1].get();
-        services.onMessage = [&](std::string const& text) {
-            if (text.find("CANCEL") != std::string::npos) second->ForceRelease();
-            return answer;
-        };
-        std::atomic<ZoTLS*> other{nullptr};
-        std::atomic<bool> owned{false};
-        std::thread thread([&] {
-            first->Begin();
-            other = ZoTLS::GetThreadLocalStorage();
-            Await([&] { return owned.load(); });
-            second->Begin();
-            second->Exit();
-            first->Exit();
-        });
-        Await([&] { return other != nullptr; });
-        second->Begin();
-        owned = true;
-        Await([&] { return ThreadWaitsForThread(other, ZoTLS::GetThreadLocalStorage()) == 1; });
-        first->Begin();
-        first->Exit();
-        thread.join();
+        ring.dissolve = [&] { sections.back()->ForceRelease(); };
+        ring.answer = answer;
+        ring.Run();
         EXPECT_EQ(services.Assertions(),
-                  answer == 0x20000000U
-                      ? Services::Lines{}
-                      : (Services::Lines{"(0 && \"deadlock detected\") src/zocrits 365",
-                                         "(0 && \"deadlock : false alarm\") src/zocrits 385"}));
+                  answer != 0x20000000U
+                      ? (Services::Lines{"(0 && \"deadlock detected\") src/zocrits 365",
+                                         "(0 && \"deadlock : false alarm\") src/zocrits 385"})
+                      : Services::Lines{});
     }
 }
 
@@ -258,7 +219,9 @@ TEST_F(Deadlock, ReportsThroughASinkThatUsesSections) {
 
     Sections sections = MakeSections(2);
     sink->leaves = sections.back().get();
-    Ring(services, sections, false).Run();
+    Ring ring(services, sections);
+    ring.dissolve = [] {};  // the sink does it
+    ring.Run();
     sink->leaves = nullptr;
     EXPECT_NE(sink->text.find("nobody !!!!\n"), std::string::npos);
 }
@@ -269,17 +232,18 @@ TEST_F(Deadlock, ChainsThatDoNotComeBackEnd) {
     Context context(true);
     Sections sections = MakeSections(3);
     std::vector<std::atomic<ZoTLS*>> owners(3);
-    std::atomic<bool> done{false};
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < 3; ++i) {
-        threads.emplace_back([&, i] {
+    std::atomic<int> owning{0};
+    std::thread threads([&] {
+        OnThreads(3, [&](int number) {
+            auto const i = static_cast<std::size_t>(number);
             sections[i]->Begin();
             owners[i] = ZoTLS::GetThreadLocalStorage();
-            Await([&] { return done.load(); });
+            ++owning;
+            Await([&] { return owning < 0; });
             sections[i]->Exit();
         });
-    }
-    Await([&] { return owners[0] != nullptr && owners[1] != nullptr && owners[2] != nullptr; });
+    });
+    Await([&] { return owning == 3; });
 
     auto section = [&](std::size_t i) { return static_cast<ZoDLDCritSect*>(sections[i].get()); };
     auto waits = [&](std::size_t i, ZoDLDCritSect* wanted) {
@@ -322,8 +286,8 @@ TEST_F(Deadlock, ChainsThatDoNotComeBackEnd) {
     csDLD->Exit();
 
     for (std::size_t i = 0; i < 3; ++i) waits(i, nullptr);
-    done = true;
-    for (std::thread& thread : threads) thread.join();
+    owning = -1;
+    threads.join();
 }
 
 TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
@@ -346,13 +310,10 @@ class Record {
 public:
     static constexpr int Threads = 8, Count = 8, Nobody = -1;
 
-    // True when the wish closes a ring.
-    bool Wants(int thread, int section) {
+    void Wants(int thread, int section) {
         std::lock_guard<std::mutex> hold(mutex);
         wanted[thread] = section;
-        bool const closes = LeadsBack(thread);
-        if (closes) ++rings;
-        return closes;
+        if (LeadsBack(thread)) ++rings;
     }
     void Got(int thread, int section) {
         std::lock_guard<std::mutex> hold(mutex);
@@ -394,15 +355,16 @@ public:
     Worker(int number, Record& record, Sections& sections)
         : number(number), record(record), sections(sections), random(4711U + unsigned(number)) {}
 
-    void Work(long entries, std::atomic<long>& progress) {
+    void Work(long entries, Watchdog& watchdog) {
         current = this;
         for (long i = 0; i < entries; ++i) {
             Enter(int(random() % Record::Count));
-            ++progress;
+            watchdog.Progress();
             if (random() % 8 == 0) std::this_thread::yield();  // others' turn, sections held
             if (held >= 3 || random() % 3 == 0) LeaveOne();
         }
         LeaveAll();
+        current = nullptr;
     }
 
     // In the message service, on the detecting thread.
@@ -464,35 +426,12 @@ TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
         if (text.find("CANCEL") != std::string::npos) Worker::Dissolve();
         return 0U;
     };
-    std::atomic<long> progress{0};
-    std::atomic<int> ready{0}, working{Record::Threads};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < Record::Threads; ++t) {
-        threads.emplace_back([&, t] {
-            ++ready;
-            Await([&] { return ready == Record::Threads; });
-            Worker(t, record, sections).Work(entries / Record::Threads, progress);
-            --working;
+    {
+        Watchdog watchdog;  // a ring that was missed stops its threads for ever
+        OnThreads(Record::Threads, [&](int t) {
+            Worker(t, record, sections).Work(entries / Record::Threads, watchdog);
         });
     }
-    // A ring that was missed stops its threads for ever; that must end the program, not hang it.
-    std::thread watchdog([&] {
-        long seen = -1;
-        auto since = std::chrono::steady_clock::now();
-        while (working != 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            if (progress != seen) {
-                seen = progress;
-                since = std::chrono::steady_clock::now();
-            } else if (std::chrono::steady_clock::now() - since > std::chrono::seconds(60)) {
-                std::fprintf(stderr, "no progress after %ld entries: a ring was missed\n", seen);
-                std::_Exit(3);
-            }
-        }
-    });
-    for (std::thread& thread : threads) thread.join();
-    watchdog.join();
-
     EXPECT_EQ(record.faults, 0);
     EXPECT_EQ(record.reports, record.rings);
     EXPECT_GT(record.rings, 0);
@@ -507,8 +446,7 @@ TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
         section->Exit();
     }
     RecordProperty("rings", record.rings);
-    std::printf("%ld entries, %d rings, %d reports\n", progress.load(), record.rings,
-                record.reports);
+    std::printf("%ld entries, %d rings, %d reports\n", entries, record.rings, record.reports);
 }
 
 }  // namespace

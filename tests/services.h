@@ -4,6 +4,7 @@
 #ifndef KELVARA_TESTS_SERVICES_H_
 #define KELVARA_TESTS_SERVICES_H_
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -165,6 +166,21 @@ inline std::string Pointer(void const* address) {
 template <class Predicate>
 void Await(Predicate condition) {
     while (!condition()) std::this_thread::yield();
+}
+
+// Calls `body` with 0, 1, … on a thread each, on all of them at once, and waits for their ends.
+template <class Body>
+void OnThreads(int count, Body body) {
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, i] {
+            ++ready;
+            Await([&] { return ready == count; });
+            body(i);
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
 }
 
 }  // namespace zotest

@@ -46,7 +46,7 @@ int Agree(void* text) {
 }
 int Refuse(void* text) {
     Write(static_cast<char const*>(text));
-    return 1;
+    return 7;
 }
 int RemoveItself(void* text) {
     return Agree(text) + ZoRemoveAbortionHandler(RemoveItself, text);
@@ -60,6 +60,10 @@ int Add(int (*handler)(void*), char const* text = "") {
 }
 int Remove(int (*handler)(void*), char const* text = "") {
     return ZoRemoveAbortionHandler(handler, const_cast<char*>(text));
+}
+void DropAllReferences() {
+    while (AbortHandlerInitialization(1) != 0) {
+    }
 }
 
 // The signal is the end, within a minute.
@@ -248,46 +252,30 @@ int MoveAndRefuse(void*) {
 
 TEST(AbortHandlers, NoVetoIsLostInAStorm) {
     EXPECT_EQ(Add(MoveAndRefuse), 0);
-    std::atomic<bool> over{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-        threads.emplace_back([&] {
-            while (!over) Add(Agree), Remove(Agree);
-        });
-    }
-    std::vector<std::thread> senders;
-    for (int signal : {SIGINT, SIGQUIT, SIGINT, SIGQUIT}) {
-        senders.emplace_back([signal] {
-            for (int i = 0; i < 250; ++i) raise(signal);
-        });
-    }
-    for (std::thread& sender : senders) sender.join();
-    Await([] { return asked == 1000; });
-    over = true;
-    for (std::thread& thread : threads) thread.join();
+    OnThreads(6, [](int thread) {
+        if (thread < 4) {
+            for (int i = 0; i < 250; ++i) raise(thread % 2 == 0 ? SIGINT : SIGQUIT);
+        } else {
+            while (asked < 1000) Add(Agree), Remove(Agree);
+        }
+    });
+    EXPECT_EQ(asked, 1000);
     EXPECT_EQ(Remove(MoveAndRefuse), 0);
 }
 
 // --- one round -----------------------------------------------------------------------------------
 
-int Yes(void*) {
-    return 0;
-}
-int No(void*) {
-    return 7;
-}
 int RemoveNext(void*) {
-    Remove(No);
+    Remove(Refuse);
     return 0;
 }
-int AddNo(void*) {
-    EXPECT_EQ(Add(No), 1);
+int AddRefusal(void*) {
+    EXPECT_EQ(Add(Refuse), 1);
     return 0;
 }
 int DropAll(void*) {
-    while (AbortHandlerInitialization(1) != 0) {
-    }
-    Add(No);  // to a new list, which is asked the next time
+    DropAllReferences();
+    Add(Refuse);  // to a new list, which is asked the next time
     return 0;
 }
 
@@ -295,38 +283,36 @@ TEST(AbortHandlers, ARoundSeesWhatItsHandlersChange) {
     using Handler = int (*)(void*);
     struct {
         std::vector<Handler> handlers;
-        int answer;
-        int next;
+        int answer, next;
     } const cases[] = {
-        {{Yes, No, Yes}, 7, 7},
-        {{RemoveNext, No}, 0, 0},
-        {{RemoveNext, No, No}, 7, 0},
-        {{AddNo, Yes}, 7, 7},
-        {{Yes, AddNo}, 0, 7},
-        {{DropAll, No}, 0, 7},
-        {{DropAll, Yes, Yes, No}, 0, 7},
+        {{Agree, Refuse, Agree}, 7, 7},
+        {{RemoveNext, Refuse}, 0, 0},
+        {{RemoveNext, Refuse, Refuse}, 7, 0},
+        {{AddRefusal, Agree}, 7, 7},
+        {{Agree, AddRefusal}, 0, 7},
+        {{DropAll, Refuse}, 0, 7},
+        {{DropAll, Agree, Agree, Refuse}, 0, 7},
     };
     for (auto const& one : cases) {
         EXPECT_EQ(LowLevelAbortionHandler(), 0);
         for (Handler handler : one.handlers) EXPECT_EQ(Add(handler), 0);
         EXPECT_EQ(LowLevelAbortionHandler(), one.answer);
         EXPECT_EQ(LowLevelAbortionHandler(), one.next);
-        while (AbortHandlerInitialization(1) != 0) {
-        }
+        DropAllReferences();
     }
 }
 
 TEST(AbortHandlers, ReferencesAreCounted) {
     Context context(false);
     EXPECT_EQ(AbortHandlerInitialization(1), 0);
-    EXPECT_EQ(Add(Yes), 0);
+    EXPECT_EQ(Add(Agree), 0);
     EXPECT_STREQ(FirstSynchro->GetName(), "AbortionHandler");
     EXPECT_EQ(AbortHandlerInitialization(0), 2);
     EXPECT_EQ(Add(nullptr), 3);
-    EXPECT_EQ(Add(No), 0);
-    EXPECT_EQ(Remove(No, "another argument"), 3);
+    EXPECT_EQ(Add(Refuse), 0);
+    EXPECT_EQ(Remove(Refuse, "another argument"), 3);
     EXPECT_EQ(LowLevelAbortionHandler(), 7);
-    EXPECT_EQ(Remove(No), 2);
+    EXPECT_EQ(Remove(Refuse), 2);
     EXPECT_EQ(LowLevelAbortionHandler(), 0);
 
     // A handler may make its thread let go of everything; the section stays in order.
@@ -343,18 +329,16 @@ TEST(AbortHandlers, ReferencesAreCounted) {
     EXPECT_EQ(InfoOf(static_cast<ZoCritSect*>(FirstSynchro)),
               "AbortionHandler: owning count: 0; wait count: 0");
     std::thread([] { EXPECT_EQ(AbortHandlerInitialization(1), 4); }).join();
-    while (AbortHandlerInitialization(1) != 0) {
-    }
+    DropAllReferences();
     EXPECT_STRNE(FirstSynchro->GetName(), "AbortionHandler");
 
     FailEachAllocation([](AllocFault const& fault) {
-        int const result = Add(No);
+        int const result = Add(Refuse);
         EXPECT_TRUE(result == 0 || (result == ZoOutOfMemory && fault.Happened()));
         bool const added = result == 0 && !fault.Happened();
         EXPECT_EQ(LowLevelAbortionHandler(), added ? 7 : 0);
         EXPECT_EQ(AbortHandlerInitialization(0), added ? 2 : 1);
-        while (AbortHandlerInitialization(1) != 0) {
-        }
+        DropAllReferences();
     });
 }
 
@@ -382,21 +366,17 @@ TEST(AbortHandlers, RemovingWaitsForTheHandlerThatRuns) {
 // has no reference yet.
 TEST(AbortHandlers, LastReferenceGoesWhileOthersAskAndAdd) {
     std::atomic<int> busy{2};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 2; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) {
-                EXPECT_EQ(Add(No), 0);
-                Remove(No);
-            }
-            --busy;
-        });
-    }
-    while (busy != 0) {
-        LowLevelAbortionHandler();
-        AbortHandlerInitialization(1);
-    }
-    for (std::thread& thread : threads) thread.join();
+    OnThreads(3, [&](int thread) {
+        if (thread == 2) {
+            while (busy != 0) LowLevelAbortionHandler(), AbortHandlerInitialization(1);
+            return;
+        }
+        for (int i = 0; i < 20000; ++i) {
+            EXPECT_EQ(Add(Refuse), 0);
+            Remove(Refuse);
+        }
+        --busy;
+    });
     EXPECT_EQ(AbortHandlerInitialization(0), 1);
     EXPECT_EQ(AbortHandlerInitialization(1), 0);
 }

@@ -104,18 +104,22 @@ public:
     using ZoThread::systemThread;
 };
 
-// Counts the threads that have made one and whose record is not yet released.
-class AliveMark : public ZoExtendedBase {
-public:
-    static void Leave() {
-        ZoTLS::GetThreadLocalStorage()->ownedObject = new AliveMark;
+// Counts the threads that left one and those that have ended since: a thread's record, which owns
+// its mark, is the last that it releases.
+struct Marks {
+    struct Mark : ZoExtendedBase {
+        explicit Mark(Marks& marks) : marks(marks) {}
+        ~Mark() override { ++marks.released; }
+        Marks& marks;
+    };
+    void Leave() {
         ++made;
+        ZoTLS::GetThreadLocalStorage()->ownedObject = new Mark(*this);
     }
-    ~AliveMark() override { ++released; }
-    static void AwaitReleased() {
-        Await([] { return made == released; });
+    void AwaitReleased() {
+        Await([this] { return released == made; });
     }
-    static inline std::atomic<int> made{0}, released{0};
+    std::atomic<int> made{0}, released{0};
 };
 
 // Waits until it is cancelled.
@@ -127,14 +131,13 @@ int Stay() {
 // Waits for threads that aborts may have ended, by their records.
 class Threads : public testing::Test {
 protected:
-    Threads() { AliveMark::made = AliveMark::released = 0; }
-    ~Threads() override { AliveMark::AwaitReleased(); }
+    ~Threads() override { marks.AwaitReleased(); }
 
     // A script that stays in Work until it is cancelled, and tells when it is there.
     Script Staying() {
         Script script;
         script.work = [this] {
-            AliveMark::Leave();
+            marks.Leave();
             ++inside;
             return Stay();
         };
@@ -143,6 +146,7 @@ protected:
 
     Services services;
     Watchdog watchdog;
+    Marks marks;
     std::atomic<int> inside{0};
 };
 
@@ -218,89 +222,68 @@ TEST_F(Threads, WithoutMemoryAreNotStarted) {
     EXPECT_EQ(faults, 2);  // the system thread and its life
 }
 
-// Keeps every debug event's text.
-class Tracer {
+// Keeps the texts of debug events, which come one after the other here.
+class Tracer : public ZoEventListener {
 public:
-    explicit Tracer(ZoUInt32 flags) {
+    Tracer(ZoUInt32 flags, Lines& texts) : texts(texts) {
         GetDebugger()->current = flags;
-        ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, 0x600,
-                                                                    new Listener(*this));
-        ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, 0x900,
-                                                                    new Listener(*this));
-    }
-    Lines Texts() {
-        std::lock_guard<std::mutex> hold(mutex);
-        return texts;
-    }
-
-private:
-    class Listener : public ZoEventListener {
-    public:
-        explicit Listener(Tracer& tracer) : tracer(tracer) {}
-        int Notify(ZoEvent const* event) override {
-            std::lock_guard<std::mutex> hold(tracer.mutex);
-            tracer.texts.emplace_back(event->GetMessageText());
-            return 0;
+        for (ZoUInt32 type : {0x600U, 0x900U}) {
+            ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, type, this);
         }
-        Tracer& tracer;
-    };
-    std::mutex mutex;
-    Lines texts;
+    }
+    int Notify(ZoEvent const* event) override {
+        texts.emplace_back(event->GetMessageText());
+        return 0;
+    }
+    Lines& texts;
 };
 
 TEST_F(Threads, TraceLinesToTheByte) {
+    Script script;
+    script.work = [] { return 42; };
     for (int autoDelete : {0, 1}) {
         Context context(false);
-        Tracer tracer(0x900100);
+        Lines texts;
+        new Tracer(0x900100, texts);
         ZoResourceWatcher watcher;
-        Script script;
-        script.work = [] { return 42; };
         auto* const thread = new Scripted(autoDelete);
         thread->SetResourceWatcher(&watcher);
         thread->SetStackSizeCode(1);
-        std::string const at = Pointer(thread);
+        std::string const at = Pointer(thread), named = at + ",scripted : Trampoline, ";
         thread->Start(&script);
         watcher.WaitForZero(0);
-        Lines expected{"ZoThread::Start " + at + "\n"};
-        auto const entry = [&](char const* start, std::string const& text) {
-            expected.push_back(start + at + ",scripted : Trampoline, " + text + "\n");
-        };
-        entry("ZoThread ", "Work started ...");
-        entry("ZoThread ", "Work done");
-        entry("ZoThread ", "Result = 0x2a");
-        entry("ZoThread ", "Cleanup done");
-        entry("ZoThread ", "Status set");
-        entry("ZoThread", "ZoThreadDetach done");
+        Lines expected{"ZoThread::Start " + at,
+                       "ZoThread " + named + "Work started ...",
+                       "ZoThread " + named + "Work done",
+                       "ZoThread " + named + "Result = 0x2a",
+                       "ZoThread " + named + "Cleanup done",
+                       "ZoThread " + named + "Status set",
+                       "ZoThread" + named + "ZoThreadDetach done"};
         if (autoDelete != 0) {
-            entry("ZoThread ", "delete before...");
-            expected.push_back("ZoThread " + at + " : Trampoline, delete done\n");
+            expected.push_back("ZoThread " + named + "delete before...");
+            expected.push_back("ZoThread " + at + " : Trampoline, delete done");
         } else {
-            std::string const system = Pointer(thread->systemThread);
+            expected.push_back("ZoThread::Abort " + at);
+            expected.push_back("Couldn't terminate thread " + Pointer(thread->systemThread) + " 3");
             EXPECT_EQ(thread->Abort(), 0);
             EXPECT_EQ(thread->GetStatus(), 6) << "nothing left to abort";
-            expected.push_back("ZoThread::Abort " + at + "\n");
-            expected.push_back("Couldn't terminate thread " + system + " 3\n");
             delete thread;
         }
-        EXPECT_EQ(tracer.Texts(), expected);
+        for (std::string& line : expected) line += "\n";
+        EXPECT_EQ(texts, expected);
     }
     Context context(false);
-    Tracer tracer(0);
-    GetDebugger()->current = 0x800000;
+    Lines texts;
+    new Tracer(0x800000, texts);
     ZoThread base(nullptr, nullptr, 0);
     EXPECT_EQ(CplusplusTrampoline(&base, nullptr), 0);
     std::string const at = Pointer(&base) + "\n";
-    EXPECT_EQ(tracer.Texts(),
+    EXPECT_EQ(texts,
               (Lines{"ZoThread::Init " + at, "ZoThread::Work " + at, "ZoThread::Cleanup " + at}));
-    GetDebugger()->current = 0;
-    EXPECT_EQ(CplusplusTrampoline(&base, nullptr), 0);
-    EXPECT_EQ(tracer.Texts().size(), 3U);
 }
 
 TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
     Scripted thread;
-    EXPECT_EQ(thread.GetStatus(), 7);
-    EXPECT_EQ(thread.pendingPriority, ZoPriorityUnchanged);
     EXPECT_EQ(thread.GetOSThreadInfo(nullptr, nullptr, nullptr), ZoRefused);
     EXPECT_EQ(thread.Suspend() + thread.Continue() + thread.Giveup() + thread.Abort(), 0);
     EXPECT_EQ(thread.GetStatus(), 7);
@@ -342,36 +325,9 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
         EXPECT_EQ(thread.GetResult(), 42);
     }
     EXPECT_EQ(order, "iwciwc");
-    for (long number : {-3L, -2L, -1L, 0L, 1L, 2L})
-        EXPECT_EQ(long2ZoThreadPriority(number), number);
-    for (long number : {3L, -4L, 1000L}) EXPECT_EQ(long2ZoThreadPriority(number), -3);
-    EXPECT_EQ(ZoGetNumberOfLogicalProcessors(), ZoGetNumberOfPhysicalProcessors());
-}
-
-struct Deleting : Scripted {
-    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(1), watcher(watcher) {
-        SetResourceWatcher(&watcher);
+    for (long number = -4; number <= 3; ++number) {
+        EXPECT_EQ(long2ZoThreadPriority(number), number < -2 || number > 2 ? -3 : number);
     }
-    ~Deleting() override {
-        EXPECT_GE(watcher.Counter(), 1);
-        EXPECT_NE(ZoTLS::GetThreadLocalStorage()->ownedObject, nullptr);
-        ++deleted;
-    }
-    ZoResourceWatcher& watcher;
-    static inline std::atomic<int> deleted{0};
-};
-
-// A thread's own deletion: on its thread, with its record, and while it is still counted.
-TEST_F(Threads, DeleteThemselvesBeforeTheyAreUncounted) {
-    Script script;
-    script.work = [] {
-        AliveMark::Leave();
-        return 0;
-    };
-    ZoResourceWatcher watcher;
-    for (int i = 0; i < 2000; ++i) EXPECT_EQ((new Deleting(watcher))->Start(&script), 0);
-    watcher.WaitForZero(0);
-    EXPECT_EQ(Deleting::deleted, 2000);
 }
 
 class Blocker : public ZoSynchroObj {
@@ -395,19 +351,18 @@ TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
     EXPECT_EQ(blocker.released, 1);
     EXPECT_EQ(thread->blockingObject, nullptr);
     EXPECT_EQ(thread->GetStatus(), 5);
-    AliveMark::AwaitReleased();
-    EXPECT_EQ(thread->GetStatus(), 5);
+    marks.AwaitReleased();
     EXPECT_EQ(watcher.Counter(), 1) << "stays counted";
 
     // Again, while the first thread is long gone; then by itself, with no cancellation point after.
     script.work = [&] {
-        AliveMark::Leave();
+        marks.Leave();
         thread->Abort();
         return 1;
     };
     EXPECT_EQ(thread->Start(&script), 0);
-    Await([] { return AliveMark::made == 2; });
-    AliveMark::AwaitReleased();
+    Await([&] { return marks.made == 2; });
+    marks.AwaitReleased();
     EXPECT_EQ(thread->GetStatus(), 5);
     EXPECT_EQ(thread->GetResult(), 0);
     EXPECT_EQ(thread->Abort(), 0);
@@ -418,15 +373,24 @@ TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
     EXPECT_EQ(blocker.released, 1);
 }
 
+// A watcher whose threads leave a mark, however early they are aborted.
+class Marking : public ZoResourceWatcher {
+public:
+    int IncrementCounter() override {
+        marks.Leave();
+        return ZoResourceWatcher::IncrementCounter();
+    }
+    Marks marks;
+};
+
 // A watcher that has the thread aborted while its start is under way.
-class Aborting : public ZoResourceWatcher {
+class Aborting : public Marking {
 public:
     explicit Aborting(ZoThread& thread) : thread(thread) {}
     int IncrementCounter() override {
-        AliveMark::Leave();
         std::thread([&] { thread.Abort(); }).join();
         usleep(0);  // a cancellation point
-        return ZoResourceWatcher::IncrementCounter();
+        return Marking::IncrementCounter();
     }
     ZoThread& thread;
 };
@@ -442,8 +406,7 @@ TEST_F(Threads, AnAbortDuringTheStartLetsTheStarterGoOn) {
         EXPECT_EQ(thread.GetStatus(), 5);
         watchdog.Progress();
     }
-    AliveMark::AwaitReleased();
-    EXPECT_EQ(thread.GetStatus(), 5);
+    watcher.marks.AwaitReleased();
     EXPECT_EQ(watcher.Counter(), 50);
 }
 
@@ -483,7 +446,7 @@ TEST_F(Threads, AnObjectMayGoWhileItsThreadIsInWork) {
     Script staying = Staying();
     Script deaf;
     deaf.work = [&] {
-        AliveMark::Leave();
+        marks.Leave();
         int const until = ++inside;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         Await([&] { return gone >= until; });
@@ -500,28 +463,6 @@ TEST_F(Threads, AnObjectMayGoWhileItsThreadIsInWork) {
     }
 }
 
-// Counts its threads' records until they are released, which is the last they do: every thread that
-// is started leaves a mark, however early it is aborted.
-class Marking : public ZoResourceWatcher {
-public:
-    int IncrementCounter() override {
-        ++made;
-        ZoTLS::GetThreadLocalStorage()->ownedObject = new Mark(*this);
-        return ZoResourceWatcher::IncrementCounter();
-    }
-    void AwaitAllEnded() {
-        Await([this] { return released == made; });
-    }
-    std::atomic<int> made{0}, released{0};
-
-private:
-    struct Mark : ZoExtendedBase {
-        explicit Mark(Marking& watcher) : watcher(watcher) {}
-        ~Mark() override { ++watcher.released; }
-        Marking& watcher;
-    };
-};
-
 struct Run {
     bool stays;
     std::atomic<bool> inside{false};
@@ -533,10 +474,11 @@ public:
     explicit Restless(Marking& watcher) : ZoThread("restless", nullptr, 0) {
         SetResourceWatcher(&watcher);
     }
-    int Work(void* run) override {
-        blockingObject = &static_cast<Run*>(run)->blocker;
-        static_cast<Run*>(run)->inside = true;
-        return static_cast<Run*>(run)->stays ? Stay() : 7;
+    int Work(void* argument) override {
+        Run* const run = static_cast<Run*>(argument);
+        blockingObject = &run->blocker;
+        run->inside = true;
+        return run->stays ? Stay() : 7;
     }
 };
 
@@ -552,7 +494,7 @@ struct Restart {
     }
     void DeleteAfterItsEnd() {
         thread->Abort();
-        watcher.AwaitAllEnded();
+        watcher.marks.AwaitReleased();
         Delete();
     }
     void Round(std::mt19937& random) {
@@ -560,34 +502,19 @@ struct Restart {
             std::lock_guard<std::mutex> hold(deletion);
             thread = std::make_unique<Restless>(watcher);
         }
-        int const before = watcher.made;
+        std::atomic<int> const &made = watcher.marks.made, &released = watcher.marks.released;
+        int const before = made;
         Run* const run = runs.emplace_back(new Run{random() % 2 == 0}).get();
         EXPECT_EQ(thread->Start(run), 0);
-        if (watcher.made == before) return DeleteAfterItsEnd();  // its status did not allow a start
-        auto const awaitWork = [&] {
-            Await([&] { return run->inside || watcher.released == watcher.made; });
-        };
-        switch (random() % 5) {
-            case 0:
-                thread->Abort();
-                break;
-            case 1:
-                awaitWork();
-                thread->Abort();
-                break;
-            case 2:
-                thread->Abort();
-                thread->_Finish();
-                break;
-            case 3:
-                awaitWork();
-                // No other thread of the object is left, and this one stays where it is.
-                Await([&] { return watcher.released >= watcher.made - 1; });
-                if (run->stays) return Delete();
-                break;
-            default:
-                break;
-        }
+        if (made == before) return DeleteAfterItsEnd();  // its status did not allow a start
+        unsigned long const step = random() % 5;
+        if (step == 1 || step == 3) Await([&] { return run->inside || released == made; });
+        if (step <= 2) thread->Abort();
+        if (step == 2) thread->_Finish();
+        if (step != 3) return;
+        // No other thread of the object is left, and this one stays where it is.
+        Await([&] { return released >= made - 1; });
+        if (run->stays) Delete();
     }
 };
 
@@ -598,67 +525,65 @@ TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
 #ifdef ZO_EMULATED
     GTEST_SKIP() << "not under an emulator";
 #endif
-    constexpr unsigned int Owners = 3, Meddlers = 2;
+    constexpr int Owners = 3, Meddlers = 2;
     Restart restarts[Owners];
-    std::atomic<unsigned int> running{Owners};
-    std::vector<std::thread> threads;
-    for (unsigned int owner = 0; owner < Owners; ++owner) {
-        threads.emplace_back([&, owner] {
-            std::mt19937 random(owner);
-            for (int i = 0; i < 2000; ++i) {
-                restarts[owner].Round(random);
-                watchdog.Progress();
-            }
-            if (restarts[owner].thread != nullptr) restarts[owner].DeleteAfterItsEnd();
-            restarts[owner].watcher.AwaitAllEnded();
-            --running;
-        });
-    }
-    for (unsigned int meddler = 0; meddler < Meddlers; ++meddler) {
-        threads.emplace_back([&, meddler] {
-            std::mt19937 random(100 + meddler);
-            while (running != 0) {
-                Restart& restart = restarts[random() % Owners];
-                std::lock_guard<std::mutex> hold(restart.deletion);
-                if (restart.thread == nullptr) continue;
-                switch (random() % 16) {
-                    case 0:
-                        restart.thread->Abort();
-                        break;
-                    case 1:
-                        restart.thread->Suspend();
-                        break;
-                    case 2:
-                        restart.thread->Continue();
-                        break;
-                    case 3:
-                        restart.thread->GetOSThreadInfo(nullptr, nullptr, nullptr);
-                        break;
-                    default:
-                        restart.thread->Giveup();
-                }
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
+    std::atomic<int> running{Owners};
+    auto const own = [&](Restart& restart, std::mt19937& random) {
+        for (int i = 0; i < 2000; ++i) {
+            restart.Round(random);
+            watchdog.Progress();
+        }
+        if (restart.thread != nullptr) restart.DeleteAfterItsEnd();
+        restart.watcher.marks.AwaitReleased();
+        --running;
+    };
+    auto const meddle = [](Restart& restart, unsigned long step) {
+        std::lock_guard<std::mutex> hold(restart.deletion);
+        if (restart.thread == nullptr) return;
+        if (step == 0) restart.thread->Abort();
+        if (step == 1) restart.thread->Suspend();
+        if (step == 2) restart.thread->Continue();
+        if (step == 3) restart.thread->GetOSThreadInfo(nullptr, nullptr, nullptr);
+        if (step > 3) restart.thread->Giveup();
+    };
+    OnThreads(Owners + Meddlers, [&](int number) {
+        std::mt19937 random(static_cast<unsigned int>(number));
+        if (number < Owners) return own(restarts[number], random);
+        while (running != 0) meddle(restarts[random() % Owners], random() % 16);
+    });
 }
+
+// A thread's own deletion: on its thread, with its record, and while it is still counted.
+struct Deleting : Scripted {
+    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(1), watcher(watcher) {}
+    ~Deleting() override {
+        EXPECT_GE(watcher.Counter(), 1);
+        EXPECT_NE(ZoTLS::GetThreadLocalStorage()->ownedObject, nullptr);
+        ++deleted;
+    }
+    ZoResourceWatcher& watcher;
+    static inline std::atomic<int> deleted{0};
+};
 
 TEST_F(Threads, LeaveNothingBehind) {
     Script script;
     Marking watcher;
     long const before = AllocFault::Live();
+    auto const start = [&](Scripted& thread) {
+        thread.SetStackSizeCode(65536);
+        thread.SetResourceWatcher(&watcher);
+        EXPECT_EQ(thread.Start(&script), 0);
+        watchdog.Progress();
+    };
     auto const awaitNothingLeft = [&] {
         watcher.WaitForZero(0);
-        watcher.AwaitAllEnded();
+        watcher.marks.AwaitReleased();
         Await([&] { return AllocFault::Live() == before; });
     };
     for (int i = 0; i < 10000; ++i) {
         Scripted thread;
-        thread.SetStackSizeCode(65536);
-        thread.SetResourceWatcher(&watcher);
-        EXPECT_EQ(thread.Start(&script), 0);
+        start(thread);
         watcher.WaitForZero(0);
-        watchdog.Progress();
     }
     awaitNothingLeft();
     std::atomic<bool> go{false};
@@ -666,17 +591,12 @@ TEST_F(Threads, LeaveNothingBehind) {
         go.wait(false);
         return 0;
     };
-    for (int i = 0; i < 1000; ++i) {
-        auto* const thread = new Scripted(1);
-        thread->SetStackSizeCode(65536);
-        thread->SetResourceWatcher(&watcher);
-        EXPECT_EQ(thread->Start(&script), 0);
-        watchdog.Progress();
-    }
+    for (int i = 0; i < 1000; ++i) start(*new Deleting(watcher));
     EXPECT_EQ(watcher.Counter(), 1000);
     go = true;
     go.notify_all();
     awaitNothingLeft();
+    EXPECT_EQ(Deleting::deleted, 1000);
 }
 
 }  // namespace
