@@ -37,7 +37,7 @@ constexpr ZoWorkUnit* decreaseThreadCount = &_dec;
 
 // How often a worker looks for a unit, letting others run in between, before it sleeps: a unit that
 // comes meanwhile saves the worker a sleep and the appender the waking of it.
-constexpr int Looks = 20;
+constexpr int Looks = 8;
 
 // The places of some units in the list, one after the other; deleting it leaves the units alone.
 // There is one allocation, and one change of the list, for so many units.
@@ -271,8 +271,8 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     return true;
 }
 
-// Each append signals one waiter, and a waiter that leaves news behind signals the next. So no
-// worker sleeps while units are waiting, and all wake up after termination.
+// Each append signals one waiter, and a worker that leaves news behind signals the next if one
+// sleeps. So no worker sleeps while units are waiting, and all wake up after termination.
 ZoWorkUnit* ZoWorkQueueImpl::Next() {
     Taken got{nullptr, false, false};
     while (got.unit == nullptr && !IsTerminated()) {
