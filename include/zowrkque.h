@@ -28,6 +28,9 @@
 // Units are started in the order of appending; they may finish in any. A queue is open until
 // Terminate, or its destruction, and there is no way back.
 //
+// A worker that finds nothing to do looks again a few times, yielding the processor in between, and
+// then sleeps. A queue keeps room for some hundreds of units once it has had one.
+//
 // Shrinking. A worker that ends on DecreaseThreadCount is counted until it is done with the queue.
 // Units that are waiting when the last worker ends, or are appended while that worker is still
 // counted, wait until a worker is added or the queue is terminated; units appended later, without
