@@ -63,11 +63,20 @@ private:
     ZoWorkUnit* units[Places];
 };
 
-// For a few instructions at a time; a holder passes no cancellation point.
+// For a few instructions at a time; a holder passes no cancellation point. Who does not get it soon
+// sleeps a little: a thread of a higher real-time priority than the holder's would yield to no end.
 class BriefLock {
 public:
     void Lock() {
-        while (held.exchange(true, std::memory_order_acquire)) ZoYieldProcessor();
+        constexpr int Yields = 100;
+        for (int tries = 0; held.exchange(true, std::memory_order_acquire); ++tries) {
+            if (tries < Yields) {
+                ZoYieldProcessor();
+            } else {
+                CancellationDeferred deferred;
+                ZoThreadSwitchWithDelay(1);
+            }
+        }
     }
     void Unlock() { held.store(false, std::memory_order_release); }
 
