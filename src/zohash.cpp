@@ -3,8 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <new>
 
+#include "bucket_line.h"
 #include "zobase.h"
 #include "zomtobj.h"
 
@@ -127,14 +129,152 @@ ZoHashSearch DefaultSearch(unsigned short keySize) {
     }
 }
 
+// The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
+ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
+    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
+    return static_cast<ZoUInt32>(product >> (table->shift & 31U));
+}
+
+// What becomes of h = 9h + c in eight steps, most of which need not wait for one another.
+ZoUInt32 AppendEight(ZoUInt32 hash, char const* text) {
+    auto const two = [text](int i) {
+        return 9 * static_cast<ZoUInt32>(static_cast<signed char>(text[i])) +
+               static_cast<ZoUInt32>(static_cast<signed char>(text[i + 1]));
+    };
+    constexpr ZoUInt32 toThe2nd = 9 * 9, toThe4th = toThe2nd * toThe2nd;
+    ZoUInt32 const upper = two(0) * toThe2nd + two(2);
+    ZoUInt32 const lower = two(4) * toThe2nd + two(6);
+    return hash * (toThe4th * toThe4th) + (upper * toThe4th + lower);
+}
+
+ZoUInt32 HashText(char const* text) {
+    std::size_t const length = std::strlen(text);
+    ZoUInt32 hash = 0;
+    std::size_t const first = length % 8;
+    for (std::size_t i = 0; i < first; ++i) {
+        hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(text[i]));
+    }
+    for (std::size_t i = first; i < length; i += 8) hash = AppendEight(hash, text + i);
+    return hash;
+}
+
+std::uintptr_t StoredWord(ZoHashEntry const* entry) {
+    return ReadWord<std::uintptr_t>(KeyBytes(entry));
+}
+
 ZoHashEntry*& BucketOf(ZoHashTable const& table, unsigned long hash) {
     return table.buckets[hash & table.mask];
+}
+
+// --- lines -------------------------------------------------------------------------------------
+
+// Two kinds of keys, the usual ones, have lines beside the heads of a grown table's buckets.
+
+struct WordKey {
+    WordKey(ZoHashTable const& table, char const* key)
+        : word(WordOf(key)), hash(Mix(&table, static_cast<ZoUInt32>(word))) {}
+    static char const* Of(ZoHashEntry const* entry) {
+        return ReadWord<char const*>(KeyBytes(entry));
+    }
+    bool IsOf(ZoHashEntry const* entry) const { return StoredWord(entry) == word; }
+    BucketLine::Tag Tag() const { return BucketLine::TagOf(word); }
+
+    std::uintptr_t const word;
+    ZoUInt32 const hash;
+};
+
+struct TextKey {
+    TextKey(ZoHashTable const&, char const* key) : text(key), hash(HashText(key)) {}
+    static char const* Of(ZoHashEntry const* entry) { return KeyBytes(entry); }
+    bool IsOf(ZoHashEntry const* entry) const { return std::strcmp(text, KeyBytes(entry)) == 0; }
+    BucketLine::Tag Tag() const { return BucketLine::TagOf(hash); }
+
+    char const* const text;
+    ZoUInt32 const hash;
+};
+
+bool HasWords(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::WordKeys && table.find == OneDWordFind;
+}
+
+bool HasTexts(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::StringKeys && table.find == StringFind;
+}
+
+bool IsGrown(ZoHashTable const& table) {
+    return table.buckets != table.initialBuckets;
+}
+
+bool HasLines(ZoHashTable const& table) {
+    return IsGrown(table) && (HasWords(table) || HasTexts(table));
+}
+
+// The lines lie behind the heads, in the same block of memory, from the next cache line on.
+BucketLine* LinesBehind(ZoHashEntry** heads, std::size_t count) {
+    std::uintptr_t const end = reinterpret_cast<std::uintptr_t>(heads + count);
+    constexpr std::uintptr_t last = alignof(BucketLine) - 1;
+    return reinterpret_cast<BucketLine*>((end + last) & ~last);
+}
+
+BucketLine& LineOf(ZoHashTable const& table, unsigned long hash) {
+    return LinesBehind(table.buckets, table.nBuckets)[hash & table.mask];
+}
+
+// A hash is all there is to know of a text's; a word's has lost bits.
+BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsigned long hash) {
+    return BucketLine::TagOf(table.keySize == ZoHashTable::WordKeys ? StoredWord(entry)
+                                                                    : static_cast<ZoUInt32>(hash));
+}
+
+// Empty; null when memory ran out.
+ZoHashEntry** NewBuckets(std::size_t count, bool withLines) {
+    std::size_t const each = sizeof(ZoHashEntry*) + (withLines ? sizeof(BucketLine) : 0);
+    if (count > (SIZE_MAX - alignof(BucketLine)) / each) return nullptr;
+    void* const block = ::operator new(count* each + alignof(BucketLine), std::nothrow);
+    if (block == nullptr) return nullptr;
+    ZoHashEntry** const heads = static_cast<ZoHashEntry**>(block);
+    std::uninitialized_value_construct_n(heads, count);
+    if (withLines) std::uninitialized_value_construct_n(LinesBehind(heads, count), count);
+    return heads;
+}
+
+void FreeGrownBuckets(ZoHashTable& table) {
+    if (IsGrown(table)) ::operator delete(table.buckets);
+}
+
+// --- searching and changing chains -------------------------------------------------------------
+
+struct Found {
+    ZoHashEntry* entry;
+    ZoHashEntry* prev;  // of a found entry
+    unsigned long hash;
+};
+
+template <class Key>
+Found SearchLine(ZoHashTable const& table, Key key) {
+    auto const [entry, prev] =
+        LineOf(table, key.hash).Search(key.Tag(), BucketOf(table, key.hash), [&](auto* candidate) {
+            return key.IsOf(candidate);
+        });
+    return {entry, prev, key.hash};
+}
+
+// As the search function in key mode.
+[[gnu::always_inline]] inline Found Search(ZoHashTable const& table, char const* key) {
+    if (IsGrown(table)) {
+        if (HasWords(table)) return SearchLine(table, WordKey(table, key));
+        if (HasTexts(table) && key != nullptr) return SearchLine(table, TextKey(table, key));
+    }
+    Found found;
+    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
+    return found;
 }
 
 void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
     ZoHashEntry*& head = BucketOf(table, hash);
     entry->next = head;
     head = entry;
+    if (HasLines(table)) LineOf(table, hash).PushFront(TagOf(table, entry, hash), entry);
 }
 
 // Links a new entry in. A growth that fails leaves the table as it was, and the insertion stands.
@@ -146,6 +286,7 @@ void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
 
 // Makes an entry for the absent key and links it in.
 ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    __builtin_prefetch(&BucketOf(table, hash), 1);
     ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
     if (entry != nullptr) LinkIn(table, entry, hash);
     return entry;
@@ -160,29 +301,53 @@ unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
 }
 
 // `link` is what points to the entry: its predecessor's `next`, or the head of its bucket.
-void UnlinkAndDestroy(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry) {
+void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash) {
     link = entry->next;
+    if (HasLines(table)) LineOf(table, hash).Remove(entry);
+}
+
+void UnlinkAndDestroy(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry,
+                      unsigned long hash) {
+    Unlink(table, link, entry, hash);
     entry->next = nullptr;
     --table.num;
     table.DestroyHashEntry(entry);
 }
 
-void RemoveFound(ZoHashTable& table, ZoHashEntry* entry, ZoHashEntry* prev, unsigned long hash) {
+void RemoveFound(ZoHashTable& table, Found const& found) {
+    auto const& [entry, prev, hash] = found;
     if (prev != nullptr && prev->GetNext() != entry) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    UnlinkAndDestroy(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry);
-}
-
-void FreeGrownBuckets(ZoHashTable& table) {
-    if (table.buckets != table.initialBuckets) delete[] table.buckets;
+    UnlinkAndDestroy(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry, hash);
 }
 
 void ShrinkWhenEmpty(ZoHashTable& table) {
-    if (table.num != 0 || table.buckets == table.initialBuckets) return;
+    if (table.num != 0 || !IsGrown(table)) return;
     FreeGrownBuckets(table);
     table.InitTable();
 }
+
+// Whoever goes through all buckets calls this for each: entries lie anywhere in memory.
+void PrefetchFurtherEntries(ZoHashTable const& table, ZoUInt32 index) {
+    constexpr ZoUInt32 distance = 4;
+    if (HasLines(table) && index + distance < table.nBuckets) {
+        LineOf(table, index + distance).PrefetchEntries();
+    }
+}
+
+// Moves all entries of a table's former buckets into its present ones.
+template <class Hash>
+void MoveEntries(ZoHashTable const& table, ZoHashEntry** from, std::size_t count, Hash hashOf) {
+    for (std::size_t i = 0; i < count; ++i) {
+        while (ZoHashEntry* const entry = from[i]) {
+            from[i] = entry->next;
+            PushFront(table, entry, hashOf(entry));
+        }
+    }
+}
+
+// --- search functions --------------------------------------------------------------------------
 
 // The key-mode walk of every search function.
 template <class Matches>
@@ -198,12 +363,6 @@ ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry
     return entry;
 }
 
-// The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
-ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
-    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
-    return static_cast<ZoUInt32>(product >> (table->shift & 31U));
-}
-
 void ReportMissingKey() {
     ZOVA_assert("( \"You need a space to get the key.\" && 0 )", "src/zohash", 412);
 }
@@ -215,14 +374,6 @@ ZoHashEntry* NoKey(unsigned long& hash, ZoHashEntry*& prev) {
     return nullptr;
 }
 
-ZoUInt32 HashText(char const* text) {
-    ZoUInt32 hash = 0;
-    for (; *text != '\0'; ++text) {
-        hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(*text));
-    }
-    return hash;
-}
-
 ZoUInt32 SumBytes(char const* bytes, unsigned short length) {
     ZoUInt32 sum = 0;
     for (unsigned short i = 0; i < length; ++i) sum += static_cast<unsigned char>(bytes[i]);
@@ -231,10 +382,6 @@ ZoUInt32 SumBytes(char const* bytes, unsigned short length) {
 
 char const* TextOf(ZoHashTable const* table, ZoHashEntry const* entry) {
     return table->keySize == ZoHashTable::StringKeys ? KeyBytes(entry) : table->GetKey(*entry);
-}
-
-std::uintptr_t StoredWord(ZoHashEntry const* entry) {
-    return ReadWord<std::uintptr_t>(KeyBytes(entry));
 }
 
 std::uintptr_t WordKeyOf(ZoHashTable const* table, ZoHashEntry const* entry) {
@@ -434,9 +581,7 @@ int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    return find(this, key, hash, nullptr, prev);
+    return Search(*this, key).entry;
 }
 
 void* ZoHashTable::GetValueFast(char const* key) const {
@@ -450,45 +595,37 @@ void* ZoHashTable::GetValue(char const* key, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::InsertValue(char const* key, void* value) {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    if (find(this, key, hash, nullptr, prev) != nullptr) return nullptr;
-    return Insert(*this, key, value, hash);
+    Found const found = Search(*this, key);
+    return found.entry == nullptr ? Insert(*this, key, value, found.hash) : nullptr;
 }
 
 int ZoHashTable::ChangeValue(char const* key, void* value, int create, int replace,
                              ZoMTObj const* lock) {
     TableLock const held(lock);
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry != nullptr) {
+    Found const found = Search(*this, key);
+    if (found.entry != nullptr) {
         if (replace == 0) return ZoNotFound;
-        ChangeHashEntry(entry, value);
+        ChangeHashEntry(found.entry, value);
         return ZoSuccess;
     }
     if (create == 0) return ZoNotFound;
-    return Insert(*this, key, value, hash) != nullptr ? ZoSuccess : ZoOutOfMemory;
+    return Insert(*this, key, value, found.hash) != nullptr ? ZoSuccess : ZoOutOfMemory;
 }
 
 int ZoHashTable::DeleteValue(char const* key, ZoMTObj const* lock) {
     TableLock const held(lock);
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry == nullptr) return ZoNotFound;
-    RemoveFound(*this, entry, prev, hash);
+    Found const found = Search(*this, key);
+    if (found.entry == nullptr) return ZoNotFound;
+    RemoveFound(*this, found);
     if (keySize != ForeignKeys) ShrinkWhenEmpty(*this);
     return ZoSuccess;
 }
 
 void* ZoHashTable::Remove(char const* key) {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry == nullptr) return nullptr;
-    void* const value = GetValue(*entry);
-    RemoveFound(*this, entry, prev, hash);
+    Found const found = Search(*this, key);
+    if (found.entry == nullptr) return nullptr;
+    void* const value = GetValue(*found.entry);
+    RemoveFound(*this, found);
     ShrinkWhenEmpty(*this);
     return value;
 }
@@ -496,8 +633,9 @@ void* ZoHashTable::Remove(char const* key) {
 int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
     TableLock const held(lock);
     for (ZoUInt32 i = 0; i <= mask; ++i) {
+        PrefetchFurtherEntries(*this, i);
         while (ZoHashEntry* const entry = buckets[i]) {
-            buckets[i] = entry->next;
+            Unlink(*this, buckets[i], entry, i);
             // From the destructor the base's hook is meant.
             DestroyHashEntry(entry);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         }
@@ -508,7 +646,10 @@ int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
 
 void ZoHashTable::EraseBuckets() {
     if (num == 0) return;
-    for (ZoUInt32 i = 0; i <= mask; ++i) buckets[i] = nullptr;
+    for (ZoUInt32 i = 0; i <= mask; ++i) {
+        buckets[i] = nullptr;
+        if (HasLines(*this)) LineOf(*this, i).Clear();
+    }
     num = 0;
 }
 
@@ -533,7 +674,7 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     ZoUInt32 const oldCount = nBuckets;
     ZoHashEntry** const oldBuckets = buckets;
     ZoHashEntry** const newBuckets =
-        new (std::nothrow) ZoHashEntry*[std::size_t{oldCount} << bits]();
+        NewBuckets(std::size_t{oldCount} << bits, HasWords(*this) || HasTexts(*this));
     if (newBuckets == nullptr) return ZoOutOfMemory;
 
     // The search function computes with the new shape from here on.
@@ -543,16 +684,15 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     shift -= bits;
     mask = nBuckets - 1;
 
-    for (ZoUInt32 i = 0; i < oldCount; ++i) {
-        while (ZoHashEntry* const entry = oldBuckets[i]) {
-            oldBuckets[i] = entry->next;
-            unsigned long hash;
-            ZoHashEntry* prev = nullptr;
-            find(this, nullptr, hash, entry, prev);
-            PushFront(*this, entry, hash);
-        }
+    if (HasWords(*this)) {
+        MoveEntries(*this, oldBuckets, oldCount, [this](ZoHashEntry const* entry) {
+            return WordKey(*this, WordKey::Of(entry)).hash;
+        });
+    } else {
+        MoveEntries(*this, oldBuckets, oldCount,
+                    [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) delete[] oldBuckets;
+    if (oldBuckets != initialBuckets) ::operator delete(oldBuckets);
     return ZoSuccess;
 }
 
@@ -569,6 +709,7 @@ ZoHashEntry* ZoHashTable::FirstEntry(ZoHashIterator& it) const {
 ZoHashEntry* ZoHashTable::NextEntry(ZoHashIterator& it) const {
     while (it.next == nullptr) {
         if (it.index >= nBuckets) return nullptr;
+        PrefetchFurtherEntries(*this, it.index);
         it.next = BucketOf(*this, it.index);
         ++it.index;
     }
@@ -610,13 +751,13 @@ int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
 int ZoHashTable::Delete(ZoHashPosition& pos) {
     if (pos.table != this || pos.entry == nullptr) return ZoBadPosition;
     // Without a predecessor the entry was its chain's head; insertions since then stand before it.
-    ZoHashEntry** link =
-        pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, HashOf(*this, pos.entry));
+    unsigned long const hash = HashOf(*this, pos.entry);
+    ZoHashEntry** link = pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, hash);
     if (pos.prev == nullptr) {
         while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
     }
     if (*link != pos.entry) return ZoBadPosition;
-    UnlinkAndDestroy(*this, *link, pos.entry);
+    UnlinkAndDestroy(*this, *link, pos.entry, hash);
     pos.table = nullptr;
     return ZoSuccess;
 }
