@@ -9,14 +9,17 @@
 // goes on, there are no others. The owner tells it each change of the chain:
 //
 //     line.PushFront(tag, entry);        // entry became the chain's head
-//     line.Remove(entry);                // entry left the chain
-//     auto [entry, prev] = line.Search(tag, head, isSought);
+//     line.Remove(line.PlaceOf(entry));  // entry left the chain
+//     auto [entry, prev, place] = line.Search(tag, head, isSought);
+//
+// A line of zero bytes is an empty one.
 
 #ifndef KELVARA_SRC_BUCKET_LINE_H_
 #define KELVARA_SRC_BUCKET_LINE_H_
 
 #include <bit>
 #include <cstdint>
+#include <cstring>
 
 #include "zohash.h"
 
@@ -28,9 +31,12 @@ public:
     // The golden ratio's part of 2^64: the upper bits of the product depend on all of the number.
     static Tag TagOf(std::uint64_t number) { return (number * 0x9E3779B97F4A7C15U) >> 57 | 0x80U; }
 
+    static constexpr int capacity = 7;
+
     struct Found {
         ZoHashEntry* entry;  // null: none
         ZoHashEntry* prev;   // before the found one; null: that is the head
+        int place;           // of the found one; capacity: behind the line
     };
 
     // The first entry of the chain that `isSought` accepts; all those of one key have one tag.
@@ -39,26 +45,33 @@ public:
         for (std::uint64_t places = PlacesOf(tag); places != 0; places &= places - 1) {
             int const place = std::countr_zero(places) / 8;
             if (isSought(entries[place])) {
-                return {entries[place], place != 0 ? entries[place - 1] : nullptr};
+                return {entries[place], place != 0 ? entries[place - 1] : nullptr, place};
             }
         }
-        return GoesOn() ? SearchRest(head, isSought) : Found{nullptr, nullptr};
+        return GoesOn() ? SearchRest(head, isSought) : Found{nullptr, nullptr, capacity};
     }
 
     void PushFront(Tag tag, ZoHashEntry* entry) {
         // What leaves at the end stays in the chain.
         std::uint64_t const goesOn = tags >> 48 != 0 ? goesOnBit : 0;
         tags = goesOn | (tags << 8 & allTags) | tag;
-        for (int i = capacity - 1; i > 0; --i) entries[i] = entries[i - 1];
+        ZoHashEntry* kept[capacity - 1];
+        std::memcpy(kept, entries, sizeof kept);
+        std::memcpy(entries + 1, kept, sizeof kept);
         entries[0] = entry;
     }
 
+    int PlaceOf(ZoHashEntry const* entry) const {
+        int place = 0;
+        while (place < capacity && entries[place] != entry) ++place;
+        return place;
+    }
+
     // Without branches that depend on the place, which nothing could predict.
-    void Remove(ZoHashEntry const* entry) {
-        int place = capacity;
-        for (int i = capacity - 1; i >= 0; --i) place = entries[i] == entry ? i : place;
+    void Remove(int place) {
         if (place == capacity) return;
-        for (int i = 0; i < capacity - 1; ++i) entries[i] = entries[i + (i >= place ? 1 : 0)];
+        auto const moveUp = [&](int i) { entries[i] = entries[i + (i >= place ? 1 : 0)]; };
+        moveUp(0), moveUp(1), moveUp(2), moveUp(3), moveUp(4), moveUp(5);
         entries[capacity - 1] = nullptr;
         std::uint64_t const before = (std::uint64_t{1} << 8 * place) - 1;
         tags = (tags & (before | goesOnBit)) | ((tags & allTags) >> 8 & ~before);
@@ -72,7 +85,6 @@ public:
     }
 
 private:
-    static constexpr int capacity = 7;
     static constexpr std::uint64_t allTags = 0x00FFFFFFFFFFFFFFU;
     static constexpr std::uint64_t goesOnBit = 0x0100000000000000U;
 
@@ -95,11 +107,11 @@ private:
             prev = entry;
             entry = entry->next;
         }
-        return {entry, entry != nullptr ? prev : nullptr};
+        return {entry, prev, capacity};
     }
 
-    std::uint64_t tags = 0;  // byte i: the tag of entry i, 0 none; the highest byte: goesOnBit
-    ZoHashEntry* entries[capacity] = {};
+    std::uint64_t tags;  // byte i: the tag of entry i, 0 none; the highest byte: goesOnBit
+    ZoHashEntry* entries[capacity];
 };
 
 #endif  // KELVARA_SRC_BUCKET_LINE_H_

@@ -150,10 +150,18 @@ ZoUInt32 AppendEight(ZoUInt32 hash, char const* text) {
 ZoUInt32 HashText(char const* text) {
     std::size_t const length = std::strlen(text);
     ZoUInt32 hash = 0;
-    std::size_t const first = length % 8;
-    for (std::size_t i = 0; i < first; ++i) {
-        hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(text[i]));
+    if (length < 8) {
+        for (; *text != '\0'; ++text) {
+            hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(*text));
+        }
+        return hash;
     }
+    // NULs in front of a text do not change its hash: with as many as make the first part a whole
+    // eight there is one loop, whose turns can be predicted for most texts.
+    std::size_t const first = length % 8;
+    char padded[16] = {};
+    std::memcpy(padded + 8, text, 8);
+    if (first != 0) hash = AppendEight(0, padded + first);
     for (std::size_t i = first; i < length; i += 8) hash = AppendEight(hash, text + i);
     return hash;
 }
@@ -209,15 +217,10 @@ bool HasLines(ZoHashTable const& table) {
     return IsGrown(table) && (HasWords(table) || HasTexts(table));
 }
 
-// The lines lie behind the heads, in the same block of memory, from the next cache line on.
-BucketLine* LinesBehind(ZoHashEntry** heads, std::size_t count) {
-    std::uintptr_t const end = reinterpret_cast<std::uintptr_t>(heads + count);
-    constexpr std::uintptr_t last = alignof(BucketLine) - 1;
-    return reinterpret_cast<BucketLine*>((end + last) & ~last);
-}
-
+// The lines lie in front of the heads, in the same block of memory, the last bucket's first.
 BucketLine& LineOf(ZoHashTable const& table, unsigned long hash) {
-    return LinesBehind(table.buckets, table.nBuckets)[hash & table.mask];
+    std::ptrdiff_t const index = static_cast<std::ptrdiff_t>(hash & table.mask);
+    return reinterpret_cast<BucketLine*>(table.buckets)[-1 - index];
 }
 
 // A hash is all there is to know of a text's; a word's has lost bits.
@@ -226,20 +229,26 @@ BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsign
                                                                     : static_cast<ZoUInt32>(hash));
 }
 
+constexpr std::align_val_t lineAlignment{alignof(BucketLine)};
+
 // Empty; null when memory ran out.
 ZoHashEntry** NewBuckets(std::size_t count, bool withLines) {
-    std::size_t const each = sizeof(ZoHashEntry*) + (withLines ? sizeof(BucketLine) : 0);
-    if (count > (SIZE_MAX - alignof(BucketLine)) / each) return nullptr;
-    void* const block = ::operator new(count* each + alignof(BucketLine), std::nothrow);
+    std::size_t const linesSize = withLines ? sizeof(BucketLine) : 0;
+    std::size_t const each = linesSize + sizeof(ZoHashEntry*);
+    if (count > SIZE_MAX / each) return nullptr;
+    void* const block = ::operator new(count* each, lineAlignment, std::nothrow);
     if (block == nullptr) return nullptr;
-    ZoHashEntry** const heads = static_cast<ZoHashEntry**>(block);
-    std::uninitialized_value_construct_n(heads, count);
-    if (withLines) std::uninitialized_value_construct_n(LinesBehind(heads, count), count);
-    return heads;
+    std::memset(block, 0, count * each);
+    return reinterpret_cast<ZoHashEntry**>(static_cast<char*>(block) + count * linesSize);
+}
+
+void FreeBuckets(ZoHashEntry** heads, std::size_t count, bool withLines) {
+    BucketLine* const end = reinterpret_cast<BucketLine*>(heads);
+    ::operator delete(withLines ? end - count : end, lineAlignment);
 }
 
 void FreeGrownBuckets(ZoHashTable& table) {
-    if (IsGrown(table)) ::operator delete(table.buckets);
+    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets, HasLines(table));
 }
 
 // --- searching and changing chains -------------------------------------------------------------
@@ -248,15 +257,16 @@ struct Found {
     ZoHashEntry* entry;
     ZoHashEntry* prev;  // of a found entry
     unsigned long hash;
+    int place;  // in the bucket's line, if it has one
 };
 
 template <class Key>
 Found SearchLine(ZoHashTable const& table, Key key) {
-    auto const [entry, prev] =
+    auto const [entry, prev, place] =
         LineOf(table, key.hash).Search(key.Tag(), BucketOf(table, key.hash), [&](auto* candidate) {
             return key.IsOf(candidate);
         });
-    return {entry, prev, key.hash};
+    return {entry, prev, key.hash, place};
 }
 
 // As the search function in key mode.
@@ -266,6 +276,7 @@ Found SearchLine(ZoHashTable const& table, Key key) {
         if (HasTexts(table) && key != nullptr) return SearchLine(table, TextKey(table, key));
     }
     Found found;
+    found.place = BucketLine::capacity;
     found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
     return found;
 }
@@ -300,26 +311,27 @@ unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
     return hash;
 }
 
-// `link` is what points to the entry: its predecessor's `next`, or the head of its bucket.
-void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash) {
+// `link` is what points to the entry: its predecessor's `next`, or the head of its bucket. `place`
+// is the entry's in the bucket's line.
+void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash,
+            int place) {
     link = entry->next;
-    if (HasLines(table)) LineOf(table, hash).Remove(entry);
+    if (HasLines(table)) LineOf(table, hash).Remove(place);
 }
 
-void UnlinkAndDestroy(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry,
-                      unsigned long hash) {
-    Unlink(table, link, entry, hash);
-    entry->next = nullptr;
+void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
+    unlinked->next = nullptr;
     --table.num;
-    table.DestroyHashEntry(entry);
+    table.DestroyHashEntry(unlinked);
 }
 
-void RemoveFound(ZoHashTable& table, Found const& found) {
-    auto const& [entry, prev, hash] = found;
+[[gnu::always_inline]] inline void RemoveFound(ZoHashTable& table, Found const& found) {
+    auto const& [entry, prev, hash, place] = found;
     if (prev != nullptr && prev->GetNext() != entry) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    UnlinkAndDestroy(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry, hash);
+    Unlink(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry, hash, place);
+    Destroy(table, entry);
 }
 
 void ShrinkWhenEmpty(ZoHashTable& table) {
@@ -330,7 +342,7 @@ void ShrinkWhenEmpty(ZoHashTable& table) {
 
 // Whoever goes through all buckets calls this for each: entries lie anywhere in memory.
 void PrefetchFurtherEntries(ZoHashTable const& table, ZoUInt32 index) {
-    constexpr ZoUInt32 distance = 4;
+    constexpr ZoUInt32 distance = 8;
     if (HasLines(table) && index + distance < table.nBuckets) {
         LineOf(table, index + distance).PrefetchEntries();
     }
@@ -585,7 +597,7 @@ ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
 }
 
 void* ZoHashTable::GetValueFast(char const* key) const {
-    ZoHashEntry* const entry = LookUp(key);
+    ZoHashEntry* const entry = Search(*this, key).entry;
     return entry != nullptr ? GetValue(*entry) : nullptr;
 }
 
@@ -635,7 +647,7 @@ int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
     for (ZoUInt32 i = 0; i <= mask; ++i) {
         PrefetchFurtherEntries(*this, i);
         while (ZoHashEntry* const entry = buckets[i]) {
-            Unlink(*this, buckets[i], entry, i);
+            Unlink(*this, buckets[i], entry, i, 0);
             // From the destructor the base's hook is meant.
             DestroyHashEntry(entry);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         }
@@ -692,7 +704,7 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
         MoveEntries(*this, oldBuckets, oldCount,
                     [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) ::operator delete(oldBuckets);
+    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount, HasLines(*this));
     return ZoSuccess;
 }
 
@@ -757,7 +769,9 @@ int ZoHashTable::Delete(ZoHashPosition& pos) {
         while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
     }
     if (*link != pos.entry) return ZoBadPosition;
-    UnlinkAndDestroy(*this, *link, pos.entry, hash);
+    int const place = HasLines(*this) ? LineOf(*this, hash).PlaceOf(pos.entry) : 0;
+    Unlink(*this, *link, pos.entry, hash, place);
+    Destroy(*this, pos.entry);
     pos.table = nullptr;
     return ZoSuccess;
 }
