@@ -41,7 +41,8 @@ public:
 
     // The first entry of the chain that `isSought` accepts; all those of one key have one tag.
     template <class IsSought>
-    Found Search(Tag tag, ZoHashEntry* const& head, IsSought isSought) const {
+    [[gnu::always_inline]] Found Search(Tag tag, ZoHashEntry* const& head,
+                                        IsSought isSought) const {
         for (std::uint64_t places = PlacesOf(tag); places != 0; places &= places - 1) {
             int const place = std::countr_zero(places) / 8;
             if (isSought(entries[place])) {
@@ -99,7 +100,7 @@ private:
     }
 
     template <class IsSought>
-    Found SearchRest(ZoHashEntry* head, IsSought isSought) const {
+    [[gnu::noinline]] Found SearchRest(ZoHashEntry* head, IsSought isSought) const {
         int const used = static_cast<int>(std::bit_width(tags & allTags)) / 8;
         ZoHashEntry* prev = used != 0 ? entries[used - 1] : nullptr;
         ZoHashEntry* entry = prev != nullptr ? prev->next : head;

@@ -1,9 +1,9 @@
 #include "zohash.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "bucket_line.h"
@@ -135,16 +135,24 @@ ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
     return static_cast<ZoUInt32>(product >> (table->shift & 31U));
 }
 
-// What becomes of h = 9h + c in eight steps, most of which need not wait for one another.
-ZoUInt32 AppendEight(ZoUInt32 hash, char const* text) {
-    auto const two = [text](int i) {
-        return 9 * static_cast<ZoUInt32>(static_cast<signed char>(text[i])) +
-               static_cast<ZoUInt32>(static_cast<signed char>(text[i + 1]));
-    };
+// What becomes of h = 9h + c in eight steps. The characters, in their order from the lowest byte
+// up, are put together two by two, then the pairs, then the fours.
+ZoUInt32 AppendEight(ZoUInt32 hash, std::uint64_t characters) {
+    constexpr std::uint64_t bytes = 0x00FF00FF00FF00FFU, pairs = 0x0000FFFF0000FFFFU;
     constexpr ZoUInt32 toThe2nd = 9 * 9, toThe4th = toThe2nd * toThe2nd;
-    ZoUInt32 const upper = two(0) * toThe2nd + two(2);
-    ZoUInt32 const lower = two(4) * toThe2nd + two(6);
-    return hash * (toThe4th * toThe4th) + (upper * toThe4th + lower);
+    constexpr ZoUInt32 toThe8th = toThe4th * toThe4th;
+    // Made unsigned by adding 128 to each, which the sum is rid of at the end.
+    std::uint64_t const each = characters ^ 0x8080808080808080U;
+    std::uint64_t const two = (each & bytes) * 9 + (each >> 8 & bytes);
+    std::uint64_t const four = (two & pairs) * toThe2nd + (two >> 16 & pairs);
+    ZoUInt32 const eight =
+        static_cast<ZoUInt32>(four) * toThe4th + static_cast<ZoUInt32>(four >> 32);
+    return hash * toThe8th + eight - 128 / 8 * (toThe8th - 1);
+}
+
+std::uint64_t ReadEight(char const* text) {
+    std::uint64_t const characters = ReadWord<std::uint64_t>(text);
+    return std::endian::native == std::endian::little ? characters : __builtin_bswap64(characters);
 }
 
 ZoUInt32 HashText(char const* text) {
@@ -159,10 +167,8 @@ ZoUInt32 HashText(char const* text) {
     // NULs in front of a text do not change its hash: with as many as make the first part a whole
     // eight there is one loop, whose turns can be predicted for most texts.
     std::size_t const first = length % 8;
-    char padded[16] = {};
-    std::memcpy(padded + 8, text, 8);
-    if (first != 0) hash = AppendEight(0, padded + first);
-    for (std::size_t i = first; i < length; i += 8) hash = AppendEight(hash, text + i);
+    if (first != 0) hash = AppendEight(0, ReadEight(text) << 8 * (8 - first));
+    for (std::size_t i = first; i < length; i += 8) hash = AppendEight(hash, ReadEight(text + i));
     return hash;
 }
 
@@ -176,7 +182,9 @@ ZoHashEntry*& BucketOf(ZoHashTable const& table, unsigned long hash) {
 
 // --- lines -------------------------------------------------------------------------------------
 
-// Two kinds of keys, the usual ones, have lines beside the heads of a grown table's buckets.
+// Two kinds of keys, the usual ones, have lines beside the heads of their buckets, once there are
+// enough buckets: in a smaller table, which lies in the nearest cache, a chain is gone through as
+// quickly. Sooner with texts, where each entry passed is a text compared.
 
 struct WordKey {
     WordKey(ZoHashTable const& table, char const* key)
@@ -187,6 +195,8 @@ struct WordKey {
     bool IsOf(ZoHashEntry const* entry) const { return StoredWord(entry) == word; }
     BucketLine::Tag Tag() const { return BucketLine::TagOf(word); }
 
+    static constexpr ZoUInt32 fewestBucketsWithLines = 256;
+
     std::uintptr_t const word;
     ZoUInt32 const hash;
 };
@@ -196,6 +206,8 @@ struct TextKey {
     static char const* Of(ZoHashEntry const* entry) { return KeyBytes(entry); }
     bool IsOf(ZoHashEntry const* entry) const { return std::strcmp(text, KeyBytes(entry)) == 0; }
     BucketLine::Tag Tag() const { return BucketLine::TagOf(hash); }
+
+    static constexpr ZoUInt32 fewestBucketsWithLines = 16;
 
     char const* const text;
     ZoUInt32 const hash;
@@ -213,8 +225,13 @@ bool IsGrown(ZoHashTable const& table) {
     return table.buckets != table.initialBuckets;
 }
 
+bool HasLines(ZoHashTable const& table, ZoUInt32 nBuckets) {
+    return (nBuckets >= WordKey::fewestBucketsWithLines && HasWords(table)) ||
+           (nBuckets >= TextKey::fewestBucketsWithLines && HasTexts(table));
+}
+
 bool HasLines(ZoHashTable const& table) {
-    return IsGrown(table) && (HasWords(table) || HasTexts(table));
+    return HasLines(table, table.nBuckets);
 }
 
 // The lines lie in front of the heads, in the same block of memory, the last bucket's first.
@@ -229,29 +246,45 @@ BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsign
                                                                     : static_cast<ZoUInt32>(hash));
 }
 
-constexpr std::align_val_t lineAlignment{alignof(BucketLine)};
-
-// Empty; null when memory ran out.
-ZoHashEntry** NewBuckets(std::size_t count, bool withLines) {
-    std::size_t const linesSize = withLines ? sizeof(BucketLine) : 0;
+// Heads of empty buckets, with the lines that the table has with so many; null when memory ran out.
+// Behind the heads stands where the block begins.
+ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
+    std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
     std::size_t const each = linesSize + sizeof(ZoHashEntry*);
-    if (count > SIZE_MAX / each) return nullptr;
-    void* const block = ::operator new(count* each, lineAlignment, std::nothrow);
+    constexpr std::size_t more = alignof(BucketLine) + sizeof(void*);
+    if (count > (SIZE_MAX - more) / each) return nullptr;
+    std::size_t const size = count * each + more;
+    void* const block = ::operator new(size, std::nothrow);
     if (block == nullptr) return nullptr;
-    std::memset(block, 0, count * each);
-    return reinterpret_cast<ZoHashEntry**>(static_cast<char*>(block) + count * linesSize);
+    std::memset(block, 0, size);
+    constexpr std::uintptr_t last = alignof(BucketLine) - 1;
+    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
+    ZoHashEntry** const heads = reinterpret_cast<ZoHashEntry**>(start + count * linesSize);
+    heads[count] = static_cast<ZoHashEntry*>(block);
+    return heads;
 }
 
-void FreeBuckets(ZoHashEntry** heads, std::size_t count, bool withLines) {
-    BucketLine* const end = reinterpret_cast<BucketLine*>(heads);
-    ::operator delete(withLines ? end - count : end, lineAlignment);
+void FreeBuckets(ZoHashEntry** heads, std::size_t count) {
+    ::operator delete(heads[count]);
 }
 
 void FreeGrownBuckets(ZoHashTable& table) {
-    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets, HasLines(table));
+    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets);
 }
 
 // --- searching and changing chains -------------------------------------------------------------
+
+// `prev` becomes the last entry before the returned one.
+template <class Matches>
+ZoHashEntry* WalkChain(ZoHashEntry* entry, ZoHashEntry*& prev, Matches matches) {
+    ZoHashEntry* before = nullptr;
+    while (entry != nullptr && !matches(entry)) {
+        before = entry;
+        entry = entry->next;
+    }
+    prev = before;
+    return entry;
+}
 
 struct Found {
     ZoHashEntry* entry;
@@ -261,24 +294,29 @@ struct Found {
 };
 
 template <class Key>
-Found SearchLine(ZoHashTable const& table, Key key) {
-    auto const [entry, prev, place] =
-        LineOf(table, key.hash).Search(key.Tag(), BucketOf(table, key.hash), [&](auto* candidate) {
-            return key.IsOf(candidate);
-        });
-    return {entry, prev, key.hash, place};
+[[gnu::always_inline]] inline Found SearchFor(ZoHashTable const& table, Key key) {
+    ZoHashEntry* const& head = BucketOf(table, key.hash);
+    auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
+    if (table.nBuckets >= Key::fewestBucketsWithLines) {
+        auto const [entry, prev, place] = LineOf(table, key.hash).Search(key.Tag(), head, isSought);
+        return {entry, prev, key.hash, place};
+    }
+    Found found{nullptr, nullptr, key.hash, BucketLine::capacity};
+    found.entry = WalkChain(head, found.prev, isSought);
+    return found;
+}
+
+// Not inlined where words are searched, whose way is so short that saved registers would count.
+[[gnu::noinline]] Found SearchNoWord(ZoHashTable const& table, char const* key) {
+    if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key));
+    Found found{nullptr, nullptr, 0, BucketLine::capacity};
+    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
+    return found;
 }
 
 // As the search function in key mode.
 [[gnu::always_inline]] inline Found Search(ZoHashTable const& table, char const* key) {
-    if (IsGrown(table)) {
-        if (HasWords(table)) return SearchLine(table, WordKey(table, key));
-        if (HasTexts(table) && key != nullptr) return SearchLine(table, TextKey(table, key));
-    }
-    Found found;
-    found.place = BucketLine::capacity;
-    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
-    return found;
+    return HasWords(table) ? SearchFor(table, WordKey(table, key)) : SearchNoWord(table, key);
 }
 
 void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
@@ -325,12 +363,14 @@ void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
     table.DestroyHashEntry(unlinked);
 }
 
-[[gnu::always_inline]] inline void RemoveFound(ZoHashTable& table, Found const& found) {
+void RemoveFound(ZoHashTable& table, Found const& found) {
     auto const& [entry, prev, hash, place] = found;
-    if (prev != nullptr && prev->GetNext() != entry) {
+    // Chosen without a branch, which nothing could predict.
+    ZoHashEntry*& link = *(prev != nullptr ? &prev->next : &BucketOf(table, hash));
+    if (link != entry && prev != nullptr) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    Unlink(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry, hash, place);
+    Unlink(table, link, entry, hash, place);
     Destroy(table, entry);
 }
 
@@ -365,14 +405,7 @@ void MoveEntries(ZoHashTable const& table, ZoHashEntry** from, std::size_t count
 template <class Matches>
 ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
                        Matches matches) {
-    ZoHashEntry* before = nullptr;
-    ZoHashEntry* entry = BucketOf(*table, hash);
-    while (entry != nullptr && !matches(entry)) {
-        before = entry;
-        entry = entry->next;
-    }
-    prev = before;
-    return entry;
+    return WalkChain(BucketOf(*table, hash), prev, matches);
 }
 
 void ReportMissingKey() {
@@ -685,8 +718,7 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     ZoUInt32 const bits = static_cast<ZoUInt32>(2 * steps);
     ZoUInt32 const oldCount = nBuckets;
     ZoHashEntry** const oldBuckets = buckets;
-    ZoHashEntry** const newBuckets =
-        NewBuckets(std::size_t{oldCount} << bits, HasWords(*this) || HasTexts(*this));
+    ZoHashEntry** const newBuckets = NewBuckets(*this, oldCount << bits);
     if (newBuckets == nullptr) return ZoOutOfMemory;
 
     // The search function computes with the new shape from here on.
@@ -704,7 +736,7 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
         MoveEntries(*this, oldBuckets, oldCount,
                     [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount, HasLines(*this));
+    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount);
     return ZoSuccess;
 }
 

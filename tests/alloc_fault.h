@@ -43,14 +43,12 @@ public:
 
     bool Happened() const { return allocationsLeft < 0; }
 
-    static void* Allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_t)) {
+    static void* Allocate(std::size_t size) {
         if (allocationsLeft > 0 && --allocationsLeft == 0) {
             allocationsLeft = -1;
             return nullptr;
         }
-        // A whole number of alignments, and never none.
-        std::size_t const rounded = (size + alignment) / alignment * alignment;
-        void* const block = rounded > size ? std::aligned_alloc(alignment, rounded) : nullptr;
+        void* const block = std::malloc(size != 0 ? size : 1);
         if (block != nullptr) ++live;
         return block;
     }
@@ -86,10 +84,6 @@ long FailEachAllocation(Attempt attempt) {
 [[gnu::noinline]] void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
     return AllocFault::Allocate(size);
 }
-[[gnu::noinline]] void* operator new(std::size_t size, std::align_val_t alignment,
-                                     std::nothrow_t const&) noexcept {
-    return AllocFault::Allocate(size, static_cast<std::size_t>(alignment));
-}
 [[gnu::noinline]] void* operator new(std::size_t size) {
     void* const block = AllocFault::Allocate(size);
     if (block == nullptr) throw std::bad_alloc();
@@ -108,9 +102,6 @@ long FailEachAllocation(Attempt attempt) {
     AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete[](void* block, std::size_t) noexcept {
-    AllocFault::Free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, std::align_val_t) noexcept {
     AllocFault::Free(block);
 }
 [[gnu::noinline]] void operator delete(void* block, std::nothrow_t const&) noexcept {
