@@ -290,13 +290,7 @@ public:
 // tries again; without a dispatcher or a console that step is left out. Exactly one thread
 // configures. A call that meets it at work, from another thread or from within (a configuration or
 // a console that traces), does not wait: it returns the switches as they are at that moment.
-// Asked before every trace, so it is called without the jump that other calls into a shared object
-// go through.
-#if __has_cpp_attribute(gnu::noplt)
-[[gnu::noplt]]
-#endif
-ZO_API smp_debug*
-GetDebugger();
+ZO_API smp_debug* GetDebugger();
 // Installs `debugger` and returns the previous one, which the caller owns from then on. With null,
 // as GetDebugger.
 ZO_API smp_debug* Debugger(smp_debug* debugger);

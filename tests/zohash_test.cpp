@@ -145,7 +145,7 @@ TEST(HashTable, GrowsByFourAndShrinksWhenTheLastEntryGoes) {
     EXPECT_EQ(foreign.Remove(record.key), &record);
     EXPECT_EQ(foreign.nBuckets, 4U);
 
-    ZoHashTable sized(ZoHashTable::WordKeys, nullptr);
+    ZoHashTable sized(ZoHashTable::WordKeys, PointerFind);
     EXPECT_EQ(sized.SetExpectedSize(16), 0);
     EXPECT_EQ(sized.nBuckets, 4U);
     {
@@ -282,10 +282,9 @@ TEST(HashTable, LongChainsOfLargeTables) {
                 ASSERT_EQ(table.Create(pos, &table), 0);
                 chain.emplace_front(key, pos.entry);
             } else {
-                if (step % 2 == 0) ASSERT_EQ(table.DeleteValue(key, nullptr), 0);
-                if (step % 2 != 0) ASSERT_EQ(table.Delete(pos), 0);
+                ASSERT_EQ(step % 2 == 0 ? table.DeleteValue(key, nullptr) : table.Delete(pos), 0);
                 chain.erase(present);
-                if (chain.empty()) ASSERT_EQ(table.SetExpectedSize(1024), 0);
+                ASSERT_EQ(table.SetExpectedSize(1024), 0);  // for when that was the last entry
             }
             ZoHashEntry const* entry = table.buckets[5];
             for (auto const& [ignored, expected] : chain) {
