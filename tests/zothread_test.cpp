@@ -430,13 +430,13 @@ TEST_F(Threads, ALateFailureLeavesTheMarkOfASecondAbort) {
     EXPECT_EQ(owner.Start(&script), 0);  // gives it the argument
     Await([&] { return inside == 1; });
     owner.Abort();
-    AliveMark::AwaitReleased();
+    marks.AwaitReleased();
     PosixThread thread(&owner);
     ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(1, 0x900,
                                                                 new StartsAndAborts(thread));
     EXPECT_EQ(thread.Abort(), ESRCH);
     EXPECT_EQ(owner.GetStatus(), 5);
-    AliveMark::AwaitReleased();
+    marks.AwaitReleased();
 }
 
 // The object goes while its thread is in Work. A thread that does not notice its cancellation
