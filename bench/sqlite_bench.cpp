@@ -21,12 +21,13 @@ std::vector<CharacterRecord> const& Records() {
     return records;
 }
 
-// SQLite on its own mutexes for as long as this lives.
+// SQLite on its own mutexes for as long as this lives; all else as in Engine.
 class OwnEngine {
 public:
     OwnEngine() {
         static sqlite3_mutex_methods const own = OwnMutexMethods();
-        if (sqlite3_config(SQLITE_CONFIG_MUTEX, &own) != SQLITE_OK ||
+        if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK ||
+            sqlite3_config(SQLITE_CONFIG_MUTEX, &own) != SQLITE_OK ||
             sqlite3_initialize() != SQLITE_OK) {
             throw std::runtime_error("SQLite does not start on its own mutexes");
         }

@@ -24,7 +24,10 @@ int WaitForDatabase(void*, int polls) {
 
 Engine::Engine() {
     MutexNaming const naming("the start of SQLite");
-    if (sqlite3_config(SQLITE_CONFIG_MUTEX, SectionMutexMethods()) != SQLITE_OK ||
+    // Nobody asks for SQLite's statistics of memory, and keeping them would make all connections
+    // meet at one lock for every block of memory.
+    if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK ||
+        sqlite3_config(SQLITE_CONFIG_MUTEX, SectionMutexMethods()) != SQLITE_OK ||
         sqlite3_initialize() != SQLITE_OK) {
         sqlite3_shutdown();
         throw EngineError("SQLite does not start on the library's sections");

@@ -16,8 +16,11 @@
 //     written         the writer's        0                 waits          waits
 //
 // Writers are preferred: while one waits for the readers to leave, nobody begins to read. A thread
-// that holds the mutex already never waits for another read, even then, and such a read takes no
-// lock.
+// that holds the mutex already never waits for another read, even then.
+//
+// No read takes a lock while no writer is about: a first read and the end of a last one are one
+// atomic update of a word that the readers share, a nested one changes the thread's own record
+// only. A write takes the exclusive section and one update of that word.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
 // at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two
@@ -48,6 +51,7 @@
 
 class ChainLock;
 class Condition;
+class ReaderGate;
 class ZoCritSect;
 
 // The interface, with harmless defaults: it accepts every call and locks nothing.
@@ -93,21 +97,31 @@ public:
 
 private:
     friend class ZoRW_Mutex;
+    friend class ZoThreadMgr;
 
     ZO_INTERNAL ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
 
     ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
+    ZO_INTERNAL ReaderGate Gate() const;
+    ZO_INTERNAL bool TryStartRead();
+    ZO_INTERNAL bool TryEndRead();
+    ZO_INTERNAL int Start(int mode);
+    ZO_INTERNAL int End(int mode);
     ZO_INTERNAL void StartRead(ZoUInt32& holdings);
-    ZO_INTERNAL void StartWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void StartWrite(ZoUInt32& holdings, void* identity);
     ZO_INTERNAL void EndRead(ZoUInt32& holdings);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
-    ZO_INTERNAL void AdmitReader();
-    ZO_INTERNAL void AdmitWriter(bool alreadyReads);
+    ZO_INTERNAL void QueueToRead();
+    ZO_INTERNAL void AdmitReaderToWrite(ZoUInt32& holdings);
+    ZO_INTERNAL void AdmitWriter(bool gaveUpRead);
+    ZO_INTERNAL void CloseGate(bool gaveUpRead);
+    ZO_INTERNAL void LeaveReaders();
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
 
-    // Its value is the number of threads that are counted as readers; owned, never chained.
+    // Its value holds the number of threads that are counted as readers, and above that two marks
+    // that keep readers out while a writer is about; owned, never chained.
     Condition* readers;
     // The writer's, from its admission to the end of its last write; owned, never chained.
     ZoCritSect* exclusive;
@@ -115,7 +129,7 @@ private:
     // holds the exclusive section only; atomic because GetInfo reads them from any thread.
     std::atomic<ZoInt32> WriterLevel;
     std::atomic<void*> owner;
-    // How many threads are trying to get in. For GetInfo only.
+    // How many threads wait to get in. For GetInfo only.
     std::atomic<ZoInt32> waitingReaders;
     std::atomic<ZoInt32> waitingWriters;
 };

@@ -44,7 +44,8 @@ private:
     friend class _Thread;
     friend class RunningThread;
 
-    ZO_INTERNAL int Cancel();
+    ZO_INTERNAL int Cancel(bool& started);
+    ZO_INTERNAL void MarkAbortFailed(bool started);
     ZO_INTERNAL int FailToCreate(int error);
     ZO_INTERNAL void LeaveIdle();
     ZO_INTERNAL bool IsCallingThread();

@@ -22,10 +22,12 @@
 // as an interrupt is in a job that a shell started in the background.
 //
 // Where handlers run: on a thread of their own, which the first add starts and which lives as long
-// as the process. It blocks all signals, and so do the threads and programs that a handler starts.
-// Where there is no such thread, in a forked child or because it could not be started, they run
-// inside the signal handler, on the thread that got the signal, whatever that was about to do;
-// there a handler must do only what is safe in a signal handler.
+// as the process. It blocks all signals, and so do the threads that a handler starts, and the
+// programs that it starts other than through fork(): a child that it forks takes the two signals,
+// and blocks of the others what the thread of the first add did. Where there is no such thread, in
+// a forked child or because it could not be started, they run inside the signal handler, on the
+// thread that got the signal, whatever that was about to do; there a handler must do only what is
+// safe in a signal handler.
 //
 // What a handler may do: add and remove handlers, itself included. The handlers behind it see the
 // change in the same round; one that the last handler adds is asked from the next signal on. It may

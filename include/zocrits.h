@@ -89,11 +89,18 @@ public:
     void Exit() override;
 
 private:
+    friend class ZoDLDCritSect;
+
     ZO_INTERNAL PosixCritSect(char const* name, ChainLock const& held);
+
+    ZO_INTERNAL bool IsMine() const;
+    ZO_INTERNAL bool TakeIfFree();
+    ZO_INTERNAL void Own();
+    ZO_INTERNAL [[gnu::cold]] void WaitAndTake();
 
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;
-    std::atomic<pthread_t> owner;  // NoThread when free; see Begin for why it needs no lock
+    std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
 };
 
 // A section that finds a deadlock before it blocks.
@@ -138,7 +145,8 @@ private:
 
     ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 
-    ZO_INTERNAL bool AnnounceWait(ZoTLS* me);
+    ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
+    ZO_INTERNAL bool TakeWrappedIfFree();
     ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
     ZO_INTERNAL void ReportFalseAlarm();
     ZO_INTERNAL void EnterWrapped();

@@ -126,7 +126,7 @@ private:
     ZO_INTERNAL void BeginWrite(int mode);
     ZO_INTERNAL void EndWrite(int mode);
 
-    ZoRW_Mutex* rwMutex;    // owned; made at every level
+    ZoRW_Mutex* rwMutex;    // owned; made at every level, by ZoRW_Mutex::Make
     ZoCritSect** sections;  // owned, as are the sections; a slot without a section holds null
     ZoBase* base;           // not owned
     ZoUInt32 concurrencyLevel;

@@ -28,6 +28,9 @@
 // Units are started in the order of appending; they may finish in any. A queue is open until
 // Terminate, or its destruction, and there is no way back.
 //
+// A worker that finds nothing to do looks again a few times, yielding the processor in between, and
+// then sleeps. A queue keeps room for some hundreds of units once it has had one.
+//
 // Shrinking. A worker that ends on DecreaseThreadCount is counted until it is done with the queue.
 // Units that are waiting when the last worker ends, or are appended while that worker is still
 // counted, wait until a worker is added or the queue is terminated; units appended later, without
@@ -118,9 +121,9 @@ public:
     // Ends the work: calls Aborted on what is waiting, in the order of appending, on this thread.
     // Workers end after the unit they are handling; nobody waits for that. Returns 0.
     virtual int Terminate() = 0;
-    // Adds a worker, counted when this returns. One that cannot be started is not reported. Returns
-    // the value of the queue's condition, which tells nothing. On a terminated queue the worker
-    // ends at once.
+    // Adds a worker, counted when this returns. One that cannot be started is deleted, since nobody
+    // else knows it, and not reported. Returns the value of the queue's condition, which tells
+    // nothing. On a terminated queue the worker ends at once.
     virtual int IncreaseThreadCount() = 0;
     // Lets the first worker end that has come to the end of what is waiting now. Returns as Append.
     // Does nothing on a queue without workers.

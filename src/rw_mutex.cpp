@@ -6,13 +6,10 @@
 
 #include "cancellation.h"
 #include "chain.h"
-#include "condition_value.h"
-#include "rw_record.h"
+#include "rw_fast.h"
 #include "trace.h"
 #include "zobase.h"
-#include "zocond.h"
 #include "zocrits.h"
-#include "zotls.h"
 
 // Who is counted as a reader.
 //
@@ -29,73 +26,73 @@
 //
 // So the levels may end in any order, and no state is needed beside the record.
 //
-// The count rises only in the hands of a thread that holds the exclusive section: a first reader in
-// its moment there, a writer that lowers, a writer whose wait is cancelled and that is a reader
-// again. A writer that holds the section therefore sees the count fall but never rise by another
-// hand, and a count of zero stays zero until the writer itself changes it.
+// The count stands in the value of `readers`, together with the gate (rw_gate.h) through which a
+// first reader enters and a last one leaves without a lock while no writer is about. The count
+// rises only while the gate is open or in the hands of a thread that holds the exclusive section: a
+// first reader in its moment there, a writer that lowers, a writer whose wait is cancelled and that
+// is a reader again. A writer that holds the section and has closed the gate therefore sees the
+// count fall but never rise by another hand.
 //
 // Every wait ends: a thread that waits for the section is not counted, so the writer that holds the
 // section waits for running threads only; a counted thread runs until it ends its reads or asks to
 // write, and both take it off the count.
+//
+// Who is counted as a waiting writer: a writer whose claim of the free gate fails counts itself
+// before it waits for the section. One that claims does not, because it hardly ever waits. Should
+// another thread come into the section between, a reader that enters then counts the claimer and
+// takes the claim off; a writer leaves its own one behind in the name of the claimer, and ends the
+// claim when it opens the gate. So a claimer that does not find a claim when it has the section
+// knows that it has been counted. It may find that of a later claimer, which then takes over its
+// one: they are all alike.
 
 namespace {
 
-// The value as the number of counted readers: a set lets one leave, a clear lets one in, and the
-// wait, a writer's, lasts until none is left.
+// A set lets a reader leave, a clear lets one in, and the wait, a writer's, lasts until none is
+// left. Readers pass the gate beside these, without the lock.
 class ReaderCounter final : public ConditionLogic {
 public:
-    void SafeSet(int* value) override { StoreValue(value, LoadValue(value) - 1); }
-    void SafeClear(int* value) override { StoreValue(value, LoadValue(value) + 1); }
-    int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
+    void SafeSet(int* value) override { ReaderGate(*value).LeaveLocked(); }
+    void SafeClear(int* value) override { ReaderGate(*value).Enter(); }
+    int SafeTest(int* value) override { return ReaderGate(*value).Count() != 0 ? 1 : 0; }
 };
 
 // Stateless, so one serves every mutex. Complete before any code of the program runs.
 constinit ReaderCounter readerLogic;
-
-// The parts of a record.
-constexpr ZoUInt32 OneRead = 1;
-constexpr ZoUInt32 OneWrite = 0x10000;
-
-constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
-    return holdings % OneWrite;
-}
-
-constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
-    return holdings / OneWrite;
-}
 
 void Assert(char const* text, int line) {
     CancellationDeferred deferred;
     ZOVA_assert(text, "src/rw_mutex", line);
 }
 
-// Counts the calling thread as waiting for a scope.
-class WaitingHere {
+// One who waits, or is about to.
+void AddOne(std::atomic<ZoInt32>& count) {
+    count.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Takes one off a count at the end of a scope.
+class OneLessAtEnd {
 public:
-    explicit WaitingHere(std::atomic<ZoInt32>& count) : count(count) {
-        count.fetch_add(1, std::memory_order_relaxed);
-    }
-    WaitingHere(WaitingHere const&) = delete;
-    WaitingHere& operator=(WaitingHere const&) = delete;
-    ~WaitingHere() { count.fetch_sub(1, std::memory_order_relaxed); }
+    explicit OneLessAtEnd(std::atomic<ZoInt32>& count) : count(count) {}
+    OneLessAtEnd(OneLessAtEnd const&) = delete;
+    OneLessAtEnd& operator=(OneLessAtEnd const&) = delete;
+    ~OneLessAtEnd() { count.fetch_sub(1, std::memory_order_relaxed); }
 
 private:
     std::atomic<ZoInt32>& count;
 };
 
-// A writer's hold of the exclusive section until it is admitted. A thread that is cancelled before
-// leaves the section and, if it gave its read up to get here, is a counted reader again.
+// A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
+// that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
+// here, is a counted reader again.
 class PendingWrite {
 public:
     PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
-        : exclusive(exclusive), readers(readers), gaveUpRead(gaveUpRead) {
-        exclusive.Begin();
-    }
+        : exclusive(exclusive), readers(readers), gaveUpRead(gaveUpRead) {}
     PendingWrite(PendingWrite const&) = delete;
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
-        if (gaveUpRead) readers.ClearCondition();
+        ReaderGate(readers.value).Cancel(gaveUpRead ? 1 : 0);
         exclusive.Exit();
     }
 
@@ -126,6 +123,16 @@ private:
     ZoUInt32& holdings;
     ZoUInt32 const kept;
 };
+
+[[gnu::cold]] int WithoutRecord(int line) {
+    Assert("holdings != 0", line);
+    return ZoOutOfMemory;
+}
+
+[[gnu::cold]] int NothingHeld() {
+    Assert("depth != 0", 291);
+    return ZoRefused;
+}
 
 // --- the reports -------------------------------------------------------------------------------
 
@@ -231,64 +238,68 @@ ZoGenRW_Mutex::~ZoGenRW_Mutex() {
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
-    ZoUInt32* const holdings = ZoTLSReaderWriterRecord(this);
-    if (holdings == nullptr) {
-        Assert("holdings != 0", 236);
-        return ZoOutOfMemory;
-    }
+    if (mode == 0 && TryStartRead()) [[likely]]
+        return ZoSuccess;
+    return Start(mode);
+}
+
+int ZoGenRW_Mutex::EndRW(int mode) {
+    if (mode == 0 && TryEndRead()) [[likely]]
+        return ZoSuccess;
+    return End(mode);
+}
+
+int ZoGenRW_Mutex::Start(int mode) {
+    ZoTLS* const me = CurrentThread();
+    ZoRWRecord* const record = me != nullptr ? FindOrMakeRwRecord(me, this) : nullptr;
+    if (record == nullptr) return WithoutRecord(236);
     if (mode == 0) {
-        StartRead(*holdings);
+        StartRead(record->holdings);
     } else {
-        StartWrite(*holdings);
+        StartWrite(record->holdings, me->threadIdentity);
     }
     return ZoSuccess;
 }
 
-int ZoGenRW_Mutex::EndRW(int mode) {
-    ZoTLS const* const me = ZoTLS::GetThreadLocalStorage();
-    if (me == nullptr) {
-        Assert("holdings != 0", 286);
-        return ZoOutOfMemory;
-    }
-    ZoUInt32* const holdings = FindReaderWriterRecord(me, this);
-    ZoUInt32 const all = holdings != nullptr ? *holdings : 0;
-    if ((mode == 0 ? ReadDepth(all) : WriteDepth(all)) == 0) {
-        Assert("depth != 0", 291);
-        return ZoRefused;
-    }
-    // From here on the mutex may be left to another thread, which may destroy it: its address still
-    // serves as the key of the record, and nothing else of it is used.
+int ZoGenRW_Mutex::End(int mode) {
+    ZoTLS* const me = CurrentThread();
+    if (me == nullptr) return WithoutRecord(286);
+    ZoRWRecord* const record = FindRwRecord(me, this);
+    ZoUInt32 const all = record != nullptr ? record->holdings : 0;
+    if ((mode == 0 ? ReadDepth(all) : WriteDepth(all)) == 0) return NothingHeld();
+    // From here on the mutex may be left to another thread, which may destroy it.
     if (mode == 0) {
-        EndRead(*holdings);
+        EndRead(record->holdings);
     } else {
-        EndWrite(*holdings);
+        EndWrite(record->holdings);
     }
-    if (*holdings == 0) ZoTLSRemoveReaderWriterRecord(this);
+    if (record->holdings == 0) DropRwRecord(me, record);
     return ZoSuccess;
 }
 
 void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
-    if (holdings == 0) AdmitReader();
+    if (holdings == 0 && !Gate().TryEnter()) QueueToRead();
     holdings += OneRead;
 }
 
-void ZoGenRW_Mutex::AdmitReader() {
+void ZoGenRW_Mutex::QueueToRead() {
     {
-        WaitingHere waiting(waitingReaders);
+        AddOne(waitingReaders);
+        OneLessAtEnd waiting(waitingReaders);
         exclusive->Begin();
     }
-    readers->ClearCondition();
+    if (Gate().Enter()) AddOne(waitingWriters);
     exclusive->Exit();
 }
 
-void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings) {
+void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
     ZoUInt32 const depth = WriteDepth(holdings);
     if (depth == 0) {
-        void* const identity = ZoTLS::GetThreadLocalStorage()->threadIdentity;
-        bool const alreadyReads = holdings != 0;
-        if (alreadyReads) ReportPropagation();
-        RecordSetAside reads(holdings);
-        AdmitWriter(alreadyReads);
+        if (holdings != 0) {
+            AdmitReaderToWrite(holdings);
+        } else {
+            AdmitWriter(false);
+        }
         owner.store(identity, std::memory_order_relaxed);
     }
     CheckWriterLevel(depth, 271);
@@ -296,17 +307,40 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings) {
     AddToWriterLevel(1);
 }
 
-void ZoGenRW_Mutex::AdmitWriter(bool alreadyReads) {
+void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
+    ReportPropagation();
+    RecordSetAside reads(holdings);
     // Off the count before the wait for the section: its holder may be waiting for this very read.
-    if (alreadyReads) readers->SetCondition();
-    WaitingHere waiting(waitingWriters);
-    PendingWrite pending(*exclusive, *readers, alreadyReads);
+    LeaveReaders();
+    AdmitWriter(true);
+}
+
+void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
+    ReaderGate const gate = Gate();
+    bool const claimed = gate.TryClaim();
+    if (!claimed) AddOne(waitingWriters);
+    exclusive->Begin();
+    if (claimed && gate.IsClaimed()) return;
+    CloseGate(gaveUpRead);
+}
+
+// The calling thread is counted as a waiting writer.
+void ZoGenRW_Mutex::CloseGate(bool gaveUpRead) {
+    ReaderGate::Found const found = Gate().Close();
+    if (found == ReaderGate::ClaimedByOther) return;  // and its one is the claimer's now
+    OneLessAtEnd waiting(waitingWriters);
+    if (found == ReaderGate::Free) return;
+    PendingWrite pending(*exclusive, *readers, gaveUpRead);
     pending.WaitForReaders();
+}
+
+void ZoGenRW_Mutex::LeaveReaders() {
+    if (!Gate().TryLeave()) readers->SetCondition();
 }
 
 void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
     ZoUInt32 const left = holdings - OneRead;
-    if (left == 0) readers->SetCondition();
+    if (left == 0) LeaveReaders();
     holdings = left;
 }
 
@@ -315,11 +349,9 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     AddToWriterLevel(-1);
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
-        if (left != 0) {
-            ReportLowering();
-            readers->ClearCondition();
-        }
+        if (left != 0) ReportLowering();
         owner.store(nullptr, std::memory_order_relaxed);
+        Gate().Open(left != 0 ? 1 : 0);
         exclusive->Exit();
     }
     holdings -= OneWrite;  // and not `left`, should the report have changed the reads
@@ -338,25 +370,23 @@ void ZoGenRW_Mutex::CheckWriterLevel(ZoUInt32 writeDepth, int line) const {
 }
 
 void ZoGenRW_Mutex::ForceRelease() {
-    ZoTLS const* const me = ZoTLS::GetThreadLocalStorage();
-    ZoUInt32 const* const record = me != nullptr ? FindReaderWriterRecord(me, this) : nullptr;
+    ZoTLS const* const me = CurrentThread();
+    ZoRWRecord const* const record = me != nullptr ? FindRwRecord(me, this) : nullptr;
     // A record of 0 belongs to an admission that is under way and stays: the thread is here from a
     // deadlock report.
-    ZoUInt32 const holdings = record != nullptr ? *record : 0;
+    ZoUInt32 const holdings = record != nullptr ? record->holdings : 0;
     for (ZoUInt32 level = ReadDepth(holdings); level != 0; --level) EndRW(0);
     for (ZoUInt32 level = WriteDepth(holdings); level != 0; --level) EndRW(1);
 }
 
 void ZoGenRW_Mutex::GetInfo(char* buffer, int size) {
     if (buffer == nullptr || size <= 0) return;
-    char readersText[256];
     char exclusiveText[256];
-    readers->GetInfo(readersText, sizeof readersText);
     exclusive->GetInfo(exclusiveText, sizeof exclusiveText);
     std::snprintf(buffer, static_cast<std::size_t>(size),
-                  "Owner:%p; Wx:#%ld; Rx:%s; Cond:%s, wait_rd #%ld, wait_wr #%ld",
+                  "Owner:%p; Wx:#%ld; Rx:cond-val: %d; Cond:%s, wait_rd #%ld, wait_wr #%ld",
                   owner.load(std::memory_order_relaxed),
-                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), readersText,
+                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), Gate().Count(),
                   exclusiveText, static_cast<long>(waitingReaders.load(std::memory_order_relaxed)),
                   static_cast<long>(waitingWriters.load(std::memory_order_relaxed)));
 }

@@ -1,12 +1,79 @@
-// A thread's record of a reader/writer mutex, without making one.
+// The calling thread's record, and its records of reader/writer mutexes, as the library's own hot
+// paths reach them: without a call where that is possible.
 
 #ifndef KELVARA_SRC_RW_RECORD_H_
 #define KELVARA_SRC_RW_RECORD_H_
 
+#include <new>
+
 #include "zotls.h"
 
-// The address of the `holdings` that `thread`, the calling thread, has for `mutex`; null when it
-// has no record for it.
-ZoUInt32* FindReaderWriterRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex);
+// What the key's slot holds for the calling thread. One load, where asking the key is a call into
+// the system library; the initial-exec model fixes its distance from the thread's base. Unlike the
+// slot it is kept while the key's destructor destroys the record, so that what the destruction
+// calls finds this record and makes no second one.
+[[gnu::tls_model("initial-exec")]] extern constinit thread_local ZoTLS* currentRecord;
+
+// The calling thread's record, made if there is none; null when that fails.
+inline ZoTLS* CurrentThread() {
+    ZoTLS* const record = currentRecord;
+    return record != nullptr ? record : ZoTLS::GetThreadLocalStorage();
+}
+
+// The parts of `holdings`.
+constexpr ZoUInt32 OneRead = 1;
+constexpr ZoUInt32 OneWrite = 0x10000;
+
+constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
+    return holdings % OneWrite;
+}
+
+constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
+    return holdings / OneWrite;
+}
+
+// The functions below take the calling thread's record.
+
+// Null when the thread has no record for `mutex`. The one added last is mostly the one sought.
+inline ZoRWRecord* FindRwRecord(ZoTLS const* me, ZoRW_Mutex const* mutex) {
+    auto* record = static_cast<ZoRWRecord*>(me->rwRecords.GetFirst());
+    while (record != nullptr && record->mutex != mutex) [[unlikely]] {
+            record = static_cast<ZoRWRecord*>(record->GetNext());
+        }
+    return record;
+}
+
+// Makes the spare record, which there is, one for `mutex`, which had none.
+inline ZoRWRecord* AddSpareRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex, ZoUInt32 holdings) {
+    ZoRWRecord* const record = me->spareRwRecord;
+    me->spareRwRecord = nullptr;
+    record->mutex = mutex;
+    record->holdings = holdings;
+    me->rwRecords.InsertFirst(record);
+    return record;
+}
+
+// Made with `holdings` 0 if there is none; null when memory ran out.
+inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
+    if (ZoRWRecord* const found = FindRwRecord(me, mutex)) return found;
+    if (me->spareRwRecord == nullptr) me->spareRwRecord = new (std::nothrow) ZoRWRecord;
+    if (me->spareRwRecord == nullptr) return nullptr;
+    return AddSpareRwRecord(me, mutex, 0);
+}
+
+// Takes `record`, one of `me`, out and makes it the spare record, of which there is none.
+inline void MakeSpareRwRecord(ZoTLS* me, ZoRWRecord* record) {
+    record->mutex = nullptr;
+    record->holdings = 0;
+    me->spareRwRecord = record;
+    me->rwRecords.RemoveItem(record);
+}
+
+// Takes `record`, one of `me`, out and keeps it as the spare one, or frees it.
+inline void DropRwRecord(ZoTLS* me, ZoRWRecord* record) {
+    if (me->spareRwRecord == nullptr) return MakeSpareRwRecord(me, record);
+    me->rwRecords.RemoveItem(record);
+    delete record;
+}
 
 #endif  // KELVARA_SRC_RW_RECORD_H_

@@ -186,22 +186,36 @@ int PosixThread::FailToCreate(int error) {
 }
 
 int PosixThread::Abort() {
-    int const error = Cancel();
+    bool started = false;
+    int const error = Cancel(started);
     if (error == 0) return 0;
     Trace(0x100000, "Couldn't terminate thread ", this, " ", error);
-    // Not over the status of a start that came in between.
-    ZoInt32 aborted = ZoThread::Aborted;
-    owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
+    MarkAbortFailed(started);
     lastError = error;
     return error;
 }
 
-int PosixThread::Cancel() {
+// Not over the status of a start that came in between, nor over that of a second abort, which may
+// have ended the thread of that start.
+void PosixThread::MarkAbortFailed(bool started) {
+    ZoInt32 aborted = ZoThread::Aborted;
+    if (life == nullptr) {
+        owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
+        return;
+    }
+    std::lock_guard<std::mutex> const hold(life->mutex);
+    if (started != (life->state != ThreadLife::Idle)) return;
+    owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
+}
+
+// `started`: whether the thread had been started when it was found.
+int PosixThread::Cancel(bool& started) {
     if (life == nullptr) {
         owner->status = ZoThread::Aborted;
         return ESRCH;
     }
     std::lock_guard<std::mutex> const hold(life->mutex);
+    started = life->state != ThreadLife::Idle;
     owner->status = ZoThread::Aborted;
     if (!life->CanBeAborted()) return ESRCH;
     int const error = life->state == ThreadLife::Running ? pthread_cancel(handle) : 0;

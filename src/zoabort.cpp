@@ -155,6 +155,12 @@ private:
 std::atomic<pid_t> processWithAsker{0};
 static_assert(std::atomic<pid_t>::is_always_lock_free, "the signal handler reads it");
 
+// The calling thread asks the handlers, in this process.
+thread_local bool isAsker = false;
+
+// What the thread that started the asker had blocked of the other signals. Guarded by facilityLock.
+sigset_t maskOfSetUp;
+
 // Posted once for each signal, so that none is lost while an earlier one is being asked about.
 sem_t arrivals;
 
@@ -173,6 +179,7 @@ void AnswerSignal() {
 }
 
 void* AskForEver(void*) {
+    isAsker = true;
     for (;;) {
         if (sem_wait(&arrivals) == 0) AnswerSignal();
     }
@@ -187,6 +194,9 @@ void StartAsker() {
     sigset_t previous;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &previous);  // for the thread to begin with
+    maskOfSetUp = previous;
+    sigdelset(&maskOfSetUp, SIGQUIT);  // blocked by the set-up itself
+    sigdelset(&maskOfSetUp, SIGINT);
     pthread_t thread;
     if (pthread_create(&thread, nullptr, AskForEver, nullptr) == 0) {
         pthread_detach(thread);
@@ -221,8 +231,16 @@ void AfterFork() {
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
+// The asker keeps all signals from itself. In a child that a handler forks it is the only thread,
+// and a child that gets no signal could not be ended.
+void AfterForkInChild() {
+    if (isAsker) maskBeforeFork = maskOfSetUp;
+    isAsker = false;
+    AfterFork();
+}
+
 void HeedForks() {
-    pthread_atfork(BeforeFork, AfterFork, AfterFork);
+    pthread_atfork(BeforeFork, AfterFork, AfterForkInChild);
 }
 
 // --- set-up and references -----------------------------------------------------------------------

@@ -4,16 +4,17 @@
 #include <cstdio>
 #include <ctime>
 #include <new>
+#include <typeinfo>
 
 #include "cancellation.h"
 #include "chain.h"
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
+#include "rw_record.h"
 #include "smp_io.h"
 #include "zobase.h"
 #include "zosleep.h"
-#include "zotls.h"
 
 ZoCritSect* csDLD = nullptr;
 
@@ -25,14 +26,22 @@ int DeadLockDetectionEnabled = 0;
 // The owner of a free POSIX section.
 constexpr pthread_t NoThread = 0;
 
-// The calling thread's identity. Every entry asks for it, and pthread_self() is a call into the
-// system library: each thread keeps the answer in a word of its own. The initial-exec model makes
-// that word one load at a fixed distance from the thread's base, for eight bytes of static
-// thread-local storage.
-pthread_t Self() {
-    [[gnu::tls_model("initial-exec")]] static thread_local pthread_t self = NoThread;
-    if (self == NoThread) self = pthread_self();
-    return self;
+// What is no thread's identity, nor that of a free section.
+constexpr pthread_t UnknownThread = ~NoThread;
+
+// The calling thread's identity, kept in a word of its own because every entry asks for it and
+// pthread_self() is a call into the system library; UnknownThread until the thread first owns a
+// section. The initial-exec model makes the word one load at a fixed distance from the thread's
+// base, for eight bytes of static thread-local storage.
+[[gnu::tls_model("initial-exec")]] constinit thread_local pthread_t self = UnknownThread;
+
+// Lets a waiting processor rest for a moment, without giving it away.
+void RelaxProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
 }
 
 // Enters the section that guards the wait-for graph for a scope. Without the library context there
@@ -133,20 +142,45 @@ PosixCritSect::~PosixCritSect() {
 // the mutex, and only that thread writes it. So a thread finds itself there exactly when it owns
 // the section; whatever else a thread reads there, it is not its own identity. Relaxed order is
 // enough: a thread sees its own writes in order, and everything else is ordered by the mutex.
+bool PosixCritSect::IsMine() const {
+    return owner.load(std::memory_order_relaxed) == self;
+}
+
 void PosixCritSect::Begin() {
-    pthread_t const self = Self();
-    if (pthread_equal(owner.load(std::memory_order_relaxed), self)) {
+    if (IsMine()) {
         SetOwningCount(GetOwningCount() + 1);
-        return;
+    } else if (!TakeIfFree()) {
+        WaitAndTake();
     }
-    // A free section is had without counting a waiter, which would cost two more atomic updates.
-    if (pthread_mutex_trylock(&mutex) != 0) {
-        waitCount.fetch_add(1, std::memory_order_relaxed);
-        pthread_mutex_lock(&mutex);
-        waitCount.fetch_sub(1, std::memory_order_relaxed);
-    }
+}
+
+// A free section is had without counting a waiter, which would cost two more atomic updates.
+bool PosixCritSect::TakeIfFree() {
+    if (pthread_mutex_trylock(&mutex) != 0) return false;
+    Own();
+    return true;
+}
+
+void PosixCritSect::Own() {
+    if (self == UnknownThread) self = pthread_self();
     owner.store(self, std::memory_order_relaxed);
-    SetOwningCount(GetOwningCount() + 1);
+    SetOwningCount(1);
+}
+
+// Most sections are held for less time than the system takes to put a thread to sleep and wake it,
+// so the thread tries again a few times, each time after a longer rest: while it rests it leaves
+// the section's memory to the owner.
+void PosixCritSect::WaitAndTake() {
+    constexpr int FirstRest = 4;
+    constexpr int LastRest = 64;
+    for (int rest = FirstRest; rest <= LastRest; rest *= 2) {
+        for (int i = 0; i < rest; ++i) RelaxProcessor();
+        if (TakeIfFree()) return;
+    }
+    waitCount.fetch_add(1, std::memory_order_relaxed);
+    pthread_mutex_lock(&mutex);
+    waitCount.fetch_sub(1, std::memory_order_relaxed);
+    Own();
 }
 
 void PosixCritSect::Exit() {
@@ -158,8 +192,7 @@ void PosixCritSect::Exit() {
 }
 
 void PosixCritSect::ForceRelease() {
-    pthread_t const self = Self();
-    while (pthread_equal(owner.load(std::memory_order_relaxed), self)) Exit();
+    while (IsMine()) Exit();
 }
 
 // --- the wait-for graph ------------------------------------------------------------------------
@@ -257,7 +290,7 @@ int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {
 }
 
 void ZoDLDCritSect::Begin() {
-    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    ZoTLS* const me = CurrentThread();
     if (me == nullptr) {
         // No record, which was reported: nothing can be told apart, so only lock.
         EnterWrapped();
@@ -269,8 +302,8 @@ void ZoDLDCritSect::Begin() {
         SetOwningCount(GetOwningCount() + 1);
         return;
     }
-    waitCount.fetch_add(1, std::memory_order_relaxed);
-    bool const suspect = AnnounceWait(me);
+    bool suspect = false;
+    if (TakeOrAnnounce(me, suspect)) return;
     EnterWrapped();
     if (suspect) ReportFalseAlarm();
     TakeOwnership(me);
@@ -278,14 +311,27 @@ void ZoDLDCritSect::Begin() {
     SetOwningCount(GetOwningCount() + 1);
 }
 
-// Looks for a ring and enters the wait into the graph in one hold of csDLD: of the threads that are
-// about to close a ring, the last one to announce its wait finds the others' in the graph.
-bool ZoDLDCritSect::AnnounceWait(ZoTLS* me) {
+// In one hold of csDLD: takes the section if it is free, which ends the matter; or looks for a ring
+// and enters the wait into the graph. Of the threads that are about to close a ring, the last one
+// to announce its wait finds the others' in the graph.
+bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     GraphLock lock;
-    bool const suspect = WouldDeadLock(me) != 0;
+    if (TakeWrappedIfFree()) {
+        owner.store(me, std::memory_order_relaxed);
+        SetOwningCount(1);
+        return true;
+    }
+    waitCount.fetch_add(1, std::memory_order_relaxed);
+    suspect = WouldDeadLock(me) != 0;
     if (suspect) ReportDeadlock(me);
     me->waitingFor = this;
-    return suspect;
+    return false;
+}
+
+// Only our own kind can be tried; for any other the answer is no, and the thread waits for it.
+bool ZoDLDCritSect::TakeWrappedIfFree() {
+    return typeid(*wrapped) == typeid(PosixCritSect) &&
+           static_cast<PosixCritSect*>(wrapped)->TakeIfFree();
 }
 
 // The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
@@ -315,7 +361,7 @@ void ZoDLDCritSect::Exit() {
 }
 
 void ZoDLDCritSect::ForceRelease() {
-    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    ZoTLS* const me = CurrentThread();
     if (me == nullptr || owner.load(std::memory_order_relaxed) != me) return;
     SetOwningCount(0);
     GraphLock lock;

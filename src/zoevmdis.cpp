@@ -352,15 +352,17 @@ ZoEventFamily* MakeFamily(char const* name, ZoUInt32 id) {
 // cancelled.
 class DispatcherHold {
 public:
-    explicit DispatcherHold(ZoEventMessageDispatcher& dispatcher) : dispatcher(dispatcher) {
-        dispatcher.BeginCritSect();
+    explicit DispatcherHold(ZoCritSect* section) : section(section) {
+        if (section != nullptr) section->Begin();
     }
     DispatcherHold(DispatcherHold const&) = delete;
     DispatcherHold& operator=(DispatcherHold const&) = delete;
-    ~DispatcherHold() { dispatcher.ExitCritSect(); }
+    ~DispatcherHold() {
+        if (section != nullptr) section->Exit();
+    }
 
 private:
-    ZoEventMessageDispatcher& dispatcher;
+    ZoCritSect* section;
 };
 
 }  // namespace
@@ -426,7 +428,7 @@ ZoListenerRegistration* ZoEventMessageDispatcher::Chain(ZoUInt32 typeKey) const 
 
 int ZoEventMessageDispatcher::RegisterListener(unsigned long mask, unsigned long type,
                                                ZoEventListener* listener) {
-    DispatcherHold hold(*this);
+    DispatcherHold hold(lock);
     ListenerHold alive(listener);
     auto* const registration = new (std::nothrow) ZoListenerRegistration(mask, type, listener);
     int const result = registration != nullptr ? Link(registration) : ZoOutOfMemory;
@@ -452,7 +454,7 @@ int ZoEventMessageDispatcher::Link(ZoListenerRegistration* registration) {
 }
 
 int ZoEventMessageDispatcher::Dispatch(ZoEvent const* event) {
-    DispatcherHold hold(*this);
+    DispatcherHold hold(lock);
     ZoUInt32 const typeKey = TypeKey(event->type);
     Deliver(Chain(WildcardKey), event);
     if (typeKey != WildcardKey) Deliver(Chain(typeKey), event);
@@ -468,7 +470,7 @@ void ZoEventMessageDispatcher::Deliver(ZoListenerRegistration const* chain, ZoEv
 }
 
 int ZoEventMessageDispatcher::TypeRequested(unsigned long mask, unsigned long type) {
-    DispatcherHold hold(*this);
+    DispatcherHold hold(lock);
     if ((requestedMask & mask) == 0) return 0;
     for (ZoUInt32 const typeKey : {WildcardKey, TypeKey(static_cast<ZoUInt32>(type))}) {
         for (ZoListenerRegistration const* registration = Chain(typeKey); registration != nullptr;
@@ -489,7 +491,7 @@ int ZoEventMessageDispatcher::AddFamilyRegistration(char const* name, unsigned l
 }
 
 unsigned long ZoEventMessageDispatcher::GetEventFamilyId(char const* name) {
-    DispatcherHold hold(*this);
+    DispatcherHold hold(lock);
     for (ZoEventFamily const* family = familyList; family != nullptr; family = family->next) {
         if (family->id != 0 && std::strcmp(family->name, name) == 0) return family->id;
     }
@@ -500,7 +502,7 @@ unsigned long ZoEventMessageDispatcher::GetEventFamilyId(char const* name) {
 }
 
 char const* ZoEventMessageDispatcher::GetEventFamilyName(unsigned long id) {
-    DispatcherHold hold(*this);
+    DispatcherHold hold(lock);
     for (ZoEventFamily const* family = familyList; family != nullptr; family = family->next) {
         if (family->id == static_cast<ZoUInt32>(id)) return family->name;
     }
@@ -561,7 +563,8 @@ void RegisterConsoleListener() {
     }
 }
 
-void ConfigureDebugger() {
+// Kept out of GetDebugger, whose usual way must not pay for it.
+[[gnu::noinline, gnu::cold]] void ConfigureDebugger() {
     smp_debug* const debugger = Load(smp_debugger);
     // A trace needs a dispatcher, and the console listener is registered once: so not before there
     // is one.

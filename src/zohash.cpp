@@ -1,10 +1,12 @@
 #include "zohash.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
 
+#include "bucket_line.h"
 #include "zobase.h"
 #include "zomtobj.h"
 
@@ -127,14 +129,201 @@ ZoHashSearch DefaultSearch(unsigned short keySize) {
     }
 }
 
+// The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
+ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
+    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
+    return static_cast<ZoUInt32>(product >> (table->shift & 31U));
+}
+
+// What becomes of h = 9h + c in eight steps. The characters, in their order from the lowest byte
+// up, are put together two by two, then the pairs, then the fours.
+ZoUInt32 AppendEight(ZoUInt32 hash, std::uint64_t characters) {
+    constexpr std::uint64_t bytes = 0x00FF00FF00FF00FFU, pairs = 0x0000FFFF0000FFFFU;
+    constexpr ZoUInt32 toThe2nd = 9 * 9, toThe4th = toThe2nd * toThe2nd;
+    constexpr ZoUInt32 toThe8th = toThe4th * toThe4th;
+    // Made unsigned by adding 128 to each, which the sum is rid of at the end.
+    std::uint64_t const each = characters ^ 0x8080808080808080U;
+    std::uint64_t const two = (each & bytes) * 9 + (each >> 8 & bytes);
+    std::uint64_t const four = (two & pairs) * toThe2nd + (two >> 16 & pairs);
+    ZoUInt32 const eight =
+        static_cast<ZoUInt32>(four) * toThe4th + static_cast<ZoUInt32>(four >> 32);
+    return hash * toThe8th + eight - 128 / 8 * (toThe8th - 1);
+}
+
+std::uint64_t ReadEight(char const* text) {
+    std::uint64_t const characters = ReadWord<std::uint64_t>(text);
+    return std::endian::native == std::endian::little ? characters : __builtin_bswap64(characters);
+}
+
+ZoUInt32 HashText(char const* text) {
+    std::size_t const length = std::strlen(text);
+    ZoUInt32 hash = 0;
+    if (length < 8) {
+        for (; *text != '\0'; ++text) {
+            hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(*text));
+        }
+        return hash;
+    }
+    // NULs in front of a text do not change its hash: with as many as make the first part a whole
+    // eight there is one loop, whose turns can be predicted for most texts.
+    std::size_t const first = length % 8;
+    if (first != 0) hash = AppendEight(0, ReadEight(text) << 8 * (8 - first));
+    for (std::size_t i = first; i < length; i += 8) hash = AppendEight(hash, ReadEight(text + i));
+    return hash;
+}
+
+std::uintptr_t StoredWord(ZoHashEntry const* entry) {
+    return ReadWord<std::uintptr_t>(KeyBytes(entry));
+}
+
 ZoHashEntry*& BucketOf(ZoHashTable const& table, unsigned long hash) {
     return table.buckets[hash & table.mask];
+}
+
+// --- lines -------------------------------------------------------------------------------------
+
+// Two kinds of keys, the usual ones, have lines beside the heads of their buckets, once there are
+// enough buckets: in a smaller table, which lies in the nearest cache, a chain is gone through as
+// quickly. Sooner with texts, where each entry passed is a text compared.
+
+struct WordKey {
+    WordKey(ZoHashTable const& table, char const* key)
+        : word(WordOf(key)), hash(Mix(&table, static_cast<ZoUInt32>(word))) {}
+    static char const* Of(ZoHashEntry const* entry) {
+        return ReadWord<char const*>(KeyBytes(entry));
+    }
+    bool IsOf(ZoHashEntry const* entry) const { return StoredWord(entry) == word; }
+    BucketLine::Tag Tag() const { return BucketLine::TagOf(word); }
+
+    static constexpr ZoUInt32 fewestBucketsWithLines = 256;
+
+    std::uintptr_t const word;
+    ZoUInt32 const hash;
+};
+
+struct TextKey {
+    TextKey(ZoHashTable const&, char const* key) : text(key), hash(HashText(key)) {}
+    static char const* Of(ZoHashEntry const* entry) { return KeyBytes(entry); }
+    bool IsOf(ZoHashEntry const* entry) const { return std::strcmp(text, KeyBytes(entry)) == 0; }
+    BucketLine::Tag Tag() const { return BucketLine::TagOf(hash); }
+
+    static constexpr ZoUInt32 fewestBucketsWithLines = 16;
+
+    char const* const text;
+    ZoUInt32 const hash;
+};
+
+bool HasWords(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::WordKeys && table.find == OneDWordFind;
+}
+
+bool HasTexts(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::StringKeys && table.find == StringFind;
+}
+
+bool IsGrown(ZoHashTable const& table) {
+    return table.buckets != table.initialBuckets;
+}
+
+bool HasLines(ZoHashTable const& table, ZoUInt32 nBuckets) {
+    return (nBuckets >= WordKey::fewestBucketsWithLines && HasWords(table)) ||
+           (nBuckets >= TextKey::fewestBucketsWithLines && HasTexts(table));
+}
+
+bool HasLines(ZoHashTable const& table) {
+    return HasLines(table, table.nBuckets);
+}
+
+// The lines lie in front of the heads, in the same block of memory, the last bucket's first.
+BucketLine& LineOf(ZoHashTable const& table, unsigned long hash) {
+    std::ptrdiff_t const index = static_cast<std::ptrdiff_t>(hash & table.mask);
+    return reinterpret_cast<BucketLine*>(table.buckets)[-1 - index];
+}
+
+// A hash is all there is to know of a text's; a word's has lost bits.
+BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsigned long hash) {
+    return BucketLine::TagOf(table.keySize == ZoHashTable::WordKeys ? StoredWord(entry)
+                                                                    : static_cast<ZoUInt32>(hash));
+}
+
+// Heads of empty buckets, with the lines that the table has with so many; null when memory ran out.
+// Behind the heads stands where the block begins.
+ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
+    std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
+    std::size_t const each = linesSize + sizeof(ZoHashEntry*);
+    constexpr std::size_t more = alignof(BucketLine) + sizeof(void*);
+    if (count > (SIZE_MAX - more) / each) return nullptr;
+    std::size_t const size = count * each + more;
+    void* const block = ::operator new(size, std::nothrow);
+    if (block == nullptr) return nullptr;
+    std::memset(block, 0, size);
+    constexpr std::uintptr_t last = alignof(BucketLine) - 1;
+    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
+    ZoHashEntry** const heads = reinterpret_cast<ZoHashEntry**>(start + count * linesSize);
+    heads[count] = static_cast<ZoHashEntry*>(block);
+    return heads;
+}
+
+void FreeBuckets(ZoHashEntry** heads, std::size_t count) {
+    ::operator delete(heads[count]);
+}
+
+void FreeGrownBuckets(ZoHashTable& table) {
+    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets);
+}
+
+// --- searching and changing chains -------------------------------------------------------------
+
+// `prev` becomes the last entry before the returned one.
+template <class Matches>
+ZoHashEntry* WalkChain(ZoHashEntry* entry, ZoHashEntry*& prev, Matches matches) {
+    ZoHashEntry* before = nullptr;
+    while (entry != nullptr && !matches(entry)) {
+        before = entry;
+        entry = entry->next;
+    }
+    prev = before;
+    return entry;
+}
+
+struct Found {
+    ZoHashEntry* entry;
+    ZoHashEntry* prev;  // of a found entry
+    unsigned long hash;
+    int place;  // in the bucket's line, if it has one
+};
+
+template <class Key>
+[[gnu::always_inline]] inline Found SearchFor(ZoHashTable const& table, Key key) {
+    ZoHashEntry* const& head = BucketOf(table, key.hash);
+    auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
+    if (table.nBuckets >= Key::fewestBucketsWithLines) {
+        auto const [entry, prev, place] = LineOf(table, key.hash).Search(key.Tag(), head, isSought);
+        return {entry, prev, key.hash, place};
+    }
+    Found found{nullptr, nullptr, key.hash, BucketLine::capacity};
+    found.entry = WalkChain(head, found.prev, isSought);
+    return found;
+}
+
+// Not inlined where words are searched, whose way is so short that saved registers would count.
+[[gnu::noinline]] Found SearchNoWord(ZoHashTable const& table, char const* key) {
+    if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key));
+    Found found{nullptr, nullptr, 0, BucketLine::capacity};
+    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
+    return found;
+}
+
+// As the search function in key mode.
+[[gnu::always_inline]] inline Found Search(ZoHashTable const& table, char const* key) {
+    return HasWords(table) ? SearchFor(table, WordKey(table, key)) : SearchNoWord(table, key);
 }
 
 void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
     ZoHashEntry*& head = BucketOf(table, hash);
     entry->next = head;
     head = entry;
+    if (HasLines(table)) LineOf(table, hash).PushFront(TagOf(table, entry, hash), entry);
 }
 
 // Links a new entry in. A growth that fails leaves the table as it was, and the insertion stands.
@@ -146,6 +335,7 @@ void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
 
 // Makes an entry for the absent key and links it in.
 ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    __builtin_prefetch(&BucketOf(table, hash), 1);
     ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
     if (entry != nullptr) LinkIn(table, entry, hash);
     return entry;
@@ -159,49 +349,63 @@ unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
     return hash;
 }
 
-// `link` is what points to the entry: its predecessor's `next`, or the head of its bucket.
-void UnlinkAndDestroy(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry) {
+// `link` is what points to the entry: its predecessor's `next`, or the head of its bucket. `place`
+// is the entry's in the bucket's line.
+void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash,
+            int place) {
     link = entry->next;
-    entry->next = nullptr;
-    --table.num;
-    table.DestroyHashEntry(entry);
+    if (HasLines(table)) LineOf(table, hash).Remove(place);
 }
 
-void RemoveFound(ZoHashTable& table, ZoHashEntry* entry, ZoHashEntry* prev, unsigned long hash) {
-    if (prev != nullptr && prev->GetNext() != entry) {
+void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
+    unlinked->next = nullptr;
+    --table.num;
+    table.DestroyHashEntry(unlinked);
+}
+
+void RemoveFound(ZoHashTable& table, Found const& found) {
+    auto const& [entry, prev, hash, place] = found;
+    // Chosen without a branch, which nothing could predict.
+    ZoHashEntry*& link = *(prev != nullptr ? &prev->next : &BucketOf(table, hash));
+    if (link != entry && prev != nullptr) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    UnlinkAndDestroy(table, prev != nullptr ? prev->next : BucketOf(table, hash), entry);
-}
-
-void FreeGrownBuckets(ZoHashTable& table) {
-    if (table.buckets != table.initialBuckets) delete[] table.buckets;
+    Unlink(table, link, entry, hash, place);
+    Destroy(table, entry);
 }
 
 void ShrinkWhenEmpty(ZoHashTable& table) {
-    if (table.num != 0 || table.buckets == table.initialBuckets) return;
+    if (table.num != 0 || !IsGrown(table)) return;
     FreeGrownBuckets(table);
     table.InitTable();
 }
+
+// Whoever goes through all buckets calls this for each: entries lie anywhere in memory.
+void PrefetchFurtherEntries(ZoHashTable const& table, ZoUInt32 index) {
+    constexpr ZoUInt32 distance = 8;
+    if (HasLines(table) && index + distance < table.nBuckets) {
+        LineOf(table, index + distance).PrefetchEntries();
+    }
+}
+
+// Moves all entries of a table's former buckets into its present ones.
+template <class Hash>
+void MoveEntries(ZoHashTable const& table, ZoHashEntry** from, std::size_t count, Hash hashOf) {
+    for (std::size_t i = 0; i < count; ++i) {
+        while (ZoHashEntry* const entry = from[i]) {
+            from[i] = entry->next;
+            PushFront(table, entry, hashOf(entry));
+        }
+    }
+}
+
+// --- search functions --------------------------------------------------------------------------
 
 // The key-mode walk of every search function.
 template <class Matches>
 ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
                        Matches matches) {
-    ZoHashEntry* before = nullptr;
-    ZoHashEntry* entry = BucketOf(*table, hash);
-    while (entry != nullptr && !matches(entry)) {
-        before = entry;
-        entry = entry->next;
-    }
-    prev = before;
-    return entry;
-}
-
-// The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
-ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
-    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
-    return static_cast<ZoUInt32>(product >> (table->shift & 31U));
+    return WalkChain(BucketOf(*table, hash), prev, matches);
 }
 
 void ReportMissingKey() {
@@ -215,14 +419,6 @@ ZoHashEntry* NoKey(unsigned long& hash, ZoHashEntry*& prev) {
     return nullptr;
 }
 
-ZoUInt32 HashText(char const* text) {
-    ZoUInt32 hash = 0;
-    for (; *text != '\0'; ++text) {
-        hash = 9 * hash + static_cast<ZoUInt32>(static_cast<signed char>(*text));
-    }
-    return hash;
-}
-
 ZoUInt32 SumBytes(char const* bytes, unsigned short length) {
     ZoUInt32 sum = 0;
     for (unsigned short i = 0; i < length; ++i) sum += static_cast<unsigned char>(bytes[i]);
@@ -231,10 +427,6 @@ ZoUInt32 SumBytes(char const* bytes, unsigned short length) {
 
 char const* TextOf(ZoHashTable const* table, ZoHashEntry const* entry) {
     return table->keySize == ZoHashTable::StringKeys ? KeyBytes(entry) : table->GetKey(*entry);
-}
-
-std::uintptr_t StoredWord(ZoHashEntry const* entry) {
-    return ReadWord<std::uintptr_t>(KeyBytes(entry));
 }
 
 std::uintptr_t WordKeyOf(ZoHashTable const* table, ZoHashEntry const* entry) {
@@ -434,13 +626,11 @@ int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    return find(this, key, hash, nullptr, prev);
+    return Search(*this, key).entry;
 }
 
 void* ZoHashTable::GetValueFast(char const* key) const {
-    ZoHashEntry* const entry = LookUp(key);
+    ZoHashEntry* const entry = Search(*this, key).entry;
     return entry != nullptr ? GetValue(*entry) : nullptr;
 }
 
@@ -450,45 +640,37 @@ void* ZoHashTable::GetValue(char const* key, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::InsertValue(char const* key, void* value) {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    if (find(this, key, hash, nullptr, prev) != nullptr) return nullptr;
-    return Insert(*this, key, value, hash);
+    Found const found = Search(*this, key);
+    return found.entry == nullptr ? Insert(*this, key, value, found.hash) : nullptr;
 }
 
 int ZoHashTable::ChangeValue(char const* key, void* value, int create, int replace,
                              ZoMTObj const* lock) {
     TableLock const held(lock);
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry != nullptr) {
+    Found const found = Search(*this, key);
+    if (found.entry != nullptr) {
         if (replace == 0) return ZoNotFound;
-        ChangeHashEntry(entry, value);
+        ChangeHashEntry(found.entry, value);
         return ZoSuccess;
     }
     if (create == 0) return ZoNotFound;
-    return Insert(*this, key, value, hash) != nullptr ? ZoSuccess : ZoOutOfMemory;
+    return Insert(*this, key, value, found.hash) != nullptr ? ZoSuccess : ZoOutOfMemory;
 }
 
 int ZoHashTable::DeleteValue(char const* key, ZoMTObj const* lock) {
     TableLock const held(lock);
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry == nullptr) return ZoNotFound;
-    RemoveFound(*this, entry, prev, hash);
+    Found const found = Search(*this, key);
+    if (found.entry == nullptr) return ZoNotFound;
+    RemoveFound(*this, found);
     if (keySize != ForeignKeys) ShrinkWhenEmpty(*this);
     return ZoSuccess;
 }
 
 void* ZoHashTable::Remove(char const* key) {
-    unsigned long hash;
-    ZoHashEntry* prev;
-    ZoHashEntry* const entry = find(this, key, hash, nullptr, prev);
-    if (entry == nullptr) return nullptr;
-    void* const value = GetValue(*entry);
-    RemoveFound(*this, entry, prev, hash);
+    Found const found = Search(*this, key);
+    if (found.entry == nullptr) return nullptr;
+    void* const value = GetValue(*found.entry);
+    RemoveFound(*this, found);
     ShrinkWhenEmpty(*this);
     return value;
 }
@@ -496,8 +678,9 @@ void* ZoHashTable::Remove(char const* key) {
 int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
     TableLock const held(lock);
     for (ZoUInt32 i = 0; i <= mask; ++i) {
+        PrefetchFurtherEntries(*this, i);
         while (ZoHashEntry* const entry = buckets[i]) {
-            buckets[i] = entry->next;
+            Unlink(*this, buckets[i], entry, i, 0);
             // From the destructor the base's hook is meant.
             DestroyHashEntry(entry);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         }
@@ -508,7 +691,10 @@ int ZoHashTable::EmptyTable(ZoMTObj const* lock) {
 
 void ZoHashTable::EraseBuckets() {
     if (num == 0) return;
-    for (ZoUInt32 i = 0; i <= mask; ++i) buckets[i] = nullptr;
+    for (ZoUInt32 i = 0; i <= mask; ++i) {
+        buckets[i] = nullptr;
+        if (HasLines(*this)) LineOf(*this, i).Clear();
+    }
     num = 0;
 }
 
@@ -532,8 +718,7 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     ZoUInt32 const bits = static_cast<ZoUInt32>(2 * steps);
     ZoUInt32 const oldCount = nBuckets;
     ZoHashEntry** const oldBuckets = buckets;
-    ZoHashEntry** const newBuckets =
-        new (std::nothrow) ZoHashEntry*[std::size_t{oldCount} << bits]();
+    ZoHashEntry** const newBuckets = NewBuckets(*this, oldCount << bits);
     if (newBuckets == nullptr) return ZoOutOfMemory;
 
     // The search function computes with the new shape from here on.
@@ -543,16 +728,15 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     shift -= bits;
     mask = nBuckets - 1;
 
-    for (ZoUInt32 i = 0; i < oldCount; ++i) {
-        while (ZoHashEntry* const entry = oldBuckets[i]) {
-            oldBuckets[i] = entry->next;
-            unsigned long hash;
-            ZoHashEntry* prev = nullptr;
-            find(this, nullptr, hash, entry, prev);
-            PushFront(*this, entry, hash);
-        }
+    if (HasWords(*this)) {
+        MoveEntries(*this, oldBuckets, oldCount, [this](ZoHashEntry const* entry) {
+            return WordKey(*this, WordKey::Of(entry)).hash;
+        });
+    } else {
+        MoveEntries(*this, oldBuckets, oldCount,
+                    [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) delete[] oldBuckets;
+    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount);
     return ZoSuccess;
 }
 
@@ -569,6 +753,7 @@ ZoHashEntry* ZoHashTable::FirstEntry(ZoHashIterator& it) const {
 ZoHashEntry* ZoHashTable::NextEntry(ZoHashIterator& it) const {
     while (it.next == nullptr) {
         if (it.index >= nBuckets) return nullptr;
+        PrefetchFurtherEntries(*this, it.index);
         it.next = BucketOf(*this, it.index);
         ++it.index;
     }
@@ -610,13 +795,15 @@ int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
 int ZoHashTable::Delete(ZoHashPosition& pos) {
     if (pos.table != this || pos.entry == nullptr) return ZoBadPosition;
     // Without a predecessor the entry was its chain's head; insertions since then stand before it.
-    ZoHashEntry** link =
-        pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, HashOf(*this, pos.entry));
+    unsigned long const hash = HashOf(*this, pos.entry);
+    ZoHashEntry** link = pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, hash);
     if (pos.prev == nullptr) {
         while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
     }
     if (*link != pos.entry) return ZoBadPosition;
-    UnlinkAndDestroy(*this, *link, pos.entry);
+    int const place = HasLines(*this) ? LineOf(*this, hash).PlaceOf(pos.entry) : 0;
+    Unlink(*this, *link, pos.entry, hash, place);
+    Destroy(*this, pos.entry);
     pos.table = nullptr;
     return ZoSuccess;
 }

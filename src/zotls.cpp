@@ -18,6 +18,8 @@ static_assert(std::is_trivially_destructible_v<ZoTLSItem>);
 
 ZoTLS* __defTLS = nullptr;
 
+constinit thread_local ZoTLS* currentRecord = nullptr;
+
 namespace {
 
 constexpr pthread_key_t NoKey = static_cast<pthread_key_t>(-1);
@@ -55,13 +57,16 @@ void CreateKeyOnce() {
     if (err != 0) ZOVA_assert("err == 0", "src/zotls", 845);
 }
 
-ZoTLS* CurrentRecord() {
+// What the key knows; currentRecord follows it.
+ZoTLS* RecordInSlot() {
     pthread_key_t const key = Key();
     return key == NoKey ? nullptr : static_cast<ZoTLS*>(pthread_getspecific(key));
 }
 
 int StoreRecord(ZoTLS* record) {
-    return pthread_setspecific(Key(), record);
+    int const err = pthread_setspecific(Key(), record);
+    currentRecord = err == 0 ? record : nullptr;
+    return err;
 }
 
 // A record for the calling thread, which has none; null when that fails.
@@ -80,20 +85,11 @@ ZoTLS* MakeRecord() {
     return record;
 }
 
-ZoRWRecord* FindRwRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
-    for (ZoSimpleLinkedListItem* item = thread->rwRecords.GetFirst(); item != nullptr;
-         item = item->GetNext()) {
-        ZoRWRecord* const record = static_cast<ZoRWRecord*>(item);
-        if (record->mutex == mutex) return record;
-    }
-    return nullptr;
-}
-
 }  // namespace
 
 // Only a thread whose end the key's destructor sees may enter: it has a record, and ends.
 void EndingThreads::Enter() {
-    if (ThreadLife::current == nullptr || CurrentRecord() == nullptr) return;
+    if (ThreadLife::current == nullptr || RecordInSlot() == nullptr) return;
     isEnding = true;
     pthread_mutex_lock(&endingLock);
     ++endingThreads;
@@ -145,17 +141,15 @@ ZoTLS::~ZoTLS() {
 }
 
 ZoTLS* ZoTLS::GetThreadLocalStorage() {
-    ZoTLS* record = CurrentRecord();
-    if (record != nullptr) return record;
+    if (currentRecord != nullptr) return currentRecord;
     ZoThreadAttach(nullptr);
-    record = CurrentRecord();
-    if (record == nullptr) ZOVA_assert("retval", "src/zotls", 832);
-    return record;
+    if (currentRecord == nullptr) ZOVA_assert("retval", "src/zotls", 832);
+    return currentRecord;
 }
 
 int ZoThreadAttach(void*) {
     if (Key() == NoKey) CreateKeyOnce();
-    ZoTLS* record = CurrentRecord();
+    ZoTLS* record = currentRecord;
     if (record == nullptr) record = MakeRecord();
     if (record != nullptr) ++record->attachCount;
     return 0;
@@ -165,12 +159,12 @@ void ZoThreadDetach(void* record) {
     if (record == nullptr) return;
     ZoTLS* const mine = static_cast<ZoTLS*>(record);
     if (--mine->attachCount == 0) {
-        // As the key's destructor this runs with the slot already cleared. Destroying the record's
-        // condition enters the chain's section, which may look the record up: it must find this one
-        // and not make a second that nobody frees.
-        StoreRecord(mine);
         delete mine;
         StoreRecord(nullptr);
+    } else {
+        // As the key's destructor this runs with the slot already cleared: a record that is still
+        // attached then is out of reach.
+        currentRecord = RecordInSlot();
     }
     EndingThreads::Leave();
 }
@@ -192,39 +186,17 @@ Condition** TLSGetCondition() {
     return &mine->cond;
 }
 
-ZoUInt32* FindReaderWriterRecord(ZoTLS const* thread, ZoRW_Mutex const* mutex) {
-    ZoRWRecord* const found = FindRwRecord(thread, mutex);
-    return found != nullptr ? &found->holdings : nullptr;
-}
-
 ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex) {
     ZoTLS* const mine = ZoTLS::GetThreadLocalStorage();
-    if (mine == nullptr) return nullptr;
-    if (ZoRWRecord* const found = FindRwRecord(mine, mutex)) return &found->holdings;
-
-    ZoRWRecord* record = mine->spareRwRecord;
-    mine->spareRwRecord = nullptr;
-    if (record == nullptr) record = new (std::nothrow) ZoRWRecord;
-    if (record == nullptr) return nullptr;
-    record->holdings = 0;
-    record->mutex = mutex;
-    mine->rwRecords.InsertFirst(record);
-    return &record->holdings;
+    ZoRWRecord* const record = mine != nullptr ? FindOrMakeRwRecord(mine, mutex) : nullptr;
+    return record != nullptr ? &record->holdings : nullptr;
 }
 
 int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex) {
     ZoTLS* const mine = ZoTLS::GetThreadLocalStorage();
-    if (mine == nullptr) return 1;
-    ZoRWRecord* const record = FindRwRecord(mine, mutex);
+    ZoRWRecord* const record = mine != nullptr ? FindRwRecord(mine, mutex) : nullptr;
     if (record == nullptr) return 1;
-    mine->rwRecords.RemoveItem(record);
-    if (mine->spareRwRecord == nullptr) {
-        record->mutex = nullptr;
-        record->holdings = 0;
-        mine->spareRwRecord = record;
-    } else {
-        delete record;
-    }
+    DropRwRecord(mine, record);
     return 0;
 }
 

@@ -3,9 +3,11 @@
 #include <new>
 
 #include "cancellation.h"
+#include "condition_value.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zolist.h"
+#include "zosleep.h"
 #include "zotls.h"
 
 // --- units -------------------------------------------------------------------------------------
@@ -33,12 +35,64 @@ public:
 constinit ZoDecreaseThreadCount _dec;
 constexpr ZoWorkUnit* decreaseThreadCount = &_dec;
 
-// The place of a unit in the list; deleting it leaves the unit alone.
+// How often a worker looks for a unit, letting others run in between, before it sleeps: a unit that
+// comes meanwhile saves the worker a sleep and the appender the waking of it.
+constexpr int Looks = 8;
+
+// The places of some units in the list, one after the other; deleting it leaves the units alone.
+// There is one allocation, and one change of the list, for so many units.
 class ZoQueueItem final : public ZoLinkedListItem {
 public:
-    explicit ZoQueueItem(ZoWorkUnit* unit) : unit(unit) {}
+    static constexpr int Places = 256;
 
-    ZoWorkUnit* const unit;
+    bool IsFull() const { return used.load(std::memory_order_relaxed) == Places; }
+    // How many places have got a unit; those can be read. They never change afterwards.
+    int Used() const { return used.load(std::memory_order_acquire); }
+    // By one thread at a time, while the item is not full.
+    void Add(ZoWorkUnit* unit) {
+        int const place = used.load(std::memory_order_relaxed);
+        units[place] = unit;
+        used.store(place + 1, std::memory_order_release);
+    }
+    // While nobody adds or reads.
+    void Clear() { used.store(0, std::memory_order_relaxed); }
+    ZoWorkUnit* At(int place) const { return units[place]; }
+
+private:
+    std::atomic<int> used{0};
+    ZoWorkUnit* units[Places];
+};
+
+// For a few instructions at a time; a holder passes no cancellation point. Who does not get it soon
+// sleeps a little: a thread of a higher real-time priority than the holder's would yield to no end.
+class BriefLock {
+public:
+    void Lock() {
+        constexpr int Yields = 100;
+        for (int tries = 0; held.exchange(true, std::memory_order_acquire); ++tries) {
+            if (tries < Yields) {
+                ZoYieldProcessor();
+            } else {
+                CancellationDeferred deferred;
+                ZoThreadSwitchWithDelay(1);
+            }
+        }
+    }
+    void Unlock() { held.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> held{false};
+};
+
+class BriefHold {
+public:
+    explicit BriefHold(BriefLock& lock) : lock(lock) { lock.Lock(); }
+    BriefHold(BriefHold const&) = delete;
+    BriefHold& operator=(BriefHold const&) = delete;
+    ~BriefHold() { lock.Unlock(); }
+
+private:
+    BriefLock& lock;
 };
 
 // Holds a condition's lock for a scope, also when a unit's operation in the scope is cancelled.
@@ -97,13 +151,26 @@ public:
     bool IsMade() const { return condition != nullptr && workers.IsMade(); }
 
     // With the lock held.
-    int SafeAppend(ZoWorkUnit* unit);
-    bool SafeHasNews() const { return items.GetFirst() != nullptr || IsTerminated(); }
+    // Returns whether there are news for a waiter; what became of the append goes to `result`.
+    bool SafeAppend(ZoWorkUnit* unit, int& result);
+    bool SafeHasNews();
 
 private:
+    struct Taken {
+        ZoWorkUnit* unit;  // null: there was none to take
+        bool more;         // whether news are left behind for a worker that sleeps
+        bool later;        // whether looking again may help
+    };
+
     int _IncreaseThreadCount();
     void SafeStartWorker();
+    bool SafeIsReady();
+    void SafeTurnOver();
+    Taken TakeReady();
+    Taken AwaitAndTake();
     ZoWorkUnit* SafeTakeFirst();
+    int SafeLength();
+    void SafeCountPassedOn();
     bool IsTerminated() const { return terminated.load(std::memory_order_relaxed) != 0; }
     void BeginTermination();
 
@@ -116,6 +183,21 @@ private:
     std::atomic<int> terminated;
     WorkersWatcher workers;
     void* const context;
+
+    // Those who append and those who take need not wait for each other. Appending is done under the
+    // lock of the queue, at the end of the last item. Taking is done under `taking`, from the first
+    // item, as far as its places are used. To take the first item away, or to find out which item
+    // is the first, both locks are held, the queue's outside. The two sides write to different
+    // lines of the processors' caches.
+    alignas(64) BriefLock taking;
+    ZoQueueItem* first = nullptr;  // in items; null until a worker has looked; guarded by taking
+    int taken = 0;                 // of the first item's places, never all; guarded by taking
+    int ready = 0;                 // how many of those had a unit the last time; guarded by taking
+    int passedOn = 0;  // news left behind, not yet counted in condition; guarded by taking
+    // How many workers sleep or are about to. A worker counts itself before it looks for news under
+    // `taking`, and one that leaves news behind reads the number under `taking` afterwards: so
+    // either it is seen, or it sees the news.
+    std::atomic<int> idle{0};
 };
 
 int ZoWorkQueueImplLogic::SafeTest(int*) {
@@ -123,8 +205,7 @@ int ZoWorkQueueImplLogic::SafeTest(int*) {
 }
 
 int ZoWorkQueueImplLogic::SafeSetApp(int*, void* unit, void* result) {
-    *static_cast<int*>(result) = queue->SafeAppend(static_cast<ZoWorkUnit*>(unit));
-    return queue->SafeHasNews() ? 1 : 0;
+    return queue->SafeAppend(static_cast<ZoWorkUnit*>(unit), *static_cast<int*>(result)) ? 1 : 0;
 }
 
 ZoWorkQueue::~ZoWorkQueue() = default;
@@ -176,48 +257,125 @@ int ZoWorkQueueImpl::Append(ZoWorkUnit* unit) {
 }
 
 // Once the unit is in the list, or handled, it is not the queue's to touch.
-int ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit) {
-    if (IsTerminated()) return ZoRefused;
+bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
+    if (IsTerminated()) {
+        result = ZoRefused;
+        return true;
+    }
     if (workers.Counter() < 1) {
         unit->Handle(this);
-        return ZoSuccess;
+        return SafeHasNews();
     }
-    ZoQueueItem* const item = new (std::nothrow) ZoQueueItem(unit);
-    if (item == nullptr) return ZoOutOfMemory;
+    auto* item = static_cast<ZoQueueItem*>(items.GetLast());
+    if (item == nullptr || item->IsFull()) {
+        item = new (std::nothrow) ZoQueueItem;
+        if (item == nullptr) {
+            result = ZoOutOfMemory;
+            return SafeHasNews();
+        }
+        items.InsertLast(item);
+    }
     unit->HandledParallel();
-    items.InsertLast(item);
-    return ZoSuccess;
+    item->Add(unit);
+    return true;
 }
 
-// Each append signals one waiter, and a waiter that leaves news behind signals the next. So no
-// worker sleeps while units are waiting, and all wake up after termination.
+// Each append signals one waiter, and a worker that leaves news behind signals the next if one
+// sleeps. So no worker sleeps while units are waiting, and all wake up after termination.
 ZoWorkUnit* ZoWorkQueueImpl::Next() {
-    ZoWorkUnit* unit = nullptr;
-    bool more = false;
-    while (unit == nullptr && !IsTerminated()) {
-        condition->WaitForCondition(1, ZoNoLimit);
-        unit = SafeTakeFirst();
-        more = SafeHasNews();
-        condition->Unlock();
+    Taken got{nullptr, false, false};
+    while (got.unit == nullptr && !IsTerminated()) {
+        got = TakeReady();
+        for (int look = 1; look < Looks && got.later; ++look) {
+            ZoYieldProcessor();
+            got = TakeReady();
+        }
+        if (got.unit == nullptr) got = AwaitAndTake();
     }
-    if (more) condition->SetCondition();
-    return unit;
+    if (got.more) condition->SetCondition();
+    return got.unit;
+}
+
+// Leaves the last place of an item to AwaitAndTake, which may take the item away. So whoever takes
+// from an item here knows that it is full only if there are units left in it.
+ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
+    BriefHold const hold(taking);
+    if (IsTerminated() || first == nullptr) return {nullptr, false, false};
+    if (!SafeIsReady()) return {nullptr, false, true};
+    if (taken == ZoQueueItem::Places - 1) return {nullptr, false, false};
+    ZoWorkUnit* const unit = first->At(taken++);
+    if (!SafeIsReady()) return {unit, false, false};
+    if (idle.load(std::memory_order_relaxed) != 0) return {unit, true, false};
+    ++passedOn;
+    return {unit, false, false};
+}
+
+// Whether the first item has a unit to take; with `taking` held. Looks at the appenders' side only
+// when what it saw there the last time is used up.
+bool ZoWorkQueueImpl::SafeIsReady() {
+    if (taken == ready) ready = first->Used();
+    return taken != ready;
+}
+
+ZoWorkQueueImpl::Taken ZoWorkQueueImpl::AwaitAndTake() {
+    idle.fetch_add(1, std::memory_order_relaxed);
+    condition->WaitForCondition(1, ZoNoLimit);
+    idle.fetch_sub(1, std::memory_order_relaxed);
+    ZoWorkUnit* const unit = IsTerminated() ? nullptr : SafeTakeFirst();
+    SafeCountPassedOn();
+    bool const more = SafeHasNews();
+    condition->Unlock();
+    return {unit, more, false};
 }
 
 ZoWorkUnit* ZoWorkQueueImpl::SafeTakeFirst() {
-    if (IsTerminated() || items.GetFirst() == nullptr) return nullptr;
-    auto* const item = static_cast<ZoQueueItem*>(items.RemoveFirst());
-    ZoWorkUnit* const unit = item->unit;
-    delete item;
+    BriefHold const hold(taking);
+    if (first == nullptr) first = static_cast<ZoQueueItem*>(items.GetFirst());
+    if (first == nullptr || !SafeIsReady()) return nullptr;
+    ZoWorkUnit* const unit = first->At(taken++);
+    if (taken == ZoQueueItem::Places) SafeTurnOver();
     return unit;
+}
+
+// Goes on to the next item when all units of the first are taken; with both locks held. The only
+// item is used again.
+void ZoWorkQueueImpl::SafeTurnOver() {
+    taken = ready = 0;
+    if (first == items.GetLast()) {
+        first->Clear();
+    } else {
+        items.DeleteItem(first);
+        first = static_cast<ZoQueueItem*>(items.GetFirst());
+    }
+}
+
+bool ZoWorkQueueImpl::SafeHasNews() {
+    if (IsTerminated()) return true;
+    BriefHold const hold(taking);
+    if (first == nullptr) return items.GetFirst() != nullptr;  // no unit of that one is taken yet
+    return SafeIsReady();
+}
+
+int ZoWorkQueueImpl::SafeLength() {
+    BriefHold const hold(taking);
+    int length = -taken;
+    for (auto* item = items.GetFirst(); item != nullptr; item = item->GetNext()) {
+        length += static_cast<ZoQueueItem*>(item)->Used();
+    }
+    return length;
+}
+
+// The value of the condition counts how often a worker left news behind, whether or not another one
+// slept that had to be told.
+void ZoWorkQueueImpl::SafeCountPassedOn() {
+    BriefHold const hold(taking);
+    StoreValue(&condition->value, LoadValue(&condition->value) + passedOn);
+    passedOn = 0;
 }
 
 int ZoWorkQueueImpl::Length() {
     ConditionHold const hold(condition);
-    if (IsTerminated()) return ZoRefused;
-    int length = 0;
-    for (auto* item = items.GetFirst(); item != nullptr; item = item->GetNext()) ++length;
-    return length;
+    return IsTerminated() ? ZoRefused : SafeLength();
 }
 
 void ZoWorkQueueImpl::BeginTermination() {
@@ -228,11 +386,7 @@ void ZoWorkQueueImpl::BeginTermination() {
 int ZoWorkQueueImpl::Terminate() {
     BeginTermination();
     ConditionHold const hold(condition);
-    while (auto* const item = static_cast<ZoQueueItem*>(items.RemoveFirst())) {
-        ZoWorkUnit* const unit = item->unit;
-        delete item;
-        unit->Aborted(this);
-    }
+    while (ZoWorkUnit* const unit = SafeTakeFirst()) unit->Aborted(this);
     return ZoSuccess;
 }
 
@@ -245,6 +399,7 @@ int ZoWorkQueueImpl::_IncreaseThreadCount() {
     CancellationDeferred deferred;
     condition->Lock();
     SafeStartWorker();
+    SafeCountPassedOn();
     return condition->Unlock();
 }
 

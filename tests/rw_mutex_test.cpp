@@ -580,4 +580,50 @@ TEST_P(RwMutex, RandomNestingKeepsItsPromises) {
     EXPECT_TRUE(services.Assertions().empty());
 }
 
+// Short levels of several threads, so that they meet on their way in and out; the last thread that
+// is done destroys the mutex at once. Nobody may write beside another, be counted as waiting for
+// ever, or touch the mutex once another may have gone on.
+TEST_P(RwMutex, ThreadsMeetAtTheGateUntilTheLastOneDestroysIt) {
+    constexpr int Rounds = 300;
+    constexpr int Threads = 3;
+    struct Shared {
+        std::unique_ptr<ZoRW_Mutex> mutex{ZoRW_Mutex::Make(nullptr)};
+        long left = 0, right = 0;
+        int users = Threads;
+    };
+    std::vector<Shared> rounds(Rounds);
+    std::array<std::atomic<int>, Rounds> arrived{};
+    auto const run = [&](unsigned me) {
+        std::mt19937 random(me);
+        for (std::size_t round = 0; round < Rounds; ++round) {
+            Shared& shared = rounds[round];
+            ZoRW_Mutex* const gate = shared.mutex.get();
+            ++arrived[round];
+            Await([&] { return arrived[round] == Threads; });
+            for (auto step = random() % 50; step > 0; --step) {
+                bool const write = random() % 4 == 0;
+                gate->StartRW(write ? Write : Read, 0);
+                if (write) ++shared.left;
+                ASSERT_EQ(shared.left, shared.right + (write ? 1 : 0));
+                if (write) ++shared.right;
+                gate->EndRW(write ? Write : Read);
+            }
+            bool const lastIn =
+                random() % 2 == 0;  // ends with a read, so that it leaves to a writer
+            if (lastIn) gate->StartRW(Read, 0);
+            if (lastIn) gate->EndRW(Read);
+            gate->StartRW(Write, 0);
+            bool const last = --shared.users == 0;
+            gate->EndRW(Write);
+            if (!last) continue;
+            EXPECT_EQ(Info(gate), FreeInfo());
+            shared.mutex.reset();
+            watchdog.Progress();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned me = 0; me < Threads; ++me) threads.emplace_back(run, me);
+    for (std::thread& thread : threads) thread.join();
+}
+
 }  // namespace

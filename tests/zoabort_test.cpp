@@ -185,6 +185,20 @@ void ForkedWhileAHandlerRuns() {
     _exit(ChildSucceeds([] { _exit(AbortHandlerInitialization(0) == 2 ? 0 : 1); }) ? 0 : 1);
 }
 
+// A child that a handler forks can be interrupted and ended like another.
+void ForkedByAHandler() {
+    Add([](void*) -> int {
+        _exit(ChildSucceeds([] {
+            sigset_t blocked;
+            pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+            _exit(sigismember(&blocked, SIGINT) + sigismember(&blocked, SIGTERM));
+        })
+                  ? 0
+                  : 1);
+    });
+    Send(SIGINT);
+}
+
 TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     struct {
@@ -214,6 +228,7 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
         {"parent's refused parent's refused parent's child's", InForkedChild},
         {"", OnThreadOfForkedChild},
         {"", ForkedWhileAHandlerRuns},
+        {"", ForkedByAHandler},
     };
     for (auto const& one : cases) {
         if (threadSanitizer && one.body == OnThreadOfForkedChild) continue;

@@ -137,7 +137,17 @@ TEST(Condition, TheBaseClassPollsUntilItsLogicPasses) {
     opener.join();
 }
 
+class OpenWatcher final : public ZoResourceWatcher {
+public:
+    using ZoResourceWatcher::condition;
+};
+
 TEST(ResourceWatcher, CountsAndCloses) {
+    OpenWatcher limits;
+    limits.condition->value = INT_MIN;  // under UndefinedBehaviorSanitizer a plain step ends here
+    EXPECT_EQ(limits.DecrementCounter(), INT_MAX);
+    EXPECT_EQ(limits.IncrementCounter(), INT_MIN);
+
     ZoResourceWatcher plain;
     EXPECT_EQ(plain.WaitForZero(0), 0);
     for (int count : {1, 2, 3}) EXPECT_EQ(plain.IncrementCounter(), count);

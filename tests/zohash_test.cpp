@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <list>
@@ -144,7 +145,7 @@ TEST(HashTable, GrowsByFourAndShrinksWhenTheLastEntryGoes) {
     EXPECT_EQ(foreign.Remove(record.key), &record);
     EXPECT_EQ(foreign.nBuckets, 4U);
 
-    ZoHashTable sized(ZoHashTable::WordKeys, nullptr);
+    ZoHashTable sized(ZoHashTable::WordKeys, PointerFind);
     EXPECT_EQ(sized.SetExpectedSize(16), 0);
     EXPECT_EQ(sized.nBuckets, 4U);
     {
@@ -247,6 +248,56 @@ TEST(HashTable, PositionsOutliveGrowth) {
         EXPECT_EQ(table.Delete(deleted), head ? 0 : ZoBadPosition);
         table.Remove(Word(key));
         table.Remove(Word(1000));
+    }
+}
+
+// Of a chain that is longer than most the front is found in another way than the rest: whatever
+// comes and goes, the order stays, and of two entries with one key the first counts.
+TEST(HashTable, LongChainsOfLargeTables) {
+    for (unsigned short const kind : {ZoHashTable::WordKeys, ZoHashTable::StringKeys}) {
+        ZoHashTable table(kind, nullptr);
+        ASSERT_EQ(table.SetExpectedSize(1024), 0);
+        std::list<std::string> texts;
+        std::vector<char const*> keys;  // all of one bucket
+        for (unsigned i = 1; keys.size() < 16; ++i) {
+            texts.push_back("text number " + std::to_string(i));
+            char const* const key = kind == ZoHashTable::WordKeys ? Word(i) : texts.back().c_str();
+            if ((HashOf(table, key) & table.mask) == 5) keys.push_back(key);
+        }
+        std::list<std::pair<char const*, ZoHashEntry*>> chain;
+        auto const first = [&](char const* key) {
+            return std::find_if(chain.begin(), chain.end(),
+                                [&](auto const& pair) { return pair.first == key; });
+        };
+        std::mt19937 random(5);
+        for (int step = 0; step < 4000; ++step) {
+            char const* const key = keys[random() % keys.size()];
+            auto const present = first(key);
+            ZoHashPosition pos;
+            table.Position(key, pos);
+            if (random() % 512 == 0) {
+                table.EmptyTable(nullptr);
+                chain.clear();
+            } else if (present == chain.end() || random() % 8 == 0) {
+                ASSERT_EQ(table.Create(pos, &table), 0);
+                chain.emplace_front(key, pos.entry);
+            } else {
+                ASSERT_EQ(step % 2 == 0 ? table.DeleteValue(key, nullptr) : table.Delete(pos), 0);
+                chain.erase(present);
+                ASSERT_EQ(table.SetExpectedSize(1024), 0);  // for when that was the last entry
+            }
+            ZoHashEntry const* entry = table.buckets[5];
+            for (auto const& [ignored, expected] : chain) {
+                ASSERT_EQ(entry, expected);
+                entry = entry->next;
+            }
+            ASSERT_EQ(entry, nullptr);
+            for (char const* const sought : keys) {
+                auto const expected = first(sought);
+                ASSERT_EQ(table.LookUp(sought),
+                          expected != chain.end() ? expected->second : nullptr);
+            }
+        }
     }
 }
 

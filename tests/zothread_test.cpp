@@ -410,6 +410,35 @@ TEST_F(Threads, AnAbortDuringTheStartLetsTheStarterGoOn) {
     EXPECT_EQ(watcher.Counter(), 50);
 }
 
+// While an abort that found no thread tells of its failure, the thread is started and aborted.
+class StartsAndAborts : public ZoEventListener {
+public:
+    explicit StartsAndAborts(PosixThread& thread) : thread(thread) {}
+    int Notify(ZoEvent const*) override {
+        EXPECT_EQ(thread.Start(0), 0);
+        EXPECT_EQ(thread.Abort(), 0);
+        return 0;
+    }
+    PosixThread& thread;
+};
+
+TEST_F(Threads, ALateFailureLeavesTheMarkOfASecondAbort) {
+    services.Configure("mode", 0x100000);
+    Context context(false);
+    Script script = Staying();
+    Scripted owner;
+    EXPECT_EQ(owner.Start(&script), 0);  // gives it the argument
+    Await([&] { return inside == 1; });
+    owner.Abort();
+    marks.AwaitReleased();
+    PosixThread thread(&owner);
+    ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(1, 0x900,
+                                                                new StartsAndAborts(thread));
+    EXPECT_EQ(thread.Abort(), ESRCH);
+    EXPECT_EQ(owner.GetStatus(), 5);
+    marks.AwaitReleased();
+}
+
 // The object goes while its thread is in Work. A thread that does not notice its cancellation
 // returns to the library, which must not touch the object: AddressSanitizer holds that.
 TEST_F(Threads, AnObjectMayGoWhileItsThreadIsInWork) {

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <functional>
@@ -130,6 +131,7 @@ TEST_F(WorkQueue, HandlesOrAbortsInTheOrderOfAppending) {
             busy.End();
             Await([&] { return passed == Units; });
             EXPECT_EQ(handled, inOrder);
+            EXPECT_EQ(queue->IncreaseThreadCount(), Units - 1);  // so often more were waiting
             continue;
         }
         EXPECT_EQ(queue->Terminate(), 0);
@@ -222,6 +224,27 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
             ASSERT_EQ(fate.handled + fate.aborted + fate.refused, 1);
             ASSERT_EQ(fate.handled, end == Drained ? 1 : fate.handled.load());
         }
+        watchdog.Progress();
+    }
+}
+
+// Two units that wait for each other, again and again: no unit waits while a worker sleeps or holds
+// it back for itself. Now and then both workers have time to fall asleep.
+TEST_F(WorkQueue, EveryWaitingUnitGetsAWorker) {
+    constexpr int Pairs = 3000;
+    auto const queue = Make(2);
+    for (int i = 0; i < Pairs; ++i) {
+        std::latch started(2), handled(2);
+        Unit::Step const meet = [&] {
+            started.arrive_and_wait();
+            handled.count_down();
+        };
+        Unit one(meet), other(meet);
+        queue->Append(&one);
+        if (i % 3 == 0) std::this_thread::yield();
+        queue->Append(&other);
+        handled.wait();
+        if (i % 16 == 0) std::this_thread::sleep_for(std::chrono::microseconds(200));
         watchdog.Progress();
     }
 }
@@ -343,15 +366,22 @@ TEST_F(WorkQueue, OutOfMemory) {
     EXPECT_GE(faults, 5);
     EXPECT_EQ(complete, 2);
 
+    ZoConcurrencyHelper::CalculateConcurrently();
+    std::atomic<unsigned short>& parallel = ZoConcurrencyHelper::GetResultObject()->parallel;
+    std::deque<Unit> units(1000);
     auto const queue = Make(1);
     Busy busy(queue);
-    ZoConcurrencyHelper::CalculateConcurrently();
-    Unit unit;
+    int queued = 0, result = ZoSuccess;
     {
-        AllocFault const fault(1);
-        EXPECT_EQ(queue->Append(&unit), ZoOutOfMemory);
+        AllocFault const fault(1);  // there is room for some units until the queue allocates
+        do {
+            parallel = 0;
+            result = queue->Append(&units.at(static_cast<std::size_t>(queued)));
+        } while (result == ZoSuccess && ++queued > 0);
     }
-    EXPECT_EQ(queue->Length(), 0);
+    EXPECT_EQ(result, ZoOutOfMemory);
+    EXPECT_EQ(parallel, 0);
+    EXPECT_EQ(queue->Length(), queued);
     EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), ZoNoResult);  // does not wait
     FailEachAllocation([](AllocFault const& fault) {
         ZoConcurrencyHelper::CalculateConcurrently();

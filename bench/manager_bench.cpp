@@ -1,0 +1,30 @@
+// A bracket of the thread manager beside the mutex that it takes, used directly.
+#include <benchmark/benchmark.h>
+
+#include <memory>
+
+#include "rw_mutex.h"
+#include "zothrdmg.h"
+
+namespace {
+
+void Bracket(benchmark::State& state) {
+    auto const manager = std::make_unique<ZoThreadMgr>(nullptr, ZoThreadMgr::AllCS);
+    for (auto _ : state) {
+        manager->BeginReader("bench");
+        manager->EndReader("bench");
+    }
+}
+
+void Mutex(benchmark::State& state) {
+    std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
+    for (auto _ : state) {
+        mutex->StartRW(0, ZoNoLimit);
+        mutex->EndRW(0);
+    }
+}
+
+BENCHMARK(Bracket)->Name("reader bracket/zo");
+BENCHMARK(Mutex)->Name("reader bracket/the mutex beneath");
+
+}  // namespace

@@ -1,0 +1,106 @@
+// The reader/writer mutex beside the shared mutexes of the standard library and of Boost.
+#include <benchmark/benchmark.h>
+#include <boost/thread/shared_mutex.hpp>
+
+#include <memory>
+#include <shared_mutex>
+
+#include "rw_mutex.h"
+
+namespace {
+
+class Ours {
+public:
+    void BeginRead() { mutex->StartRW(0, ZoNoLimit); }
+    void EndRead() { mutex->EndRW(0); }
+    void BeginWrite() { mutex->StartRW(1, ZoNoLimit); }
+    void EndWrite() { mutex->EndRW(1); }
+
+private:
+    std::unique_ptr<ZoRW_Mutex> mutex{ZoRW_Mutex::Make(nullptr)};
+};
+
+template <class Mutex>
+class Peer {
+public:
+    void BeginRead() { mutex->lock_shared(); }
+    void EndRead() { mutex->unlock_shared(); }
+    void BeginWrite() { mutex->lock(); }
+    void EndWrite() { mutex->unlock(); }
+
+private:
+    std::unique_ptr<Mutex> mutex = std::make_unique<Mutex>();
+};
+
+// The subject that all threads of a benchmark share.
+template <class Subject>
+Subject& Shared() {
+    static Subject subject;
+    return subject;
+}
+
+template <class Subject>
+void Reads(benchmark::State& state) {
+    Subject& subject = Shared<Subject>();
+    for (auto _ : state) {
+        subject.BeginRead();
+        subject.EndRead();
+    }
+}
+
+// The peer knows no nesting: its nested read is another read of a mutex that is free.
+void NestedReads(benchmark::State& state) {
+    Ours subject;
+    subject.BeginRead();
+    for (auto _ : state) {
+        subject.BeginRead();
+        subject.EndRead();
+    }
+    subject.EndRead();
+}
+
+template <class Subject>
+void Writes(benchmark::State& state) {
+    Subject subject;
+    for (auto _ : state) {
+        subject.BeginWrite();
+        subject.EndWrite();
+    }
+}
+
+// Each thread writes every twentieth time.
+template <class Subject>
+void MostlyReads(benchmark::State& state) {
+    static long data = 0;
+    Subject& subject = Shared<Subject>();
+    int turn = 10 * state.thread_index();
+    for (auto _ : state) {
+        if (++turn % 20 == 0) {
+            subject.BeginWrite();
+            benchmark::DoNotOptimize(++data);
+            subject.EndWrite();
+        } else {
+            subject.BeginRead();
+            benchmark::DoNotOptimize(data);
+            subject.EndRead();
+        }
+    }
+}
+
+using Standard = Peer<std::shared_mutex>;
+using Boost = Peer<boost::shared_mutex>;
+
+BENCHMARK(Reads<Ours>)->Name("first read, end/zo")->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(Reads<Standard>)
+    ->Name("first read, end/std::shared_mutex")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+BENCHMARK(NestedReads)->Name("nested read, end/zo");
+BENCHMARK(Reads<Standard>)->Name("nested read, end/std::shared_mutex");
+BENCHMARK(Writes<Ours>)->Name("write, end/zo");
+BENCHMARK(Writes<Standard>)->Name("write, end/std::shared_mutex");
+BENCHMARK(MostlyReads<Ours>)->Name("95 % reads/zo")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Standard>)->Name("95 % reads/std::shared_mutex")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Boost>)->Name("95 % reads/boost::shared_mutex")->Threads(2)->UseRealTime();
+
+}  // namespace

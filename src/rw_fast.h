@@ -1,0 +1,55 @@
+// The reads of a reader/writer mutex that wait for nothing and allocate nothing: a nested read, a
+// first read through the open gate, and their ends. Small enough to stand in the code that calls
+// them: the mutex itself, and the thread manager's brackets.
+
+#ifndef KELVARA_SRC_RW_FAST_H_
+#define KELVARA_SRC_RW_FAST_H_
+
+#include "rw_gate.h"
+#include "rw_mutex.h"
+#include "rw_record.h"
+#include "zocond.h"
+
+inline ReaderGate ZoGenRW_Mutex::Gate() const {
+    return ReaderGate(readers->value);
+}
+
+// Each false: nothing has been done, StartRW or EndRW must do it. The hints keep a nested read free
+// of taken branches, which are most of what it costs.
+
+inline bool ZoGenRW_Mutex::TryStartRead() {
+    ZoTLS* const me = currentRecord;
+    if (me == nullptr) [[unlikely]]
+        return false;
+    if (ZoRWRecord* const record = FindRwRecord(me, this)) [[likely]] {
+        if (record->holdings == 0) [[unlikely]]
+            return false;  // its admission is under way
+        record->holdings += OneRead;
+        return true;
+    }
+    if (me->spareRwRecord == nullptr || !Gate().TryEnter()) [[unlikely]]
+        return false;
+    AddSpareRwRecord(me, this, OneRead);
+    return true;
+}
+
+inline bool ZoGenRW_Mutex::TryEndRead() {
+    ZoTLS* const me = currentRecord;
+    if (me == nullptr) [[unlikely]]
+        return false;
+    ZoRWRecord* const record = FindRwRecord(me, this);
+    if (record == nullptr || ReadDepth(record->holdings) == 0) [[unlikely]]
+        return false;
+    ZoUInt32 const left = record->holdings - OneRead;
+    if (left != 0) [[likely]] {
+        record->holdings = left;
+        return true;
+    }
+    if (me->spareRwRecord != nullptr || !Gate().TryLeave()) [[unlikely]]
+        return false;
+    // The mutex may be gone by now.
+    MakeSpareRwRecord(me, record);
+    return true;
+}
+
+#endif  // KELVARA_SRC_RW_FAST_H_
