@@ -47,7 +47,10 @@ class Time:
 def read_results(path):
     """The times of one program: case -> who -> Time."""
     cases = collections.defaultdict(lambda: collections.defaultdict(Time))
-    for run in json.loads(path.read_text())["benchmarks"]:
+    runs = json.loads(path.read_text())["benchmarks"]
+    # They ran in a random order; told in that of the program.
+    runs.sort(key=lambda run: (run["family_index"], run["per_family_instance_index"]))
+    for run in runs:
         if run.get("run_type") == "aggregate":
             continue
         if run.get("error_occurred"):
