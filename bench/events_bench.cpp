@@ -6,8 +6,8 @@
 #include <atomic>
 #include <memory>
 
+#include "counting_listener.h"
 #include "zobaseservices.h"
-#include "zoevmdis.h"
 
 namespace {
 
@@ -45,17 +45,6 @@ void Traced(benchmark::State& state) {
 }
 
 // --- delivery ----------------------------------------------------------------------------------
-
-class CountingListener : public ZoEventListener {
-public:
-    int Notify(ZoEvent const*) override {
-        benchmark::DoNotOptimize(++calls);
-        return 0;
-    }
-
-private:
-    long calls = 0;
-};
 
 void Dispatched(benchmark::State& state, int count) {
     ZoEventMessageDispatcher dispatcher;

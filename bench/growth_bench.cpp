@@ -6,10 +6,10 @@
 #include <memory>
 #include <vector>
 
+#include "counting_listener.h"
 #include "rw_mutex.h"
 #include "zocond.h"
 #include "zocrits.h"
-#include "zoevmdis.h"
 #include "zosyncob.h"
 #include "zowrkque.h"
 
@@ -49,17 +49,6 @@ void FirstRead(benchmark::State& state) {
     }
     for (auto const& mutex : held) mutex->EndRW(0);
 }
-
-class CountingListener : public ZoEventListener {
-public:
-    int Notify(ZoEvent const*) override {
-        benchmark::DoNotOptimize(++calls);
-        return 0;
-    }
-
-private:
-    long calls = 0;
-};
 
 void Dispatch(benchmark::State& state) {
     ZoEventMessageDispatcher dispatcher;
