@@ -96,7 +96,7 @@ private:
     ZO_INTERNAL bool IsMine() const;
     ZO_INTERNAL bool TakeIfFree();
     ZO_INTERNAL void Own();
-    ZO_INTERNAL [[gnu::cold]] void WaitAndTake();
+    [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
 
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;

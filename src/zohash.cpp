@@ -250,7 +250,7 @@ BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsign
 // Behind the heads stands where the block begins.
 ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
     std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
-    std::size_t const each = linesSize + sizeof(ZoHashEntry*);
+    std::size_t const each = linesSize + sizeof(void*);
     constexpr std::size_t more = alignof(BucketLine) + sizeof(void*);
     if (count > (SIZE_MAX - more) / each) return nullptr;
     std::size_t const size = count * each + more;
