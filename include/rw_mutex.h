@@ -103,6 +103,7 @@ private:
 
     ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
+    ZO_INTERNAL void LetWriterLeave();
     ZO_INTERNAL ReaderGate Gate() const;
     ZO_INTERNAL bool TryStartRead();
     ZO_INTERNAL bool TryEndRead();

@@ -11,8 +11,8 @@
 //     0                    free                   enters         -                  claims
 //     n                    read                   enters         leaves             queues
 //     closed + claimed     claimed, or written    queues         -                  queues
-//     closed, count 0      written                queues         -                  queues
-//     closed, count n      write pending          queues         leaves with lock   queues
+//     closed, count 0      written, or free       queues         -                  queues
+//     closed, count n      write pending or read  queues         leaves with lock   queues
 //
 // Who changes it, all by atomic read-modify-write but for Open:
 //
@@ -21,7 +21,7 @@
 //     TryLeave        a counted reader                             not closed
 //     TryClaim        a writer that holds nothing                  the word is 0
 //     Enter, Close,   the thread that holds the section
-//     Open, Cancel
+//     Open
 //     SafeSet         a counted reader, with the condition's lock  any time (rw_mutex.cpp)
 //
 // Invariant: a thread that holds the section and sees the gate closed with count 0 is alone. Nobody
@@ -36,6 +36,14 @@
 // with the condition's lock. A writer that has closed the gate on counted readers, or finds it
 // closed without a claim, believes a count of 0 only with that lock too, so it cannot go on while
 // the reader still holds it.
+//
+// A writer opens the gate before it leaves the section, for a moment in which a reader may come in
+// and, as the last one, destroy the mutex. So the destruction of an open one passes the section.
+//
+// The gate opens only while nobody is counted, at the end of a write. A writer that is cancelled
+// leaves it closed: a reader that found it so may be on its way to the lock, and would leave an
+// open gate while it still holds that. Until the next write ends, the mutex is then free or read
+// with a closed gate; readers queue, which is slower, but no less right.
 //
 // Order: what a reader did must come before what a writer does after it, and the other way round.
 // A reader leaves with release order, and a writer that relies on a count of 0 has read it with
@@ -64,6 +72,8 @@ public:
     // With the condition's lock held: a waiting writer tests the count with the same lock.
     void LeaveLocked() const { word.fetch_sub(1, std::memory_order_release); }
 
+    bool IsFreeAndOpen() const { return word.load(std::memory_order_acquire) == 0; }
+
     bool TryClaim() const {
         int free = 0;
         return word.compare_exchange_strong(free, Closed | Claimed, std::memory_order_acquire,
@@ -91,8 +101,6 @@ public:
     }
     // Ends a write. `count`: 1 when the writer goes on as a reader, else 0.
     void Open(int count) const { word.store(count, std::memory_order_release); }
-    // Undoes Close beside counted readers, and counts `count` more.
-    void Cancel(int count) const { word.fetch_sub(Closed - count, std::memory_order_release); }
 
 private:
     static constexpr int Claimed = 0x20000000;

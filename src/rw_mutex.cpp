@@ -82,8 +82,8 @@ private:
 };
 
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
-// that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
-// here, is a counted reader again.
+// that is cancelled in it leaves the section and, if it gave its read up to get here, is a counted
+// reader again. It leaves the gate closed.
 class PendingWrite {
 public:
     PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
@@ -92,7 +92,7 @@ public:
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
-        ReaderGate(readers.value).Cancel(gaveUpRead ? 1 : 0);
+        if (gaveUpRead) ReaderGate(readers.value).Enter();
         exclusive.Exit();
     }
 
@@ -231,10 +231,17 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
+    if (IsComplete() && Gate().IsFreeAndOpen()) LetWriterLeave();
     delete exclusive;
     delete readers;
     WriterLevel.store(0, std::memory_order_relaxed);
     owner.store(nullptr, std::memory_order_relaxed);
+}
+
+// The last writer may have opened the gate and be about to leave the section.
+void ZoGenRW_Mutex::LetWriterLeave() {
+    exclusive->Begin();
+    exclusive->Exit();
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {

@@ -16,6 +16,7 @@
 #include "alloc_fault.h"
 #include "services.h"
 #include "watchdog.h"
+#include "zocond.h"
 #include "zoevmdis.h"
 #include "zotls.h"
 
@@ -460,6 +461,48 @@ TEST_P(RwMutex, AWriterCancelledInItsWaitHoldsWhatItHeldBefore) {
     }
 }
 
+// A reader that found the gate closed leaves with the condition's lock, and may be on its way there
+// when the writer is cancelled. Were the gate opened again, the reader would bring it to 0 and
+// still hold the lock: another writer would come in, and might destroy the mutex. So the gate stays
+// closed beside counted readers.
+TEST_P(RwMutex, ACancelledWriterLeavesTheGateClosed) {
+    class Watched final : public ConditionLogic {
+    public:
+        void SafeSet(int* value) override {
+            before->SafeSet(value);
+            ++locked;
+        }
+        int SafeTest(int* value) override { return before->SafeTest(value); }
+        ConditionLogic* before = nullptr;
+        int locked = 0;  // guarded by the condition
+    } watched;
+    // The readers' condition is the first field after the base class's.
+    Condition* readers = nullptr;
+    std::memcpy(&readers, reinterpret_cast<char*>(mutex.get()) + sizeof(ZoRW_Mutex),
+                sizeof readers);
+    watched.before = std::exchange(readers->logic, &watched);
+    mutex->StartRW(Read, 0);
+    auto const write = [](void* asked) -> void* {
+        static_cast<ZoRW_Mutex*>(asked)->StartRW(Write, 0);
+        return nullptr;
+    };
+    pthread_t writer{};
+    ASSERT_EQ(pthread_create(&writer, nullptr, write, mutex.get()), 0);
+    AwaitPendingWriter();
+    pthread_cancel(writer);
+    pthread_join(writer, nullptr);
+    mutex->EndRW(Read);
+    EXPECT_EQ(watched.locked, 1);
+    EXPECT_EQ(Info(mutex.get()), FreeInfo());
+
+    // The next write ends that.
+    for (int const mode : {Read, Write, Read}) {
+        mutex->StartRW(mode, 0);
+        mutex->EndRW(mode);
+    }
+    EXPECT_EQ(watched.locked, 2);
+}
+
 // What the mutex has promised, kept apart from it: who is inside, told by the callers themselves.
 class Model {
 public:
@@ -624,6 +667,43 @@ TEST_P(RwMutex, ThreadsMeetAtTheGateUntilTheLastOneDestroysIt) {
     std::vector<std::thread> threads;
     for (unsigned me = 0; me < Threads; ++me) threads.emplace_back(run, me);
     for (std::thread& thread : threads) thread.join();
+}
+
+// A writer opens the gate before it leaves the section. A reader may come in at once and, as the
+// last user, destroy the mutex: not before the writer is out. To leave a detecting section takes
+// csDLD, which holds the writer up here.
+TEST(RwMutexDestruction, WaitsForAWriterOnItsWayOut) {
+    Watchdog watchdog;
+    Services services;
+    Context context(false);
+    *ZoGetDeadLockDetectionEnabled() = 1;
+    ZoRW_Mutex* const mutex = ZoRW_Mutex::Make(nullptr);
+    *ZoGetDeadLockDetectionEnabled() = 0;
+    auto const heldUp = [] {
+        return InfoOf(csDLD) == "DeadLockDetectionCS: owning count: 1; wait count: 1";
+    };
+    std::atomic<bool> writes{false}, ends{false}, destroyed{false};
+    std::thread writer([&] {
+        mutex->StartRW(Write, 0);
+        writes = true;
+        Await([&] { return ends.load(); });
+        mutex->EndRW(Write);
+    });
+    Await([&] { return writes.load(); });
+    csDLD->Begin();
+    ends = true;
+    Await(heldUp);
+    std::thread reader([&] {
+        mutex->StartRW(Read, 0);
+        mutex->EndRW(Read);
+        delete mutex;
+        destroyed = true;
+    });
+    Await([&] { return destroyed || !heldUp(); });
+    EXPECT_FALSE(destroyed);
+    csDLD->Exit();
+    writer.join();
+    reader.join();
 }
 
 }  // namespace
