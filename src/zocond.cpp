@@ -26,12 +26,6 @@ auto WithLogic(ConditionLogic* logic, Operation operation) {
     return logic == &defaultLogic ? operation(defaultLogic) : operation(*logic);
 }
 
-// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
-// down more often than up: the value wraps.
-int Step(int value, int step) {
-    return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
-}
-
 }  // namespace
 
 // --- the default logic -------------------------------------------------------------------------
