@@ -16,4 +16,11 @@ inline void StoreValue(int* value, int number) {
     std::atomic_ref<int>(*value).store(number, std::memory_order_relaxed);
 }
 
+// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
+// down more often than up: the value wraps.
+inline void AddToValue(int* value, int number) {
+    StoreValue(value, static_cast<int>(static_cast<unsigned int>(LoadValue(value)) +
+                                       static_cast<unsigned int>(number)));
+}
+
 #endif  // KELVARA_SRC_CONDITION_VALUE_H_

@@ -26,22 +26,16 @@ auto WithLogic(ConditionLogic* logic, Operation operation) {
     return logic == &defaultLogic ? operation(defaultLogic) : operation(*logic);
 }
 
-// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
-// down more often than up: the value wraps.
-int Step(int value, int step) {
-    return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
-}
-
 }  // namespace
 
 // --- the default logic -------------------------------------------------------------------------
 
 void ConditionLogic::SafeSet(int* value) {
-    StoreValue(value, Step(LoadValue(value), 1));
+    AddToValue(value, 1);
 }
 
 void ConditionLogic::SafeClear(int* value) {
-    StoreValue(value, Step(LoadValue(value), -1));
+    AddToValue(value, -1);
 }
 
 int ConditionLogic::SafeTest(int* value) {
@@ -219,8 +213,8 @@ constexpr unsigned int CountMask = 0x7FFFFFFFU;
 
 class __ResourceLogic final : public ConditionLogic {
 public:
-    void SafeSet(int* value) override { StoreValue(value, Step(LoadValue(value), -1)); }
-    void SafeClear(int* value) override { StoreValue(value, Step(LoadValue(value), 1)); }
+    void SafeSet(int* value) override { AddToValue(value, -1); }
+    void SafeClear(int* value) override { AddToValue(value, 1); }
     int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
 };
 

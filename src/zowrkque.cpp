@@ -369,7 +369,7 @@ int ZoWorkQueueImpl::SafeLength() {
 // slept that had to be told.
 void ZoWorkQueueImpl::SafeCountPassedOn() {
     BriefHold const hold(taking);
-    StoreValue(&condition->value, LoadValue(&condition->value) + passedOn);
+    AddToValue(&condition->value, passedOn);
     passedOn = 0;
 }
 
