@@ -108,7 +108,7 @@ TEST_F(WorkQueue, WithoutWorkersTheAppenderHandles) {
 }
 
 TEST_F(WorkQueue, HandlesOrAbortsInTheOrderOfAppending) {
-    constexpr int Units = 5;
+    constexpr int Units = 600;  // the queue has more than one item for so many
     std::vector<int> inOrder(Units);
     std::iota(inOrder.begin(), inOrder.end(), 0);
     for (bool const terminate : {false, true}) {
