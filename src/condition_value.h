@@ -18,8 +18,9 @@ inline void StoreValue(int* value, int number) {
 
 // A condition may be set for as long as it lives and never be cleared, and a watcher be counted
 // down more often than up: the value wraps.
-inline int Step(int value, int step) {
-    return static_cast<int>(static_cast<unsigned int>(value) + static_cast<unsigned int>(step));
+inline void AddToValue(int* value, int number) {
+    StoreValue(value, static_cast<int>(static_cast<unsigned int>(LoadValue(value)) +
+                                       static_cast<unsigned int>(number)));
 }
 
 #endif  // KELVARA_SRC_CONDITION_VALUE_H_

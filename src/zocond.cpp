@@ -31,11 +31,11 @@ auto WithLogic(ConditionLogic* logic, Operation operation) {
 // --- the default logic -------------------------------------------------------------------------
 
 void ConditionLogic::SafeSet(int* value) {
-    StoreValue(value, Step(LoadValue(value), 1));
+    AddToValue(value, 1);
 }
 
 void ConditionLogic::SafeClear(int* value) {
-    StoreValue(value, Step(LoadValue(value), -1));
+    AddToValue(value, -1);
 }
 
 int ConditionLogic::SafeTest(int* value) {
@@ -213,8 +213,8 @@ constexpr unsigned int CountMask = 0x7FFFFFFFU;
 
 class __ResourceLogic final : public ConditionLogic {
 public:
-    void SafeSet(int* value) override { StoreValue(value, Step(LoadValue(value), -1)); }
-    void SafeClear(int* value) override { StoreValue(value, Step(LoadValue(value), 1)); }
+    void SafeSet(int* value) override { AddToValue(value, -1); }
+    void SafeClear(int* value) override { AddToValue(value, 1); }
     int SafeTest(int* value) override { return LoadValue(value) != 0 ? 1 : 0; }
 };
 

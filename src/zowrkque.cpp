@@ -1,5 +1,6 @@
 #include "zowrkque.h"
 
+#include <mutex>
 #include <new>
 
 #include "cancellation.h"
@@ -67,7 +68,7 @@ private:
 // sleeps a little: a thread of a higher real-time priority than the holder's would yield to no end.
 class BriefLock {
 public:
-    void Lock() {
+    void lock() {
         constexpr int Yields = 100;
         for (int tries = 0; held.exchange(true, std::memory_order_acquire); ++tries) {
             if (tries < Yields) {
@@ -78,21 +79,10 @@ public:
             }
         }
     }
-    void Unlock() { held.store(false, std::memory_order_release); }
+    void unlock() { held.store(false, std::memory_order_release); }
 
 private:
     std::atomic<bool> held{false};
-};
-
-class BriefHold {
-public:
-    explicit BriefHold(BriefLock& lock) : lock(lock) { lock.Lock(); }
-    BriefHold(BriefHold const&) = delete;
-    BriefHold& operator=(BriefHold const&) = delete;
-    ~BriefHold() { lock.Unlock(); }
-
-private:
-    BriefLock& lock;
 };
 
 // Holds a condition's lock for a scope, also when a unit's operation in the scope is cancelled.
@@ -111,6 +101,13 @@ private:
 class WorkersWatcher final : public ZoResourceWatcher {
 public:
     bool IsMade() const { return condition != nullptr; }
+    // Whether there is none, in the order of events: what the workers that are gone saw before they
+    // took the count down, the caller sees afterwards.
+    bool AreGone() const {
+        if (Counter() >= 1) return false;
+        ConditionHold const hold(condition);
+        return Counter() < 1;
+    }
 };
 
 }  // namespace
@@ -189,7 +186,8 @@ private:
     // item, as far as its places are used. To take the first item away, or to find out which item
     // is the first, both locks are held, the queue's outside. The two sides write to different
     // lines of the processors' caches.
-    alignas(64) BriefLock taking;
+    [[maybe_unused]] char apart[64];
+    BriefLock taking;
     ZoQueueItem* first = nullptr;  // in items; null until a worker has looked; guarded by taking
     int taken = 0;                 // of the first item's places, never all; guarded by taking
     int ready = 0;                 // how many of those had a unit the last time; guarded by taking
@@ -258,11 +256,14 @@ int ZoWorkQueueImpl::Append(ZoWorkUnit* unit) {
 
 // Once the unit is in the list, or handled, it is not the queue's to touch.
 bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
+    // In this order: the workers of a terminated queue leave it, and then the unit is refused. The
+    // caller handles it only if there were none.
+    bool const nobody = workers.AreGone();
     if (IsTerminated()) {
         result = ZoRefused;
         return true;
     }
-    if (workers.Counter() < 1) {
+    if (nobody) {
         unit->Handle(this);
         return SafeHasNews();
     }
@@ -299,7 +300,7 @@ ZoWorkUnit* ZoWorkQueueImpl::Next() {
 // Leaves the last place of an item to AwaitAndTake, which may take the item away. So whoever takes
 // from an item here knows that it is full only if there are units left in it.
 ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
-    BriefHold const hold(taking);
+    std::lock_guard<BriefLock> const hold(taking);
     if (IsTerminated() || first == nullptr) return {nullptr, false, false};
     if (!SafeIsReady()) return {nullptr, false, true};
     if (taken == ZoQueueItem::Places - 1) return {nullptr, false, false};
@@ -329,7 +330,7 @@ ZoWorkQueueImpl::Taken ZoWorkQueueImpl::AwaitAndTake() {
 }
 
 ZoWorkUnit* ZoWorkQueueImpl::SafeTakeFirst() {
-    BriefHold const hold(taking);
+    std::lock_guard<BriefLock> const hold(taking);
     if (first == nullptr) first = static_cast<ZoQueueItem*>(items.GetFirst());
     if (first == nullptr || !SafeIsReady()) return nullptr;
     ZoWorkUnit* const unit = first->At(taken++);
@@ -351,13 +352,13 @@ void ZoWorkQueueImpl::SafeTurnOver() {
 
 bool ZoWorkQueueImpl::SafeHasNews() {
     if (IsTerminated()) return true;
-    BriefHold const hold(taking);
+    std::lock_guard<BriefLock> const hold(taking);
     if (first == nullptr) return items.GetFirst() != nullptr;  // no unit of that one is taken yet
     return SafeIsReady();
 }
 
 int ZoWorkQueueImpl::SafeLength() {
-    BriefHold const hold(taking);
+    std::lock_guard<BriefLock> const hold(taking);
     int length = -taken;
     for (auto* item = items.GetFirst(); item != nullptr; item = item->GetNext()) {
         length += static_cast<ZoQueueItem*>(item)->Used();
@@ -368,8 +369,8 @@ int ZoWorkQueueImpl::SafeLength() {
 // The value of the condition counts how often a worker left news behind, whether or not another one
 // slept that had to be told.
 void ZoWorkQueueImpl::SafeCountPassedOn() {
-    BriefHold const hold(taking);
-    StoreValue(&condition->value, Step(LoadValue(&condition->value), passedOn));
+    std::lock_guard<BriefLock> const hold(taking);
+    AddToValue(&condition->value, passedOn);
     passedOn = 0;
 }
 
@@ -394,7 +395,7 @@ int ZoWorkQueueImpl::IncreaseThreadCount() {
     return _IncreaseThreadCount();
 }
 
-// The lock keeps the new worker, and whoever asks how many there are before it appends, waiting.
+// The lock keeps whoever asks how many workers there are before it appends waiting.
 int ZoWorkQueueImpl::_IncreaseThreadCount() {
     CancellationDeferred deferred;
     condition->Lock();

@@ -108,7 +108,7 @@ TEST_F(WorkQueue, WithoutWorkersTheAppenderHandles) {
 }
 
 TEST_F(WorkQueue, HandlesOrAbortsInTheOrderOfAppending) {
-    constexpr int Units = 5;
+    constexpr int Units = 600;  // the queue has more than one item for so many
     std::vector<int> inOrder(Units);
     std::iota(inOrder.begin(), inOrder.end(), 0);
     for (bool const terminate : {false, true}) {
@@ -224,6 +224,30 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
             ASSERT_EQ(fate.handled + fate.aborted + fate.refused, 1);
             ASSERT_EQ(fate.handled, end == Drained ? 1 : fate.handled.load());
         }
+        watchdog.Progress();
+    }
+}
+
+// The workers of a queue that is being terminated leave it one by one. That the last one is gone
+// does not make it a queue without workers, whose appender handles the unit.
+TEST_F(WorkQueue, NoAppenderTakesOverFromWorkersThatLeave) {
+    constexpr int Rounds = 2000;
+    for (int i = 0; i < Rounds; ++i) {
+        std::thread::id appenderId;
+        std::atomic<int> takenOver{0};
+        Unit unit([&] { takenOver += std::this_thread::get_id() == appenderId ? 1 : 0; });
+        auto const queue = Make(1);
+        std::latch started(2);
+        std::thread appender([&] {
+            appenderId = std::this_thread::get_id();
+            started.arrive_and_wait();
+            while (queue->Append(&unit) == ZoSuccess) {
+            }
+        });
+        started.arrive_and_wait();
+        queue->Terminate();
+        appender.join();
+        ASSERT_EQ(takenOver, 0);
         watchdog.Progress();
     }
 }
