@@ -226,7 +226,8 @@ public:
 
     unsigned long GetNum() const { return num; }
 
-    // Search functions read these; nobody but the table changes them.
+    // Search functions read these and the chains; nobody but the table changes either, not even for
+    // a while: of a large table's chains it knows more than stands here.
     ZoHashEntry** buckets;  // initialBuckets, or an array on the heap
     ZoHashEntry* initialBuckets[4];
     ZoUInt32 nBuckets;
