@@ -72,7 +72,7 @@ public:
 
 // The result of a search, kept so that the entry can be created or deleted later without searching
 // again. Filled by Position and good for one Create or Delete. The key it points to must live until
-// then, and its entry and its predecessor must still be in the table.
+// then, and its predecessor, or without one its entry, must still be in the table.
 class ZoHashPosition {
 public:
     ZoHashTable* table;  // null once used
@@ -226,7 +226,8 @@ public:
 
     unsigned long GetNum() const { return num; }
 
-    // Search functions read these; nobody but the table changes them.
+    // Search functions read these and the chains; nobody but the table changes either, not even for
+    // a while: of a large table's chains it knows more than stands here.
     ZoHashEntry** buckets;  // initialBuckets, or an array on the heap
     ZoHashEntry* initialBuckets[4];
     ZoUInt32 nBuckets;

@@ -794,13 +794,13 @@ int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
 
 int ZoHashTable::Delete(ZoHashPosition& pos) {
     if (pos.table != this || pos.entry == nullptr) return ZoBadPosition;
-    // Without a predecessor the entry was its chain's head; insertions since then stand before it.
+    // An entry that is no longer behind its predecessor may be gone: it is not looked at before.
+    if (pos.prev != nullptr && pos.prev->next != pos.entry) return ZoBadPosition;
     unsigned long const hash = HashOf(*this, pos.entry);
     ZoHashEntry** link = pos.prev != nullptr ? &pos.prev->next : &BucketOf(*this, hash);
-    if (pos.prev == nullptr) {
-        while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
-    }
-    if (*link != pos.entry) return ZoBadPosition;
+    // Without a predecessor the entry was its chain's head; insertions since then stand before it.
+    while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
+    if (*link == nullptr) return ZoBadPosition;
     int const place = HasLines(*this) ? LineOf(*this, hash).PlaceOf(pos.entry) : 0;
     Unlink(*this, *link, pos.entry, hash, place);
     Destroy(*this, pos.entry);

@@ -224,6 +224,15 @@ TEST(HashTable, PositionsFitOneTableOnce) {
     table.RebuildTable();
     EXPECT_EQ(table.Delete(pos), ZoBadPosition);
     EXPECT_EQ(table.GetNum(), 2U);
+    // Or when the entry itself is gone by then.
+    ZoHashPosition gone;
+    table.InsertValue(Word(24), &pos);
+    EXPECT_EQ(table.Position(Word(8), gone), 1);
+    ASSERT_NE(gone.prev, nullptr);
+    EXPECT_EQ(table.Remove(Word(8)), &pos);
+    EXPECT_EQ(table.Delete(gone), ZoBadPosition);
+    table.Remove(Word(24));
+    table.InsertValue(Word(8), &pos);
     // Entries that are not the table's own outlive their erasure.
     ZoHashEntry* const erased[] = {table.LookUp(Word(8)), table.LookUp(Word(12))};
     table.EraseBuckets();
@@ -276,7 +285,12 @@ TEST(HashTable, LongChainsOfLargeTables) {
             ZoHashPosition pos;
             table.Position(key, pos);
             if (random() % 512 == 0) {
-                table.EmptyTable(nullptr);
+                if (step % 2 == 0) {
+                    table.EraseBuckets();
+                    for (auto const& pair : chain) table.DestroyHashEntry(pair.second);
+                } else {
+                    table.EmptyTable(nullptr);
+                }
                 chain.clear();
             } else if (present == chain.end() || random() % 8 == 0) {
                 ASSERT_EQ(table.Create(pos, &table), 0);
