@@ -478,8 +478,7 @@ TEST_P(RwMutex, ACancelledWriterLeavesTheGateClosed) {
     } watched;
     // The readers' condition is the first field after the base class's.
     Condition* readers = nullptr;
-    std::memcpy(&readers, reinterpret_cast<char*>(mutex.get()) + sizeof(ZoRW_Mutex),
-                sizeof readers);
+    std::memcpy(&readers, reinterpret_cast<char*>(mutex.get()) + sizeof(ZoRW_Mutex), sizeof(void*));
     watched.before = std::exchange(readers->logic, &watched);
     mutex->StartRW(Read, 0);
     auto const write = [](void* asked) -> void* {

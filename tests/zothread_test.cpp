@@ -225,12 +225,7 @@ TEST_F(Threads, WithoutMemoryAreNotStarted) {
 // Keeps the texts of debug events, which come one after the other here.
 class Tracer : public ZoEventListener {
 public:
-    Tracer(ZoUInt32 flags, Lines& texts) : texts(texts) {
-        GetDebugger()->current = flags;
-        for (ZoUInt32 type : {0x600U, 0x900U}) {
-            ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, type, this);
-        }
-    }
+    explicit Tracer(Lines& texts) : texts(texts) {}
     int Notify(ZoEvent const* event) override {
         texts.emplace_back(event->GetMessageText());
         return 0;
@@ -238,13 +233,21 @@ public:
     Lines& texts;
 };
 
+void Trace(ZoUInt32 flags, Lines& texts) {
+    GetDebugger()->current = flags;
+    auto* const tracer = new Tracer(texts);  // the dispatcher's from here on
+    for (ZoUInt32 type : {0x600U, 0x900U}) {
+        ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, type, tracer);
+    }
+}
+
 TEST_F(Threads, TraceLinesToTheByte) {
     Script script;
     script.work = [] { return 42; };
     for (int autoDelete : {0, 1}) {
         Context context(false);
         Lines texts;
-        new Tracer(0x900100, texts);
+        Trace(0x900100, texts);
         ZoResourceWatcher watcher;
         auto* const thread = new Scripted(autoDelete);
         thread->SetResourceWatcher(&watcher);
@@ -274,7 +277,7 @@ TEST_F(Threads, TraceLinesToTheByte) {
     }
     Context context(false);
     Lines texts;
-    new Tracer(0x800000, texts);
+    Trace(0x800000, texts);
     ZoThread base(nullptr, nullptr, 0);
     EXPECT_EQ(CplusplusTrampoline(&base, nullptr), 0);
     std::string const at = Pointer(&base) + "\n";
