@@ -236,9 +236,9 @@ public:
 void Trace(ZoUInt32 flags, Lines& texts) {
     GetDebugger()->current = flags;
     auto* const tracer = new Tracer(texts);  // the dispatcher's from here on
-    for (ZoUInt32 type : {0x600U, 0x900U}) {
-        ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(0xF, type, tracer);
-    }
+    ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
+    dispatcher->RegisterListener(0xF, 0x600, tracer);
+    dispatcher->RegisterListener(0xF, 0x900, tracer);
 }
 
 TEST_F(Threads, TraceLinesToTheByte) {
