@@ -3,8 +3,6 @@
 if(ZO_SANITIZE)
     add_compile_options(-fsanitize=${ZO_SANITIZE} -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${ZO_SANITIZE})
-    # GCC's instrumentation makes it see uninitialised words in the standard library's regex.
-    add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
     if(ZO_SANITIZE STREQUAL "undefined")
         add_compile_options(-fno-sanitize-recover=all)
     endif()

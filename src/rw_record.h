@@ -37,9 +37,9 @@ constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
 // Null when the thread has no record for `mutex`. The one added last is mostly the one sought.
 inline ZoRWRecord* FindRwRecord(ZoTLS const* me, ZoRW_Mutex const* mutex) {
     auto* record = static_cast<ZoRWRecord*>(me->rwRecords.GetFirst());
-    while (record != nullptr && record->mutex != mutex) [[unlikely]] {
-            record = static_cast<ZoRWRecord*>(record->GetNext());
-        }
+    while (__builtin_expect(record != nullptr && record->mutex != mutex, 0)) {
+        record = static_cast<ZoRWRecord*>(record->GetNext());
+    }
     return record;
 }
 

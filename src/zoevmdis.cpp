@@ -352,17 +352,15 @@ ZoEventFamily* MakeFamily(char const* name, ZoUInt32 id) {
 // cancelled.
 class DispatcherHold {
 public:
-    explicit DispatcherHold(ZoCritSect* section) : section(section) {
-        if (section != nullptr) section->Begin();
+    explicit DispatcherHold(ZoEventMessageDispatcher& dispatcher) : dispatcher(dispatcher) {
+        dispatcher.BeginCritSect();
     }
     DispatcherHold(DispatcherHold const&) = delete;
     DispatcherHold& operator=(DispatcherHold const&) = delete;
-    ~DispatcherHold() {
-        if (section != nullptr) section->Exit();
-    }
+    ~DispatcherHold() { dispatcher.ExitCritSect(); }
 
 private:
-    ZoCritSect* section;
+    ZoEventMessageDispatcher& dispatcher;
 };
 
 }  // namespace
@@ -428,7 +426,7 @@ ZoListenerRegistration* ZoEventMessageDispatcher::Chain(ZoUInt32 typeKey) const 
 
 int ZoEventMessageDispatcher::RegisterListener(unsigned long mask, unsigned long type,
                                                ZoEventListener* listener) {
-    DispatcherHold hold(lock);
+    DispatcherHold hold(*this);
     ListenerHold alive(listener);
     auto* const registration = new (std::nothrow) ZoListenerRegistration(mask, type, listener);
     int const result = registration != nullptr ? Link(registration) : ZoOutOfMemory;
@@ -454,7 +452,7 @@ int ZoEventMessageDispatcher::Link(ZoListenerRegistration* registration) {
 }
 
 int ZoEventMessageDispatcher::Dispatch(ZoEvent const* event) {
-    DispatcherHold hold(lock);
+    DispatcherHold hold(*this);
     ZoUInt32 const typeKey = TypeKey(event->type);
     Deliver(Chain(WildcardKey), event);
     if (typeKey != WildcardKey) Deliver(Chain(typeKey), event);
@@ -470,7 +468,7 @@ void ZoEventMessageDispatcher::Deliver(ZoListenerRegistration const* chain, ZoEv
 }
 
 int ZoEventMessageDispatcher::TypeRequested(unsigned long mask, unsigned long type) {
-    DispatcherHold hold(lock);
+    DispatcherHold hold(*this);
     if ((requestedMask & mask) == 0) return 0;
     for (ZoUInt32 const typeKey : {WildcardKey, TypeKey(static_cast<ZoUInt32>(type))}) {
         for (ZoListenerRegistration const* registration = Chain(typeKey); registration != nullptr;
@@ -491,7 +489,7 @@ int ZoEventMessageDispatcher::AddFamilyRegistration(char const* name, unsigned l
 }
 
 unsigned long ZoEventMessageDispatcher::GetEventFamilyId(char const* name) {
-    DispatcherHold hold(lock);
+    DispatcherHold hold(*this);
     for (ZoEventFamily const* family = familyList; family != nullptr; family = family->next) {
         if (family->id != 0 && std::strcmp(family->name, name) == 0) return family->id;
     }
@@ -502,7 +500,7 @@ unsigned long ZoEventMessageDispatcher::GetEventFamilyId(char const* name) {
 }
 
 char const* ZoEventMessageDispatcher::GetEventFamilyName(unsigned long id) {
-    DispatcherHold hold(lock);
+    DispatcherHold hold(*this);
     for (ZoEventFamily const* family = familyList; family != nullptr; family = family->next) {
         if (family->id == static_cast<ZoUInt32>(id)) return family->name;
     }
