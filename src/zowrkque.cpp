@@ -105,8 +105,9 @@ public:
     // took the count down, the caller sees afterwards.
     bool AreGone() const {
         if (Counter() >= 1) return false;
-        ConditionHold const hold(condition);
-        return Counter() < 1;
+        int const count = condition->Lock();
+        condition->Unlock();
+        return count < 1;
     }
 };
 
