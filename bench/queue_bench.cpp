@@ -1,5 +1,9 @@
 // Small units through a work queue, beside the pools of other libraries: many at a time, and one at
 // a time through an empty queue.
+//
+// The other pools keep a copy of each closure in memory of their own. A unit of ours is the
+// caller's: it may be one of an array that the caller keeps, or come from the heap and delete
+// itself when it is handled. Both are measured, beside the same peers.
 #include <benchmark/benchmark.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
@@ -10,6 +14,7 @@
 #include <latch>
 #include <memory>
 #include <semaphore>
+#include <string>
 
 #include "zowrkque.h"
 
@@ -17,11 +22,11 @@ namespace {
 
 constexpr int Units = 10'000;
 
-// A unit that does `step` and is gone, as a closure is in the other pools.
+// A unit from the heap that does `step` and is gone.
 template <class Step>
-class Unit final : public ZoWorkUnit {
+class HeapUnit final : public ZoWorkUnit {
 public:
-    explicit Unit(Step step) : step(step) {}
+    explicit HeapUnit(Step step) : step(step) {}
     void Handle(ZoWorkQueue*) override {
         step();
         delete this;
@@ -32,13 +37,23 @@ private:
     Step step;
 };
 
+// A unit of an array.
+class KeptUnit final : public ZoWorkUnit {
+public:
+    void Handle(ZoWorkQueue*) override { handled->count_down(); }
+    void Aborted(ZoWorkQueue*) override { handled->count_down(); }
+
+    std::latch* handled = nullptr;
+};
+
 class Ours {
 public:
     explicit Ours(int workers) : queue(ZoWorkQueue::Create(workers, nullptr)) {}
     template <class Step>
     void Post(Step step) {
-        queue->Append(new Unit<Step>(step));
+        queue->Append(new HeapUnit<Step>(step));
     }
+    void PostKept(ZoWorkUnit& unit) { queue->Append(&unit); }
 
 private:
     struct Destroyer {
@@ -70,6 +85,21 @@ void Many(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * Units);
 }
 
+template <int Workers>
+void ManyKept(benchmark::State& state) {
+    Ours pool(Workers);
+    auto const units = std::make_unique<KeptUnit[]>(Units);
+    for (auto _ : state) {
+        std::latch handled(Units);
+        for (std::size_t i = 0; i < Units; ++i) {
+            units[i].handled = &handled;
+            pool.PostKept(units[i]);
+        }
+        handled.wait();
+    }
+    state.SetItemsProcessed(state.iterations() * Units);
+}
+
 // The calling thread is one of the arena's and handles units while it waits.
 template <int Workers>
 void ManyInArena(benchmark::State& state) {
@@ -95,12 +125,25 @@ void One(benchmark::State& state) {
     }
 }
 
-BENCHMARK(Many<Ours, 1>)->Name("10,000 units, 1 worker/zo")->UseRealTime();
-BENCHMARK(Many<Asio, 1>)->Name("10,000 units, 1 worker/boost::asio::thread_pool")->UseRealTime();
-BENCHMARK(ManyInArena<1>)->Name("10,000 units, 1 worker/oneTBB task_group")->UseRealTime();
-BENCHMARK(Many<Ours, 2>)->Name("10,000 units, 2 workers/zo")->UseRealTime();
-BENCHMARK(Many<Asio, 2>)->Name("10,000 units, 2 workers/boost::asio::thread_pool")->UseRealTime();
-BENCHMARK(ManyInArena<2>)->Name("10,000 units, 2 workers/oneTBB task_group")->UseRealTime();
+template <int Workers>
+void RegisterMany(std::string const& workers) {
+    auto const add = [](std::string const& name, void (*run)(benchmark::State&)) {
+        benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime();
+    };
+    add("10,000 units, " + workers + "/zo", ManyKept<Workers>);
+    add("10,000 heap units, " + workers + "/zo", Many<Ours, Workers>);
+    for (std::string const units : {"10,000 units, ", "10,000 heap units, "}) {
+        add(units + workers + "/boost::asio::thread_pool", Many<Asio, Workers>);
+        add(units + workers + "/oneTBB task_group", ManyInArena<Workers>);
+    }
+}
+
+int const registered = [] {
+    RegisterMany<1>("1 worker");
+    RegisterMany<2>("2 workers");
+    return 0;
+}();
+
 BENCHMARK(One<Ours>)->Name("empty queue, latency/zo")->UseRealTime();
 BENCHMARK(One<Asio>)->Name("empty queue, latency/boost::asio::thread_pool")->UseRealTime();
 

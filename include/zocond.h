@@ -114,11 +114,16 @@ private:
     ZO_INTERNAL POSIXCondition(char const* name, ChainLock const& held);
     // Wakes one waiter without changing the value.
     ZO_INTERNAL void WakeWaiter();
+    // With the mutex held.
+    ZO_INTERNAL void SafeSignal();
+    ZO_INTERNAL bool SafeMustWait();
+    [[gnu::cold]] ZO_INTERNAL int SafeSleep(unsigned long milliseconds);
 
-    pthread_mutex_t mutex;  // guards value, and every call of logic
+    pthread_mutex_t mutex;  // guards value, sleepers, and every call of logic
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
+    int sleepers = 0;  // how many threads sleep on condition
 };
 
 // Counts the users of a resource.

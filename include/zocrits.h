@@ -77,8 +77,17 @@ protected:
     ZoInt32 GetOwningCount() const { return owningCount.load(std::memory_order_relaxed); }
 };
 
-// A section over a POSIX mutex of the default kind. Recursion is its own: the mutex is locked once
-// per outermost entry.
+// A section over one word and a POSIX mutex of the default kind. Recursion is its own: the word is
+// taken once per outermost entry.
+//
+//     word       the section is      Begin by another thread          the last Exit
+//     Free       free                takes it                         -
+//     Taken      owned               waits, and makes it Awaited      frees it
+//     Awaited    owned               waits                            frees it and wakes the next
+//
+// Threads that wait stand in line for the mutex. The one that has it is the next: it alone sleeps
+// on the word. So a free section costs one atomic step to enter and one to leave, and however many
+// wait, a leave wakes one. A thread that comes just as the section is left may overtake those.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
     explicit PosixCritSect(char const* name);
@@ -97,10 +106,13 @@ private:
     ZO_INTERNAL bool TakeIfFree();
     ZO_INTERNAL void Own();
     [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
+    [[gnu::cold]] ZO_INTERNAL void SleepAndTake();
+    [[gnu::cold]] ZO_INTERNAL void WakeNext();
 
     pthread_mutexattr_t attributes;
-    pthread_mutex_t mutex;
+    pthread_mutex_t mutex;         // its holder is the next to get the section
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
+    std::atomic<int> word;
 };
 
 // A section that finds a deadlock before it blocks.

@@ -64,10 +64,10 @@ public:
     static int CountIn(int value) { return value & (Claimed - 1); }
     int Count() const { return CountIn(word.load(std::memory_order_acquire)); }
 
-    // The first reader in and the last one out are the common case. To try that one first is no
-    // slower in the others: a try that fails brings the word just as reading it would.
-    bool TryEnter() const { return TryStep(0, 1, std::memory_order_acquire); }
-    bool TryLeave() const { return TryStep(1, -1, std::memory_order_release); }
+    // The word is read before it is tried: beside other readers a try with a guessed count fails
+    // more often than not, and a failed one is as dear as one that succeeds.
+    bool TryEnter() const { return TryStep(1, std::memory_order_acquire); }
+    bool TryLeave() const { return TryStep(-1, std::memory_order_release); }
 
     // With the condition's lock held: a waiting writer tests the count with the same lock.
     void LeaveLocked() const { word.fetch_sub(1, std::memory_order_release); }
@@ -106,13 +106,14 @@ private:
     static constexpr int Claimed = 0x20000000;
     static constexpr int Closed = 0x40000000;
 
-    bool TryStep(int expected, int step, std::memory_order order) const {
-        do {
-            if (word.compare_exchange_strong(expected, expected + step, order,
-                                             std::memory_order_relaxed)) [[likely]] {
+    bool TryStep(int step, std::memory_order order) const {
+        int before = word.load(std::memory_order_relaxed);
+        while ((before & Closed) == 0) {
+            if (word.compare_exchange_weak(before, before + step, order, std::memory_order_relaxed))
+                [[likely]] {
                 return true;
             }
-        } while ((expected & Closed) == 0);
+        }
         return false;
     }
 

@@ -116,6 +116,18 @@ private:
     pthread_mutex_t* mutex;
 };
 
+// One who sleeps, for a scope with the mutex held at both ends, also when the sleep is cancelled.
+class SleeperCount {
+public:
+    explicit SleeperCount(int& count) : count(count) { ++count; }
+    SleeperCount(SleeperCount const&) = delete;
+    SleeperCount& operator=(SleeperCount const&) = delete;
+    ~SleeperCount() { --count; }
+
+private:
+    int& count;
+};
+
 // `milliseconds` from now on the clock that condition variables use.
 timespec DeadlineAfter(ZoUInt32 milliseconds) {
     timeval now{};
@@ -152,7 +164,7 @@ POSIXCondition::~POSIXCondition() {
 int POSIXCondition::SetCondition() {
     MutexHold hold(mutex);
     WithLogic(logic, [this](auto& of) { of.SafeSet(&value); });
-    pthread_cond_signal(&condition);
+    SafeSignal();
     return LoadValue(&value);
 }
 
@@ -166,33 +178,42 @@ int POSIXCondition::ClearCondition() {
 int POSIXCondition::SetConditionApp(void* first, void* second) {
     MutexHold hold(mutex);
     int const wake = logic->SafeSetApp(&value, first, second);
-    if (wake != 0) pthread_cond_signal(&condition);
+    if (wake != 0) SafeSignal();
     return wake;
 }
 
 int POSIXCondition::WaitForCondition(unsigned short keepLocked, unsigned long milliseconds) {
-    ZoUInt32 const limit =
-        milliseconds < ZoNoLimit ? static_cast<ZoUInt32>(milliseconds) : ZoNoLimit;
-    int result = ZoSuccess;
     MutexHold hold(mutex);
-    while (result == ZoSuccess &&
-           WithLogic(logic, [this](auto& of) { return of.SafeTest(&value); }) != 0) {
-        if (limit == ZoNoLimit) {
-            pthread_cond_wait(&condition, &mutex);
-            continue;
-        }
-        timespec const deadline = DeadlineAfter(limit);
-        if (pthread_cond_timedwait(&condition, &mutex, &deadline) == ETIMEDOUT) {
-            result = ZoTimedOut;
-        }
-    }
+    int const result = SafeMustWait() ? SafeSleep(milliseconds) : ZoSuccess;
     if (keepLocked != 0) hold.Keep();
     return result;
 }
 
 void POSIXCondition::WakeWaiter() {
     MutexHold hold(mutex);
-    pthread_cond_signal(&condition);
+    SafeSignal();
+}
+
+// A signal that nobody sleeps for is a call into the system library for nothing.
+void POSIXCondition::SafeSignal() {
+    if (sleepers != 0) pthread_cond_signal(&condition);
+}
+
+bool POSIXCondition::SafeMustWait() {
+    return WithLogic(logic, [this](auto& of) { return of.SafeTest(&value); }) != 0;
+}
+
+int POSIXCondition::SafeSleep(unsigned long milliseconds) {
+    SleeperCount const counted(sleepers);
+    do {
+        if (milliseconds >= ZoNoLimit) {
+            pthread_cond_wait(&condition, &mutex);
+            continue;
+        }
+        timespec const deadline = DeadlineAfter(static_cast<ZoUInt32>(milliseconds));
+        if (pthread_cond_timedwait(&condition, &mutex, &deadline) == ETIMEDOUT) return ZoTimedOut;
+    } while (SafeMustWait());
+    return ZoSuccess;
 }
 
 int POSIXCondition::Lock() {

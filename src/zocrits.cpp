@@ -26,6 +26,11 @@ int DeadLockDetectionEnabled = 0;
 // The owner of a free POSIX section.
 constexpr pthread_t NoThread = 0;
 
+// What a POSIX section's word says.
+constexpr int Free = 0;
+constexpr int Taken = 1;
+constexpr int Awaited = 2;
+
 // What is no thread's identity, nor that of a free section.
 constexpr pthread_t UnknownThread = ~NoThread;
 
@@ -122,12 +127,12 @@ void ZoCritSect::GetInfo(char* buffer, int size) {
                   static_cast<long>(waitCount.load(std::memory_order_relaxed)));
 }
 
-// --- the section over a POSIX mutex ------------------------------------------------------------
+// --- the section over a word and a POSIX mutex --------------------------------------------
 
 PosixCritSect::PosixCritSect(char const* name) : PosixCritSect(name, ChainLock()) {}
 
 PosixCritSect::PosixCritSect(char const* name, ChainLock const& held)
-    : ZoCritSect(name, held), owner(NoThread) {
+    : ZoCritSect(name, held), owner(NoThread), word(Free) {
     pthread_mutexattr_init(&attributes);
     pthread_mutex_init(&mutex, &attributes);
 }
@@ -138,10 +143,10 @@ PosixCritSect::~PosixCritSect() {
     pthread_mutexattr_destroy(&attributes);
 }
 
-// Invariant: `owner` holds a thread's identity only between that thread's locking and unlocking of
-// the mutex, and only that thread writes it. So a thread finds itself there exactly when it owns
-// the section; whatever else a thread reads there, it is not its own identity. Relaxed order is
-// enough: a thread sees its own writes in order, and everything else is ordered by the mutex.
+// Invariant: `owner` holds a thread's identity only between that thread's taking and freeing of the
+// word, and only that thread writes it. So a thread finds itself there exactly when it owns the
+// section; whatever else a thread reads there, it is not its own identity. Relaxed order is enough:
+// a thread sees its own writes in order, and everything else is ordered by the word.
 bool PosixCritSect::IsMine() const {
     return owner.load(std::memory_order_relaxed) == self;
 }
@@ -154,9 +159,14 @@ void PosixCritSect::Begin() {
     }
 }
 
-// A free section is had without counting a waiter, which would cost two more atomic updates.
+// Acquire order, here and in SleepAndTake, meets the release order of the Exit that freed the word:
+// what an owner did comes before what the next one does.
 bool PosixCritSect::TakeIfFree() {
-    if (pthread_mutex_trylock(&mutex) != 0) return false;
+    int expected = Free;
+    if (!word.compare_exchange_strong(expected, Taken, std::memory_order_acquire,
+                                      std::memory_order_relaxed)) {
+        return false;
+    }
     Own();
     return true;
 }
@@ -171,16 +181,27 @@ void PosixCritSect::Own() {
 // so the thread tries again a few times, each time after a longer rest: while it rests it leaves
 // the section's memory to the owner.
 void PosixCritSect::WaitAndTake() {
-    constexpr int FirstRest = 4;
-    constexpr int LastRest = 64;
+    constexpr int FirstRest = 16;
+    constexpr int LastRest = 128;
     for (int rest = FirstRest; rest <= LastRest; rest *= 2) {
         for (int i = 0; i < rest; ++i) RelaxProcessor();
         if (TakeIfFree()) return;
     }
     waitCount.fetch_add(1, std::memory_order_relaxed);
-    pthread_mutex_lock(&mutex);
+    SleepAndTake();
     waitCount.fetch_sub(1, std::memory_order_relaxed);
     Own();
+}
+
+// The thread leaves Awaited behind when it gets the section, whether or not another one has begun
+// to wait for the word meanwhile. No wake-up is lost: the word is Awaited before the thread sleeps,
+// it sleeps only while it still is, and whoever frees an awaited word wakes.
+void PosixCritSect::SleepAndTake() {
+    pthread_mutex_lock(&mutex);
+    while (word.exchange(Awaited, std::memory_order_acquire) != Free) {
+        word.wait(Awaited, std::memory_order_relaxed);
+    }
+    pthread_mutex_unlock(&mutex);
 }
 
 void PosixCritSect::Exit() {
@@ -188,7 +209,12 @@ void PosixCritSect::Exit() {
     SetOwningCount(left);
     if (left != 0) return;
     owner.store(NoThread, std::memory_order_relaxed);
-    pthread_mutex_unlock(&mutex);
+    if (word.exchange(Free, std::memory_order_release) == Awaited) WakeNext();
+}
+
+// The section may be destroyed by now: waking needs the word's address only.
+void PosixCritSect::WakeNext() {
+    word.notify_one();
 }
 
 void PosixCritSect::ForceRelease() {

@@ -1,6 +1,7 @@
 // The binary shape that an engine relies on: where the fields lie and which slot a virtual function
 // has. Every mirror is written with plain types in the described order; on the 32-bit build it has
-// the described offsets, on a 64-bit build pointers are wider and the order is the same.
+// the described offsets, on a 64-bit build pointers are wider and the order is the same. What the
+// library keeps for itself stands last.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,6 +47,7 @@ struct PosixShape : SectionShape {
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;
     pthread_t owner;
+    int word;
 };
 struct DetectingShape : SectionShape {
     void *wrapped, *owner;
@@ -57,6 +59,7 @@ struct PosixConditionShape : SynchroShape {
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
+    int sleepers;
 };
 struct TableShape {
     void *table, *buckets, *initialBuckets[4];
