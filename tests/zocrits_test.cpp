@@ -3,11 +3,15 @@
 #include "zocrits.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <typeinfo>
+#include <vector>
 
 #include "services.h"
 #include "zotls.h"
@@ -112,6 +116,35 @@ TEST_P(EitherKind, ExcludesAndCountsBackToZero) {
     section->Begin();
     EXPECT_EQ(InfoOf(section), Owned(1, 0));
     section->Exit();
+    EXPECT_EQ(InfoOf(section), Free());
+}
+
+// Whether the system has put the thread to sleep.
+bool Sleeps(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    return text.find(") S ") != std::string::npos;
+}
+
+TEST_P(EitherKind, WakesAllWhoSleep) {
+    constexpr int Sleepers = 3;
+    int entries = 0;
+    section->Begin();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < Sleepers; ++i) {
+        std::atomic<pid_t> id{0};
+        threads.emplace_back([&] {
+            id = gettid();
+            section->Begin();
+            ++entries;
+            section->Exit();
+        });
+        Await([&] { return InfoOf(section) == Owned(1, i + 1) && Sleeps(id); });
+    }
+    section->Exit();
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(entries, Sleepers);
     EXPECT_EQ(InfoOf(section), Free());
 }
 
