@@ -20,7 +20,8 @@
 //
 // No read takes a lock while no writer is about: a first read and the end of a last one are one
 // atomic update of a word that the readers share, a nested one changes the thread's own record
-// only. A write takes the exclusive section and one update of that word.
+// only. A write takes the exclusive section and, unless a write went before it, one update of that
+// word; the first read after a write passes the section.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
 // at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two
@@ -103,7 +104,6 @@ private:
 
     ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
-    ZO_INTERNAL void LetWriterLeave();
     ZO_INTERNAL ReaderGate Gate() const;
     ZO_INTERNAL bool TryStartRead();
     ZO_INTERNAL bool TryEndRead();
@@ -116,7 +116,6 @@ private:
     ZO_INTERNAL void QueueToRead();
     ZO_INTERNAL void AdmitReaderToWrite(ZoUInt32& holdings);
     ZO_INTERNAL void AdmitWriter(bool gaveUpRead);
-    ZO_INTERNAL void CloseGate(bool gaveUpRead);
     ZO_INTERNAL void LeaveReaders();
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);

@@ -99,6 +99,7 @@ public:
 
 private:
     friend class ZoDLDCritSect;
+    friend bool TryBegin(ZoCritSect& section);
 
     ZO_INTERNAL PosixCritSect(char const* name, ChainLock const& held);
 
@@ -154,11 +155,12 @@ public:
 private:
     friend class WaitForGraph;
     friend void UnchainSection(ZoCritSect* section);
+    friend bool TryBegin(ZoCritSect& section);
 
     ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 
     ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
-    ZO_INTERNAL bool TakeWrappedIfFree();
+    ZO_INTERNAL bool TakeIfFree(ZoTLS* me);
     ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
     ZO_INTERNAL void ReportFalseAlarm();
     ZO_INTERNAL void EnterWrapped();

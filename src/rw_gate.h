@@ -3,54 +3,51 @@
 // It is the value of the mutex's condition `readers`:
 //
 //     bits 0-28   the count: threads that are counted as readers
-//     bit 29      claimed: a writer has closed the gate on its way into the exclusive section
+//     bit 29      quiet: nobody has entered since a write
 //     bit 30      closed: readers enter with the section held, and leave with the condition's lock
 //                 held
 //
-//     word                 state                  a first read   a counted reader   a write
-//     0                    free                   enters         -                  claims
-//     n                    read                   enters         leaves             queues
-//     closed + claimed     claimed, or written    queues         -                  queues
-//     closed, count 0      written, or free       queues         -                  queues
-//     closed, count n      write pending or read  queues         leaves with lock   queues
+//     word               state                        a first read    a counted reader   a write
+//     0                  free                         enters          -                  closes
+//     n                  read                         enters          leaves             closes,
+//     waits closed + quiet     written, or free since       queues, opens   -                  goes
+//     on closed, count n    write pending, or given up   queues          leaves with lock   waits
 //
-// Who changes it, all by atomic read-modify-write but for Open:
+// "Queues" and every write go through the exclusive section, whose holder alone does what stands
+// below the line:
 //
-//     operation       by                                           allowed while
-//     TryEnter        a reader                                     not closed
-//     TryLeave        a counted reader                             not closed
-//     TryClaim        a writer that holds nothing                  the word is 0
-//     Enter, Close,   the thread that holds the section
-//     Open
-//     SafeSet         a counted reader, with the condition's lock  any time (rw_mutex.cpp)
+//     operation           by
+//     TryEnter            a reader, while the gate is open
+//     TryLeave            a counted reader, while the gate is open
+//     LeaveLocked         a counted reader, with the condition's lock
+//     -----------------------------------------------------------------------------------------
+//     Enter               a reader that queued; a writer that gives up and goes on as a reader
+//     Close               a writer
+//     EndWrite            the writer
 //
-// Invariant: a thread that holds the section and sees the gate closed with count 0 is alone. Nobody
-// can enter without the section, nobody is left to leave, and a claim needs an open gate: the word
-// is that thread's until it opens the gate, for which a plain store is therefore enough.
+// A write leaves the gate closed: the next one has nothing to change, and readers, who come in
+// numbers or not at all, have one of them open it.
 //
-// Claimed implies count 0. A claim is made at 0, and closes the gate; the one way to raise the
-// count beside it is Enter, which takes the claim off in the same hold of the section.
+// Invariant: a thread that holds the section and sees a quiet gate is alone. Nobody is counted,
+// nobody can enter without the section, and whoever was counted before has nothing more to do with
+// the mutex. So the word is that thread's, and a plain store is enough to change it.
 //
 // Whoever leaves an open gate does not touch the mutex afterwards: a writer may see the 0 at once,
 // write, and destroy it. Whoever finds the gate closed has a writer to wake and therefore leaves
 // with the condition's lock. A writer that has closed the gate on counted readers, or finds it
-// closed without a claim, believes a count of 0 only with that lock too, so it cannot go on while
-// the reader still holds it.
+// closed and not quiet, believes a count of 0 only with that lock too, so it cannot go on while the
+// reader still holds it. That is why only the end of a write makes the gate quiet, and only a quiet
+// gate is opened: were it opened at a count of 0 that nobody has seen with the lock, the reader
+// that brought it there might still hold the lock when the next one ends and the mutex with it.
 //
-// A writer opens the gate before it leaves the section, for a moment in which a reader may come in
-// and, as the last one, destroy the mutex. So the destruction of an open one passes the section.
-//
-// The gate opens only while nobody is counted, at the end of a write. A writer that is cancelled
-// leaves it closed: a reader that found it so may be on its way to the lock, and would leave an
-// open gate while it still holds that. Until the next write ends, the mutex is then free or read
-// with a closed gate; readers queue, which is slower, but no less right.
+// So a writer that is cancelled leaves the gate closed and not quiet. Until the next write ends,
+// readers queue, which is slower, but no less right.
 //
 // Order: what a reader did must come before what a writer does after it, and the other way round.
 // A reader leaves with release order, and a writer that relies on a count of 0 has read it with
-// acquire order. Open has release order, and TryEnter acquire order. Between a store and the load
-// that sees its effect stand only read-modify-writes, which carry the release on, or another Open,
-// whose writer has acquired all before it. Writers and queued readers among themselves are ordered
-// by the section.
+// acquire order, or has seen a quiet gate, whose writer had. Enter opens the gate with release
+// order, and TryEnter has acquire order. Between a store and the load that sees its effect stand
+// only read-modify-writes, which carry the release on. All who hold the section are ordered by it.
 
 #ifndef KELVARA_SRC_RW_GATE_H_
 #define KELVARA_SRC_RW_GATE_H_
@@ -61,8 +58,7 @@ class ReaderGate {
 public:
     explicit ReaderGate(int& word) : word(word) {}
 
-    static int CountIn(int value) { return value & (Claimed - 1); }
-    int Count() const { return CountIn(word.load(std::memory_order_acquire)); }
+    int Count() const { return word.load(std::memory_order_acquire) & (Quiet - 1); }
 
     // The word is read before it is tried: beside other readers a try with a guessed count fails
     // more often than not, and a failed one is as dear as one that succeeds.
@@ -72,39 +68,32 @@ public:
     // With the condition's lock held: a waiting writer tests the count with the same lock.
     void LeaveLocked() const { word.fetch_sub(1, std::memory_order_release); }
 
-    bool IsFreeAndOpen() const { return word.load(std::memory_order_acquire) == 0; }
-
-    bool TryClaim() const {
-        int free = 0;
-        return word.compare_exchange_strong(free, Closed | Claimed, std::memory_order_acquire,
-                                            std::memory_order_relaxed);
-    }
-
     // What follows is for the thread that holds the section.
 
-    // Somebody has claimed, and since then no other thread has changed the word.
-    bool IsClaimed() const { return word.load(std::memory_order_acquire) == (Closed | Claimed); }
-
-    // Counts one reader. True when this took a claim off: the claimer must be told otherwise that
-    // it waits. Relaxed is enough: the section orders this after every writer's end.
-    bool Enter() const {
-        bool const claimed = (word.fetch_add(1, std::memory_order_relaxed) & Claimed) != 0;
-        if (claimed) word.fetch_and(~Claimed, std::memory_order_relaxed);
-        return claimed;
+    // Counts one reader, and opens a quiet gate for those that come after it.
+    void Enter() const {
+        if (IsQuiet()) {
+            word.store(1, std::memory_order_release);
+        } else {
+            word.fetch_add(1, std::memory_order_relaxed);
+        }
     }
 
-    enum Found { Free, ClaimedByOther, MustWait };
-    Found Close() const {
-        int const before = word.fetch_or(Closed, std::memory_order_acquire);
-        if (before == 0) return Free;
-        return before == (Closed | Claimed) ? ClaimedByOther : MustWait;
+    // Closes the gate for a write. True: no reader is left to be waited for.
+    bool Close() const {
+        return IsQuiet() || word.fetch_or(Closed, std::memory_order_acquire) == 0;
     }
-    // Ends a write. `count`: 1 when the writer goes on as a reader, else 0.
-    void Open(int count) const { word.store(count, std::memory_order_release); }
+
+    // Ends the write that Close began. `isReader`: the writer goes on as one.
+    void EndWrite(bool isReader) const {
+        word.store(isReader ? 1 : Closed | Quiet, std::memory_order_release);
+    }
 
 private:
-    static constexpr int Claimed = 0x20000000;
+    static constexpr int Quiet = 0x20000000;
     static constexpr int Closed = 0x40000000;
+
+    bool IsQuiet() const { return word.load(std::memory_order_relaxed) == (Closed | Quiet); }
 
     bool TryStep(int step, std::memory_order order) const {
         int before = word.load(std::memory_order_relaxed);

@@ -7,6 +7,7 @@
 #include "cancellation.h"
 #include "chain.h"
 #include "rw_fast.h"
+#include "section_try.h"
 #include "trace.h"
 #include "zobase.h"
 #include "zocrits.h"
@@ -36,14 +37,6 @@
 // Every wait ends: a thread that waits for the section is not counted, so the writer that holds the
 // section waits for running threads only; a counted thread runs until it ends its reads or asks to
 // write, and both take it off the count.
-//
-// Who is counted as a waiting writer: a writer whose claim of the free gate fails counts itself
-// before it waits for the section. One that claims does not, because it hardly ever waits. Should
-// another thread come into the section between, a reader that enters then counts the claimer and
-// takes the claim off; a writer leaves its own one behind in the name of the claimer, and ends the
-// claim when it opens the gate. So a claimer that does not find a claim when it has the section
-// knows that it has been counted. It may find that of a later claimer, which then takes over its
-// one: they are all alike.
 
 namespace {
 
@@ -231,17 +224,10 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
-    if (IsComplete() && Gate().IsFreeAndOpen()) LetWriterLeave();
     delete exclusive;
     delete readers;
     WriterLevel.store(0, std::memory_order_relaxed);
     owner.store(nullptr, std::memory_order_relaxed);
-}
-
-// The last writer may have opened the gate and be about to leave the section.
-void ZoGenRW_Mutex::LetWriterLeave() {
-    exclusive->Begin();
-    exclusive->Exit();
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
@@ -290,12 +276,12 @@ void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
 }
 
 void ZoGenRW_Mutex::QueueToRead() {
-    {
+    if (!TryBegin(*exclusive)) {
         AddOne(waitingReaders);
         OneLessAtEnd waiting(waitingReaders);
         exclusive->Begin();
     }
-    if (Gate().Enter()) AddOne(waitingWriters);
+    Gate().Enter();
     exclusive->Exit();
 }
 
@@ -322,21 +308,16 @@ void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
     AdmitWriter(true);
 }
 
+// Counted as waiting only if there is something to wait for.
 void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
-    ReaderGate const gate = Gate();
-    bool const claimed = gate.TryClaim();
-    if (!claimed) AddOne(waitingWriters);
-    exclusive->Begin();
-    if (claimed && gate.IsClaimed()) return;
-    CloseGate(gaveUpRead);
-}
-
-// The calling thread is counted as a waiting writer.
-void ZoGenRW_Mutex::CloseGate(bool gaveUpRead) {
-    ReaderGate::Found const found = Gate().Close();
-    if (found == ReaderGate::ClaimedByOther) return;  // and its one is the claimer's now
+    bool const entered = TryBegin(*exclusive);
+    if (entered && Gate().Close()) return;
+    AddOne(waitingWriters);
     OneLessAtEnd waiting(waitingWriters);
-    if (found == ReaderGate::Free) return;
+    if (!entered) {
+        exclusive->Begin();
+        if (Gate().Close()) return;
+    }
     PendingWrite pending(*exclusive, *readers, gaveUpRead);
     pending.WaitForReaders();
 }
@@ -358,7 +339,7 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     if (WriteDepth(left) == 0) {
         if (left != 0) ReportLowering();
         owner.store(nullptr, std::memory_order_relaxed);
-        Gate().Open(left != 0 ? 1 : 0);
+        Gate().EndWrite(left != 0);
         exclusive->Exit();
     }
     holdings -= OneWrite;  // and not `left`, should the report have changed the reads

@@ -12,6 +12,7 @@
 #include "deadlock_io.h"
 #include "debug_path.h"
 #include "rw_record.h"
+#include "section_try.h"
 #include "smp_io.h"
 #include "zobase.h"
 #include "zosleep.h"
@@ -342,11 +343,7 @@ void ZoDLDCritSect::Begin() {
 // to announce its wait finds the others' in the graph.
 bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     GraphLock lock;
-    if (TakeWrappedIfFree()) {
-        owner.store(me, std::memory_order_relaxed);
-        SetOwningCount(1);
-        return true;
-    }
+    if (TakeIfFree(me)) return true;
     waitCount.fetch_add(1, std::memory_order_relaxed);
     suspect = WouldDeadLock(me) != 0;
     if (suspect) ReportDeadlock(me);
@@ -354,10 +351,24 @@ bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     return false;
 }
 
-// Only our own kind can be tried; for any other the answer is no, and the thread waits for it.
-bool ZoDLDCritSect::TakeWrappedIfFree() {
-    return typeid(*wrapped) == typeid(PosixCritSect) &&
-           static_cast<PosixCritSect*>(wrapped)->TakeIfFree();
+// With csDLD held. Only our own kind of a wrapped section can be tried.
+bool ZoDLDCritSect::TakeIfFree(ZoTLS* me) {
+    if (!TryBegin(*wrapped)) return false;
+    owner.store(me, std::memory_order_relaxed);
+    SetOwningCount(1);
+    return true;
+}
+
+// Our own kinds can be tried; for any other the answer is no, and the thread waits for it.
+bool TryBegin(ZoCritSect& section) {
+    if (typeid(section) == typeid(PosixCritSect)) {
+        return static_cast<PosixCritSect&>(section).TakeIfFree();
+    }
+    if (typeid(section) != typeid(ZoDLDCritSect)) return false;
+    ZoTLS* const me = CurrentThread();
+    if (me == nullptr) return false;
+    GraphLock lock;
+    return static_cast<ZoDLDCritSect&>(section).TakeIfFree(me);
 }
 
 // The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
