@@ -274,44 +274,33 @@ void FreeGrownBuckets(ZoHashTable& table) {
 
 // --- searching and changing chains -------------------------------------------------------------
 
-// `prev` becomes the last entry before the returned one.
-template <class Matches>
-ZoHashEntry* WalkChain(ZoHashEntry* entry, ZoHashEntry*& prev, Matches matches) {
-    ZoHashEntry* before = nullptr;
-    while (entry != nullptr && !matches(entry)) {
-        before = entry;
-        entry = entry->next;
-    }
-    prev = before;
-    return entry;
-}
-
 struct Found {
     ZoHashEntry* entry;
-    ZoHashEntry* prev;  // of a found entry
+    ZoHashEntry** link;  // what points to a found entry: the head of its chain, or what precedes it
     unsigned long hash;
     int place;  // in the bucket's line, if it has one
 };
 
 template <class Key>
 [[gnu::always_inline]] inline Found SearchFor(ZoHashTable const& table, Key key) {
-    ZoHashEntry* const& head = BucketOf(table, key.hash);
+    ZoHashEntry** link = &BucketOf(table, key.hash);
     auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
     if (table.nBuckets >= Key::fewestBucketsWithLines) {
-        auto const [entry, prev, place] = LineOf(table, key.hash).Search(key.Tag(), head, isSought);
-        return {entry, prev, key.hash, place};
+        auto const found = LineOf(table, key.hash).Search(key.Tag(), *link, isSought);
+        return {found.entry, found.link, key.hash, found.place};
     }
-    Found found{nullptr, nullptr, key.hash, BucketLine::capacity};
-    found.entry = WalkChain(head, found.prev, isSought);
-    return found;
+    while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
+    return {*link, link, key.hash, BucketLine::capacity};
 }
 
 // Not inlined where words are searched, whose way is so short that saved registers would count.
 [[gnu::noinline]] Found SearchNoWord(ZoHashTable const& table, char const* key) {
     if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key));
-    Found found{nullptr, nullptr, 0, BucketLine::capacity};
-    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
-    return found;
+    unsigned long hash = 0;
+    ZoHashEntry* prev = nullptr;
+    ZoHashEntry* const entry = table.find(&table, key, hash, nullptr, prev);
+    ZoHashEntry** const link = prev != nullptr ? &prev->next : &BucketOf(table, hash);
+    return {entry, link, hash, BucketLine::capacity};
 }
 
 // As the search function in key mode.
@@ -364,13 +353,11 @@ void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
 }
 
 void RemoveFound(ZoHashTable& table, Found const& found) {
-    auto const& [entry, prev, hash, place] = found;
-    // Chosen without a branch, which nothing could predict.
-    ZoHashEntry*& link = *(prev != nullptr ? &prev->next : &BucketOf(table, hash));
-    if (link != entry && prev != nullptr) {
+    auto const& [entry, link, hash, place] = found;
+    if (*link != entry && link != &BucketOf(table, hash)) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    Unlink(table, link, entry, hash, place);
+    Unlink(table, *link, entry, hash, place);
     Destroy(table, entry);
 }
 
@@ -405,7 +392,14 @@ void MoveEntries(ZoHashTable const& table, ZoHashEntry** from, std::size_t count
 template <class Matches>
 ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
                        Matches matches) {
-    return WalkChain(BucketOf(*table, hash), prev, matches);
+    ZoHashEntry* entry = BucketOf(*table, hash);
+    ZoHashEntry* before = nullptr;
+    while (entry != nullptr && !matches(entry)) {
+        before = entry;
+        entry = entry->next;
+    }
+    prev = before;
+    return entry;
 }
 
 void ReportMissingKey() {
