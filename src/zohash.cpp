@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <typeinfo>
 
 #include "bucket_line.h"
 #include "zobase.h"
@@ -246,12 +247,26 @@ BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsign
                                                                     : static_cast<ZoUInt32>(hash));
 }
 
+// What stands behind the heads of a grown table.
+struct BucketsEnd {
+    void* block;          // which the lines, the heads and this lie in
+    ZoHashEntry* spares;  // a chain of entries that are in no bucket
+    std::size_t nSpares;
+};
+
+BucketsEnd& EndOf(ZoHashEntry** heads, ZoUInt32 count) {
+    return *reinterpret_cast<BucketsEnd*>(heads + count);
+}
+
+BucketsEnd& EndOf(ZoHashTable const& table) {
+    return EndOf(table.buckets, table.nBuckets);
+}
+
 // Heads of empty buckets, with the lines that the table has with so many; null when memory ran out.
-// Behind the heads stands where the block begins.
 ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
     std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
     std::size_t const each = linesSize + sizeof(void*);
-    constexpr std::size_t more = alignof(BucketLine) + sizeof(void*);
+    constexpr std::size_t more = alignof(BucketLine) + sizeof(BucketsEnd);
     if (count > (SIZE_MAX - more) / each) return nullptr;
     std::size_t const size = count * each + more;
     void* const block = ::operator new(size, std::nothrow);
@@ -260,16 +275,47 @@ ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
     constexpr std::uintptr_t last = alignof(BucketLine) - 1;
     std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
     ZoHashEntry** const heads = reinterpret_cast<ZoHashEntry**>(start + count * linesSize);
-    heads[count] = static_cast<ZoHashEntry*>(block);
+    EndOf(heads, count).block = block;
     return heads;
 }
 
-void FreeBuckets(ZoHashEntry** heads, std::size_t count) {
-    ::operator delete(heads[count]);
+// A grown table of words keeps some erased entries for its next ones: the system's allocator takes
+// as long as the table does. Not where a derived class may make and destroy entries its own way.
+bool KeepsSpares(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::WordKeys && IsGrown(table) &&
+           &typeid(table) == &typeid(ZoHashTable);
+}
+
+bool KeepSpare(ZoHashTable& table, ZoHashEntry* entry) {
+    if (!KeepsSpares(table)) return false;
+    BucketsEnd& end = EndOf(table);
+    if (end.nSpares == table.nBuckets) return false;
+    entry->next = end.spares;
+    end.spares = entry;
+    ++end.nSpares;
+    return true;
+}
+
+ZoHashEntry* TakeSpare(ZoHashTable& table, char const* key, void* value) {
+    if (!KeepsSpares(table)) return nullptr;
+    BucketsEnd& end = EndOf(table);
+    ZoHashEntry* const entry = end.spares;
+    if (entry == nullptr) return nullptr;
+    end.spares = entry->next;
+    --end.nSpares;
+    entry->value = value;
+    std::memcpy(KeyBytes(entry), &key, sizeof key);
+    return entry;
 }
 
 void FreeGrownBuckets(ZoHashTable& table) {
-    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets);
+    if (!IsGrown(table)) return;
+    BucketsEnd& end = EndOf(table);
+    while (ZoHashEntry* const spare = end.spares) {
+        end.spares = spare->next;
+        ::operator delete(spare);
+    }
+    ::operator delete(end.block);
 }
 
 // --- searching and changing chains -------------------------------------------------------------
@@ -322,10 +368,15 @@ void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
     if (table.num >= table.threshold) table.RebuildTable();
 }
 
+ZoHashEntry* Make(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    ZoHashEntry* const spare = TakeSpare(table, key, value);
+    return spare != nullptr ? spare : table.CreateHashEntryX(key, value, hash);
+}
+
 // Makes an entry for the absent key and links it in.
 ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
     __builtin_prefetch(&BucketOf(table, hash), 1);
-    ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
+    ZoHashEntry* const entry = Make(table, key, value, hash);
     if (entry != nullptr) LinkIn(table, entry, hash);
     return entry;
 }
@@ -347,8 +398,9 @@ void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned
 }
 
 void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
-    unlinked->next = nullptr;
     --table.num;
+    if (KeepSpare(table, unlinked)) return;
+    unlinked->next = nullptr;
     table.DestroyHashEntry(unlinked);
 }
 
@@ -730,7 +782,12 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
         MoveEntries(*this, oldBuckets, oldCount,
                     [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount);
+    if (oldBuckets != initialBuckets) {
+        BucketsEnd const& oldEnd = EndOf(oldBuckets, oldCount);
+        EndOf(*this).spares = oldEnd.spares;
+        EndOf(*this).nSpares = oldEnd.nSpares;
+        ::operator delete(oldEnd.block);
+    }
     return ZoSuccess;
 }
 
@@ -777,7 +834,7 @@ int ZoHashTable::Position(char const* key, ZoHashPosition& pos) const {
 
 int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
     if (pos.table != this) return ZoBadPosition;
-    ZoHashEntry* const entry = CreateHashEntryX(pos.key, value, pos.hash);
+    ZoHashEntry* const entry = Make(*this, pos.key, value, pos.hash);
     if (entry == nullptr) return ZoOutOfMemory;
     // The table may have grown or shrunk since the position was taken, which changes hashes.
     LinkIn(*this, entry, HashOf(*this, entry));
