@@ -156,7 +156,7 @@ std::uint64_t ReadEight(char const* text) {
     return std::endian::native == std::endian::little ? characters : __builtin_bswap64(characters);
 }
 
-ZoUInt32 HashText(char const* text) {
+[[gnu::always_inline]] inline ZoUInt32 HashText(char const* text) {
     std::size_t const length = std::strlen(text);
     ZoUInt32 hash = 0;
     if (length < 8) {
@@ -352,6 +352,18 @@ template <class Key>
 // As the search function in key mode.
 [[gnu::always_inline]] inline Found Search(ZoHashTable const& table, char const* key) {
     return HasWords(table) ? SearchFor(table, WordKey(table, key)) : SearchNoWord(table, key);
+}
+
+[[gnu::noinline]] ZoHashEntry* FindNoWord(ZoHashTable const& table, char const* key) {
+    if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key)).entry;
+    unsigned long hash;
+    ZoHashEntry* prev;
+    return table.find(&table, key, hash, nullptr, prev);
+}
+
+// As Search, for who only looks: nothing else of what is found is put together.
+[[gnu::always_inline]] inline ZoHashEntry* Find(ZoHashTable const& table, char const* key) {
+    return HasWords(table) ? SearchFor(table, WordKey(table, key)).entry : FindNoWord(table, key);
 }
 
 void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
@@ -672,11 +684,11 @@ int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
-    return Search(*this, key).entry;
+    return Find(*this, key);
 }
 
 void* ZoHashTable::GetValueFast(char const* key) const {
-    ZoHashEntry* const entry = Search(*this, key).entry;
+    ZoHashEntry* const entry = Find(*this, key);
     return entry != nullptr ? GetValue(*entry) : nullptr;
 }
 
