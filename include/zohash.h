@@ -37,8 +37,10 @@
 // Order. A new entry goes to the head of its bucket's chain, and iteration goes through the buckets
 // by index and through each chain from its head. Keys are unique; only Create does not check that.
 //
-// Ownership. Entries belong to the table. Values belong to the caller; the table never looks at
-// them. A value may be null, but GetValue then cannot tell it from an absent key; LookUp can.
+// Ownership. Entries belong to the table; a grown one of this very class and of WordKeys keeps the
+// blocks of some that were deleted, one a bucket at most, for its next ones. Values belong to the
+// caller; the table never looks at them. A value may be null, but GetValue then cannot tell it from
+// an absent key; LookUp can.
 //
 // Who may call: one thread at a time; the table has no lock. The operations with a ZoMTObj argument
 // hold that object's section (BeginCriticalSection, EndCriticalSection) while they work; null holds

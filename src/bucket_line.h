@@ -10,7 +10,7 @@
 //
 //     line.PushFront(tag, entry);        // entry became the chain's head
 //     line.Remove(line.PlaceOf(entry));  // entry left the chain
-//     auto [entry, prev, place] = line.Search(tag, head, isSought);
+//     auto [entry, link, place] = line.Search(tag, head, isSought);
 //
 // A line of zero bytes is an empty one.
 
@@ -35,18 +35,17 @@ public:
 
     struct Found {
         ZoHashEntry* entry;  // null: none
-        ZoHashEntry* prev;   // before the found one; null: that is the head
+        ZoHashEntry** link;  // what points to the found one: the head, or what precedes it
         int place;           // of the found one; capacity: behind the line
     };
 
     // The first entry of the chain that `isSought` accepts; all those of one key have one tag.
     template <class IsSought>
-    [[gnu::always_inline]] Found Search(Tag tag, ZoHashEntry* const& head,
-                                        IsSought isSought) const {
+    [[gnu::always_inline]] Found Search(Tag tag, ZoHashEntry*& head, IsSought isSought) const {
         for (std::uint64_t places = PlacesOf(tag); places != 0; places &= places - 1) {
             int const place = std::countr_zero(places) / 8;
             if (isSought(entries[place])) {
-                return {entries[place], place != 0 ? entries[place - 1] : nullptr, place};
+                return {entries[place], LinkTo(place, head), place};
             }
         }
         return GoesOn() ? SearchRest(head, isSought) : Found{nullptr, nullptr, capacity};
@@ -68,12 +67,20 @@ public:
         return place;
     }
 
-    // Without branches that depend on the place, which nothing could predict.
+    // By masks: nothing could predict a branch that depends on the place, and of a comparison the
+    // compiler makes one.
     void Remove(int place) {
         if (place == capacity) return;
-        auto const moveUp = [&](int i) { entries[i] = entries[i + (i >= place ? 1 : 0)]; };
+        constexpr std::uintptr_t stays = 0, moves = ~stays;
+        static constexpr std::uintptr_t masks[] = {stays, stays, stays, stays, stays, stays,
+                                                   moves, moves, moves, moves, moves, moves};
+        std::uintptr_t const* const mask = masks + (capacity - 1 - place);
+        std::uintptr_t words[capacity];
+        std::memcpy(words, entries, sizeof words);
+        auto const moveUp = [&](int i) { words[i] ^= (words[i] ^ words[i + 1]) & mask[i]; };
         moveUp(0), moveUp(1), moveUp(2), moveUp(3), moveUp(4), moveUp(5);
-        entries[capacity - 1] = nullptr;
+        words[capacity - 1] = 0;
+        std::memcpy(entries, words, sizeof words);
         std::uint64_t const before = (std::uint64_t{1} << 8 * place) - 1;
         tags = (tags & (before | goesOnBit)) | ((tags & allTags) >> 8 & ~before);
     }
@@ -99,16 +106,19 @@ private:
         return (differences - ones) & ~differences & (0x80 * ones) & allTags;
     }
 
+    // By an index, for the same reason.
+    ZoHashEntry** LinkTo(int place, ZoHashEntry*& head) const {
+        ZoHashEntry* const before = entries[place - (place != 0 ? 1 : 0)];
+        ZoHashEntry** const links[] = {&head, &before->next};
+        return links[place != 0 ? 1 : 0];
+    }
+
     template <class IsSought>
-    [[gnu::noinline]] Found SearchRest(ZoHashEntry* head, IsSought isSought) const {
+    [[gnu::noinline]] Found SearchRest(ZoHashEntry*& head, IsSought isSought) const {
         int const used = static_cast<int>(std::bit_width(tags & allTags)) / 8;
-        ZoHashEntry* prev = used != 0 ? entries[used - 1] : nullptr;
-        ZoHashEntry* entry = prev != nullptr ? prev->next : head;
-        while (entry != nullptr && !isSought(entry)) {
-            prev = entry;
-            entry = entry->next;
-        }
-        return {entry, prev, capacity};
+        ZoHashEntry** link = used != 0 ? &entries[used - 1]->next : &head;
+        while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
+        return {*link, link, capacity};
     }
 
     std::uint64_t tags;  // byte i: the tag of entry i, 0 none; the highest byte: goesOnBit

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <typeinfo>
 
 #include "bucket_line.h"
 #include "zobase.h"
@@ -155,7 +156,7 @@ std::uint64_t ReadEight(char const* text) {
     return std::endian::native == std::endian::little ? characters : __builtin_bswap64(characters);
 }
 
-ZoUInt32 HashText(char const* text) {
+[[gnu::always_inline]] inline ZoUInt32 HashText(char const* text) {
     std::size_t const length = std::strlen(text);
     ZoUInt32 hash = 0;
     if (length < 8) {
@@ -246,12 +247,26 @@ BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsign
                                                                     : static_cast<ZoUInt32>(hash));
 }
 
+// What stands behind the heads of a grown table.
+struct BucketsEnd {
+    void* block;          // which the lines, the heads and this lie in
+    ZoHashEntry* spares;  // a chain of entries that are in no bucket
+    std::size_t nSpares;
+};
+
+BucketsEnd& EndOf(ZoHashEntry** heads, ZoUInt32 count) {
+    return *reinterpret_cast<BucketsEnd*>(heads + count);
+}
+
+BucketsEnd& EndOf(ZoHashTable const& table) {
+    return EndOf(table.buckets, table.nBuckets);
+}
+
 // Heads of empty buckets, with the lines that the table has with so many; null when memory ran out.
-// Behind the heads stands where the block begins.
 ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
     std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
     std::size_t const each = linesSize + sizeof(void*);
-    constexpr std::size_t more = alignof(BucketLine) + sizeof(void*);
+    constexpr std::size_t more = alignof(BucketLine) + sizeof(BucketsEnd);
     if (count > (SIZE_MAX - more) / each) return nullptr;
     std::size_t const size = count * each + more;
     void* const block = ::operator new(size, std::nothrow);
@@ -260,63 +275,95 @@ ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
     constexpr std::uintptr_t last = alignof(BucketLine) - 1;
     std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
     ZoHashEntry** const heads = reinterpret_cast<ZoHashEntry**>(start + count * linesSize);
-    heads[count] = static_cast<ZoHashEntry*>(block);
+    EndOf(heads, count).block = block;
     return heads;
 }
 
-void FreeBuckets(ZoHashEntry** heads, std::size_t count) {
-    ::operator delete(heads[count]);
+// A grown table of words keeps some erased entries for its next ones: the system's allocator takes
+// as long as the table does. Not where a derived class may make and destroy entries its own way.
+bool KeepsSpares(ZoHashTable const& table) {
+    return table.keySize == ZoHashTable::WordKeys && IsGrown(table) &&
+           &typeid(table) == &typeid(ZoHashTable);
+}
+
+bool KeepSpare(ZoHashTable& table, ZoHashEntry* entry) {
+    if (!KeepsSpares(table)) return false;
+    BucketsEnd& end = EndOf(table);
+    if (end.nSpares == table.nBuckets) return false;
+    entry->next = end.spares;
+    end.spares = entry;
+    ++end.nSpares;
+    return true;
+}
+
+ZoHashEntry* TakeSpare(ZoHashTable& table, char const* key, void* value) {
+    if (!KeepsSpares(table)) return nullptr;
+    BucketsEnd& end = EndOf(table);
+    ZoHashEntry* const entry = end.spares;
+    if (entry == nullptr) return nullptr;
+    end.spares = entry->next;
+    --end.nSpares;
+    entry->value = value;
+    std::memcpy(KeyBytes(entry), &key, sizeof key);
+    return entry;
 }
 
 void FreeGrownBuckets(ZoHashTable& table) {
-    if (IsGrown(table)) FreeBuckets(table.buckets, table.nBuckets);
+    if (!IsGrown(table)) return;
+    BucketsEnd& end = EndOf(table);
+    while (ZoHashEntry* const spare = end.spares) {
+        end.spares = spare->next;
+        ::operator delete(spare);
+    }
+    ::operator delete(end.block);
 }
 
 // --- searching and changing chains -------------------------------------------------------------
 
-// `prev` becomes the last entry before the returned one.
-template <class Matches>
-ZoHashEntry* WalkChain(ZoHashEntry* entry, ZoHashEntry*& prev, Matches matches) {
-    ZoHashEntry* before = nullptr;
-    while (entry != nullptr && !matches(entry)) {
-        before = entry;
-        entry = entry->next;
-    }
-    prev = before;
-    return entry;
-}
-
 struct Found {
     ZoHashEntry* entry;
-    ZoHashEntry* prev;  // of a found entry
+    ZoHashEntry** link;  // what points to a found entry: the head of its chain, or what precedes it
     unsigned long hash;
     int place;  // in the bucket's line, if it has one
 };
 
 template <class Key>
 [[gnu::always_inline]] inline Found SearchFor(ZoHashTable const& table, Key key) {
-    ZoHashEntry* const& head = BucketOf(table, key.hash);
+    ZoHashEntry** link = &BucketOf(table, key.hash);
     auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
     if (table.nBuckets >= Key::fewestBucketsWithLines) {
-        auto const [entry, prev, place] = LineOf(table, key.hash).Search(key.Tag(), head, isSought);
-        return {entry, prev, key.hash, place};
+        auto const found = LineOf(table, key.hash).Search(key.Tag(), *link, isSought);
+        return {found.entry, found.link, key.hash, found.place};
     }
-    Found found{nullptr, nullptr, key.hash, BucketLine::capacity};
-    found.entry = WalkChain(head, found.prev, isSought);
-    return found;
+    while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
+    return {*link, link, key.hash, BucketLine::capacity};
 }
 
 // Not inlined where words are searched, whose way is so short that saved registers would count.
 [[gnu::noinline]] Found SearchNoWord(ZoHashTable const& table, char const* key) {
     if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key));
-    Found found{nullptr, nullptr, 0, BucketLine::capacity};
-    found.entry = table.find(&table, key, found.hash, nullptr, found.prev);
-    return found;
+    unsigned long hash = 0;
+    ZoHashEntry* prev = nullptr;
+    ZoHashEntry* const entry = table.find(&table, key, hash, nullptr, prev);
+    ZoHashEntry** const link = prev != nullptr ? &prev->next : &BucketOf(table, hash);
+    return {entry, link, hash, BucketLine::capacity};
 }
 
 // As the search function in key mode.
 [[gnu::always_inline]] inline Found Search(ZoHashTable const& table, char const* key) {
     return HasWords(table) ? SearchFor(table, WordKey(table, key)) : SearchNoWord(table, key);
+}
+
+[[gnu::noinline]] ZoHashEntry* FindNoWord(ZoHashTable const& table, char const* key) {
+    if (HasTexts(table) && key != nullptr) return SearchFor(table, TextKey(table, key)).entry;
+    unsigned long hash;
+    ZoHashEntry* prev;
+    return table.find(&table, key, hash, nullptr, prev);
+}
+
+// As Search, for who only looks: nothing else of what is found is put together.
+[[gnu::always_inline]] inline ZoHashEntry* Find(ZoHashTable const& table, char const* key) {
+    return HasWords(table) ? SearchFor(table, WordKey(table, key)).entry : FindNoWord(table, key);
 }
 
 void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash) {
@@ -333,10 +380,15 @@ void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
     if (table.num >= table.threshold) table.RebuildTable();
 }
 
+ZoHashEntry* Make(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
+    ZoHashEntry* const spare = TakeSpare(table, key, value);
+    return spare != nullptr ? spare : table.CreateHashEntryX(key, value, hash);
+}
+
 // Makes an entry for the absent key and links it in.
 ZoHashEntry* Insert(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
     __builtin_prefetch(&BucketOf(table, hash), 1);
-    ZoHashEntry* const entry = table.CreateHashEntryX(key, value, hash);
+    ZoHashEntry* const entry = Make(table, key, value, hash);
     if (entry != nullptr) LinkIn(table, entry, hash);
     return entry;
 }
@@ -358,19 +410,18 @@ void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned
 }
 
 void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
-    unlinked->next = nullptr;
     --table.num;
+    if (KeepSpare(table, unlinked)) return;
+    unlinked->next = nullptr;
     table.DestroyHashEntry(unlinked);
 }
 
 void RemoveFound(ZoHashTable& table, Found const& found) {
-    auto const& [entry, prev, hash, place] = found;
-    // Chosen without a branch, which nothing could predict.
-    ZoHashEntry*& link = *(prev != nullptr ? &prev->next : &BucketOf(table, hash));
-    if (link != entry && prev != nullptr) {
+    auto const& [entry, link, hash, place] = found;
+    if (*link != entry && link != &BucketOf(table, hash)) {
         ZOVA_assert("prev->GetNext() == entry", "src/zohash", 207);
     }
-    Unlink(table, link, entry, hash, place);
+    Unlink(table, *link, entry, hash, place);
     Destroy(table, entry);
 }
 
@@ -405,7 +456,14 @@ void MoveEntries(ZoHashTable const& table, ZoHashEntry** from, std::size_t count
 template <class Matches>
 ZoHashEntry* WalkChain(ZoHashTable const* table, unsigned long hash, ZoHashEntry*& prev,
                        Matches matches) {
-    return WalkChain(BucketOf(*table, hash), prev, matches);
+    ZoHashEntry* entry = BucketOf(*table, hash);
+    ZoHashEntry* before = nullptr;
+    while (entry != nullptr && !matches(entry)) {
+        before = entry;
+        entry = entry->next;
+    }
+    prev = before;
+    return entry;
 }
 
 void ReportMissingKey() {
@@ -626,11 +684,11 @@ int ZoHashTable::Clone(ZoHashTable*& out, ZoMTObj const* lock) const {
 }
 
 ZoHashEntry* ZoHashTable::LookUp(char const* key) const {
-    return Search(*this, key).entry;
+    return Find(*this, key);
 }
 
 void* ZoHashTable::GetValueFast(char const* key) const {
-    ZoHashEntry* const entry = Search(*this, key).entry;
+    ZoHashEntry* const entry = Find(*this, key);
     return entry != nullptr ? GetValue(*entry) : nullptr;
 }
 
@@ -736,7 +794,12 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
         MoveEntries(*this, oldBuckets, oldCount,
                     [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
-    if (oldBuckets != initialBuckets) FreeBuckets(oldBuckets, oldCount);
+    if (oldBuckets != initialBuckets) {
+        BucketsEnd const& oldEnd = EndOf(oldBuckets, oldCount);
+        EndOf(*this).spares = oldEnd.spares;
+        EndOf(*this).nSpares = oldEnd.nSpares;
+        ::operator delete(oldEnd.block);
+    }
     return ZoSuccess;
 }
 
@@ -783,7 +846,7 @@ int ZoHashTable::Position(char const* key, ZoHashPosition& pos) const {
 
 int ZoHashTable::Create(ZoHashPosition& pos, void* value) {
     if (pos.table != this) return ZoBadPosition;
-    ZoHashEntry* const entry = CreateHashEntryX(pos.key, value, pos.hash);
+    ZoHashEntry* const entry = Make(*this, pos.key, value, pos.hash);
     if (entry == nullptr) return ZoOutOfMemory;
     // The table may have grown or shrunk since the position was taken, which changes hashes.
     LinkIn(*this, entry, HashOf(*this, entry));

@@ -120,6 +120,10 @@ private:
         return result;
     }
 
+    // Whether the fault met an insertion's entry: the growth behind it may also meet it, and an
+    // entry in the block of a deleted one does not.
+    bool EntryFailed() const { return faultHappened && table->num == model.size(); }
+
     void Step() {
         unsigned const operation = Byte();
         bool const flag = (operation & 16) != 0;
@@ -138,7 +142,7 @@ private:
             case 2: {
                 bool const made =
                     Faulty([&] { return table->InsertValue(Key(id), value); }) != nullptr;
-                MUST(made == (!present && faultAt != 1));
+                MUST(made == (!present && !EntryFailed()));
                 if (made) model[id] = value;
                 break;
             }
@@ -147,9 +151,7 @@ private:
                 int const result = Faulty(
                     [&] { return table->ChangeValue(Key(id), value, flag, !flag || held, held); });
                 bool const allowed = present ? !flag || held : flag;
-                MUST(result == (!allowed                   ? ZoNotFound
-                                : !present && faultAt == 1 ? ZoOutOfMemory
-                                                           : ZoSuccess));
+                MUST(result == (!allowed ? ZoNotFound : EntryFailed() ? ZoOutOfMemory : ZoSuccess));
                 if (result == ZoSuccess) model[id] = value;
                 break;
             }
@@ -217,7 +219,7 @@ private:
             model.erase(id);
         } else {
             int const result = Faulty([&] { return table->Create(pos, value); });
-            MUST(result == (faultAt == 1 ? ZoOutOfMemory : ZoSuccess));
+            MUST(result == (EntryFailed() ? ZoOutOfMemory : ZoSuccess));
             if (result != ZoSuccess) return;
             MUST(pos.entry->value == value);
             model[id] = value;

@@ -366,7 +366,7 @@ TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
 // Notes which hooks the table uses.
 class HookedTable : public ZoHashTable {
 public:
-    HookedTable() : ZoHashTable(StringKeys, nullptr) {}
+    explicit HookedTable(unsigned short keySize) : ZoHashTable(keySize, nullptr) {}
     ~HookedTable() override { EmptyTable(nullptr); }
     ZoHashEntry* CreateHashEntryX(char const* key, void* value, unsigned long hash) override {
         calls += "c" + std::to_string(hash);
@@ -385,7 +385,7 @@ public:
 
 TEST(HashTable, MakesAndDestroysEntriesThroughTheHooks) {
     {
-        HookedTable table;
+        HookedTable table(ZoHashTable::StringKeys);
         ZoHashPosition pos;
         table.InsertValue("a", &pos);
         table.ChangeValue("b", &pos, 1, 0, nullptr);
@@ -396,6 +396,41 @@ TEST(HashTable, MakesAndDestroysEntriesThroughTheHooks) {
         table.DeleteValue("b", nullptr);
     }
     EXPECT_EQ(HookedTable::calls, "c97c98xc99ddd");
+    HookedTable::calls.clear();
+    {
+        HookedTable table(ZoHashTable::WordKeys);
+        ZoHashPosition pos;
+        table.RebuildTable();
+        table.InsertValue(Word(0), &pos);
+        table.Position(Word(0), pos);
+        table.Delete(pos);
+        table.InsertValue(Word(0), &pos);
+    }
+    EXPECT_EQ(HookedTable::calls, "c0dc0d");
+}
+
+TEST(HashTable, KeepsBlocksOfDeletedWords) {
+    NEEDS_ALLOC_FAULTS();
+    long const before = AllocFault::Live();
+    int value;
+    ZoHashTable table(ZoHashTable::WordKeys, nullptr);
+    for (unsigned key = 0; key < 40; ++key) table.InsertValue(Word(key), &table);
+    for (unsigned key = 0; key < 20; ++key) table.DeleteValue(Word(key), nullptr);
+    EXPECT_EQ(table.nBuckets, 16U);
+    EXPECT_EQ(AllocFault::Live() - before, 1 + 20 + 16);  // one a bucket
+    table.RebuildTable();
+    {
+        AllocFault const next(1);
+        for (unsigned key = 0; key < 16; ++key) {
+            EXPECT_EQ(table.ChangeValue(Word(100 + key), &value, 1, 0, nullptr), 0);
+            EXPECT_EQ(table.GetValueFast(Word(100 + key)), &value);
+        }
+        EXPECT_FALSE(next.Happened());
+        EXPECT_EQ(table.InsertValue(Word(0), &table), nullptr);
+    }
+    for (unsigned key = 20; key < 40; ++key) table.Remove(Word(key));
+    for (unsigned key = 100; key < 116; ++key) table.Remove(Word(key));
+    EXPECT_EQ(AllocFault::Live(), before);
 }
 
 TEST(HashTable, ReportsWhatItCannotDo) {
