@@ -25,11 +25,14 @@
 
 class alignas(64) BucketLine {
 public:
-    // The highest bit is set, so that no tag is 0.
+    // Seven bits, and never 0.
     using Tag = std::uint64_t;
 
     // The golden ratio's part of 2^64: the upper bits of the product depend on all of the number.
-    static Tag TagOf(std::uint64_t number) { return (number * 0x9E3779B97F4A7C15U) >> 57 | 0x80U; }
+    static Tag TagOf(std::uint64_t number) {
+        Tag const upper = (number * 0x9E3779B97F4A7C15U) >> 57;
+        return upper + (upper == 0 ? 1 : 0);
+    }
 
     static constexpr int capacity = 7;
 
@@ -43,9 +46,9 @@ public:
     template <class IsSought>
     [[gnu::always_inline]] Found Search(Tag tag, ZoHashEntry*& head, IsSought isSought) const {
         for (std::uint64_t places = PlacesOf(tag); places != 0; places &= places - 1) {
-            int const place = std::countr_zero(places) / 8;
+            unsigned const place = static_cast<unsigned>(std::countr_zero(places)) / 8;
             if (isSought(entries[place])) {
-                return {entries[place], LinkTo(place, head), place};
+                return {entries[place], LinkTo(place, head), static_cast<int>(place)};
             }
         }
         return GoesOn() ? SearchRest(head, isSought) : Found{nullptr, nullptr, capacity};
@@ -98,16 +101,16 @@ private:
 
     bool GoesOn() const { return (tags & goesOnBit) != 0; }
 
-    // The highest bit of each byte that equals the tag. Now and then also of the byte above one
-    // that does, if its tag differs in the lowest bit alone; never of an empty place.
+    // The highest bit of each byte that equals the tag. A difference of tags is at most 127, so it
+    // takes the bit away from 128 unless it is 0, and nothing from the byte above. In few steps:
+    // all of them wait for the line, and a processor has room for so many that wait.
     std::uint64_t PlacesOf(Tag tag) const {
-        constexpr std::uint64_t ones = 0x0101010101010101U;
-        std::uint64_t const differences = tags ^ tag * ones;
-        return (differences - ones) & ~differences & (0x80 * ones) & allTags;
+        constexpr std::uint64_t ones = 0x0101010101010101U, bits = 0x80 * ones & allTags;
+        return (bits - (tags ^ tag * ones)) & bits;
     }
 
     // By an index, for the same reason.
-    ZoHashEntry** LinkTo(int place, ZoHashEntry*& head) const {
+    ZoHashEntry** LinkTo(unsigned place, ZoHashEntry*& head) const {
         ZoHashEntry* const before = entries[place - (place != 0 ? 1 : 0)];
         ZoHashEntry** const links[] = {&head, &before->next};
         return links[place != 0 ? 1 : 0];
@@ -115,7 +118,7 @@ private:
 
     template <class IsSought>
     [[gnu::noinline]] Found SearchRest(ZoHashEntry*& head, IsSought isSought) const {
-        int const used = static_cast<int>(std::bit_width(tags & allTags)) / 8;
+        int const used = (static_cast<int>(std::bit_width(tags & allTags)) + 7) / 8;
         ZoHashEntry** link = used != 0 ? &entries[used - 1]->next : &head;
         while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
         return {*link, link, capacity};
