@@ -77,17 +77,16 @@ protected:
     ZoInt32 GetOwningCount() const { return owningCount.load(std::memory_order_relaxed); }
 };
 
-// A section over one word and a POSIX mutex of the default kind. Recursion is its own: the word is
-// taken once per outermost entry.
+// A section over one word. Recursion is its own: the word is taken once per outermost entry.
 //
-//     word       the section is      Begin by another thread          the last Exit
-//     Free       free                takes it                         -
-//     Taken      owned               waits, and makes it Awaited      frees it
-//     Awaited    owned               waits                            frees it and wakes the next
+//     word       the section is    Begin by another thread           the last Exit
+//     Free       free              takes it                          -
+//     Taken      owned             waits, and makes it Awaited       frees it
+//     Awaited    owned             waits                             frees it and wakes one
 //
-// Threads that wait stand in line for the mutex. The one that has it is the next: it alone sleeps
-// on the word. So a free section costs one atomic step to enter and one to leave, and however many
-// wait, a leave wakes one. A thread that comes just as the section is left may overtake those.
+// A free section costs one atomic step to enter and one to leave. A thread that waits tries again a
+// few times and then sleeps; one that comes just as the section is left may overtake those that
+// sleep. errno stays as it was.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
     explicit PosixCritSect(char const* name);
@@ -108,10 +107,10 @@ private:
     ZO_INTERNAL void Own();
     [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
     [[gnu::cold]] ZO_INTERNAL void SleepAndTake();
-    [[gnu::cold]] ZO_INTERNAL void WakeNext();
 
+    // Made, and kept for the layout: the word is the lock.
     pthread_mutexattr_t attributes;
-    pthread_mutex_t mutex;         // its holder is the next to get the section
+    pthread_mutex_t mutex;
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
     std::atomic<int> word;
 };

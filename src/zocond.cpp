@@ -119,7 +119,7 @@ private:
 // One who sleeps, for a scope with the mutex held at both ends, also when the sleep is cancelled.
 class SleeperCount {
 public:
-    explicit SleeperCount(int& count) : count(count) { ++count; }
+    explicit SleeperCount(int& sleepers) : count(sleepers) { ++count; }
     SleeperCount(SleeperCount const&) = delete;
     SleeperCount& operator=(SleeperCount const&) = delete;
     ~SleeperCount() { --count; }

@@ -1,5 +1,6 @@
 #include "zocrits.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
@@ -48,6 +49,11 @@ void RelaxProcessor() {
 #elif defined(__aarch64__)
     asm volatile("yield");
 #endif
+}
+
+// Wakes one thread that sleeps on the word of a section, if there is one.
+[[gnu::cold, gnu::noinline]] void WakeOne(std::atomic<int>& word) {
+    word.notify_one();
 }
 
 // Enters the section that guards the wait-for graph for a scope. Without the library context there
@@ -128,7 +134,7 @@ void ZoCritSect::GetInfo(char* buffer, int size) {
                   static_cast<long>(waitCount.load(std::memory_order_relaxed)));
 }
 
-// --- the section over a word and a POSIX mutex --------------------------------------------
+// --- the section over a word -------------------------------------------------------------------
 
 PosixCritSect::PosixCritSect(char const* name) : PosixCritSect(name, ChainLock()) {}
 
@@ -194,15 +200,16 @@ void PosixCritSect::WaitAndTake() {
     Own();
 }
 
-// The thread leaves Awaited behind when it gets the section, whether or not another one has begun
-// to wait for the word meanwhile. No wake-up is lost: the word is Awaited before the thread sleeps,
-// it sleeps only while it still is, and whoever frees an awaited word wakes.
+// The thread leaves Awaited behind when it gets the section, because others may sleep as well. No
+// wake-up is lost: the word is Awaited before a thread sleeps, it sleeps only while it still is,
+// and whoever frees an awaited word wakes one. The system may set errno in a sleep; the caller, who
+// expects no error of a section, must not see it.
 void PosixCritSect::SleepAndTake() {
-    pthread_mutex_lock(&mutex);
+    int const error = errno;
     while (word.exchange(Awaited, std::memory_order_acquire) != Free) {
         word.wait(Awaited, std::memory_order_relaxed);
     }
-    pthread_mutex_unlock(&mutex);
+    errno = error;
 }
 
 void PosixCritSect::Exit() {
@@ -210,16 +217,15 @@ void PosixCritSect::Exit() {
     SetOwningCount(left);
     if (left != 0) return;
     owner.store(NoThread, std::memory_order_relaxed);
-    if (word.exchange(Free, std::memory_order_release) == Awaited) WakeNext();
+    // The section may be destroyed as soon as it is free. Waking takes the word's address only.
+    std::atomic<int>& freed = word;
+    if (freed.exchange(Free, std::memory_order_release) == Awaited) WakeOne(freed);
 }
 
-// The section may be destroyed by now: waking needs the word's address only.
-void PosixCritSect::WakeNext() {
-    word.notify_one();
-}
-
+// Counts the levels beforehand: after the last one another thread may destroy the section.
 void PosixCritSect::ForceRelease() {
-    while (IsMine()) Exit();
+    if (!IsMine()) return;
+    for (ZoInt32 level = GetOwningCount(); level != 0; --level) Exit();
 }
 
 // --- the wait-for graph ------------------------------------------------------------------------

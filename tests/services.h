@@ -4,6 +4,9 @@
 #ifndef KELVARA_TESTS_SERVICES_H_
 #define KELVARA_TESTS_SERVICES_H_
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -181,6 +184,30 @@ void OnThreads(int count, Body body) {
         });
     }
     for (std::thread& thread : threads) thread.join();
+}
+
+// The child of a process with several threads gets no signals from ThreadSanitizer and must start
+// no threads, and no child may call exit() in a signal handler.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool threadSanitizer = true;
+#elif defined(__has_feature)
+constexpr bool threadSanitizer = __has_feature(thread_sanitizer);
+#else
+constexpr bool threadSanitizer = false;
+#endif
+
+// Whether a child process ends with status 0 when it calls `body`, which ends it.
+template <class Body>
+bool ChildSucceeds(Body body) {
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(60);
+        body();
+        _exit(1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status == 0;
 }
 
 }  // namespace zotest

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -73,16 +72,6 @@ void DropAllReferences() {
     for (;;) pause();
 }
 
-// The child of a process with several threads gets no signals from ThreadSanitizer and must start
-// no threads, and no child may call exit() in a signal handler.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool threadSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool threadSanitizer = __has_feature(thread_sanitizer);
-#else
-constexpr bool threadSanitizer = false;
-#endif
-
 // For signals that are answered on this thread.
 void RaiseHere(int signal) {
     if (threadSanitizer) {
@@ -106,19 +95,6 @@ void RaiseHere(int signal) {
     Add(Agree, end);
     RaiseHere(SIGINT);
     _exit(1);
-}
-
-template <class Body>
-bool ChildSucceeds(Body body) {
-    pid_t const child = fork();
-    if (child == 0) {
-        alarm(60);
-        body();
-        _exit(1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status == 0;
 }
 
 // A signal must not come while its thread has the locks that the answer needs.

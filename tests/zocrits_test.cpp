@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -127,25 +129,54 @@ bool Sleeps(pid_t thread) {
     return text.find(") S ") != std::string::npos;
 }
 
+// A thread that enters and leaves the section, and sleeps for it when this returns.
+std::thread Sleeper(ZoCritSect* section, int& entries) {
+    std::atomic<pid_t> id{0};
+    std::thread thread([section, &entries, &id] {
+        errno = E2BIG;
+        id = gettid();
+        section->Begin();
+        ++entries;
+        EXPECT_EQ(errno, E2BIG);
+        section->Exit();
+    });
+    Await([&] { return Sleeps(id); });
+    return thread;
+}
+
 TEST_P(EitherKind, WakesAllWhoSleep) {
     constexpr int Sleepers = 3;
+    struct sigaction handled {};  // without SA_RESTART
+    handled.sa_handler = [](int) {};
+    sigaction(SIGUSR2, &handled, nullptr);
     int entries = 0;
     section->Begin();
     std::vector<std::thread> threads;
     for (int i = 0; i < Sleepers; ++i) {
-        std::atomic<pid_t> id{0};
-        threads.emplace_back([&] {
-            id = gettid();
-            section->Begin();
-            ++entries;
-            section->Exit();
-        });
-        Await([&] { return InfoOf(section) == Owned(1, i + 1) && Sleeps(id); });
+        threads.push_back(Sleeper(section, entries));
+        pthread_kill(threads.back().native_handle(), SIGUSR2);
     }
+    Await([&] { return InfoOf(section) == Owned(1, Sleepers); });
     section->Exit();
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(entries, Sleepers);
     EXPECT_EQ(InfoOf(section), Free());
+}
+
+// The threads that sleep for the section do not exist in the child.
+TEST_P(EitherKind, AChildGoesOnWithTheSectionItOwns) {
+    if (threadSanitizer) GTEST_SKIP() << "starts a thread in a child";
+    int entries = 0;
+    section->Begin();
+    std::thread parents = Sleeper(section, entries);
+    EXPECT_TRUE(ChildSucceeds([&] {
+        std::thread childs = Sleeper(section, entries);
+        section->Exit();
+        childs.join();
+        _exit(entries - 1);
+    }));
+    section->Exit();
+    parents.join();
 }
 
 INSTANTIATE_TEST_SUITE_P(CritSect, EitherKind, testing::Bool(), [](auto const& kind) {
