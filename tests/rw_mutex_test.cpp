@@ -668,8 +668,8 @@ TEST_P(RwMutex, ThreadsMeetAtTheGateUntilTheLastOneDestroysIt) {
     for (std::thread& thread : threads) thread.join();
 }
 
-// Who comes after a writer may be the last user and destroy the mutex: not before the writer is out.
-// To leave a detecting section takes csDLD, which holds the writer up here.
+// Who comes after a writer may be the last user and destroy the mutex: not before the writer is
+// out. To leave a detecting section takes csDLD, which holds the writer up here.
 TEST(RwMutexDestruction, WaitsForAWriterOnItsWayOut) {
     Watchdog watchdog;
     Services services;
