@@ -7,11 +7,11 @@
 //     bit 30      closed: readers enter with the section held, and leave with the condition's lock
 //                 held
 //
-//     word               state                        a first read    a counted reader   a write
-//     0                  free                         enters          -                  closes
-//     n                  read                         enters          leaves             closes,
-//     waits closed + quiet     written, or free since       queues, opens   -                  goes
-//     on closed, count n    write pending, or given up   queues          leaves with lock   waits
+//     word              state                     a first read    a reader's end    a write
+//     0                 free                      enters          -                 closes
+//     n                 read                      enters          leaves            closes, waits
+//     closed + quiet    written, or free since    queues, opens   -                 goes on
+//     closed, count n   write pending, given up   queues          leaves by lock    waits
 //
 // "Queues" and every write go through the exclusive section, whose holder alone does what stands
 // below the line:
