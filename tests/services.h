@@ -196,6 +196,13 @@ constexpr bool threadSanitizer = __has_feature(thread_sanitizer);
 constexpr bool threadSanitizer = false;
 #endif
 
+// Under the emulator a program cannot run itself anew, nor a child process have threads.
+#ifdef ZO_EMULATED
+constexpr bool emulated = true;
+#else
+constexpr bool emulated = false;
+#endif
+
 // Whether a child process ends with status 0 when it calls `body`, which ends it.
 template <class Body>
 bool ChildSucceeds(Body body) {

@@ -165,7 +165,7 @@ TEST_P(EitherKind, WakesAllWhoSleep) {
 
 // The threads that sleep for the section do not exist in the child.
 TEST_P(EitherKind, AChildGoesOnWithTheSectionItOwns) {
-    if (threadSanitizer) GTEST_SKIP() << "starts a thread in a child";
+    if (threadSanitizer || emulated) GTEST_SKIP() << "starts a thread in a child";
     int entries = 0;
     section->Begin();
     std::thread parents = Sleeper(section, entries);
@@ -185,6 +185,7 @@ INSTANTIATE_TEST_SUITE_P(CritSect, EitherKind, testing::Bool(), [](auto const& k
 
 // The delay is read once in the process, so this runs where no detecting section was made before.
 TEST(DetectingSectionDeathTest, HoldsOnForTheConfiguredDelay) {
+    if (emulated) GTEST_SKIP() << "runs the program anew";
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     auto const child = [] {
         Services services;
