@@ -525,9 +525,7 @@ struct Restart {
 // any time. Every thread comes to its end, by itself or aborted.
 TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
     // Passes on a kernel that runs the program itself; under qemu-i386 it stands still.
-#ifdef ZO_EMULATED
-    GTEST_SKIP() << "not under an emulator";
-#endif
+    if (emulated) GTEST_SKIP();
     constexpr int Owners = 3, Meddlers = 2;
     Restart restarts[Owners];
     std::atomic<int> running{Owners};
