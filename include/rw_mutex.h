@@ -21,7 +21,8 @@
 // No read takes a lock while no writer is about: a first read and the end of a last one are one
 // atomic update of a word that the readers share, a nested one changes the thread's own record
 // only. A write takes the exclusive section and, unless a write went before it, one update of that
-// word; the first read after a write passes the section.
+// word; the first read after a write passes the section. So do all first reads after a write that
+// was given up, until the next one ends.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
 // at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two

@@ -6,8 +6,9 @@
 #include <atomic>
 
 // The value is a plain int, because logic objects of the host work on it through its address. It is
-// changed only under the condition's lock, but status texts and results read it without. These
-// accesses keep such a reading free of a race; the lock gives all the order that is needed.
+// changed only under the condition's lock (a reader/writer mutex has a rule of its own, rw_gate.h),
+// but status texts and results read it without. These accesses keep such a reading free of a race;
+// the lock gives all the order that is needed.
 inline int LoadValue(int* value) {
     return std::atomic_ref<int>(*value).load(std::memory_order_relaxed);
 }

@@ -10,8 +10,9 @@
 //     word              state                     a first read    a reader's end    a write
 //     0                 free                      enters          -                 closes
 //     n                 read                      enters          leaves            closes, waits
-//     closed + quiet    written, or free since    queues, opens   -                 goes on
-//     closed, count n   write pending, given up   queues          leaves by lock    waits
+//     closed + quiet    written again, or free    queues, opens   -                 goes on
+//     closed, count n   write pending, written,   queues          leaves by lock    waits
+//                       or given up
 //
 // "Queues" and every write go through the exclusive section, whose holder alone does what stands
 // below the line:
@@ -25,8 +26,8 @@
 //     Close               a writer
 //     EndWrite            the writer
 //
-// A write leaves the gate closed: the next one has nothing to change, and readers, who come in
-// numbers or not at all, have one of them open it.
+// A write leaves the gate closed, unless the writer goes on as a reader: the next write has nothing
+// to change, and readers, who come in numbers or not at all, have one of them open it.
 //
 // Invariant: a thread that holds the section and sees a quiet gate is alone. Nobody is counted,
 // nobody can enter without the section, and whoever was counted before has nothing more to do with
@@ -37,8 +38,9 @@
 // with the condition's lock. A writer that has closed the gate on counted readers, or finds it
 // closed and not quiet, believes a count of 0 only with that lock too, so it cannot go on while the
 // reader still holds it. That is why only the end of a write makes the gate quiet, and only a quiet
-// gate is opened: were it opened at a count of 0 that nobody has seen with the lock, the reader
-// that brought it there might still hold the lock when the next one ends and the mutex with it.
+// gate is opened, or that of a writer that goes on as a reader: were it opened at a count of 0 that
+// nobody has seen with the lock, the reader that brought it there might still hold the lock when
+// the next one ends and the mutex with it.
 //
 // So a writer that is cancelled leaves the gate closed and not quiet. Until the next write ends,
 // readers queue, which is slower, but no less right.
