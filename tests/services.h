@@ -196,7 +196,9 @@ constexpr bool threadSanitizer = __has_feature(thread_sanitizer);
 constexpr bool threadSanitizer = false;
 #endif
 
-// Under the emulator a program cannot run itself anew, nor a child process have threads.
+// Under the emulator a program cannot run itself anew, nor a child process have threads, and a
+// thread that returns from a signal handler goes on with the thread-local data of the thread that
+// was created last.
 #ifdef ZO_EMULATED
 constexpr bool emulated = true;
 #else
