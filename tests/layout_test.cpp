@@ -215,19 +215,19 @@ std::size_t Overload(Result (Class::*function)(Arguments...)) {
     return SlotOf(function);
 }
 template <class... Functions>
-void ExpectSlots(std::size_t slot, Functions... functions) {
-    for (std::size_t const each : {SlotOf(functions)...}) EXPECT_EQ(each, slot++);
+bool AreSlotsFrom(std::size_t slot, Functions... functions) {
+    return ((SlotOf(functions) == slot++) && ...);
 }
 
 // Where a destructor is virtual it takes two slots, 0 and 1 in a base class.
 TEST(Layout, VirtualFunctionsHaveTheirSlots) {
-    ExpectSlots(2, &ZoSynchroObj::ForceRelease, &ZoCritSect::Begin, &ZoCritSect::Exit,
-                &ZoCritSect::GetInfo);
-    ExpectSlots(0, &ConditionLogic::SafeSet, &ConditionLogic::SafeClear, &ConditionLogic::SafeTest,
-                &ConditionLogic::SafeSetApp);
-    ExpectSlots(3, &Condition::SetCondition, &Condition::ClearCondition,
-                &Condition::WaitForCondition, &Condition::Unlock, &Condition::GetInfo,
-                &Condition::Lock, &Condition::SetConditionApp);
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoSynchroObj::ForceRelease, &ZoCritSect::Begin, &ZoCritSect::Exit,
+                             &ZoCritSect::GetInfo));
+    EXPECT_TRUE(AreSlotsFrom(0, &ConditionLogic::SafeSet, &ConditionLogic::SafeClear,
+                             &ConditionLogic::SafeTest, &ConditionLogic::SafeSetApp));
+    EXPECT_TRUE(AreSlotsFrom(3, &Condition::SetCondition, &Condition::ClearCondition,
+                             &Condition::WaitForCondition, &Condition::Unlock, &Condition::GetInfo,
+                             &Condition::Lock, &Condition::SetConditionApp));
     EXPECT_EQ((Overload<char const*, int>(&_smp_io::writeOutput)), 2U);
     EXPECT_EQ(Overload<ZoString const&>(&_smp_io::writeOutput), 3U);
     EXPECT_EQ(SlotOf(&_smp_io::flush), 4U);
@@ -236,46 +236,51 @@ TEST(Layout, VirtualFunctionsHaveTheirSlots) {
     EXPECT_EQ(SlotOf(&smp_io::Print), 14U);
     EXPECT_EQ(SlotOf(static_cast<smp_io& (smp_io::*)()>(&smp_io::flush)), 15U);
     EXPECT_EQ(Overload<smp_io&>(&smp_io::flush), 16U);
-    ExpectSlots(2, &ZoTransactionContext::GetID, &ZoTransactionContext::cast2ZoTransactionResource);
-    ExpectSlots(0, &ZoHashTable::CreateHashEntry, &ZoHashTable::CreateHashEntryX,
-                &ZoHashTable::DestroyHashEntry, &ZoHashTable::ChangeHashEntry,
-                &ZoHashTable::CloneHashEntry, &ZoHashTable::CreateHashTable);
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoTransactionContext::GetID,
+                             &ZoTransactionContext::cast2ZoTransactionResource));
+    EXPECT_TRUE(AreSlotsFrom(0, &ZoHashTable::CreateHashEntry, &ZoHashTable::CreateHashEntryX,
+                             &ZoHashTable::DestroyHashEntry, &ZoHashTable::ChangeHashEntry,
+                             &ZoHashTable::CloneHashEntry, &ZoHashTable::CreateHashTable));
     using ValueOfKey = void* (ZoHashTable::*)(char const*, ZoMTObj const*) const;
     using ValueOfEntry = void* (ZoHashTable::*)(ZoHashEntry const&) const;
-    ExpectSlots(8, &ZoHashTable::Clone, static_cast<ValueOfKey>(&ZoHashTable::GetValue),
-                &ZoHashTable::ChangeValue, &ZoHashTable::DeleteValue, &ZoHashTable::EmptyTable,
-                &ZoHashTable::FirstEntry, &ZoHashTable::NextEntry, &ZoHashTable::GetKey,
-                static_cast<ValueOfEntry>(&ZoHashTable::GetValue), &ZoHashTable::GetKeySize,
-                &ZoHashTable::AverageSearch);
-    ExpectSlots(0, &ZoMessageService::Reserved, &ZoMessageService::Show);
-    ExpectSlots(2, &ZoLog::Printf);
-    ExpectSlots(2, &ZoConfig::ReadValue);
-    ExpectSlots(2, &ZoEvent::GetMessageText, &ZoEvent::Dump);
+    EXPECT_TRUE(
+        AreSlotsFrom(8, &ZoHashTable::Clone, static_cast<ValueOfKey>(&ZoHashTable::GetValue),
+                     &ZoHashTable::ChangeValue, &ZoHashTable::DeleteValue, &ZoHashTable::EmptyTable,
+                     &ZoHashTable::FirstEntry, &ZoHashTable::NextEntry, &ZoHashTable::GetKey,
+                     static_cast<ValueOfEntry>(&ZoHashTable::GetValue), &ZoHashTable::GetKeySize,
+                     &ZoHashTable::AverageSearch));
+    EXPECT_TRUE(AreSlotsFrom(0, &ZoMessageService::Reserved, &ZoMessageService::Show));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoLog::Printf));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoConfig::ReadValue));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoEvent::GetMessageText, &ZoEvent::Dump));
     EXPECT_EQ(Overload<char const*>(&ZoSimpleEvent::operator<<), 4U);
     EXPECT_EQ(Overload<unsigned long>(&ZoSimpleEvent::operator<<), 10U);
     EXPECT_EQ(Overload<void*>(&ZoSimpleEvent::operator<<), 14U);
     EXPECT_EQ(Overload<ZoSimpleEvent& (*)(ZoSimpleEvent&)>(&ZoSimpleEvent::operator<<), 15U);
-    ExpectSlots(4, &ZoLoggableEvent::Reserved);
-    ExpectSlots(2, &ZoEventListener::Notify, &ZoGenericListener::RegisterForEvent);
-    ExpectSlots(2, &ZoEventMessageDispatcher::CallDestructor);
-    ExpectSlots(2, &smp_debug::Enable, &smp_debug::Disable);
-    ExpectSlots(2, &ZoQaSemaphore::Reserved1, &ZoQaSemaphore::Reserved2, &ZoQaSemaphore::Reserved3);
-    ExpectSlots(2, &ZoInterlocked::Increment, &ZoInterlocked::Decrement, &ZoInterlocked::Exchange,
-                &ZoInterlocked::CompareExchange, &ZoInterlocked::ExchangeAdd);
-    ExpectSlots(2, &ZoEncryptionBufferInterface::GetData, &ZoEncryptionBufferInterface::GetDataLen,
-                &ZoEncryptionBufferInterface::SetDataLen,
-                &ZoEncryptionBufferInterface::EnsureCapacity);
-    ExpectSlots(2, &ZoWorkUnit::Handle, &ZoWorkUnit::Aborted);
-    ExpectSlots(2, &ZoWorkQueue::Destroy, &ZoWorkQueue::Append, &ZoWorkQueue::Length,
-                &ZoWorkQueue::Terminate, &ZoWorkQueue::IncreaseThreadCount,
-                &ZoWorkQueue::DecreaseThreadCount, &ZoWorkQueue::ThreadCount,
-                &ZoWorkQueue::Context);
-    ExpectSlots(2, &ZoThread::Work, &ZoThread::Init, &ZoThread::Cleanup);
-    ExpectSlots(2, &_Thread::Abort, &_Thread::Start, &_Thread::Suspend, &_Thread::Continue,
-                &_Thread::Giveup, &_Thread::GetOSThreadInfo);
-    ExpectSlots(2, &CmdObj::ProcessCmd);
-    ExpectSlots(2, &ZoResourceWatcher::IncrementCounter, &ZoResourceWatcher::DecrementCounter,
-                &ZoResourceWatcher::WaitForZero, &ZoResourceWatcher::Reset);
+    EXPECT_TRUE(AreSlotsFrom(4, &ZoLoggableEvent::Reserved));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoEventListener::Notify, &ZoGenericListener::RegisterForEvent));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoEventMessageDispatcher::CallDestructor));
+    EXPECT_TRUE(AreSlotsFrom(2, &smp_debug::Enable, &smp_debug::Disable));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoQaSemaphore::Reserved1, &ZoQaSemaphore::Reserved2,
+                             &ZoQaSemaphore::Reserved3));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoInterlocked::Increment, &ZoInterlocked::Decrement,
+                             &ZoInterlocked::Exchange, &ZoInterlocked::CompareExchange,
+                             &ZoInterlocked::ExchangeAdd));
+    EXPECT_TRUE(AreSlotsFrom(
+        2, &ZoEncryptionBufferInterface::GetData, &ZoEncryptionBufferInterface::GetDataLen,
+        &ZoEncryptionBufferInterface::SetDataLen, &ZoEncryptionBufferInterface::EnsureCapacity));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoWorkUnit::Handle, &ZoWorkUnit::Aborted));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoWorkQueue::Destroy, &ZoWorkQueue::Append, &ZoWorkQueue::Length,
+                             &ZoWorkQueue::Terminate, &ZoWorkQueue::IncreaseThreadCount,
+                             &ZoWorkQueue::DecreaseThreadCount, &ZoWorkQueue::ThreadCount,
+                             &ZoWorkQueue::Context));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoThread::Work, &ZoThread::Init, &ZoThread::Cleanup));
+    EXPECT_TRUE(AreSlotsFrom(2, &_Thread::Abort, &_Thread::Start, &_Thread::Suspend,
+                             &_Thread::Continue, &_Thread::Giveup, &_Thread::GetOSThreadInfo));
+    EXPECT_TRUE(AreSlotsFrom(2, &CmdObj::ProcessCmd));
+    EXPECT_TRUE(AreSlotsFrom(2, &ZoResourceWatcher::IncrementCounter,
+                             &ZoResourceWatcher::DecrementCounter, &ZoResourceWatcher::WaitForZero,
+                             &ZoResourceWatcher::Reset));
 }
 
 }  // namespace
