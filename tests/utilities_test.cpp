@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -60,7 +61,7 @@ std::string checked;  // what the version check was asked
 
 TEST(Module, DescribesItself) {
     std::string const title = "Kelvara Extended Algorithms";
-    ZoUInt32 v[5] = {9, 9, 9, 9, 9}, number = 0, shortNumber = 0;
+    ZoUInt32 v[5] = {9, 9, 9, 9, 9}, number = 0;
     char const *name = nullptr, *dateTime = nullptr, *unknown = nullptr, *compiler = nullptr,
                *empty = nullptr;
     EXPECT_EQ(ZoDescribeDll(&v[0], &v[1], &v[2], &v[3], &v[4], &name, &dateTime, &unknown, &number,
@@ -71,14 +72,14 @@ TEST(Module, DescribesItself) {
     EXPECT_EQ(std::strlen(dateTime), 20U);
     EXPECT_STREQ(unknown, "unknown");
     EXPECT_STREQ(empty, "");
-    ZoVersionCheck const previous =
-        ZoSetVersionCheck([](unsigned long a, unsigned long b, unsigned long c, unsigned long d,
-                             unsigned long e, int flags) {
-            for (unsigned long each : {a, b, c, d, e}) checked += std::to_string(each) + ".";
-            return flags;
-        });
+    ZoSetVersionCheck([](unsigned long a, unsigned long b, unsigned long c, unsigned long d,
+                         unsigned long e, int flags) {
+        for (unsigned long each : {a, b, c, d, e}) checked += std::to_string(each) + ".";
+        return flags;
+    });
     EXPECT_EQ(ZoCheckDll(0x14), 0x17);
-    ZoSetVersionCheck(previous);
+    ZoSetVersionCheck(nullptr);
+    EXPECT_EQ(ZoCheckDll(0x14), 0) << "every version fits";
     std::string numbers;
     for (ZoUInt32 each : v) numbers += std::to_string(each) + ".";
     EXPECT_EQ(checked, numbers);
@@ -86,38 +87,42 @@ TEST(Module, DescribesItself) {
     numbers.back() = ' ';
     GETZOSMPINFO(nullptr, nullptr, nullptr, nullptr, nullptr);
     OnThreads(4, [&](int) {
-        char const* info = nullptr;
-        GETZOSMPINFO(nullptr, nullptr, &info, nullptr, nullptr);
+        char const *info = nullptr, *date = nullptr, *shortName = nullptr, *shortCompiler = nullptr;
+        ZoUInt32 shortNumber = 0;
+        GETZOSMPINFO(&shortCompiler, &shortNumber, &info, &date, &shortName);
         EXPECT_EQ(info, title + " " + numbers);
+        EXPECT_STREQ(shortName, "zo95Kex");
+        EXPECT_STREQ(shortCompiler, compiler);
+        EXPECT_EQ(shortNumber, number);
+        EXPECT_EQ(date, std::string(dateTime, 11));
     });
-    char const *date = nullptr, *shortName = nullptr, *shortCompiler = nullptr;
-    GETZOSMPINFO(&shortCompiler, &shortNumber, nullptr, &date, &shortName);
     EXPECT_STREQ(name, "zo95Kex");
-    EXPECT_STREQ(shortName, name);
-    EXPECT_STREQ(shortCompiler, compiler);
-    EXPECT_EQ(shortNumber, number);
-    EXPECT_EQ(date, std::string(dateTime, 11));
 }
 
 TEST(EncryptionBuffer, KeepsRoomInFrontOfItsData) {
-    ZoEncryptionBuffer data(nullptr, 16, 100, ZoRawBufferOwnAndGrow);
-    EXPECT_EQ(data.GetData(), static_cast<char*>(data.GetBuf()) + 16);
-    std::memcpy(data.GetData(), "kept", 5);
-    for (unsigned long const length : {101UL, ULONG_MAX, ULONG_MAX - 15}) {
-        EXPECT_EQ(data.SetDataLen(length), -2016);
+    for (void* block : {static_cast<void*>(nullptr), std::malloc(116)}) {
+        ZoEncryptionBuffer data(block, 16, 100, ZoRawBufferOwnAndGrow);
+        EXPECT_EQ(data.GetData(), static_cast<char*>(data.GetBuf()) + 16);
+        std::memcpy(data.GetData(), "kept", 5);
+        for (unsigned long const length : {101UL, ULONG_MAX, ULONG_MAX - 15}) {
+            EXPECT_EQ(data.SetDataLen(length), -2016);
+        }
+        EXPECT_EQ(data.EnsureCapacity(100'000), 0);
+        EXPECT_EQ(data.GetDataLen(), 100UL);
+        EXPECT_EQ(data.EnsureCapacity(1), 0);
+        EXPECT_EQ(data.SetDataLen(100'000), 0);
+        EXPECT_EQ(data.SetDataLen(100'001), -2016);
+        EXPECT_STREQ(static_cast<char*>(data.GetData()), "kept");
     }
-    EXPECT_EQ(data.EnsureCapacity(200), 0);
-    EXPECT_EQ(data.GetDataLen(), 100UL);
-    EXPECT_EQ(data.SetDataLen(200), 0);
-    EXPECT_EQ(data.SetDataLen(201), -2016);
-    EXPECT_STREQ(static_cast<char*>(data.GetData()), "kept");
-
     char memory[116];
     ZoEncryptionBuffer given(memory, 16, 100, ZoRawBufferUseGiven);
     EXPECT_EQ(given.GetData(), memory + 16);
+    EXPECT_EQ(given.EnsureCapacity(100), 0);
     EXPECT_EQ(given.EnsureCapacity(101), -2016);
     EXPECT_EQ(given.EnsureCapacity(ULONG_MAX - 3), -2016) << "the sum wraps round";
-    EXPECT_EQ(ZoEncryptionBuffer(nullptr, 16, 0, ZoRawBufferUseGiven).GetData(), nullptr);
+    ZoEncryptionBuffer none(nullptr, 16, 0, ZoRawBufferUseGiven);
+    EXPECT_EQ(none.GetData(), nullptr);
+    EXPECT_EQ(none.SetDataLen(0), -2016);
 }
 
 }  // namespace

@@ -65,7 +65,10 @@ inline constexpr KeyKind keyKinds[] = {
 class TableProgram {
 public:
     TableProgram(std::uint8_t const* bytes, std::size_t size)
-        : at(bytes), end(bytes + size), kind(keyKinds[Byte() % std::size(keyKinds)]) {
+        : at(bytes),
+          end(bytes + size),
+          kind(keyKinds[Byte() % std::size(keyKinds)]),
+          keysInUse(Byte() % 2 == 0 ? keyCount : 8) {
         for (unsigned id = 0; id < keyCount; ++id) {
             for (Record& record : records[id]) {
                 std::snprintf(record.key, sizeof record.key, "key-%04u", id);
@@ -88,8 +91,8 @@ public:
         while (at != end) {
             Step();
             MUST(table->num == model.size());
-            MUST(table->mask == table->nBuckets - 1 && table->threshold == 4 * table->nBuckets);
-            MUST(table->nBuckets == 1U << (30 - table->shift));
+            MUST(table->nBuckets == buckets && table->mask == buckets - 1);
+            MUST(table->threshold == 4 * buckets && buckets == 1U << (30 - table->shift));
         }
         CompareContents(*table);
         MUST(ZoAssertCount() == assertions);
@@ -102,7 +105,9 @@ private:
 
     char const* Key(unsigned id) const {
         if (kind.keySize == ZoHashTable::WordKeys && kind.find != ValuePointerFind) {
-            std::uintptr_t const word = std::uintptr_t{id} * 0x9E3779B1U;
+            // Two of a pair differ in the upper half alone, which a hash may leave out.
+            std::uintptr_t const upper = std::uintptr_t{id % 2} << (sizeof upper * 4);
+            std::uintptr_t const word = std::uintptr_t{id / 2} * 0x9E3779B1U + upper;
             return reinterpret_cast<char const*>(word);  // NOLINT(performance-no-int-to-ptr)
         }
         return records[id][0].key + (kind.keySize == 5 ? 4 : 0);
@@ -110,6 +115,9 @@ private:
     void* Value(unsigned id) {
         return &records[id][kind.find == ValuePointerFind ? 0 : Byte() % 4];
     }
+
+    // Then it grows no further, for the sake of its chains.
+    bool IsSparse() const { return buckets > 16 + model.size(); }
 
     // Calls the table; one of the allocations it makes fails if this step is to have a fault.
     template <class Call>
@@ -120,6 +128,18 @@ private:
         return result;
     }
 
+    void Store(unsigned id, void* value) {
+        bool const isNew = model.insert_or_assign(id, value).second;
+        if (isNew && model.size() >= 4 * buckets && !faultHappened) buckets *= 4;
+    }
+    void Erase(unsigned id, bool shrinksWhenEmpty) {
+        if (model.erase(id) != 0 && model.empty() && shrinksWhenEmpty) buckets = 4;
+    }
+    void Delete(unsigned id, ZoMTObj const* held) {
+        MUST(table->DeleteValue(Key(id), held) == (model.count(id) ? ZoSuccess : ZoNotFound));
+        Erase(id, kind.keySize != ZoHashTable::ForeignKeys);
+    }
+
     // Whether the fault met an insertion's entry: the growth behind it may also meet it, and an
     // entry in the block of a deleted one does not.
     bool EntryFailed() const { return faultHappened && table->num == model.size(); }
@@ -127,7 +147,7 @@ private:
     void Step() {
         unsigned const operation = Byte();
         bool const flag = (operation & 16) != 0;
-        unsigned const id = (Byte() * 256 + Byte()) % keyCount;
+        unsigned const id = (Byte() * 256 + Byte()) % keysInUse;
         auto const found = model.find(id);
         bool const present = found != model.end();
         void* const stored = present ? found->second : nullptr;
@@ -143,7 +163,7 @@ private:
                 bool const made =
                     Faulty([&] { return table->InsertValue(Key(id), value); }) != nullptr;
                 MUST(made == (!present && !EntryFailed()));
-                if (made) model[id] = value;
+                if (made) Store(id, value);
                 break;
             }
             case 3:
@@ -152,16 +172,15 @@ private:
                     [&] { return table->ChangeValue(Key(id), value, flag, !flag || held, held); });
                 bool const allowed = present ? !flag || held : flag;
                 MUST(result == (!allowed ? ZoNotFound : EntryFailed() ? ZoOutOfMemory : ZoSuccess));
-                if (result == ZoSuccess) model[id] = value;
+                if (result == ZoSuccess) Store(id, value);
                 break;
             }
             case 5:
-                MUST(table->DeleteValue(Key(id), held) == (present ? ZoSuccess : ZoNotFound));
-                model.erase(id);
+                Delete(id, held);
                 break;
             case 6:
                 MUST(table->Remove(Key(id)) == stored);
-                model.erase(id);
+                Erase(id, true);
                 break;
             case 7:
             case 8:
@@ -182,17 +201,16 @@ private:
                 break;
             case 11:
             case 12: {
-                ZoUInt32 const before = table->nBuckets;
-                if (before > 1024) break;
-                unsigned const size = flag ? id * 4 : table->threshold * 4;
+                if (IsSparse()) break;
+                unsigned const size = flag ? id * 4 : buckets * 16;
                 int const result = Faulty(
                     [&] { return flag ? table->SetExpectedSize(size) : table->RebuildTable(); });
                 MUST(result == (faultHappened ? ZoOutOfMemory : ZoSuccess));
-                MUST(faultHappened ? table->nBuckets == before : table->threshold >= size);
+                while (4 * buckets < size && !faultHappened) buckets *= 4;
                 break;
             }
             case 13:
-                if (id % 8 != 0) break;
+                if (id % 64 != 0) break;
                 MUST(table->EmptyTable(held) == ZoSuccess);
                 model.clear();
                 break;
@@ -214,26 +232,37 @@ private:
         MUST(table->Position(Key(id), pos) == int{present});
         ZoHashEntry* const head = table->buckets[pos.hash & table->mask];
         MUST((pos.prev != nullptr ? pos.prev->next : head) == pos.entry);
+        if (!present) MUST(table->Delete(pos) == ZoBadPosition);
+        ChangeMeanwhile(id, present && pos.prev != nullptr);
         if (present) {
-            MUST(table->Delete(pos) == ZoSuccess);
-            model.erase(id);
+            bool const parted = pos.prev != nullptr && pos.prev->next != pos.entry;
+            MUST(table->Delete(pos) == (parted ? ZoBadPosition : ZoSuccess));
+            if (parted) return;
+            Erase(id, false);
+            MUST(table->Delete(pos) == ZoBadPosition);
         } else {
             int const result = Faulty([&] { return table->Create(pos, value); });
             MUST(result == (EntryFailed() ? ZoOutOfMemory : ZoSuccess));
             if (result != ZoSuccess) return;
             MUST(pos.entry->value == value);
-            model[id] = value;
+            Store(id, value);
         }
         MUST(table->Create(pos, value) == ZoBadPosition);
+    }
+
+    // What may happen to a table between a search and the use of its position.
+    void ChangeMeanwhile(unsigned id, bool mayLose) {
+        unsigned const change = Byte() % 4, other = (id + 1 + Byte() % 7) % keysInUse;
+        void* const value = Value(other);
+        if (change == 1 && table->InsertValue(Key(other), value) != nullptr) Store(other, value);
+        if (change == 2 && !IsSparse() && table->RebuildTable() == ZoSuccess) buckets *= 4;
+        if (change == 3 && mayLose && table->Remove(Key(id)) != nullptr) Erase(id, true);
     }
 
     void DeleteWhileIterating() {
         ZoHashIterator it;
         for (ZoHashEntry* e = table->FirstEntry(it); e != nullptr; e = table->NextEntry(it)) {
-            if (Byte() % 2 == 0) continue;
-            unsigned const id = IdOf(*e);
-            MUST(table->DeleteValue(Key(id), nullptr) == ZoSuccess);
-            model.erase(id);
+            if (Byte() % 16 == 0) Delete(IdOf(*e), nullptr);
         }
     }
 
@@ -255,12 +284,14 @@ private:
     std::uint8_t const* at;
     std::uint8_t const* const end;
     KeyKind const kind;
+    unsigned const keysInUse;  // few, for chains that change much and for empty tables
     Record records[keyCount][4] = {};
     ZoMTObj lock;
     long faultAt = 0;  // which allocation of this step's calls fails; 0 none
     bool faultHappened = false;
     std::unique_ptr<ZoHashTable> table;
     std::unordered_map<unsigned, void*> model;
+    ZoUInt32 buckets = 4;  // that the table should have
 };
 
 inline void RunTableProgram(std::uint8_t const* bytes, std::size_t size) {
