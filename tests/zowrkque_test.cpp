@@ -162,12 +162,9 @@ struct Fate {
 // Deletes itself as soon as the queue has handed it over.
 class Mortal : public ZoWorkUnit {
 public:
-    Mortal(Fate& fate, Watchdog& watchdog, bool terminate)
-        : fate(fate), watchdog(watchdog), terminate(terminate) {}
-    void Handle(ZoWorkQueue* queue) override {
-        if (terminate) queue->Terminate();
+    explicit Mortal(Fate& fate) : fate(fate) {}
+    void Handle(ZoWorkQueue*) override {
         ++fate.handled;
-        watchdog.Progress();
         delete this;
     }
     void Aborted(ZoWorkQueue*) override {
@@ -177,8 +174,6 @@ public:
 
 private:
     Fate& fate;
-    Watchdog& watchdog;
-    bool terminate;
 };
 
 // Threads append, grow and shrink, each only by workers it added itself, so that one is always
@@ -189,6 +184,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
     for (std::size_t round = 0; round < Rounds; ++round) {
         auto const end = static_cast<End>(round % Ends);
         auto queue = Make(1);
+        Unit terminating([&] { queue->Terminate(); });
         std::deque<Fate> fates(Threads * Steps);
         OnThreads(Threads, [&](int number) {
             auto const thread = static_cast<std::size_t>(number);
@@ -197,6 +193,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
             for (std::size_t i = 0; i < Steps; ++i) {
                 bool const last = thread == 0 && i == Steps / 2;
                 if (last && end == Terminated) queue->Terminate();
+                if (last && end == TerminatedByUnit) queue->Append(&terminating);
                 unsigned const dice = random() % 16;
                 if (dice == 0 && added < 4) {
                     queue->IncreaseThreadCount();
@@ -206,7 +203,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
                     --added;
                 }
                 Fate& fate = fates[thread * Steps + i];
-                auto* const unit = new Mortal(fate, watchdog, last && end == TerminatedByUnit);
+                auto* const unit = new Mortal(fate);
                 if (queue->Append(unit) == ZoSuccess) continue;
                 ++fate.refused;
                 delete unit;
