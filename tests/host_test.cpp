@@ -13,11 +13,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -56,6 +54,7 @@ protected:
     }
 
     void TearDown() override {
+        sqlite3_close(kept);
         EXPECT_TRUE(fs::is_empty(folder / "tmp")) << "temporary files were left behind";
         for (char const* name : {"TMPDIR", "ZOVA_CONFIG"}) unsetenv(name);
         fs::remove_all(folder);
@@ -65,24 +64,17 @@ protected:
         std::ofstream(folder / name, std::ios::binary) << text;
     }
 
-    // Starts it with the words of `options`.
+    // Starts it with `options`, in the folder.
     pid_t Start(std::string const& options) const {
         for (char const* name : {"out", "err"}) fs::remove(folder / name);
-        std::istringstream stream("zohost " + options);
-        std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
-        std::vector<char*> arguments;
-        for (std::string& word : words) arguments.push_back(word.data());
-        arguments.push_back(nullptr);
+        std::string const command =
+            "cd '" + folder.string() + "' && exec '" ZOHOST "' " + options + " >out 2>" + errorFile;
         pid_t const child = fork();
         if (child != 0) return child;
         // A run that hangs ends with a failure, and none outlives the test.
         alarm(60);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        bool const there = chdir(folder.c_str()) == 0;
-        for (auto const& [name, number] : {std::pair{"out", 1}, std::pair{errorFile.c_str(), 2}}) {
-            dup2(open(name, O_CREAT | O_TRUNC | O_WRONLY | O_NOCTTY, 0600), number);
-        }
-        if (there) execv(ZOHOST, arguments.data());
+        execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
         _exit(126);
     }
 
@@ -109,34 +101,30 @@ protected:
         EXPECT_NE(where.find(text), std::string::npos) << '"' << text << "\" is not in:\n" << where;
     }
 
-    // Executes `sql` on the kept database; the first number it yields, or -1.
-    int Sql(char const* sql) const {
-        sqlite3* database = nullptr;
+    // Executes `sql` on the kept database, over one connection; the first number it yields, or -1.
+    int Sql(char const* sql) {
+        if (kept == nullptr) {
+            sqlite3_open_v2((folder / "kept.db").c_str(), &kept, SQLITE_OPEN_READWRITE, nullptr);
+            sqlite3_busy_timeout(kept, 60000);
+        }
         int number = -1;
         auto const take = [](void* result, int, char** values, char**) {
             *static_cast<int*>(result) = std::atoi(values[0]);
             return 0;
         };
-        fs::path const file = folder / "kept.db";
-        if (sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
-            sqlite3_busy_timeout(database, 60000);
-            sqlite3_exec(database, sql, take, &number, nullptr);
-        }
-        sqlite3_close(database);
+        sqlite3_exec(kept, sql, take, &number, nullptr);
         return number;
-    }
-
-    // Whether a child that has not been finished has not ended either.
-    static bool Running(pid_t child) {
-        siginfo_t ended{};
-        return waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               ended.si_pid == 0;
     }
 
     // Waits until `condition` holds or the child has ended.
     template <class Predicate>
     static void AwaitOf(pid_t child, Predicate condition) {
-        while (Running(child) && !condition()) {
+        siginfo_t ended{};
+        auto const hasEnded = [&] {
+            waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+            return ended.si_pid != 0;
+        };
+        while (!hasEnded() && !condition()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
         }
     }
@@ -145,7 +133,7 @@ protected:
     }
 
     // Starts a run that goes on until it is told to stop, and waits until it is at work.
-    pid_t StartEndless(std::string const& level = "--level=9") const {
+    pid_t StartEndless(std::string const& level = "--level=9") {
         pid_t const child = Start("--data=. --database=kept.db --seconds=600 " + level);
         AwaitOf(child, [&] {
             return fs::exists(folder / "kept.db-shm") &&
@@ -155,6 +143,7 @@ protected:
     }
 
     fs::path folder;
+    sqlite3* kept = nullptr;
     std::string errorFile = "err";
     std::string out;
     std::string err;
@@ -262,8 +251,8 @@ TEST_F(HostTest, NamesTheLineOfMalformedData) {
 TEST_F(HostTest, KeepsANamedDatabaseAndNeverOverwritesIt) {
     Write("kept.db", "");
     EXPECT_EQ(Run("--data=. --database=kept.db --seconds=0"), 0) << err;
-    EXPECT_EQ(Sql("SELECT sum(revision) FROM kind_Lo"), 2);
     EXPECT_FALSE(fs::exists(folder / "kept.db-wal"));
+    EXPECT_EQ(Sql("SELECT sum(revision) FROM kind_Lo"), 2);
     std::string const before = Contents(folder / "kept.db");
     ExpectRefusal("--data=. --database=kept.db", "kept.db: the file is not empty");
     EXPECT_EQ(Contents(folder / "kept.db"), before);
@@ -295,32 +284,19 @@ TEST_F(HostTest, ResolvesADeadlock) {
     ExpectSaid(out, "FAILED: the ring was reported 1 times, and deadlock.txt has 0 new reports");
 }
 
-TEST_F(HostTest, ReportsItsLocksWhenAskedAndEndsInOrderWhenInterrupted) {
-    pid_t const child = StartEndless();
-    kill(child, SIGUSR1);
-    AwaitText(child, "err", "25 : ZoCSServerWriter");
-    kill(child, SIGTERM);
-    EXPECT_EQ(Finish(child), 0) << out << err;
-    EXPECT_EQ(Count(err, "ZoThread Status Report for Manager ("), 2U) << err;
-    ExpectSaid(out, "A signal ended the run early");
-    ExpectSaid(out, "All is well.");
-}
-
 // While the test holds the database, transactions wait for it: soon there is a second without an
 // operation.
-TEST_F(HostTest, RefusesAnInterruptWhileATransactionIsOpen) {
+TEST_F(HostTest, ReportsItsLocksAndRefusesAnInterruptWhileATransactionIsOpen) {
     pid_t const child = StartEndless("--level=4");
-    sqlite3* database = nullptr;
-    ASSERT_EQ(sqlite3_open((folder / "kept.db").c_str(), &database), SQLITE_OK);
-    sqlite3_busy_timeout(database, 60000);
-    ASSERT_EQ(sqlite3_exec(database, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    Sql("BEGIN IMMEDIATE");
     AwaitText(child, "out", "s, 0 a second");
+    kill(child, SIGUSR1);
+    AwaitText(child, "err", "ZoCSTheOnlyOne");
     kill(child, SIGINT);
     AwaitText(child, "err", "not interrupted");
-    EXPECT_TRUE(Running(child));
-    sqlite3_exec(database, "COMMIT", nullptr, nullptr, nullptr);
-    sqlite3_close(database);
+    Sql("COMMIT");
     EXPECT_EQ(Finish(child), 0) << out << err;
+    EXPECT_EQ(Count(err, "ZoThread Status Report for Manager ("), 2U) << err;
     ExpectSaid(err, "zohost: not interrupted, because a transaction is open");
     ExpectSaid(out, "A signal ended the run early");
     ExpectSaid(out, "All is well.");

@@ -27,10 +27,9 @@
 
 using namespace zotest;
 
-// The linker puts these in front of the system's functions. While `calls` is set, the calling
-// thread's calls are recorded in it and those of `failing` fail.
+// The linker puts these in front of the system's functions. While `failing` is an error number, the
+// calling thread's calls fail with it.
 namespace {
-thread_local Services::Lines* calls = nullptr;
 thread_local int failing = 0;
 thread_local std::size_t stackSize = 0;
 
@@ -45,16 +44,11 @@ NOT_INSTRUMENTED std::size_t SeenFirst(std::size_t size) {
     if (stackSize == 0) stackSize = size;
     return size;
 }
-int Intercept(char const* name) {
-    calls->push_back(name);
-    return failing;
-}
 }  // namespace
-#define WRAP(name, parameters, arguments)                              \
-    extern "C" int __real_pthread_##name parameters;                   \
-    extern "C" NOT_INSTRUMENTED int __wrap_pthread_##name parameters { \
-        int const error = calls == nullptr ? 0 : Intercept(#name);     \
-        return error != 0 ? error : __real_pthread_##name arguments;   \
+#define WRAP(name, parameters, arguments)                                \
+    extern "C" int __real_pthread_##name parameters;                     \
+    extern "C" NOT_INSTRUMENTED int __wrap_pthread_##name parameters {   \
+        return failing != 0 ? failing : __real_pthread_##name arguments; \
     }
 WRAP(condattr_init, (pthread_condattr_t * a), (a))
 WRAP(cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
@@ -65,26 +59,10 @@ WRAP(attr_setdetachstate, (pthread_attr_t * a, int state), (a, state))
 WRAP(attr_destroy, (pthread_attr_t * a), (a))
 WRAP(attr_setstacksize, (pthread_attr_t * a, std::size_t size), (a, SeenFirst(size)))
 WRAP(create, (pthread_t * t, pthread_attr_t const* a, void* (*f)(void*), void* x), (t, a, f, x))
-WRAP(detach, (pthread_t t), (t))
-WRAP(cancel, (pthread_t t), (t))
 
 namespace {
 
 using Lines = Services::Lines;
-
-// Records the calling thread's calls for its lifetime; a non-zero `error` makes them fail.
-class Recording {
-public:
-    explicit Recording(int error = 0) {
-        calls = &lines;
-        failing = error;
-    }
-    ~Recording() {
-        calls = nullptr;
-        failing = 0;
-    }
-    Lines lines;
-};
 
 // What a thread does; the argument of Start, so that it may outlive the object.
 struct Script {
@@ -94,32 +72,42 @@ struct Script {
 
 class Scripted : public ZoThread {
 public:
-    explicit Scripted(int autoDelete = 0) : ZoThread("scripted", "text", autoDelete) {}
+    explicit Scripted(ZoResourceWatcher* watcher, int autoDelete = 0)
+        : ZoThread("scripted", "text", autoDelete) {
+        SetResourceWatcher(watcher);
+    }
     int Work(void* script) override { return static_cast<Script*>(script)->work(); }
     void Init(void* script) override { static_cast<Script*>(script)->init(); }
     void Cleanup(void* script) override { static_cast<Script*>(script)->cleanup(); }
 
+    using ZoThread::argument;
     using ZoThread::blockingObject;
     using ZoThread::pendingPriority;
     using ZoThread::systemThread;
 };
 
-// Counts the threads that left one and those that have ended since: a thread's record, which owns
-// its mark, is the last that it releases.
-struct Marks {
-    struct Mark : ZoExtendedBase {
-        explicit Mark(Marks& marks) : marks(marks) {}
-        ~Mark() override { ++marks.released; }
-        Marks& marks;
-    };
-    void Leave() {
+// Also waits for threads that were aborted and stay counted: a thread's record, which owns its
+// mark, is the last that it releases.
+class Watcher : public ZoResourceWatcher {
+public:
+    int IncrementCounter() override {
+        onStart();
         ++made;
         ZoTLS::GetThreadLocalStorage()->ownedObject = new Mark(*this);
+        return ZoResourceWatcher::IncrementCounter();
     }
     void AwaitReleased() {
         Await([this] { return released == made; });
     }
-    std::atomic<int> made{0}, released{0};
+    std::function<void()> onStart = [] {};
+    std::atomic<int> made{0}, released{0};  // marks
+
+private:
+    struct Mark : ZoExtendedBase {
+        explicit Mark(Watcher& watcher) : watcher(watcher) {}
+        ~Mark() override { ++watcher.released; }
+        Watcher& watcher;
+    };
 };
 
 // Waits until it is cancelled.
@@ -128,16 +116,14 @@ int Stay() {
     return never.WaitForCondition(0, ZoNoLimit);
 }
 
-// Waits for threads that aborts may have ended, by their records.
 class Threads : public testing::Test {
 protected:
-    ~Threads() override { marks.AwaitReleased(); }
+    ~Threads() override { watcher.AwaitReleased(); }
 
     // A script that stays in Work until it is cancelled, and tells when it is there.
     Script Staying() {
         Script script;
         script.work = [this] {
-            marks.Leave();
             ++inside;
             return Stay();
         };
@@ -146,74 +132,54 @@ protected:
 
     Services services;
     Watchdog watchdog;
-    Marks marks;
+    Watcher watcher;
     std::atomic<int> inside{0};
 };
 
 // Must be the first use of a system thread in this program.
 TEST_F(Threads, SystemCallsThatFailAreLoggedInOrder) {
-    Scripted owner;
-    {
-        Recording recording(EAGAIN);
-        PosixThread thread(&owner);
-        EXPECT_EQ(thread.Start(1), ZoRefused);
-        EXPECT_EQ(owner.GetStatus(), 7);
-        EXPECT_EQ(thread.Start(0), ZoRefused);
-        EXPECT_EQ(owner.GetStatus(), 6);
-    }
+    Scripted thread(&watcher);
+    failing = EAGAIN;
+    EXPECT_EQ(thread.Start(nullptr), ZoStartFailed);
+    EXPECT_EQ(thread.GetStatus(), 7) << "the stack size was refused";
+    thread.SetStackSizeCode(0);
+    EXPECT_EQ(thread.Start(nullptr), ZoStartFailed);
+    EXPECT_EQ(thread.GetStatus(), 6);
+    EXPECT_EQ(thread.Start(nullptr), 0) << "a failed one is left alone";
+    EXPECT_EQ(thread.systemThread.load()->Abort(), ESRCH);
+    thread._Finish();
+    failing = 0;
     Lines expected;
     for (char const* text :
          {"pthread_condattr_init failed", "pthread_cond_init failed",
           "pthread_mutexattr_init failed", "pthread_mutex_init failed", "pthread_attr_init failed",
           "pthread_attr_setdetachstate failed", "pthread_attr_setstacksize failed",
-          "couldnt create thread", "pthread_attr_destroy failed"}) {
+          "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
+          "pthread_attr_destroy failed", "couldnt create thread", "pthread_attr_destroy failed"}) {
         expected.push_back(std::string("4 PosixThread: ") + text + " : 11");
     }
     EXPECT_EQ(services.Log(), expected);
-
-    // Set up once; an abort of no thread touches no handle.
-    Recording recording;
-    {
-        PosixThread thread(&owner);
-        EXPECT_EQ(thread.Abort(), ESRCH);
-        EXPECT_EQ(owner.GetStatus(), 6);
-    }
-    EXPECT_EQ(recording.lines, (Lines{"attr_init", "attr_setdetachstate", "attr_destroy"}));
 }
 
-TEST_F(Threads, StackSizesAndStartsThatFail) {
+TEST_F(Threads, HaveTheStackSizeOfTheirCode) {
     Script script;
     for (auto const& [code, size] :
          {std::pair<long, std::size_t>{1, 32768}, {2, 1048576}, {0, 0}, {262144, 262144}}) {
-        ZoResourceWatcher watcher;
-        Scripted thread;
-        thread.SetStackSizeCode(code);
-        thread.SetResourceWatcher(&watcher);
+        Scripted thread(&watcher);
+        if (code != 2) thread.SetStackSizeCode(code);
         stackSize = 0;
         EXPECT_EQ(thread.Start(&script), 0);
         EXPECT_EQ(stackSize, size);
         watcher.WaitForZero(0);
         EXPECT_EQ(thread.GetStatus(), 4);
     }
-    Scripted thread;
-    thread.SetStackSizeCode(100);
-    EXPECT_EQ(thread.Start(&script), ZoStartFailed);
-    EXPECT_EQ(thread.GetStatus(), 7);
-    EXPECT_EQ(services.Log(), Lines{"4 PosixThread: pthread_attr_setstacksize failed : 22"});
-    thread.SetStackSizeCode(0);
-    Recording recording(EAGAIN);
-    EXPECT_EQ(thread.Start(&script), ZoStartFailed);
-    EXPECT_EQ(thread.GetStatus(), 6);
-    EXPECT_EQ(thread.Start(&script), 0) << "a failed one is left alone";
-    thread._Finish();
-    EXPECT_EQ(recording.lines.back(), "attr_destroy") << "no detach";
 }
 
 TEST_F(Threads, WithoutMemoryAreNotStarted) {
     NEEDS_ALLOC_FAULTS();
     Script script;
     long const faults = FailEachAllocation([&](AllocFault const& fault) {
-        Scripted thread;
+        Scripted thread(nullptr);
         int const result = thread.Start(&script);
         EXPECT_EQ(result, fault.Happened() ? ZoOutOfMemory : 0);
         EXPECT_TRUE(!fault.Happened() || thread.GetStatus() == 7);
@@ -222,36 +188,13 @@ TEST_F(Threads, WithoutMemoryAreNotStarted) {
     EXPECT_EQ(faults, 2);  // the system thread and its life
 }
 
-// Keeps the texts of debug events, which come one after the other here.
-class Tracer : public ZoEventListener {
-public:
-    explicit Tracer(Lines& texts) : texts(texts) {}
-    int Notify(ZoEvent const* event) override {
-        texts.emplace_back(event->GetMessageText());
-        return 0;
-    }
-    Lines& texts;
-};
-
-void Trace(ZoUInt32 flags, Lines& texts) {
-    GetDebugger()->current = flags;
-    auto* const tracer = new Tracer(texts);  // the dispatcher's from here on
-    ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
-    dispatcher->RegisterListener(0xF, 0x600, tracer);
-    dispatcher->RegisterListener(0xF, 0x900, tracer);
-}
-
 TEST_F(Threads, TraceLinesToTheByte) {
     Script script;
     script.work = [] { return 42; };
+    services.Configure("mode", 0x900100);
     for (int autoDelete : {0, 1}) {
         Context context(false);
-        Lines texts;
-        Trace(0x900100, texts);
-        ZoResourceWatcher watcher;
-        auto* const thread = new Scripted(autoDelete);
-        thread->SetResourceWatcher(&watcher);
-        thread->SetStackSizeCode(1);
+        auto* const thread = new Scripted(&watcher, autoDelete);
         std::string const at = Pointer(thread), named = at + ",scripted : Trampoline, ";
         thread->Start(&script);
         watcher.WaitForZero(0);
@@ -272,28 +215,27 @@ TEST_F(Threads, TraceLinesToTheByte) {
             EXPECT_EQ(thread->GetStatus(), 6) << "nothing left to abort";
             delete thread;
         }
-        for (std::string& line : expected) line += "\n";
-        EXPECT_EQ(texts, expected);
+        std::string shown = "DEBUG LEVEL --> 0x900100\n";
+        for (std::string const& line : expected) shown += line + "\n\n";
+        EXPECT_EQ(context.console->text, shown);
     }
+    services.Configure("mode", 0x800000);
     Context context(false);
-    Lines texts;
-    Trace(0x800000, texts);
     ZoThread base(nullptr, nullptr, 0);
     EXPECT_EQ(CplusplusTrampoline(&base, nullptr), 0);
-    std::string const at = Pointer(&base) + "\n";
-    EXPECT_EQ(texts,
-              (Lines{"ZoThread::Init " + at, "ZoThread::Work " + at, "ZoThread::Cleanup " + at}));
+    std::string const at = Pointer(&base) + "\n\n";
+    EXPECT_EQ(context.console->text, "DEBUG LEVEL --> 0x800000\nZoThread::Init " + at +
+                                         "ZoThread::Work " + at + "ZoThread::Cleanup " + at);
 }
 
 TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
-    Scripted thread;
+    Scripted thread(&watcher);
     EXPECT_EQ(thread.GetOSThreadInfo(nullptr, nullptr, nullptr), ZoRefused);
     EXPECT_EQ(thread.Suspend() + thread.Continue() + thread.Giveup() + thread.Abort(), 0);
     EXPECT_EQ(thread.GetStatus(), 7);
     EXPECT_EQ(thread.WaitForThreadExit(5), 0);
     EXPECT_EQ(services.Assertions(), Lines{"0 src/zothread 228"});
 
-    ZoResourceWatcher watcher;
     std::string order;
     std::atomic<bool> go{false};
     Script script;
@@ -305,7 +247,6 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
         return 42;
     };
     script.cleanup = [&] { order += "c"; };
-    thread.SetResourceWatcher(&watcher);
     for (int run = 0; run < 2; ++run) {
         go = false;
         thread.SetPendingPriority(ZoPriorityHigh);
@@ -315,12 +256,11 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
         EXPECT_EQ(thread.pendingPriority, ZoPriorityUnchanged);
         EXPECT_EQ(thread.GetStatus(), 1);
         _Thread* const system = thread.systemThread;
-        EXPECT_EQ(thread.Start(nullptr), 0);
-        EXPECT_EQ(thread.systemThread, system) << "a running one is left alone";
-        EXPECT_EQ(thread.Block(nullptr), 0);
+        EXPECT_EQ(thread.Start(nullptr) + thread.Block(nullptr) + thread.Start(nullptr), 0);
         EXPECT_EQ(thread.GetStatus(), 2);
-        EXPECT_EQ(thread.Start(nullptr) + thread.Continue() + thread.Giveup(), 0);
+        EXPECT_EQ(thread.Continue() + thread.Giveup(), 0);
         EXPECT_EQ(thread.GetStatus(), 1);
+        EXPECT_EQ(thread.systemThread, system) << "a running one is left alone";
         EXPECT_EQ(thread.GetOSThreadInfo(nullptr, nullptr, nullptr), ZoNotSupported);
         go = true;
         watcher.WaitForZero(0);
@@ -341,12 +281,10 @@ public:
 };
 
 TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
-    ZoResourceWatcher watcher;
     Blocker blocker;
     Script script = Staying();
     script.cleanup = [] { ADD_FAILURE(); };
-    auto thread = std::make_unique<Scripted>();
-    thread->SetResourceWatcher(&watcher);
+    auto thread = std::make_unique<Scripted>(&watcher);
     thread->Start(&script);
     Await([&] { return inside == 1; });
     thread->blockingObject = &blocker;
@@ -354,18 +292,16 @@ TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
     EXPECT_EQ(blocker.released, 1);
     EXPECT_EQ(thread->blockingObject, nullptr);
     EXPECT_EQ(thread->GetStatus(), 5);
-    marks.AwaitReleased();
+    watcher.AwaitReleased();
     EXPECT_EQ(watcher.Counter(), 1) << "stays counted";
 
     // Again, while the first thread is long gone; then by itself, with no cancellation point after.
     script.work = [&] {
-        marks.Leave();
         thread->Abort();
         return 1;
     };
     EXPECT_EQ(thread->Start(&script), 0);
-    Await([&] { return marks.made == 2; });
-    marks.AwaitReleased();
+    watcher.AwaitReleased();
     EXPECT_EQ(thread->GetStatus(), 5);
     EXPECT_EQ(thread->GetResult(), 0);
     EXPECT_EQ(thread->Abort(), 0);
@@ -376,119 +312,73 @@ TEST_F(Threads, AnAbortEndsTheOperationAndNothingFollows) {
     EXPECT_EQ(blocker.released, 1);
 }
 
-// A watcher whose threads leave a mark, however early they are aborted.
-class Marking : public ZoResourceWatcher {
-public:
-    int IncrementCounter() override {
-        marks.Leave();
-        return ZoResourceWatcher::IncrementCounter();
-    }
-    Marks marks;
-};
-
-// A watcher that has the thread aborted while its start is under way.
-class Aborting : public Marking {
-public:
-    explicit Aborting(ZoThread& thread) : thread(thread) {}
-    int IncrementCounter() override {
-        std::thread([&] { thread.Abort(); }).join();
-        usleep(0);  // a cancellation point
-        return Marking::IncrementCounter();
-    }
-    ZoThread& thread;
-};
-
 TEST_F(Threads, AnAbortDuringTheStartLetsTheStarterGoOn) {
     Script script;
     script.init = [] { ADD_FAILURE(); };
-    Scripted thread;
-    Aborting watcher(thread);
-    thread.SetResourceWatcher(&watcher);
+    Scripted thread(&watcher);
+    watcher.onStart = [&] {
+        std::thread([&] { thread.Abort(); }).join();
+        usleep(0);  // a cancellation point
+    };
     for (int i = 0; i < 50; ++i) {
         EXPECT_EQ(thread.Start(&script), 0);
         EXPECT_EQ(thread.GetStatus(), 5);
         watchdog.Progress();
     }
-    watcher.marks.AwaitReleased();
+    watcher.AwaitReleased();
     EXPECT_EQ(watcher.Counter(), 50);
 }
 
-// While an abort that found no thread tells of its failure, the thread is started and aborted.
-class StartsAndAborts : public ZoEventListener {
+class Listener : public ZoEventListener {
 public:
-    explicit StartsAndAborts(PosixThread& thread) : thread(thread) {}
+    explicit Listener(std::function<void()> onEvent) : onEvent(std::move(onEvent)) {}
     int Notify(ZoEvent const*) override {
-        EXPECT_EQ(thread.Start(0), 0);
-        EXPECT_EQ(thread.Abort(), 0);
+        onEvent();
         return 0;
     }
-    PosixThread& thread;
+    std::function<void()> onEvent;
 };
 
+// While an abort that found no thread tells of its failure, the thread is started and aborted.
 TEST_F(Threads, ALateFailureLeavesTheMarkOfASecondAbort) {
     services.Configure("mode", 0x100000);
     Context context(false);
     Script script = Staying();
-    Scripted owner;
-    EXPECT_EQ(owner.Start(&script), 0);  // gives it the argument
-    Await([&] { return inside == 1; });
-    owner.Abort();
-    marks.AwaitReleased();
+    Scripted owner(&watcher);
+    owner.argument = &script;
     PosixThread thread(&owner);
-    ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(1, 0x900,
-                                                                new StartsAndAborts(thread));
+    auto* const listener = new Listener([&] {  // the dispatcher's from here on
+        EXPECT_EQ(thread.Start(0), 0);
+        Await([&] { return inside == 1; });
+        EXPECT_EQ(thread.Abort(), 0);
+    });
+    ZoEventMessageDispatcher::GetDispatcher()->RegisterListener(1, 0x900, listener);
     EXPECT_EQ(thread.Abort(), ESRCH);
     EXPECT_EQ(owner.GetStatus(), 5);
-    marks.AwaitReleased();
+    watcher.AwaitReleased();
 }
 
-// The object goes while its thread is in Work. A thread that does not notice its cancellation
-// returns to the library, which must not touch the object: AddressSanitizer holds that.
-TEST_F(Threads, AnObjectMayGoWhileItsThreadIsInWork) {
-    std::atomic<int> gone{0};
-    Script staying = Staying();
-    Script deaf;
-    deaf.work = [&] {
-        marks.Leave();
-        int const until = ++inside;
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-        Await([&] { return gone >= until; });
-        return 1;
-    };
-    for (int i = 1; i <= 200; ++i) {
-        auto thread = std::make_unique<Scripted>();
-        thread->SetStackSizeCode(i % 3);
-        thread->Start(i % 2 == 0 ? &staying : &deaf);
-        Await([&] { return inside == i; });
-        if (i % 4 < 2) thread->Abort();
-        thread.reset();
-        gone = i;
-    }
-}
-
-struct Run {
-    bool stays;
-    std::atomic<bool> inside{false};
+// A thread that stays does so until it is cancelled. A deaf one does not notice its cancellation
+// and returns to the library, also when its object is gone, which the library must not touch then:
+// AddressSanitizer holds that.
+struct Run : Script {
+    enum Kind { Returns, Stays, Deaf } kind;
+    std::atomic<bool> inside{false}, gone{false};
     Blocker blocker{};
-};
 
-class Restless : public ZoThread {
-public:
-    explicit Restless(Marking& watcher) : ZoThread("restless", nullptr, 0) {
-        SetResourceWatcher(&watcher);
-    }
-    int Work(void* argument) override {
-        Run* const run = static_cast<Run*>(argument);
-        blockingObject = &run->blocker;
-        run->inside = true;
-        return run->stays ? Stay() : 7;
+    int Work(Scripted* object) {
+        object->blockingObject = &blocker;
+        if (kind == Deaf) pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        inside = true;
+        if (kind == Deaf) Await([&] { return gone.load(); });
+        return kind == Stays ? Stay() : 7;
     }
 };
 
 struct Restart {
     std::mutex deletion;  // held by others than the owner while they use the object
-    std::unique_ptr<Restless> thread;
-    Marking watcher;
+    std::unique_ptr<Scripted> thread;
+    Watcher watcher;
     std::vector<std::unique_ptr<Run>> runs;
 
     void Delete() {
@@ -497,27 +387,35 @@ struct Restart {
     }
     void DeleteAfterItsEnd() {
         thread->Abort();
-        watcher.marks.AwaitReleased();
+        watcher.AwaitReleased();
         Delete();
     }
     void Round(std::mt19937& random) {
         if (thread == nullptr) {
             std::lock_guard<std::mutex> hold(deletion);
-            thread = std::make_unique<Restless>(watcher);
+            thread = std::make_unique<Scripted>(&watcher);
         }
-        std::atomic<int> const &made = watcher.marks.made, &released = watcher.marks.released;
+        std::atomic<int> const &made = watcher.made, &released = watcher.released;
         int const before = made;
-        Run* const run = runs.emplace_back(new Run{random() % 2 == 0}).get();
+        auto const kind = static_cast<Run::Kind>(random() % 3);
+        Run* const run = runs.emplace_back(new Run{{}, kind}).get();
+        run->work = [run, object = thread.get()] { return run->Work(object); };
         EXPECT_EQ(thread->Start(run), 0);
         if (made == before) return DeleteAfterItsEnd();  // its status did not allow a start
         unsigned long const step = random() % 5;
         if (step == 1 || step == 3) Await([&] { return run->inside || released == made; });
         if (step <= 2) thread->Abort();
         if (step == 2) thread->_Finish();
-        if (step != 3) return;
+        if (step != 3) {
+            run->gone = true;
+            return;
+        }
         // No other thread of the object is left, and this one stays where it is.
         Await([&] { return released >= made - 1; });
-        if (run->stays) Delete();
+        if (kind == Run::Returns) return;
+        if (random() % 2 == 0) thread->Abort();
+        Delete();
+        run->gone = true;
     }
 };
 
@@ -534,7 +432,7 @@ TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
             watchdog.Progress();
         }
         if (restart.thread != nullptr) restart.DeleteAfterItsEnd();
-        restart.watcher.marks.AwaitReleased();
+        restart.watcher.AwaitReleased();
         --running;
     };
     auto const meddle = [](Restart& restart, unsigned long step) {
@@ -555,7 +453,7 @@ TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
 
 // A thread's own deletion: on its thread, with its record, and while it is still counted.
 struct Deleting : Scripted {
-    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(1), watcher(watcher) {}
+    explicit Deleting(ZoResourceWatcher& watcher) : Scripted(&watcher, 1), watcher(watcher) {}
     ~Deleting() override {
         EXPECT_GE(watcher.Counter(), 1);
         EXPECT_NE(ZoTLS::GetThreadLocalStorage()->ownedObject, nullptr);
@@ -567,21 +465,19 @@ struct Deleting : Scripted {
 
 TEST_F(Threads, LeaveNothingBehind) {
     Script script;
-    Marking watcher;
     long const before = AllocFault::Live();
     auto const start = [&](Scripted& thread) {
         thread.SetStackSizeCode(65536);
-        thread.SetResourceWatcher(&watcher);
         EXPECT_EQ(thread.Start(&script), 0);
         watchdog.Progress();
     };
     auto const awaitNothingLeft = [&] {
         watcher.WaitForZero(0);
-        watcher.marks.AwaitReleased();
+        watcher.AwaitReleased();
         Await([&] { return AllocFault::Live() == before; });
     };
     for (int i = 0; i < 10000; ++i) {
-        Scripted thread;
+        Scripted thread(&watcher);
         start(thread);
         watcher.WaitForZero(0);
     }
