@@ -112,16 +112,7 @@ TEST(Condition, ACancelledWaiterLeavesTheLockFree) {
     auto condition = Make();
     Gate gate;
     condition->logic = &gate;
-    std::atomic<pthread_t> waiter{};
-    std::thread canceller([&] {
-        Await([&] { return gate.tests != 0; });
-        pthread_cancel(waiter);
-    });
-    EXPECT_TRUE(IsCancelled([&] {
-        waiter = pthread_self();
-        condition->WaitForCondition(0, ZoNoLimit);
-    }));
-    canceller.join();
+    CancelWhen([&] { return gate.tests != 0; }, [&] { condition->WaitForCondition(0, ZoNoLimit); });
     EXPECT_EQ(condition->SetCondition(), 1);  // would block for ever on a lock left behind
 }
 

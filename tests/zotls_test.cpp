@@ -43,22 +43,17 @@ NOT_INSTRUMENTED int __wrap_pthread_setspecific(pthread_key_t key, void const* v
 
 namespace {
 
-template <class Body>
-void OnNewThread(Body body) {
-    std::thread(body).join();
-}
-
 // Must be the first use of a record in this program.
 TEST(ThreadRecord, KeyIsMadeOnceAndTriedAgainAfterAFailure) {
     Services services;
     failKey = true;
-    OnNewThread([] {
+    std::thread([] {
         EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), nullptr);
         EXPECT_EQ(ZoTLSisAsyncWatcherThread(), 0);
         EXPECT_EQ(TLSGetCondition(), nullptr);
         EXPECT_EQ(ZoTLSReaderWriterRecord(nullptr), nullptr);
         EXPECT_EQ(ZoTLSRemoveReaderWriterRecord(nullptr), 1);
-    });
+    }).join();
     failKey = false;
     Services::Lines const reports = services.Assertions();
     ASSERT_EQ(reports.size(), 15U);  // three for each of five look-ups
@@ -70,47 +65,43 @@ TEST(ThreadRecord, KeyIsMadeOnceAndTriedAgainAfterAFailure) {
         8, [](int) { EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), ZoTLS::GetThreadLocalStorage()); });
     EXPECT_EQ(keysMade, 1);
 
-    OnNewThread([] {
+    std::thread([] {
         failStore = true;
         EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), nullptr);
         failStore = false;
-    });
+    }).join();
 }
 
-// Tells when it is destroyed: with the record that owns it.
+// Counts the destroyed ones.
 class Owned : public ZoExtendedBase {
 public:
-    explicit Owned(std::atomic<int>& destroyed) : destroyed(destroyed) {}
     ~Owned() override { ++destroyed; }
-
-private:
-    std::atomic<int>& destroyed;
+    inline static std::atomic<int> destroyed{0};
 };
 
 TEST(ThreadRecord, LivesAsLongAsItsAttaches) {
-    std::atomic<int> destroyed{0};
     ZoThreadDetach(nullptr);
-    OnNewThread([&] {
+    std::thread([&] {
         ZoTLS* const record = ZoTLS::GetThreadLocalStorage();
         EXPECT_EQ(record->attachCount, 1);
         EXPECT_EQ(record->threadIdentity, record);
-        record->ownedObject = new Owned(destroyed);
+        record->ownedObject = new Owned;
         record->itemArray = new ZoTLSItem[3];
         record->itemCount = 3;
         ZoThreadAttach(nullptr);
         EXPECT_EQ(record->attachCount, 2);
         ZoThreadDetach(record);
         EXPECT_EQ(ZoTLS::GetThreadLocalStorage(), record);
-        EXPECT_EQ(destroyed, 0);
+        EXPECT_EQ(Owned::destroyed, 0);
         ZoThreadDetach(record);
-        EXPECT_EQ(destroyed, 1);
+        EXPECT_EQ(Owned::destroyed, 1);
         ZoTLS* const next = ZoTLS::GetThreadLocalStorage();
         EXPECT_EQ(next->attachCount, 1);
-        next->ownedObject = new Owned(destroyed);
+        next->ownedObject = new Owned;
         next->itemArray = new ZoTLSItem;
         next->itemCount = 1;
-    });
-    EXPECT_EQ(destroyed, 2);
+    }).join();
+    EXPECT_EQ(Owned::destroyed, 2);
 
     Services services;
     ZoTLS copy{ZoTLS()};  // elided
@@ -125,21 +116,21 @@ TEST(ThreadRecord, IsFreedOnceThoughItsEndLooksItUp) {
     Context context(true);
     ZoSynchroObj* const first = FirstSynchro;
     for (int i = 0; i < 100; ++i) {
-        OnNewThread([] {
+        std::thread([] {
             Condition** const slot = TLSGetCondition();
             EXPECT_STREQ((*slot)->GetName(), "TLS Cond");
             EXPECT_EQ(TLSGetCondition(), slot);
             EXPECT_EQ(ZoTLSisAsyncWatcherThread(), 0);
             ZoTLSSetAsyncWatcherThread();
             EXPECT_EQ(ZoTLSisAsyncWatcherThread(), 1);
-        });
+        }).join();
     }
     EXPECT_EQ(FirstSynchro, first);
 }
 
 TEST(ThreadRecord, KeepsHoldingsForEachMutex) {
     auto mutex = [](std::size_t number) { return reinterpret_cast<ZoRW_Mutex*>(number * 64); };
-    OnNewThread([&] {
+    std::thread([&] {
         ZoUInt32* const first = ZoTLSReaderWriterRecord(mutex(1));
         EXPECT_EQ(*first, 0U);
         *first = 7;
@@ -158,7 +149,7 @@ TEST(ThreadRecord, KeepsHoldingsForEachMutex) {
         EXPECT_EQ(record->rwRecords.GetFirst(), nullptr);
         ZoTLSReaderWriterRecord(mutex(4));
         ZoTLSReaderWriterRecord(mutex(5));  // left in the list: the record frees them
-    });
+    }).join();
 }
 
 }  // namespace
