@@ -66,20 +66,16 @@ TEST_P(EitherKind, IsRecursiveAndDescribesItself) {
     section->Exit();
     EXPECT_EQ(InfoOf(section), Owned(1, 0));
 
-    std::atomic<bool> inside{false};
     std::thread other([&] {
         ReleaseAllSynchronizationObjects();  // by another than the owner: nothing happens
         section->Begin();
-        inside = true;
         section->Exit();
     });
     Await([&] { return InfoOf(section) == Owned(1, 1); });
-    EXPECT_FALSE(inside);
     section->Begin();
     section->Begin();
     ReleaseAllSynchronizationObjects();  // which calls ForceRelease
     other.join();
-    EXPECT_TRUE(inside);
     EXPECT_EQ(InfoOf(section), Free());
 
     char small[10] = "#########";
