@@ -262,126 +262,112 @@ TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
     EXPECT_EQ(LogFile(), FileHead + "abc100%s\n");
 }
 
-// An independent record of who holds and who wants what. A thread enters its wish before it calls
-// Begin, a holding after Begin returned, and takes a holding out before Exit. So a ring in this
-// record can only be ended by a report, and a report without a ring in this record is false.
-class Record {
+// Threads that enter and leave sections at random, and an independent record of who holds and who
+// wants what. A thread enters its wish before it calls Begin, a holding after Begin returned, and
+// takes a holding out before Exit. So a ring in this record can only be ended by a report, and a
+// report without a ring in this record is false.
+class RandomWork {
 public:
     static constexpr int Threads = 8, Count = 8, Nobody = -1;
 
-    void Wants(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        wanted[thread] = section;
-        if (LeadsBack(thread)) ++rings;
-    }
-    void Got(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (owner[section] != Nobody && owner[section] != thread) ++faults;
-        owner[section] = thread;
-        wanted[thread] = Nobody;
-    }
-    void Leaves(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (owner[section] != thread) ++faults;
-        owner[section] = Nobody;
-    }
-    void Reported(int thread) {
-        std::lock_guard<std::mutex> hold(mutex);
-        ++reports;
-        if (!LeadsBack(thread)) ++faults;
-    }
-    int rings = 0, reports = 0, faults = 0;
-
-private:
-    bool LeadsBack(int thread) {
-        int at = thread;
-        for (int step = 0; step < Threads && wanted[at] != Nobody; ++step) {
-            at = owner[wanted[at]];
-            if (at == Nobody) return false;
-            if (at == thread) return true;
-        }
-        return false;
-    }
-
-    std::mutex mutex;
-    int owner[Count] = {-1, -1, -1, -1, -1, -1, -1, -1};
-    int wanted[Threads] = {-1, -1, -1, -1, -1, -1, -1, -1};
-};
-
-// One thread of the random work.
-class Worker {
-public:
-    Worker(int number, Record& record, Sections& sections)
-        : number(number), record(record), sections(sections), random(4711U + unsigned(number)) {}
-
-    void Work(long entries, Watchdog& watchdog) {
-        current = this;
+    void Work(int thread, long entries, Watchdog& watchdog) {
+        me = thread;
+        std::minstd_rand random(4711U + unsigned(thread));
         for (long i = 0; i < entries; ++i) {
-            Enter(int(random() % Record::Count));
+            Enter(int(random() % Count));
             watchdog.Progress();
             if (random() % 8 == 0) std::this_thread::yield();  // others' turn, sections held
             if (levels.size() >= 4 || random() % 3 == 0) Leave(random() % levels.size());
         }
         LeaveAll();
-        current = nullptr;
+    }
+    // In the message service, on the detecting thread.
+    void Dissolve() {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            ++reports;
+            if (!LeadsBack()) ++faults;
+        }
+        LeaveAll();
     }
 
-    // In the message service, on the detecting thread.
-    static void Dissolve() {
-        current->record.Reported(current->number);
-        current->LeaveAll();
-    }
+    Sections const sections = MakeSections(Count);
+    int rings = 0, reports = 0, faults = 0;
 
 private:
     void Enter(int section) {
         bool const first = !Holds(section);
-        if (first) record.Wants(number, section);
+        if (first) Wants(section);
         sections[std::size_t(section)]->Begin();
-        if (first) record.Got(number, section);
+        if (first) Got(section);
         levels.push_back(section);
     }
     void Leave(std::size_t level) {
         int const section = levels[level];
         levels.erase(levels.begin() + long(level));
-        if (!Holds(section)) record.Leaves(number, section);
+        if (!Holds(section)) Leaves(section);
         sections[std::size_t(section)]->Exit();
     }
     void LeaveAll() {
         while (!levels.empty()) Leave(levels.size() - 1);
     }
-    bool Holds(int section) {
+    static bool Holds(int section) {
         return std::find(levels.begin(), levels.end(), section) != levels.end();
     }
 
-    inline static thread_local Worker* current = nullptr;
-    int const number;
-    Record& record;
-    Sections& sections;
-    std::minstd_rand random;
-    std::vector<int> levels;  // a section for each entry
+    void Wants(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        wanted[me] = section;
+        if (LeadsBack()) ++rings;
+    }
+    void Got(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != Nobody && owner[section] != me) ++faults;
+        owner[section] = me;
+        wanted[me] = Nobody;
+    }
+    void Leaves(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != me) ++faults;
+        owner[section] = Nobody;
+    }
+    bool LeadsBack() const {
+        int at = me;
+        for (int step = 0; step < Threads && wanted[at] != Nobody; ++step) {
+            at = owner[wanted[at]];
+            if (at == Nobody) return false;
+            if (at == me) return true;
+        }
+        return false;
+    }
+
+    inline static thread_local int me;
+    inline static thread_local std::vector<int> levels;  // a section for each entry of the thread
+
+    std::mutex mutex;  // guards the record
+    int owner[Count] = {-1, -1, -1, -1, -1, -1, -1, -1};
+    int wanted[Threads] = {-1, -1, -1, -1, -1, -1, -1, -1};
 };
 
 // ZO_STRESS_ENTRIES sets the number of entries; a million is the long form.
 TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
     char const* const wanted = std::getenv("ZO_STRESS_ENTRIES");
     long const entries = wanted != nullptr ? std::atol(wanted) : 20'000;
-    Sections sections = MakeSections(Record::Count);
-    Record record;
-    services.onMessage = [](std::string const& text) {
-        if (text.find("CANCEL") != std::string::npos) Worker::Dissolve();
+    RandomWork work;
+    services.onMessage = [&](std::string const& text) {
+        if (text.find("CANCEL") != std::string::npos) work.Dissolve();
         return 0U;
     };
     {
         Watchdog watchdog;  // a ring that was missed stops its threads for ever
-        OnThreads(Record::Threads, [&](int t) {
-            Worker(t, record, sections).Work(entries / Record::Threads, watchdog);
-        });
+        OnThreads(RandomWork::Threads,
+                  [&](int thread) { work.Work(thread, entries / RandomWork::Threads, watchdog); });
     }
-    EXPECT_EQ(record.faults, 0);
-    EXPECT_EQ(record.reports, record.rings);
-    EXPECT_GT(record.rings, 0);
-    EXPECT_EQ(services.Log().size(), 2U * std::size_t(record.reports));
-    for (auto const& section : sections) {
+    EXPECT_EQ(work.faults, 0);
+    EXPECT_EQ(work.reports, work.rings);
+    EXPECT_GT(work.rings, 0);
+    EXPECT_EQ(services.Log().size(), 2U * std::size_t(work.reports));
+    for (auto const& section : work.sections) {
         std::string const name = section->GetName();
         EXPECT_EQ(InfoOf(section.get()), name + ": is available");
         section->Begin();
@@ -390,8 +376,8 @@ TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
                       ", owning count: 1; wait count: 0");
         section->Exit();
     }
-    RecordProperty("rings", record.rings);
-    std::printf("%ld entries, %d rings, %d reports\n", entries, record.rings, record.reports);
+    RecordProperty("rings", work.rings);
+    std::printf("%ld entries, %d rings, %d reports\n", entries, work.rings, work.reports);
 }
 
 }  // namespace

@@ -308,19 +308,19 @@ TEST_P(RwMutex, AWriterCancelledInItsWaitHoldsWhatItHeldBefore) {
     for (long const depth : {0L, 2L}) {
         mutex->StartRW(Read, 0);
         long atCleanUp = -1;
-        CancelWhen([&] { return HasPendingWriter(); },
-                   [&] {
-                       struct CleanUp {
-                           ZoRW_Mutex* mutex;
-                           long& holdings;
-                           ~CleanUp() {
-                               holdings = std::max(Holdings(mutex), 0L);
-                               mutex->ForceRelease();
-                           }
-                       } cleanUp{mutex.get(), atCleanUp};
-                       for (long level = 0; level < depth; ++level) mutex->StartRW(Read, 0);
-                       mutex->StartRW(Write, 0);
-                   });
+        auto const ask = [&] {
+            struct CleanUp {
+                ZoRW_Mutex* mutex;
+                long& holdings;
+                ~CleanUp() {
+                    holdings = std::max(Holdings(mutex), 0L);
+                    mutex->ForceRelease();
+                }
+            } cleanUp{mutex.get(), atCleanUp};
+            for (long level = 0; level < depth; ++level) mutex->StartRW(Read, 0);
+            mutex->StartRW(Write, 0);
+        };
+        CancelWhen([&] { return HasPendingWriter(); }, ask);
         EXPECT_EQ(atCleanUp, depth);
         EXPECT_EQ(Info(mutex.get()), FreeInfo(1));
         mutex->EndRW(Read);
