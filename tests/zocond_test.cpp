@@ -63,8 +63,11 @@ TEST(Condition, TimesOutNoSoonerThanAsked) {
     EXPECT_EQ(condition->WaitForCondition(1, 1100), ZoTimedOut);
     // The deadline is on the wall clock, which may be adjusted a little.
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
-    EXPECT_EQ(condition->Unlock(), 0);  // kept, also after a time-out
-    EXPECT_EQ(condition->SetCondition(), 1);
+    std::thread setter([&] { condition->SetCondition(); });
+    for (int i = 0; i < 100; ++i) std::this_thread::yield();
+    EXPECT_EQ(condition->value, 0) << "the lock is kept, also after a time-out";
+    condition->Unlock();
+    setter.join();
     EXPECT_EQ(condition->WaitForCondition(1, ZoNoLimit), ZoSuccess);
     EXPECT_EQ(condition->Unlock(), 1);
 }
