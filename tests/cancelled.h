@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
+#include <thread>
 
 namespace zotest {
 
@@ -26,6 +28,21 @@ inline bool IsCancelled(std::function<void()> body) {
     void* result = nullptr;
     pthread_join(thread, &result);
     return result == PTHREAD_CANCELED;
+}
+
+// Cancels a thread that runs `body` as soon as `condition` holds.
+template <class Predicate>
+void CancelWhen(Predicate condition, std::function<void()> body) {
+    std::atomic<pthread_t> thread{};
+    std::thread canceller([&] {
+        while (thread == pthread_t{} || !condition()) std::this_thread::yield();
+        pthread_cancel(thread);
+    });
+    EXPECT_TRUE(IsCancelled([&] {
+        thread = pthread_self();
+        body();
+    }));
+    canceller.join();
 }
 
 }  // namespace zotest

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
@@ -14,9 +15,11 @@
 #include <memory>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "deadlock_io.h"
+#include "rw_record.h"
 #include "services.h"
 #include "watchdog.h"
 #include "zotls.h"
@@ -25,15 +28,15 @@ using namespace zotest;
 
 namespace {
 
-// A directory of its own for "deadlock.txt".
-class InTemporaryFolder : public testing::Test {
+// The library context, in a directory of its own for "deadlock.txt".
+class Deadlock : public testing::Test {
 protected:
-    InTemporaryFolder() : before(std::filesystem::current_path()) {
+    Deadlock() : before(std::filesystem::current_path()) {
         char name[] = "/tmp/zo_deadlock_XXXXXX";
         folder = mkdtemp(name);
         std::filesystem::current_path(folder);
     }
-    ~InTemporaryFolder() override {
+    ~Deadlock() override {
         std::filesystem::current_path(before);
         std::filesystem::remove_all(folder);
     }
@@ -50,6 +53,9 @@ protected:
         return text;
     }
 
+    Services services;
+    Context context{true};
+
 private:
     std::filesystem::path before, folder;
 };
@@ -59,13 +65,22 @@ std::string const FileHead =
 
 using Sections = std::vector<std::unique_ptr<ZoCritSect>>;
 
+Sections MakeSections(std::size_t count) {
+    static char const* const names[] = {"alpha", "beta", "gamma", "delta", "epsilon",
+                                        "zeta",  "eta",  "theta", "iota",  "kappa"};
+    Sections sections;
+    for (std::size_t i = 0; i < count; ++i) sections.emplace_back(ZoCritSect::Make(names[i]));
+    return sections;
+}
+
 // N threads own a section each and want the next one's; the last thread's wait closes the ring. It
 // is that thread which is asked, and `dissolve` has it let go of what it owns.
 class Ring {
 public:
-    Ring(Services& services, Sections& sections)
-        : services(services), sections(sections), records(sections.size()) {}
+    Ring(Services& services, std::size_t size)
+        : sections(MakeSections(size)), services(services), records(size) {}
 
+    Sections const sections;
     std::function<void()> dissolve = [this] { sections.back()->Exit(); };
     unsigned int answer = 0;  // to every message
 
@@ -80,7 +95,7 @@ public:
             records[i] = ZoTLS::GetThreadLocalStorage();
             sections[i]->Begin();
             ++owning;
-            Await([&] { return owning == sections.size() && (i == 0 || IsWaiting(i - 1)); });
+            Await([&] { return i == 0 ? owning == sections.size() : IsAwaited(*sections[i]); });
             ZoCritSect& wanted = *sections[closes ? 0 : i + 1];
             wanted.Begin();
             wanted.Exit();
@@ -88,8 +103,8 @@ public:
         });
     }
 
-    // The report of the chain, without the empty lines of the traces.
-    std::string Words() {
+    // The words, then an empty line for each trace.
+    std::string Report() {
         std::size_t const last = sections.size() - 1;
         std::string words = "ZoThread " + Pointer(records[last]) + " wants critical section " +
                             Named(0) + " owned by thread " + Pointer(records[0]) + "\n";
@@ -97,9 +112,8 @@ public:
             words += "ZoThread " + Pointer(records[i]) + " is waiting for " + Named(i + 1) +
                      " owned by thread " + Pointer(records[i + 1]) + "\n";
         }
-        return words + "\n";
+        return words + "\n" + std::string(last, '\n');
     }
-    std::string Traces() { return std::string(sections.size() - 1, '\n'); }
     std::string Description() {
         return std::string(sections[0]->GetName()) + ": owning thread: " + Pointer(records[0]) +
                ", owning count: 1; wait count: 1; owner waiting for " + sections[1]->GetName();
@@ -109,80 +123,56 @@ private:
     std::string Named(std::size_t i) {
         return std::string(sections[i]->GetName()) + " " + Pointer(sections[i].get());
     }
-    bool IsWaiting(std::size_t i) {
-        csDLD->Begin();
-        bool const waiting = records[i]->waitingFor != nullptr;
-        csDLD->Exit();
-        return waiting;
+    static bool IsAwaited(ZoCritSect& section) {
+        return InfoOf(&section).find("wait count: 1") != std::string::npos;
     }
 
     Services& services;
-    Sections& sections;
     std::vector<ZoTLS*> records;
     std::atomic<std::size_t> owning{0};
 };
 
-Sections MakeSections(std::size_t count) {
-    static char const* const names[] = {"alpha", "beta", "gamma", "delta", "epsilon",
-                                        "zeta",  "eta",  "theta", "iota",  "kappa"};
-    Sections sections;
-    for (std::size_t i = 0; i < count; ++i) sections.emplace_back(ZoCritSect::Make(names[i]));
-    return sections;
-}
-
-using Deadlock = InTemporaryFolder;
-
 TEST_F(Deadlock, IsReportedOnceForEachRingAndDissolved) {
     std::string file;
-    for (std::size_t size : {2U, 3U, 10U}) {
-        Services services;
-        Context context(true);
-        Sections sections = MakeSections(size);
-        Ring ring(services, sections);
+    Services::Lines log, messages;
+    for (std::size_t const size : {2U, 3U, 10U}) {
+        Ring ring(services, size);
         ring.Run();
-        EXPECT_EQ(context.console->text, ring.Words() + ring.Traces());
-        EXPECT_EQ(services.Log(), (Services::Lines{"4 Deadlock detected.\n" + ring.Description(),
-                                                   "3 Deadlock: false alarm.\n"}));
-        EXPECT_EQ(services.Messages(),
-                  (Services::Lines{"0x10000001 Deadlock detected.\n(CANCEL to debug)",
-                                   "0x0 Deadlock: false alarm.\n"}));
-        EXPECT_TRUE(services.Assertions().empty());
+        EXPECT_EQ(std::exchange(context.console->text, ""), ring.Report());
+        log.insert(log.end(),
+                   {"4 Deadlock detected.\n" + ring.Description(), "3 Deadlock: false alarm.\n"});
+        EXPECT_EQ(services.Log(), log);
+        messages.insert(messages.end(), {"0x10000001 Deadlock detected.\n(CANCEL to debug)",
+                                         "0x0 Deadlock: false alarm.\n"});
+        EXPECT_EQ(services.Messages(), messages);
         // The reports of successive deadlocks follow each other in one file.
-        file += FileHead + ring.Words() + ring.Traces();
+        file += FileHead + ring.Report();
         EXPECT_EQ(LogFile(), file);
-        for (auto const& section : sections) {
+        for (auto const& section : ring.sections) {
             EXPECT_EQ(InfoOf(section.get()), std::string(section->GetName()) + ": is available");
         }
     }
+    EXPECT_TRUE(services.Assertions().empty());
 }
 
 TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
     std::filesystem::create_directory("deadlock.txt");
-    Services services;
-    Context context(true);
-    Sections sections = MakeSections(2);
-    Ring ring(services, sections);
+    Ring ring(services, 2);
     ring.Run();
-    EXPECT_EQ(context.console->text,
-              "unable to open deadlock.txt for writing" + ring.Words() + ring.Traces());
+    EXPECT_EQ(context.console->text, "unable to open deadlock.txt for writing" + ring.Report());
     EXPECT_EQ(services.Log().size(), 2U);
 }
 
 TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
-    for (unsigned int answer : {ZoAnswerDebug, ZoAnswerAbort, 0x20000000U}) {
-        Services services;
-        Context context(true);
-        Sections sections = MakeSections(2);
-        Ring ring(services, sections);
-        ring.dissolve = [&] { sections.back()->ForceRelease(); };
+    for (unsigned int const answer : {ZoAnswerDebug, ZoAnswerAbort, 0x20000000U}) {
+        Ring ring(services, 2);
+        ring.dissolve = [&] { ring.sections.back()->ForceRelease(); };
         ring.answer = answer;
         ring.Run();
-        EXPECT_EQ(services.Assertions(),
-                  answer != 0x20000000U
-                      ? (Services::Lines{"(0 && \"deadlock detected\") src/zocrits 365",
-                                         "(0 && \"deadlock : false alarm\") src/zocrits 385"})
-                      : Services::Lines{});
     }
+    std::string const detected = "(0 && \"deadlock detected\") src/zocrits 365";
+    std::string const falseAlarm = "(0 && \"deadlock : false alarm\") src/zocrits 385";
+    EXPECT_EQ(services.Assertions(), (Services::Lines{detected, falseAlarm, detected, falseAlarm}));
 }
 
 // The console's sink is the host's code. It may guard itself with a section of the library while
@@ -200,8 +190,6 @@ TEST_F(Deadlock, ReportsThroughASinkThatUsesSections) {
         std::unique_ptr<ZoCritSect> guard{ZoCritSect::MakeImplementation("guard")};
         ZoCritSect* leaves = nullptr;
     };
-    Services services;
-    Context context(true);
     delete GetConsole()->sink;
     auto* const sink = new Guarded;
     GetConsole()->sink = sink;
@@ -209,85 +197,56 @@ TEST_F(Deadlock, ReportsThroughASinkThatUsesSections) {
     std::thread writer([&] {
         while (!done) *GetConsole() << "." << endl;
     });
-    for (int i = 0; i < 20; ++i) {
-        Sections sections = MakeSections(2);
-        Ring(services, sections).Run();
-    }
+    for (int i = 0; i < 20; ++i) Ring(services, 2).Run();
     done = true;
     writer.join();
     EXPECT_EQ(services.Log().size(), 40U);
 
-    Sections sections = MakeSections(2);
-    sink->leaves = sections.back().get();
-    Ring ring(services, sections);
+    Ring ring(services, 2);
     ring.dissolve = [] {};  // the sink does it
+    sink->leaves = ring.sections.back().get();
     ring.Run();
     sink->leaves = nullptr;
     EXPECT_NE(sink->text.find("nobody !!!!\n"), std::string::npos);
 }
 
 // Waits that form no ring with the caller: the walk ends and answers 0, the words say where the
-// chain breaks off. The edges are drawn by hand; owners are real.
+// chain breaks off. Owners and edges are drawn by hand.
 TEST_F(Deadlock, ChainsThatDoNotComeBackEnd) {
-    Context context(true);
-    Sections sections = MakeSections(3);
-    std::vector<std::atomic<ZoTLS*>> owners(3);
-    std::atomic<int> owning{0};
-    std::thread threads([&] {
-        OnThreads(3, [&](int number) {
-            auto const i = static_cast<std::size_t>(number);
-            sections[i]->Begin();
-            owners[i] = ZoTLS::GetThreadLocalStorage();
-            ++owning;
-            Await([&] { return owning < 0; });
-            sections[i]->Exit();
-        });
-    });
-    Await([&] { return owning == 3; });
-
+    Sections const sections = MakeSections(4);  // the last one is free
     auto section = [&](std::size_t i) { return static_cast<ZoDLDCritSect*>(sections[i].get()); };
-    auto waits = [&](std::size_t i, ZoDLDCritSect* wanted) {
-        csDLD->Begin();
-        owners[i].load()->waitingFor = wanted;
-        csDLD->Exit();
-    };
     ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
-    auto words = [&](ZoDLDCritSect* wanted) {
-        context.console->text.clear();
-        csDLD->Begin();
-        DeadlockDetectionMakeMessage(me, wanted, GetConsole());
-        csDLD->Exit();
-        return context.console->text;
+    ZoTLS owners[3];
+    for (std::size_t i = 0; i < 3; ++i) {
+        owners[i].threadIdentity = currentRecord = &owners[i];
+        section(i)->Begin();
+    }
+    currentRecord = me;
+    auto words = [&](std::size_t wanted) {
+        DeadlockDetectionMakeMessage(me, section(wanted), GetConsole());
+        return std::exchange(context.console->text, "");
     };
-    std::string const start = "ZoThread " + Pointer(me) + " wants critical section alpha " +
-                              Pointer(section(0)) + " owned by thread " + Pointer(owners[0]) +
-                              "\nZoThread " + Pointer(owners[0]) + " is waiting for ";
-
-    EXPECT_EQ(ThreadWaitsForThread(owners[0], me), 0);
-    EXPECT_EQ(words(section(0)), start + "nothing !!!\n");
-    std::unique_ptr<ZoDLDCritSect> unowned(static_cast<ZoDLDCritSect*>(ZoCritSect::Make("free")));
-    EXPECT_EQ(words(unowned.get()), "ZoThread " + Pointer(me) + " wants critical section free " +
-                                        Pointer(unowned.get()) + " owned by nobody !!!!\n");
-    waits(0, unowned.get());
-    EXPECT_EQ(words(section(0)),
-              start + "free " + Pointer(unowned.get()) + " owned by nobody !!!!\n");
+    std::string const wants = "ZoThread " + Pointer(me) + " wants critical section ";
+    std::string const freeOne = "delta " + Pointer(section(3)) + " owned by nobody !!!!\n";
+    std::string const start = wants + "alpha " + Pointer(section(0)) + " owned by thread " +
+                              Pointer(&owners[0]) + "\nZoThread " + Pointer(&owners[0]) +
+                              " is waiting for ";
+    EXPECT_EQ(ThreadWaitsForThread(&owners[0], me), 0);
+    EXPECT_EQ(words(0), start + "nothing !!!\n");
+    EXPECT_EQ(words(3), wants + freeOne);
+    owners[0].waitingFor = section(3);
+    EXPECT_EQ(words(0), start + freeOne);
 
     // alpha's owner waits for beta's, which waits for gamma's, which waits for beta's.
-    waits(0, section(1));
-    waits(1, section(2));
-    EXPECT_EQ(ThreadWaitsForThread(owners[0], owners[2]), 1);
-    EXPECT_EQ(ThreadWaitsForThread(owners[2], owners[0]), 0);
-    waits(2, section(1));
-    EXPECT_EQ(ThreadWaitsForThread(owners[0], me), 0);
-    EXPECT_EQ(ThreadWaitsForThread(owners[1], owners[1]), 1);
-    csDLD->Begin();
+    owners[0].waitingFor = section(1);
+    owners[1].waitingFor = section(2);
+    EXPECT_EQ(ThreadWaitsForThread(&owners[0], &owners[2]), 1);
+    EXPECT_EQ(ThreadWaitsForThread(&owners[2], &owners[0]), 0);
+    owners[2].waitingFor = section(1);
+    EXPECT_EQ(ThreadWaitsForThread(&owners[0], me), 0);
+    EXPECT_EQ(ThreadWaitsForThread(&owners[1], &owners[1]), 1);
     EXPECT_EQ(section(0)->WouldDeadLock(me), 0);
-    EXPECT_EQ(section(1)->WouldDeadLock(owners[2]), 1);
-    csDLD->Exit();
-
-    for (std::size_t i = 0; i < 3; ++i) waits(i, nullptr);
-    owning = -1;
-    threads.join();
+    EXPECT_EQ(section(1)->WouldDeadLock(&owners[2]), 1);
 }
 
 TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
@@ -303,140 +262,112 @@ TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {
     EXPECT_EQ(LogFile(), FileHead + "abc100%s\n");
 }
 
-// An independent record of who holds and who wants what. A thread enters its wish before it calls
-// Begin, a holding after Begin returned, and takes a holding out before Exit. So a ring in this
-// record can only be ended by a report, and a report without a ring in this record is false.
-class Record {
+// Threads that enter and leave sections at random, and an independent record of who holds and who
+// wants what. A thread enters its wish before it calls Begin, a holding after Begin returned, and
+// takes a holding out before Exit. So a ring in this record can only be ended by a report, and a
+// report without a ring in this record is false.
+class RandomWork {
 public:
     static constexpr int Threads = 8, Count = 8, Nobody = -1;
 
-    void Wants(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        wanted[thread] = section;
-        if (LeadsBack(thread)) ++rings;
+    void Work(int thread, long entries, Watchdog& watchdog) {
+        me = thread;
+        std::minstd_rand random(4711U + unsigned(thread));
+        for (long i = 0; i < entries; ++i) {
+            Enter(int(random() % Count));
+            watchdog.Progress();
+            if (random() % 8 == 0) std::this_thread::yield();  // others' turn, sections held
+            if (levels.size() >= 4 || random() % 3 == 0) Leave(random() % levels.size());
+        }
+        LeaveAll();
     }
-    void Got(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (owner[section] != Nobody && owner[section] != thread) ++faults;
-        owner[section] = thread;
-        wanted[thread] = Nobody;
+    // In the message service, on the detecting thread.
+    void Dissolve() {
+        {
+            std::lock_guard<std::mutex> hold(mutex);
+            ++reports;
+            if (!LeadsBack()) ++faults;
+        }
+        LeaveAll();
     }
-    void Leaves(int thread, int section) {
-        std::lock_guard<std::mutex> hold(mutex);
-        if (owner[section] != thread) ++faults;
-        owner[section] = Nobody;
-    }
-    void Reported(int thread) {
-        std::lock_guard<std::mutex> hold(mutex);
-        ++reports;
-        if (!LeadsBack(thread)) ++faults;
-    }
+
+    Sections const sections = MakeSections(Count);
     int rings = 0, reports = 0, faults = 0;
 
 private:
-    bool LeadsBack(int thread) {
-        int at = thread;
+    void Enter(int section) {
+        bool const first = !Holds(section);
+        if (first) Wants(section);
+        sections[std::size_t(section)]->Begin();
+        if (first) Got(section);
+        levels.push_back(section);
+    }
+    void Leave(std::size_t level) {
+        int const section = levels[level];
+        levels.erase(levels.begin() + long(level));
+        if (!Holds(section)) Leaves(section);
+        sections[std::size_t(section)]->Exit();
+    }
+    void LeaveAll() {
+        while (!levels.empty()) Leave(levels.size() - 1);
+    }
+    static bool Holds(int section) {
+        return std::find(levels.begin(), levels.end(), section) != levels.end();
+    }
+
+    void Wants(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        wanted[me] = section;
+        if (LeadsBack()) ++rings;
+    }
+    void Got(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != Nobody && owner[section] != me) ++faults;
+        owner[section] = me;
+        wanted[me] = Nobody;
+    }
+    void Leaves(int section) {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (owner[section] != me) ++faults;
+        owner[section] = Nobody;
+    }
+    bool LeadsBack() const {
+        int at = me;
         for (int step = 0; step < Threads && wanted[at] != Nobody; ++step) {
             at = owner[wanted[at]];
             if (at == Nobody) return false;
-            if (at == thread) return true;
+            if (at == me) return true;
         }
         return false;
     }
 
-    std::mutex mutex;
+    inline static thread_local int me;
+    inline static thread_local std::vector<int> levels;  // a section for each entry of the thread
+
+    std::mutex mutex;  // guards the record
     int owner[Count] = {-1, -1, -1, -1, -1, -1, -1, -1};
     int wanted[Threads] = {-1, -1, -1, -1, -1, -1, -1, -1};
-};
-
-// One thread of the random work.
-class Worker {
-public:
-    Worker(int number, Record& record, Sections& sections)
-        : number(number), record(record), sections(sections), random(4711U + unsigned(number)) {}
-
-    void Work(long entries, Watchdog& watchdog) {
-        current = this;
-        for (long i = 0; i < entries; ++i) {
-            Enter(int(random() % Record::Count));
-            watchdog.Progress();
-            if (random() % 8 == 0) std::this_thread::yield();  // others' turn, sections held
-            if (held >= 3 || random() % 3 == 0) LeaveOne();
-        }
-        LeaveAll();
-        current = nullptr;
-    }
-
-    // In the message service, on the detecting thread.
-    static void Dissolve() {
-        current->record.Reported(current->number);
-        current->LeaveAll();
-    }
-
-private:
-    void Enter(int section) {
-        if (depth[section] == 0) {
-            record.Wants(number, section);
-            sections[std::size_t(section)]->Begin();
-            record.Got(number, section);
-            ++held;
-        } else {
-            sections[std::size_t(section)]->Begin();
-        }
-        ++depth[section];
-    }
-    void Leave(int section) {
-        if (--depth[section] == 0) {
-            record.Leaves(number, section);
-            --held;
-        }
-        sections[std::size_t(section)]->Exit();
-    }
-    void LeaveOne() {
-        int const start = int(random() % Record::Count);
-        for (int i = 0; i < Record::Count; ++i) {
-            int const section = (start + i) % Record::Count;
-            if (depth[section] != 0) return Leave(section);
-        }
-    }
-    void LeaveAll() {
-        for (int section = 0; section < Record::Count; ++section) {
-            while (depth[section] != 0) Leave(section);
-        }
-    }
-
-    inline static thread_local Worker* current = nullptr;
-    int const number;
-    Record& record;
-    Sections& sections;
-    std::minstd_rand random;
-    int depth[Record::Count] = {};
-    int held = 0;
 };
 
 // ZO_STRESS_ENTRIES sets the number of entries; a million is the long form.
 TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
     char const* const wanted = std::getenv("ZO_STRESS_ENTRIES");
     long const entries = wanted != nullptr ? std::atol(wanted) : 20'000;
-    Services services;
-    Context context(true);
-    Sections sections = MakeSections(Record::Count);
-    Record record;
-    services.onMessage = [](std::string const& text) {
-        if (text.find("CANCEL") != std::string::npos) Worker::Dissolve();
+    RandomWork work;
+    services.onMessage = [&](std::string const& text) {
+        if (text.find("CANCEL") != std::string::npos) work.Dissolve();
         return 0U;
     };
     {
         Watchdog watchdog;  // a ring that was missed stops its threads for ever
-        OnThreads(Record::Threads, [&](int t) {
-            Worker(t, record, sections).Work(entries / Record::Threads, watchdog);
-        });
+        OnThreads(RandomWork::Threads,
+                  [&](int thread) { work.Work(thread, entries / RandomWork::Threads, watchdog); });
     }
-    EXPECT_EQ(record.faults, 0);
-    EXPECT_EQ(record.reports, record.rings);
-    EXPECT_GT(record.rings, 0);
-    EXPECT_EQ(services.Log().size(), 2U * std::size_t(record.reports));
-    for (auto const& section : sections) {
+    EXPECT_EQ(work.faults, 0);
+    EXPECT_EQ(work.reports, work.rings);
+    EXPECT_GT(work.rings, 0);
+    EXPECT_EQ(services.Log().size(), 2U * std::size_t(work.reports));
+    for (auto const& section : work.sections) {
         std::string const name = section->GetName();
         EXPECT_EQ(InfoOf(section.get()), name + ": is available");
         section->Begin();
@@ -445,8 +376,8 @@ TEST_F(Deadlock, RandomWorkMissesNoRingAndReportsNoFalseOne) {
                       ", owning count: 1; wait count: 0");
         section->Exit();
     }
-    RecordProperty("rings", record.rings);
-    std::printf("%ld entries, %d rings, %d reports\n", entries, record.rings, record.reports);
+    RecordProperty("rings", work.rings);
+    std::printf("%ld entries, %d rings, %d reports\n", entries, work.rings, work.reports);
 }
 
 }  // namespace

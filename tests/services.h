@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -163,6 +164,12 @@ inline std::string Pointer(void const* address) {
     char text[32];
     std::snprintf(text, sizeof text, "%p", address);
     return text;
+}
+
+// The number that follows `key` in a text; 0 without it.
+inline long NumberAfter(std::string const& text, char const* key) {
+    std::size_t const at = text.find(key);
+    return at == std::string::npos ? 0 : std::atol(&text[at + std::strlen(key)]);
 }
 
 // Yields until `condition` holds.

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "services.h"
@@ -22,38 +23,28 @@ namespace {
 // Records the order in which a walk of the chain meets the objects.
 class Link : public ZoSynchroObj {
 public:
-    Link(char const* name, std::string& met) : ZoSynchroObj(name), met(met) {}
+    using ZoSynchroObj::ZoSynchroObj;
     void ForceRelease() override { met += GetName(); }
-
-private:
-    std::string& met;
+    inline static std::string met;
 };
 
 TEST(SynchroChain, HoldsLiveObjectsNewestFirst) {
-    std::string met;
-    auto walk = [&met] {
-        met.clear();
+    auto walk = [] {
         ReleaseAllSynchronizationObjects();
-        return met;
+        return std::exchange(Link::met, "");
     };
-    Link early("early", met);
+    Link early("early");
     EXPECT_EQ(FirstSynchro, nullptr);
     Context context(false);
     ZoSynchroObj* const first = FirstSynchro;
-    EXPECT_EQ(walk(), "");
-    auto* a = new Link("a", met);
-    auto* b = new Link("b", met);
-    auto* c = new Link("c", met);
-    auto* d = new Link("d", met);
+    char const* const names[] = {"a", "b", "c", "d"};
+    Link* links[4];
+    for (int i = 0; i < 4; ++i) links[i] = new Link(names[i]);
     EXPECT_EQ(walk(), "dcba");
-    delete b;
-    EXPECT_EQ(walk(), "dca");
-    delete d;
-    EXPECT_EQ(FirstSynchro, c);
-    EXPECT_EQ(walk(), "ca");
-    delete a;
-    EXPECT_EQ(walk(), "c");
-    delete c;
+    for (auto const& [dead, left] : {std::pair{1, "dca"}, {3, "ca"}, {0, "c"}, {2, ""}}) {
+        delete links[dead];
+        EXPECT_EQ(walk(), left);
+    }
     EXPECT_EQ(FirstSynchro, first);
 }
 
@@ -85,6 +76,15 @@ TEST(SynchroChain, SurvivesWalksWhileObjectsComeAndGo) {
 }
 
 TEST(Context, SetUpAndTearDownAThousandTimes) {
+    auto const globals = [] {
+        return std::vector<void*>{fscs,
+                                  csDLD,
+                                  __defTLS,
+                                  GetConsole(),
+                                  GetDebugger(),
+                                  GetZoInterlocked(),
+                                  ZoEventMessageDispatcher::GetDispatcher()};
+    };
     for (int i = 0; i < 1000; ++i) {
         ___ZoExtendedContext(0);  // nothing to tear down
         ___ZoExtendedContext(1);
@@ -100,15 +100,6 @@ TEST(Context, SetUpAndTearDownAThousandTimes) {
         ASSERT_STREQ(FirstSynchro->GetName(), "EventDispatcher");
         ASSERT_EQ(GetDebugger()->current, 0U);
         ASSERT_EQ(ZoQaSemaphore::GetSemaphore(), nullptr);
-        auto const globals = [] {
-            return std::vector<void*>{fscs,
-                                      csDLD,
-                                      __defTLS,
-                                      GetConsole(),
-                                      GetDebugger(),
-                                      GetZoInterlocked(),
-                                      ZoEventMessageDispatcher::GetDispatcher()};
-        };
         ASSERT_THAT(globals(), testing::Each(testing::NotNull()));
         ___ZoExtendedContext(0);
         ASSERT_EQ(suppress_chaining, 1);
@@ -133,14 +124,13 @@ TEST(Context, IsSurvivedByItsObjects) {
 }
 
 TEST(ThreadingMode, KeepsTheWholeWord) {
-    EXPECT_EQ(ZoIsSingleThreaded(), 0);
     EXPECT_EQ(ZoGetThreadingMode(), 1);
-    ZoSetThreadingMode(0);
-    EXPECT_EQ(ZoIsSingleThreaded(), 1);
-    ZoSetThreadingMode(0xFFFE);
-    EXPECT_EQ(ZoGetThreadingMode(), 0xFFFE);
-    EXPECT_EQ(ZoIsSingleThreaded(), 0);
-    ZoSetThreadingMode(1);
+    unsigned short const modes[] = {0, 0xFFFE, 1};
+    for (unsigned short const mode : modes) {
+        ZoSetThreadingMode(mode);
+        EXPECT_EQ(ZoGetThreadingMode(), mode);
+        EXPECT_EQ(ZoIsSingleThreaded(), mode == 0);
+    }
 }
 
 }  // namespace

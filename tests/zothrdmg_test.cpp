@@ -5,12 +5,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <utility>
 
 #include "alloc_fault.h"
+#include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
 #include "zotls.h"
@@ -18,8 +18,6 @@
 using namespace zotest;
 
 namespace {
-
-constexpr unsigned long ServerWriter = 25;
 
 // Slot and name, in the order of the report.
 std::pair<int, char const*> const Table[] = {
@@ -50,15 +48,9 @@ protected:
     // "w" the writer's depth, "r" the counted readers, "s" how often ZoCSServerWriter is entered.
     std::string State(ZoThreadMgr& manager) {
         std::string const status = Status(manager);
-        std::string state;
-        for (auto const& [letter, key] : {std::pair{"w", "Wx:#"},
-                                          {" r", "cond-val: "},
-                                          {" s", "ZoCSServerWriter: owning count: "}}) {
-            std::size_t const at = status.find(key);
-            if (at == std::string::npos) continue;
-            state += letter + std::to_string(std::atoi(&status[at + std::strlen(key)]));
-        }
-        return state;
+        return "w" + std::to_string(NumberAfter(status, "Wx:#")) + " r" +
+               std::to_string(NumberAfter(status, "cond-val: ")) + " s" +
+               std::to_string(NumberAfter(status, "ZoCSServerWriter: owning count: "));
     }
 
     Watchdog watchdog;
@@ -95,12 +87,11 @@ TEST_F(ThreadMgr, EachLevelTakesWhatItShould) {
         EXPECT_EQ(manager.HasOneCS(), level == 4);
         EXPECT_EQ(manager.HasAllCS(), level == 9);
         EXPECT_EQ(manager.HasLessExclusiveCommit(), level == 12);
-        std::string const still = level == 0 ? "" : level == 4 ? "w0 r0" : "w0 r0 s0";
         for (Stop const& stop : Tour) {
             stop.step(manager);
             EXPECT_EQ(State(manager), level >= 12 ? stop.serialised
                                       : level > 4 ? stop.mutexOnly
-                                                  : still);
+                                                  : "w0 r0 s0");
         }
     }
     EXPECT_TRUE(services.Messages().empty());
@@ -199,48 +190,12 @@ TEST_F(ThreadMgr, LivesWithWhatCouldBeMade) {
     }
 }
 
-TEST_F(ThreadMgr, ALessExclusiveWriterLetsReadersInButNoWriter) {
-    ZoThreadMgr manager(nullptr, 12);
-    std::atomic<bool> readerIn{false}, readerOut{false}, firstDone{false};
-    manager.BeginWriter("t", 1);
-    std::thread reader([&] {
-        manager.BeginReader("t");
-        readerIn = true;
-        Await([&] { return Status(manager).find("wait_wr #1") != std::string::npos; });
-        readerOut = true;
-        manager.EndReader("t");
-    });
-    Await([&] { return readerIn.load(); });
-    std::thread writer([&] {
-        manager.BeginWriter("t", 1);
-        EXPECT_TRUE(firstDone);
-        manager.EndWriter("t", 1);
-    });
-    ZoCritSect* const serverWriter = manager.GetCriticalSection(ServerWriter, 0);
-    Await(
-        [&] { return InfoOf(serverWriter) == "ZoCSServerWriter: owning count: 1; wait count: 1"; });
-    manager.UpgradeWriter("t");
-    EXPECT_TRUE(readerOut);
-    firstDone = true;
-    manager.EndWriter("t", 0);
-    reader.join();
-    writer.join();
-    EXPECT_EQ(State(manager), "w0 r0 s0");
-    EXPECT_TRUE(services.Messages().empty());
-}
-
-TEST_F(ThreadMgr, AWriterCancelledInItsWaitLeavesTheServerWriterSection) {
-    ZoThreadMgr manager(nullptr, 12);
+TEST_F(ThreadMgr, AWriterWaitsInTheServerWriterSectionAndLeavesItWhenItIsCancelled) {
+    ZoThreadMgr manager(nullptr, ZoThreadMgr::LessExclusiveCommit);
     manager.BeginReader("t");
-    pthread_t thread{};
-    auto const write = [](void* m) -> void* {
-        static_cast<ZoThreadMgr*>(m)->BeginWriter("t", 0);
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, nullptr, write, &manager), 0);
-    Await([&] { return Status(manager).find("wait_wr #1") != std::string::npos; });
-    pthread_cancel(thread);
-    pthread_join(thread, nullptr);
+    auto const waits = [&] { return Status(manager).find("wait_wr #1") != std::string::npos; };
+    CancelWhen([&] { return waits() && State(manager) == "w0 r1 s1"; },
+               [&] { manager.BeginWriter("t", 0); });
     EXPECT_EQ(State(manager), "w0 r1 s0");
     manager.EndReader("t");
 }
