@@ -28,9 +28,11 @@ constexpr std::size_t P = sizeof(void*);
 // What lies at an offset in an object.
 template <class Field, class Object>
 Field At(Object const& object, std::size_t offset) {
-    Field field;
-    std::memcpy(&field, reinterpret_cast<char const*>(&object) + offset, sizeof field);
-    return field;
+    struct {
+        Field field;
+    } copy;
+    std::memcpy(&copy, reinterpret_cast<char const*>(&object) + offset, sizeof copy);
+    return copy.field;
 }
 
 // A section: the table of its class, its name, its neighbours in the chain of all, two counts.
@@ -62,7 +64,7 @@ static_assert(sizeof(PosixCritSect) == SectionSize + sizeof(PosixSectionPart));
 static_assert(sizeof(POSIXCondition) == 6 * P + sizeof(PosixConditionPart));
 static_assert(sizeof(ZoTLS) == 8 * P + 8 && sizeof(ZoTLSItem) == 5 * P);
 static_assert(sizeof(ZoRWRecord) == 3 * P);
-static_assert(sizeof(ZoHashTable) == 6 * P + 5 * 4 + (P - 4) + 2 * P);  // P - 4 of padding
+static_assert(sizeof(ZoHashTable) == 6 * P + 20 + (P - 4) + 2 * P);  // P - 4 of padding
 static_assert(sizeof(ZoHashEntry) == 2 * P);
 static_assert(sizeof(ZoHashPosition) == 5 * P && sizeof(ZoHashIterator) == 2 * P);
 static_assert(sizeof(ZoMTObj) == 2 * P && sizeof(smp_io) == 2 * P);

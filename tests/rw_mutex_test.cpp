@@ -46,7 +46,7 @@ long Counted(ZoRW_Mutex* mutex) {
 template <class Pointed>
 Pointed* WordOf(ZoRW_Mutex* mutex, std::size_t nth) {
     Pointed* word = nullptr;
-    std::memcpy(&word, reinterpret_cast<char*>(mutex) + nth * sizeof word, sizeof word);
+    std::memcpy(&word, reinterpret_cast<char*>(mutex) + nth * sizeof(void*), sizeof(void*));
     return word;
 }
 

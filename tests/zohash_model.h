@@ -130,7 +130,7 @@ private:
 
     void Store(unsigned id, void* value) {
         bool const isNew = model.insert_or_assign(id, value).second;
-        if (isNew && model.size() >= 4 * buckets && !faultHappened) buckets *= 4;
+        if (isNew && model.size() / 4 >= buckets && !faultHappened) buckets *= 4;
     }
     void Erase(unsigned id, bool shrinksWhenEmpty) {
         if (model.erase(id) != 0 && model.empty() && shrinksWhenEmpty) buckets = 4;
