@@ -124,7 +124,7 @@ private:
         return std::string(sections[i]->GetName()) + " " + Pointer(sections[i].get());
     }
     static bool IsAwaited(ZoCritSect& section) {
-        return InfoOf(&section).find("wait count: 1") != std::string::npos;
+        return NumberAfter(InfoOf(&section), "wait count: ") == 1;
     }
 
     Services& services;

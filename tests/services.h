@@ -17,12 +17,14 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "_zothrd.h"
 #include "smp_io.h"
 #include "zobaseservices.h"
 #include "zocrits.h"
+#include "zoevmdis.h"
 
 namespace zotest {
 
@@ -152,6 +154,23 @@ public:
         *ZoGetDeadLockDetectionEnabled() = 0;
     }
     TextSink* console;
+};
+
+// Calls a function for every event, and one when it ends.
+class Listener : public ZoEventListener {
+public:
+    explicit Listener(
+        std::function<void(ZoEvent const*)> action, std::function<void()> end = [] {})
+        : action(std::move(action)), end(std::move(end)) {}
+    ~Listener() override { end(); }
+    int Notify(ZoEvent const* event) override {
+        action(event);
+        return 0;
+    }
+
+private:
+    std::function<void(ZoEvent const*)> action;
+    std::function<void()> end;
 };
 
 inline std::string InfoOf(ZoCritSect* section) {

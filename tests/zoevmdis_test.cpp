@@ -46,23 +46,6 @@ ZoEventMessageDispatcher& Dispatcher() {
     return *ZoEventMessageDispatcher::GetDispatcher();
 }
 
-// Calls a function for every event, and one when it ends.
-class Listener : public ZoEventListener {
-public:
-    explicit Listener(
-        std::function<void(ZoEvent const*)> action, std::function<void()> end = [] {})
-        : action(std::move(action)), end(std::move(end)) {}
-    ~Listener() override { end(); }
-    int Notify(ZoEvent const* event) override {
-        action(event);
-        return 0;
-    }
-
-private:
-    std::function<void(ZoEvent const*)> action;
-    std::function<void()> end;
-};
-
 constexpr unsigned long NoFamily = 0xFFFFFFFF;
 
 void Ignore(ZoEvent const*) {}

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <optional>
 #include <utility>
 
@@ -193,7 +192,7 @@ TEST_F(ThreadMgr, LivesWithWhatCouldBeMade) {
 TEST_F(ThreadMgr, AWriterWaitsInTheServerWriterSectionAndLeavesItWhenItIsCancelled) {
     ZoThreadMgr manager(nullptr, ZoThreadMgr::LessExclusiveCommit);
     manager.BeginReader("t");
-    auto const waits = [&] { return Status(manager).find("wait_wr #1") != std::string::npos; };
+    auto const waits = [&] { return NumberAfter(Status(manager), "wait_wr #") == 1; };
     CancelWhen([&] { return waits() && State(manager) == "w0 r1 s1"; },
                [&] { manager.BeginWriter("t", 0); });
     EXPECT_EQ(State(manager), "w0 r1 s0");

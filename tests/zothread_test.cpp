@@ -329,16 +329,6 @@ TEST_F(Threads, AnAbortDuringTheStartLetsTheStarterGoOn) {
     EXPECT_EQ(watcher.Counter(), 50);
 }
 
-class Listener : public ZoEventListener {
-public:
-    explicit Listener(std::function<void()> onEvent) : onEvent(std::move(onEvent)) {}
-    int Notify(ZoEvent const*) override {
-        onEvent();
-        return 0;
-    }
-    std::function<void()> onEvent;
-};
-
 // While an abort that found no thread tells of its failure, the thread is started and aborted.
 TEST_F(Threads, ALateFailureLeavesTheMarkOfASecondAbort) {
     services.Configure("mode", 0x100000);
@@ -347,7 +337,7 @@ TEST_F(Threads, ALateFailureLeavesTheMarkOfASecondAbort) {
     Scripted owner(&watcher);
     owner.argument = &script;
     PosixThread thread(&owner);
-    auto* const listener = new Listener([&] {  // the dispatcher's from here on
+    auto* const listener = new Listener([&](ZoEvent const*) {  // the dispatcher's from here on
         EXPECT_EQ(thread.Start(0), 0);
         Await([&] { return inside == 1; });
         EXPECT_EQ(thread.Abort(), 0);

@@ -14,7 +14,6 @@
 #include <memory>
 #include <numeric>
 #include <random>
-#include <string>
 #include <thread>
 #include <vector>
 
