@@ -183,7 +183,8 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
     for (std::size_t round = 0; round < Rounds; ++round) {
         auto const end = static_cast<End>(round % Ends);
         auto queue = Make(1);
-        Unit terminating([&] { queue->Terminate(); });
+        // May be handled while `queue` is reset, which is empty then.
+        Unit terminating([its = queue.get()] { its->Terminate(); });
         std::deque<Fate> fates(Threads * Steps);
         OnThreads(Threads, [&](int number) {
             auto const thread = static_cast<std::size_t>(number);
