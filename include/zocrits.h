@@ -77,16 +77,20 @@ protected:
     ZoInt32 GetOwningCount() const { return owningCount.load(std::memory_order_relaxed); }
 };
 
-// A section over one word. Recursion is its own: the word is taken once per outermost entry.
+// A section over a POSIX mutex. Recursion is its own: the mutex is locked once per outermost entry.
 //
-//     word       the section is    Begin by another thread           the last Exit
-//     Free       free              takes it                          -
-//     Taken      owned             waits, and makes it Awaited       frees it
-//     Awaited    owned             waits                             frees it and wakes one
+// A thread that finds the section taken tries again a few times, at growing distances, and then
+// blocks in the mutex, counted as waiting. The mutex decides who gets it next: a thread that comes
+// just as the section is left may overtake those that block, but none of them is starved. errno
+// stays as it was.
 //
-// A free section costs one atomic step to enter and one to leave. A thread that waits tries again a
-// few times and then sleeps; one that comes just as the section is left may overtake those that
-// sleep. errno stays as it was.
+// A thread that ends while it owns a section takes the section with it: no other thread ever gets
+// it, and none is mistaken for the owner, whatever addresses and handles the system uses again. The
+// system log tells that at level 4, with the names of the sections. Nothing is told in a process
+// that has no POSIX thread-specific key left when it loads the library.
+//
+// In a child process made by fork() the forking thread owns what it owned. A section that another
+// thread of the parent owned stays taken.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
     explicit PosixCritSect(char const* name);
@@ -98,24 +102,29 @@ public:
 
 private:
     friend class ZoDLDCritSect;
+    friend class OwnedSections;
     friend bool TryBegin(ZoCritSect& section);
+    friend bool GraphIsFree();
+    friend class WaitForGraph;
 
     ZO_INTERNAL PosixCritSect(char const* name, ChainLock const& held);
 
     ZO_INTERNAL bool IsMine() const;
+    ZO_INTERNAL bool IsFree() const;
     ZO_INTERNAL bool TakeIfFree();
     ZO_INTERNAL void Own();
     [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
-    [[gnu::cold]] ZO_INTERNAL void SleepAndTake();
 
-    // Made, and kept for the layout: the word is the lock.
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
-    std::atomic<int> word;
+    std::atomic<unsigned long> ownerNumber;  // the owner's number in this process
 };
 
 // A section that finds a deadlock before it blocks.
+//
+// A free section costs hardly more than a plain one to enter and to leave: what detection needs is
+// done by the threads that must wait.
 //
 // Each detecting section knows its owner, and each thread's record (zotls.h) knows the section the
 // thread waits for. Before Begin blocks it follows these edges from the owner of the wanted
@@ -124,11 +133,11 @@ private:
 // with the section's description, shows "Deadlock detected.\n(CANCEL to debug)" through the message
 // service, and waits all the same. A wait that ends after all is logged as a false alarm.
 //
-// The whole report, the message included, runs on the detecting thread with `csDLD` held, so no
-// thread enters or leaves a detecting section until the message is answered. `csDLD` is recursive:
-// while the message is shown, the detecting thread may leave sections it owns (Exit or
-// ForceRelease), which dissolves the ring. It must not enter a section that another thread may
-// hold.
+// The whole report, the message included, runs on the detecting thread with `csDLD` held. An entry
+// or a leave that begins meanwhile waits until the message is answered; so does one that begins
+// while the host holds csDLD to look at the graph. `csDLD` is recursive: while the message is
+// shown, the detecting thread may leave sections it owns (Exit or ForceRelease), which dissolves
+// the ring. It must not enter a section that another thread may hold.
 //
 // The configuration key "csSleepTime" in section "debug" makes the last Exit of every detecting
 // section hold it that many milliseconds longer. The key is read once, when the first detecting
@@ -158,21 +167,30 @@ private:
 
     ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 
-    ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
+    ZO_INTERNAL void BeginWithoutRecord();
+    ZO_INTERNAL bool TakeBesideGraph(ZoTLS* me);
     ZO_INTERNAL bool TakeIfFree(ZoTLS* me);
+    ZO_INTERNAL void Own(ZoTLS* me);
+    [[gnu::cold]] ZO_INTERNAL void WaitAndTake(ZoTLS* me);
+    ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
+    ZO_INTERNAL void EnterWrapped();
+    ZO_INTERNAL void EndWait(ZoTLS* me);
     ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
     ZO_INTERNAL void ReportFalseAlarm();
-    ZO_INTERNAL void EnterWrapped();
-    ZO_INTERNAL void TakeOwnership(ZoTLS* me);
+    ZO_INTERNAL void Leave();
 
     ZoCritSect* wrapped;
-    // The owning thread's record, null when free. Written under csDLD only. Atomic because the
-    // re-entry test of Begin reads it without: only the owner ever finds its own record there.
+    // The owning thread's record, null when free. Written by the owner only, with csDLD held or
+    // while nobody holds it; read by walks of the graph, with csDLD held, and by the re-entry test
+    // of Begin, without: only the owner ever finds its own record there.
     std::atomic<ZoTLS*> owner{nullptr};
+    PosixCritSect* plain;  // the wrapped section, if it is of this very kind; else null
 };
 
-// The section "DeadLockDetectionCS", which guards the owner of every detecting section and the
-// waitingFor of every thread's record. Null while the library context is not set up.
+// The section "DeadLockDetectionCS", which guards the wait-for graph: the waitingFor of every
+// thread's record, and while it is held, no entry into a detecting section and no leave begins. A
+// host may put a section of its own in its place; unless that is a PosixCritSect, every entry and
+// every leave goes through it. Null while the library context is not set up.
 extern ZO_API ZoCritSect* csDLD;
 
 // The address of the switch; 0 at load. Set it before the sections it is meant for are made, and

@@ -57,6 +57,7 @@ public:
 
 private:
     friend void ForgetChain();
+    friend class OwnedSections;
     friend void HandleChaining(ZoSynchroObj* object, int insert);
     friend void ReleaseAllSynchronizationObjects();
 

@@ -11,10 +11,13 @@
 //     end of the thread               - 1              freed at 0
 //
 // So a record that was made on first use, or attached once, lives exactly as long as its thread.
+// But the record of a thread that still owns deadlock-detecting sections at that moment is kept for
+// ever: those sections stay taken, and their owner must be nobody else.
 //
-// Who may call: every function acts on the calling thread's own record and takes no lock. Other
-// threads read only `threadIdentity` and `waitingFor`, under csDLD (zocrits.h). A record must not
-// be freed while its thread owns or waits for a deadlock-detecting section.
+// Who may call: every function acts on the calling thread's own record. Other threads read only
+// `threadIdentity` and `waitingFor`, under csDLD (zocrits.h); a record that is freed waits for a
+// moment until nobody reads it. A thread that frees its record while it owns deadlock-detecting
+// sections, and lives on, is not known as their owner any more.
 //
 // When no record can be made, the functions report an assertion and answer as each says.
 
@@ -61,6 +64,13 @@ public:
     ZoRWRecord* spareRwRecord;     // one free record kept for reuse, or null; owned
     ZoResult* concurrencyResult;   // the open concurrent calculation, or null; not owned
     ZoExtendedBase* ownedObject;   // destroyed with the record; the library never fills it
+    ZoInt32 ownedSections;         // how many detecting sections the thread owns
+    ZoTLS* nextKept;               // in the list of records that are kept for ever
+
+private:
+    friend void ZoThreadDetach(void* record);
+
+    ZO_INTERNAL void FreeParts();
 };
 
 // What `itemArray` points at: 20 bytes on the 32-bit build.

@@ -1,6 +1,5 @@
 #include "zocrits.h"
 
-#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
@@ -12,9 +11,11 @@
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
+#include "owned_sections.h"
 #include "rw_record.h"
 #include "section_try.h"
 #include "smp_io.h"
+#include "wait_graph.h"
 #include "zobase.h"
 #include "zosleep.h"
 
@@ -25,23 +26,6 @@ namespace {
 // Read when a section is made. A plain word, because the host sets it through its address.
 int DeadLockDetectionEnabled = 0;
 
-// The owner of a free POSIX section.
-constexpr pthread_t NoThread = 0;
-
-// What a POSIX section's word says.
-constexpr int Free = 0;
-constexpr int Taken = 1;
-constexpr int Awaited = 2;
-
-// What is no thread's identity, nor that of a free section.
-constexpr pthread_t UnknownThread = ~NoThread;
-
-// The calling thread's identity, kept in a word of its own because every entry asks for it and
-// pthread_self() is a call into the system library; UnknownThread until the thread first owns a
-// section. The initial-exec model makes the word one load at a fixed distance from the thread's
-// base, for eight bytes of static thread-local storage.
-[[gnu::tls_model("initial-exec")]] constinit thread_local pthread_t self = UnknownThread;
-
 // Lets a waiting processor rest for a moment, without giving it away.
 void RelaxProcessor() {
 #if defined(__x86_64__) || defined(__i386__)
@@ -51,27 +35,19 @@ void RelaxProcessor() {
 #endif
 }
 
-// Wakes one thread that sleeps on the word of a section, if there is one.
-[[gnu::cold, gnu::noinline]] void WakeOne(std::atomic<int>& word) {
-    word.notify_one();
+// Most sections are held for less time than the system takes to put a thread to sleep and wake it,
+// so a thread that finds a section taken tries a few times more before it blocks, each time after a
+// longer rest: while it rests it leaves the section's memory to the owner. False: still not taken.
+template <class TryToTake>
+bool TakeAtGrowingDistances(TryToTake tryToTake) {
+    constexpr int FirstRest = 16;
+    constexpr int LastRest = 128;
+    for (int rest = FirstRest; rest <= LastRest; rest *= 2) {
+        for (int i = 0; i < rest; ++i) RelaxProcessor();
+        if (tryToTake()) return true;
+    }
+    return false;
 }
-
-// Enters the section that guards the wait-for graph for a scope. Without the library context there
-// is none, and no thread waits.
-class GraphLock {
-public:
-    GraphLock() : section(csDLD) {
-        if (section != nullptr) section->Begin();
-    }
-    GraphLock(GraphLock const&) = delete;
-    GraphLock& operator=(GraphLock const&) = delete;
-    ~GraphLock() {
-        if (section != nullptr) section->Exit();
-    }
-
-private:
-    ZoCritSect* section;
-};
 
 }  // namespace
 
@@ -134,12 +110,12 @@ void ZoCritSect::GetInfo(char* buffer, int size) {
                   static_cast<long>(waitCount.load(std::memory_order_relaxed)));
 }
 
-// --- the section over a word -------------------------------------------------------------------
+// --- the section over a POSIX mutex ------------------------------------------------------------
 
 PosixCritSect::PosixCritSect(char const* name) : PosixCritSect(name, ChainLock()) {}
 
 PosixCritSect::PosixCritSect(char const* name, ChainLock const& held)
-    : ZoCritSect(name, held), owner(NoThread), word(Free) {
+    : ZoCritSect(name, held), owner(NoThread), ownerNumber(0) {
     pthread_mutexattr_init(&attributes);
     pthread_mutex_init(&mutex, &attributes);
 }
@@ -150,12 +126,21 @@ PosixCritSect::~PosixCritSect() {
     pthread_mutexattr_destroy(&attributes);
 }
 
-// Invariant: `owner` holds a thread's identity only between that thread's taking and freeing of the
-// word, and only that thread writes it. So a thread finds itself there exactly when it owns the
-// section; whatever else a thread reads there, it is not its own identity. Relaxed order is enough:
-// a thread sees its own writes in order, and everything else is ordered by the word.
+// Invariant: a thread's handle stands in `owner`, and its number beside it, only while that thread
+// has the mutex, and only that thread writes them. So a thread finds both its own exactly when it
+// owns the section. Whatever else it reads is not its own: a thread that lives has another handle,
+// and one that ended as the owner, whose handle the system may have given to the calling thread,
+// had another number. Relaxed order is enough: a thread sees its own writes in order, everything
+// that an ended thread with the same handle wrote comes before its own beginning, and all else is
+// ordered by the mutex.
 bool PosixCritSect::IsMine() const {
-    return owner.load(std::memory_order_relaxed) == self;
+    return owner.load(std::memory_order_relaxed) == self.handle &&
+           ownerNumber.load(std::memory_order_relaxed) == self.number;
+}
+
+// A snapshot, which saves a try that would fail. Nothing relies on it.
+bool PosixCritSect::IsFree() const {
+    return owner.load(std::memory_order_relaxed) == NoThread;
 }
 
 void PosixCritSect::Begin() {
@@ -166,110 +151,42 @@ void PosixCritSect::Begin() {
     }
 }
 
-// Acquire order, here and in SleepAndTake, meets the release order of the Exit that freed the word:
-// what an owner did comes before what the next one does.
 bool PosixCritSect::TakeIfFree() {
-    int expected = Free;
-    if (!word.compare_exchange_strong(expected, Taken, std::memory_order_acquire,
-                                      std::memory_order_relaxed)) {
-        return false;
-    }
+    if (pthread_mutex_trylock(&mutex) != 0) return false;
     Own();
     return true;
 }
 
 void PosixCritSect::Own() {
-    if (self == UnknownThread) self = pthread_self();
-    owner.store(self, std::memory_order_relaxed);
+    if (self.handle == UnknownThread) [[unlikely]]
+        OwnedSections::Introduce();
+    ownerNumber.store(self.number, std::memory_order_relaxed);
+    owner.store(self.handle, std::memory_order_relaxed);
     SetOwningCount(1);
+    ++self.owned;
 }
 
-// Most sections are held for less time than the system takes to put a thread to sleep and wake it,
-// so the thread tries again a few times, each time after a longer rest: while it rests it leaves
-// the section's memory to the owner.
 void PosixCritSect::WaitAndTake() {
-    constexpr int FirstRest = 16;
-    constexpr int LastRest = 128;
-    for (int rest = FirstRest; rest <= LastRest; rest *= 2) {
-        for (int i = 0; i < rest; ++i) RelaxProcessor();
-        if (TakeIfFree()) return;
-    }
+    if (TakeAtGrowingDistances([this] { return IsFree() && TakeIfFree(); })) return;
     waitCount.fetch_add(1, std::memory_order_relaxed);
-    SleepAndTake();
+    pthread_mutex_lock(&mutex);
     waitCount.fetch_sub(1, std::memory_order_relaxed);
     Own();
-}
-
-// The thread leaves Awaited behind when it gets the section, because others may sleep as well. No
-// wake-up is lost: the word is Awaited before a thread sleeps, it sleeps only while it still is,
-// and whoever frees an awaited word wakes one. The system may set errno in a sleep; the caller, who
-// expects no error of a section, must not see it.
-void PosixCritSect::SleepAndTake() {
-    int const error = errno;
-    while (word.exchange(Awaited, std::memory_order_acquire) != Free) {
-        word.wait(Awaited, std::memory_order_relaxed);
-    }
-    errno = error;
 }
 
 void PosixCritSect::Exit() {
     ZoInt32 const left = GetOwningCount() - 1;
     SetOwningCount(left);
     if (left != 0) return;
+    --self.owned;
     owner.store(NoThread, std::memory_order_relaxed);
-    // The section may be destroyed as soon as it is free. Waking takes the word's address only.
-    std::atomic<int>& freed = word;
-    if (freed.exchange(Free, std::memory_order_release) == Awaited) WakeOne(freed);
+    pthread_mutex_unlock(&mutex);  // the section may be destroyed as soon as it is free
 }
 
 // Counts the levels beforehand: after the last one another thread may destroy the section.
 void PosixCritSect::ForceRelease() {
     if (!IsMine()) return;
     for (ZoInt32 level = GetOwningCount(); level != 0; --level) Exit();
-}
-
-// --- the wait-for graph ------------------------------------------------------------------------
-
-// The edges of the graph: who owns a section, what a thread waits for. All of it needs csDLD.
-class WaitForGraph {
-public:
-    static ZoTLS* OwnerOf(ZoDLDCritSect const* section) {
-        return section->owner.load(std::memory_order_relaxed);
-    }
-
-    // The thread that `thread` waits for; null when it waits for no section or for a free one.
-    static ZoTLS* BlockerOf(ZoTLS volatile const* thread) {
-        ZoDLDCritSect const* const section = thread->waitingFor;
-        return section == nullptr ? nullptr : OwnerOf(section);
-    }
-
-    // Whether the chain of waits that begins at `thread` comes to `target`. A chain may also run
-    // into a ring without `target`, of threads left waiting for each other after an earlier report.
-    // Each thread waits for one section and each section has one owner, so such a ring comes back
-    // to every thread on it: the walk keeps one thread in mind, a later one each time the number of
-    // steps has doubled (Brent), and ends when it meets that thread again. It allocates nothing and
-    // visits each thread at most a few times.
-    static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target) {
-        ZoTLS volatile const* remembered = thread;
-        unsigned long steps = 0;
-        unsigned long limit = 1;
-        while (thread != nullptr && thread->waitingFor != nullptr) {
-            thread = BlockerOf(thread);
-            if (thread == target) return true;
-            if (thread == remembered) return false;
-            if (++steps == limit) {
-                remembered = thread;
-                steps = 0;
-                limit *= 2;
-            }
-        }
-        return false;
-    }
-};
-
-int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
-    GraphLock lock;
-    return WaitForGraph::LeadsTo(waiter, target) ? 1 : 0;
 }
 
 // --- the deadlock-detecting section ------------------------------------------------------------
@@ -304,7 +221,11 @@ ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped)
     : ZoDLDCritSect(name, wrapped, (ReadDelayOnce(), ChainLock())) {}
 
 ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held)
-    : ZoCritSect(name, held), wrapped(wrapped) {}
+    : ZoCritSect(name, held),
+      wrapped(wrapped),
+      plain(wrapped != nullptr && typeid(*wrapped) == typeid(PosixCritSect)
+                ? static_cast<PosixCritSect*>(wrapped)
+                : nullptr) {}
 
 ZoDLDCritSect::~ZoDLDCritSect() {
     LeaveChain(this);
@@ -319,29 +240,59 @@ void UnchainSection(ZoCritSect* section) {
 }
 
 int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {
-    return WaitForGraph::LeadsTo(WaitForGraph::OwnerOf(this), me) ? 1 : 0;
+    return WaitForGraph::LeadsTo(this, me) ? 1 : 0;
 }
 
 void ZoDLDCritSect::Begin() {
     ZoTLS* const me = CurrentThread();
-    if (me == nullptr) {
-        // No record, which was reported: nothing can be told apart, so only lock.
-        EnterWrapped();
-        SetOwningCount(GetOwningCount() + 1);
-        return;
-    }
+    if (me == nullptr) [[unlikely]]
+        return BeginWithoutRecord();
     // Only the owner finds its own record here, and it wrote it itself: no lock, no order needed.
+    // The record of a thread that ended as the owner is never freed, so its address does not come
+    // back either.
     if (owner.load(std::memory_order_relaxed) == me) {
         SetOwningCount(GetOwningCount() + 1);
+    } else if (!TakeBesideGraph(me)) {
+        WaitAndTake(me);
+    }
+}
+
+// No record, which was reported: nothing can be told apart, so only lock.
+void ZoDLDCritSect::BeginWithoutRecord() {
+    EnterWrapped();
+    SetOwningCount(GetOwningCount() + 1);
+}
+
+// Takes the section without csDLD if that needs no wait and nobody holds csDLD. A walk that looks
+// meanwhile sees a section without an owner, or an owner that runs.
+bool ZoDLDCritSect::TakeBesideGraph(ZoTLS* me) {
+    return GraphIsFree() && TakeIfFree(me);
+}
+
+// Only our own kind of a wrapped section can be tried. Release order: the owner's record was made
+// before, and a walk reads it.
+bool ZoDLDCritSect::TakeIfFree(ZoTLS* me) {
+    if (plain == nullptr || !plain->TakeIfFree()) return false;
+    Own(me);
+    return true;
+}
+
+void ZoDLDCritSect::Own(ZoTLS* me) {
+    ++me->ownedSections;
+    owner.store(me, std::memory_order_release);
+    SetOwningCount(1);
+}
+
+void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
+    if (plain != nullptr && GraphCanBePassed() &&
+        TakeAtGrowingDistances([&] { return plain->IsFree() && TakeBesideGraph(me); })) {
         return;
     }
     bool suspect = false;
     if (TakeOrAnnounce(me, suspect)) return;
     EnterWrapped();
+    EndWait(me);
     if (suspect) ReportFalseAlarm();
-    TakeOwnership(me);
-    waitCount.fetch_sub(1, std::memory_order_relaxed);
-    SetOwningCount(GetOwningCount() + 1);
 }
 
 // In one hold of csDLD: takes the section if it is free, which ends the matter; or looks for a ring
@@ -357,14 +308,6 @@ bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     return false;
 }
 
-// With csDLD held. Only our own kind of a wrapped section can be tried.
-bool ZoDLDCritSect::TakeIfFree(ZoTLS* me) {
-    if (!TryBegin(*wrapped)) return false;
-    owner.store(me, std::memory_order_relaxed);
-    SetOwningCount(1);
-    return true;
-}
-
 // Our own kinds can be tried; for any other the answer is no, and the thread waits for it.
 bool TryBegin(ZoCritSect& section) {
     if (typeid(section) == typeid(PosixCritSect)) {
@@ -373,8 +316,10 @@ bool TryBegin(ZoCritSect& section) {
     if (typeid(section) != typeid(ZoDLDCritSect)) return false;
     ZoTLS* const me = CurrentThread();
     if (me == nullptr) return false;
+    auto& detecting = static_cast<ZoDLDCritSect&>(section);
+    if (detecting.TakeBesideGraph(me)) return true;
     GraphLock lock;
-    return static_cast<ZoDLDCritSect&>(section).TakeIfFree(me);
+    return detecting.TakeIfFree(me);
 }
 
 // The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
@@ -384,23 +329,41 @@ void ZoDLDCritSect::EnterWrapped() {
     if (GetOwningCount() != 0) wrapped->Exit();
 }
 
-void ZoDLDCritSect::TakeOwnership(ZoTLS* me) {
+// Before anything else is done: a thread that is told of a false alarm may have the host's code
+// wait for other sections, and must stand in the graph as the owner by then.
+void ZoDLDCritSect::EndWait(ZoTLS* me) {
     GraphLock lock;
     me->waitingFor = nullptr;
-    owner.store(me, std::memory_order_relaxed);
+    waitCount.fetch_sub(1, std::memory_order_relaxed);
+    ZoInt32 const unnoticed = GetOwningCount();
+    Own(me);
+    SetOwningCount(unnoticed + 1);
 }
 
 void ZoDLDCritSect::Exit() {
     ZoInt32 const left = GetOwningCount() - 1;
     SetOwningCount(left);
     if (left != 0) return;
-    if (int const delay = doSleep.load(std::memory_order_relaxed); delay != 0) {
+    if (int const delay = doSleep.load(std::memory_order_relaxed); delay != 0) [[unlikely]] {
         CancellationDeferred deferred;
         ZoThreadSwitchWithDelay(delay);
     }
+    if (GraphIsFree()) [[likely]]
+        return Leave();
     GraphLock lock;
+    Leave();
+}
+
+// The owner is cleared first: once the wrapped section is left, the next owner writes it. A walk
+// that still sees the old one sees a thread that runs.
+void ZoDLDCritSect::Leave() {
+    if (ZoTLS* const me = owner.load(std::memory_order_relaxed)) --me->ownedSections;
     owner.store(nullptr, std::memory_order_relaxed);
-    wrapped->Exit();
+    if (plain != nullptr) {
+        plain->PosixCritSect::Exit();
+    } else {
+        wrapped->Exit();
+    }
 }
 
 void ZoDLDCritSect::ForceRelease() {
@@ -408,6 +371,7 @@ void ZoDLDCritSect::ForceRelease() {
     if (me == nullptr || owner.load(std::memory_order_relaxed) != me) return;
     SetOwningCount(0);
     GraphLock lock;
+    --me->ownedSections;
     owner.store(nullptr, std::memory_order_relaxed);
     wrapped->ForceRelease();
 }
@@ -415,22 +379,22 @@ void ZoDLDCritSect::ForceRelease() {
 void ZoDLDCritSect::GetInfo(char* buffer, int size) {
     if (buffer == nullptr || size <= 0) return;
     std::size_t const room = static_cast<std::size_t>(size);
-    GraphLock lock;  // keeps the owner's record and what it waits for alive
-    ZoTLS const* const thread = WaitForGraph::OwnerOf(this);
-    if (thread == nullptr) {
+    GraphLock lock;  // keeps the section that the owner waits for alive
+    WaitForGraph::Owner const now = WaitForGraph::OwnerOf(this);
+    if (now.thread == nullptr) {
         std::snprintf(buffer, room, "%s: is available", GetName());
         return;
     }
     long const count = GetOwningCount();
     long const waiting = waitCount.load(std::memory_order_relaxed);
-    if (thread->waitingFor != nullptr) {
+    if (now.waitsFor != nullptr) {
         std::snprintf(
             buffer, room,
             "%s: owning thread: %p, owning count: %ld; wait count: %ld; owner waiting for %s",
-            GetName(), thread->threadIdentity, count, waiting, thread->waitingFor->GetName());
+            GetName(), now.identity, count, waiting, now.waitsFor->GetName());
     } else {
         std::snprintf(buffer, room, "%s: owning thread: %p, owning count: %ld; wait count: %ld",
-                      GetName(), thread->threadIdentity, count, waiting);
+                      GetName(), now.identity, count, waiting);
     }
 }
 
@@ -445,10 +409,12 @@ void WriteReport(ZoTLS* me, ZoDLDCritSect* section, smp_io& console) {
     ZoTLSPrepareStackTrace(&console);
     ZoTLSStackTrace(me, &console);
     // A sink of the host may have left a section meanwhile, so the chain may break off.
-    for (ZoTLS* thread = WaitForGraph::OwnerOf(section); thread != nullptr && thread != me;
-         thread = WaitForGraph::BlockerOf(thread)) {
-        ZoTLSStackTrace(thread, &console);
+    WaitForGraph::Owner next = WaitForGraph::OwnerOf(section);
+    while (next.thread != nullptr && next.thread != me) {
+        ZoTLSStackTrace(next.thread, &console);
         console << endl;
+        if (next.waitsFor == nullptr) break;
+        next = WaitForGraph::OwnerOf(next.waitsFor);
     }
     console.flush();
     ZoTLSTerminateStackTrace();
@@ -481,23 +447,23 @@ void ZoDLDCritSect::ReportFalseAlarm() {
 void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console) {
     *console << "ZoThread " << me->threadIdentity << " wants critical section "
              << section->GetName() << " " << static_cast<void*>(section) << " owned by ";
-    ZoTLS* thread = WaitForGraph::OwnerOf(section);
-    while (thread != nullptr) {
-        *console << "thread " << thread->threadIdentity << endl;
-        if (thread == me) {
+    WaitForGraph::Owner owner = WaitForGraph::OwnerOf(section);
+    while (owner.thread != nullptr) {
+        *console << "thread " << owner.identity << endl;
+        if (owner.thread == me) {
             *console << endl;
             console->flush();
             return;
         }
-        *console << "ZoThread " << thread->threadIdentity << " is waiting for ";
-        ZoDLDCritSect* const wanted = thread->waitingFor;
+        *console << "ZoThread " << owner.identity << " is waiting for ";
+        ZoDLDCritSect* const wanted = owner.waitsFor;
         if (wanted == nullptr) {
             *console << "nothing !!!" << endl;
             console->flush();
             return;
         }
         *console << wanted->GetName() << " " << static_cast<void*>(wanted) << " owned by ";
-        thread = WaitForGraph::OwnerOf(wanted);
+        owner = WaitForGraph::OwnerOf(wanted);
     }
     *console << "nobody !!!!" << endl;
     console->flush();

@@ -7,8 +7,10 @@
 #include <type_traits>
 
 #include "cancellation.h"
+#include "owned_sections.h"
 #include "rw_record.h"
 #include "thread_life.h"
+#include "wait_graph.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zothread.h"
@@ -121,13 +123,20 @@ ZoTLS::ZoTLS()
       waitingFor(nullptr),
       spareRwRecord(nullptr),
       concurrencyResult(nullptr),
-      ownedObject(nullptr) {}
+      ownedObject(nullptr),
+      ownedSections(0),
+      nextKept(nullptr) {}
 
 ZoTLS::ZoTLS(ZoTLS const&) : ZoTLS() {
     ZOVA_assert("0", "src/zotls", 67);
 }
 
 ZoTLS::~ZoTLS() {
+    FreeParts();
+    WaitForGraph::LetWalksPass();
+}
+
+void ZoTLS::FreeParts() {
     delete cond;
     cond = nullptr;
     delete spareRwRecord;
@@ -137,7 +146,9 @@ ZoTLS::~ZoTLS() {
     } else if (itemCount == 1) {
         delete itemArray;
     }
+    itemArray = nullptr;
     delete ownedObject;
+    ownedObject = nullptr;
 }
 
 ZoTLS* ZoTLS::GetThreadLocalStorage() {
@@ -159,14 +170,15 @@ void ZoThreadDetach(void* record) {
     if (record == nullptr) return;
     ZoTLS* const mine = static_cast<ZoTLS*>(record);
     if (--mine->attachCount == 0) {
-        delete mine;
+        mine->FreeParts();  // the host's code, which may still enter and leave sections
+        if (OwnedSections::LetGo(mine)) delete mine;
         StoreRecord(nullptr);
     } else {
         // As the key's destructor this runs with the slot already cleared: a record that is still
         // attached then is out of reach.
         currentRecord = RecordInSlot();
     }
-    EndingThreads::Leave();
+    if (!OwnedSections::AreToBeTold()) EndingThreads::Leave();
 }
 
 int ZoTLSisAsyncWatcherThread() {

@@ -43,7 +43,7 @@ struct PosixSectionPart {
     pthread_mutexattr_t attributes;
     pthread_mutex_t mutex;
     pthread_t owner;
-    int word;
+    unsigned long ownerNumber;
 };
 struct PosixConditionPart {
     pthread_mutex_t mutex;
@@ -59,10 +59,10 @@ struct PosixThreadPart {
     void* life;
 };
 
-static_assert(sizeof(ZoCritSect) == SectionSize && sizeof(ZoDLDCritSect) == SectionSize + 2 * P);
+static_assert(sizeof(ZoCritSect) == SectionSize && sizeof(ZoDLDCritSect) == SectionSize + 3 * P);
 static_assert(sizeof(PosixCritSect) == SectionSize + sizeof(PosixSectionPart));
 static_assert(sizeof(POSIXCondition) == 6 * P + sizeof(PosixConditionPart));
-static_assert(sizeof(ZoTLS) == 8 * P + 8 && sizeof(ZoTLSItem) == 5 * P);
+static_assert(sizeof(ZoTLS) == 8 * P + 8 + 2 * P && sizeof(ZoTLSItem) == 5 * P);
 static_assert(sizeof(ZoRWRecord) == 3 * P);
 static_assert(sizeof(ZoHashTable) == 6 * P + 20 + (P - 4) + 2 * P);  // P - 4 of padding
 static_assert(sizeof(ZoHashEntry) == 2 * P);
@@ -95,7 +95,9 @@ TEST(Layout, SectionsConditionsAndRecords) {
     EXPECT_EQ(At<ZoSynchroObj*>(*section, Next), &wrapped);
     EXPECT_EQ(At<ZoSynchroObj*>(wrapped, Prev), section);
     EXPECT_EQ(At<ZoInt32>(wrapped, OwningCount), 1);
-    EXPECT_TRUE(pthread_equal(At<PosixSectionPart>(wrapped, SectionSize).owner, pthread_self()));
+    auto part = At<PosixSectionPart>(wrapped, SectionSize);
+    EXPECT_TRUE(pthread_equal(part.owner, pthread_self()));
+    EXPECT_EQ(pthread_mutex_trylock(&part.mutex), EBUSY);
     section->ForceRelease();
     delete section;
 
