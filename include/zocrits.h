@@ -112,7 +112,7 @@ private:
     ZO_INTERNAL bool IsMine() const;
     ZO_INTERNAL bool IsFree() const;
     ZO_INTERNAL bool TakeIfFree();
-    ZO_INTERNAL void Own();
+    [[gnu::always_inline]] inline void Own();
     [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
 
     pthread_mutexattr_t attributes;

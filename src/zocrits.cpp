@@ -151,12 +151,6 @@ void PosixCritSect::Begin() {
     }
 }
 
-bool PosixCritSect::TakeIfFree() {
-    if (pthread_mutex_trylock(&mutex) != 0) return false;
-    Own();
-    return true;
-}
-
 void PosixCritSect::Own() {
     if (self.handle == UnknownThread) [[unlikely]]
         OwnedSections::Introduce();
@@ -164,6 +158,12 @@ void PosixCritSect::Own() {
     owner.store(self.handle, std::memory_order_relaxed);
     SetOwningCount(1);
     ++self.owned;
+}
+
+bool PosixCritSect::TakeIfFree() {
+    if (pthread_mutex_trylock(&mutex) != 0) return false;
+    Own();
+    return true;
 }
 
 void PosixCritSect::WaitAndTake() {
