@@ -82,11 +82,12 @@ public:
 
     Sections const sections;
     std::function<void()> dissolve = [this] { sections.back()->Exit(); };
-    unsigned int answer = 0;  // to every message
+    std::function<void()> atAlarm = [] {};  // when a false alarm is told
+    unsigned int answer = 0;                // to every message
 
     void Run() {
         services.onMessage = [this](std::string const& text) {
-            if (text.find("CANCEL") != std::string::npos) dissolve();
+            text.find("CANCEL") != std::string::npos ? dissolve() : atAlarm();
             return answer;
         };
         OnThreads(static_cast<int>(sections.size()), [this](int number) {
@@ -173,6 +174,79 @@ TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
     std::string const detected = "(0 && \"deadlock detected\") src/zocrits 365";
     std::string const falseAlarm = "(0 && \"deadlock : false alarm\") src/zocrits 385";
     EXPECT_EQ(services.Assertions(), (Services::Lines{detected, falseAlarm, detected, falseAlarm}));
+}
+
+// Whoever is told of a false alarm is the owner by then, and may enter the section again.
+TEST_F(Deadlock, EndsTheWaitBeforeTheFalseAlarm) {
+    Ring ring(services, 2);
+    ZoCritSect& section = *ring.sections[0];
+    std::string atAlarm;
+    ring.atAlarm = [&] {
+        section.Begin();
+        atAlarm = InfoOf(&section);
+        section.Exit();
+    };
+    ring.Run();
+    EXPECT_EQ(NumberAfter(atAlarm, "owning count: "), 2) << atAlarm;
+    EXPECT_EQ(InfoOf(&section), "alpha: is available");
+}
+
+// No entry and no leave begins while the host holds csDLD to look at the graph.
+TEST_F(Deadlock, EntriesAndLeavesWaitForTheGraphsLock) {
+    Sections const sections = MakeSections(2);
+    std::atomic<int> step{0}, passed{0};
+    std::thread leaving([&] {
+        sections[0]->Begin();
+        step = 1;
+        Await([&] { return step == 2; });
+        sections[0]->Exit();
+        ++passed;
+    });
+    std::thread entering([&] {
+        Await([&] { return step == 2; });
+        sections[1]->Begin();
+        ++passed;
+        sections[1]->Exit();
+    });
+    Await([&] { return step == 1; });
+    csDLD->Begin();
+    step = 2;
+    Await([&] { return passed != 0 || NumberAfter(InfoOf(csDLD), "wait count: ") == 2; });
+    EXPECT_EQ(passed, 0);
+    csDLD->Exit();
+    leaving.join();
+    entering.join();
+
+    class Counting : public ZoCritSect {
+    public:
+        Counting() : ZoCritSect("counting") {}
+        void Begin() override { ++begins; }
+        int begins = 0;
+    } counting;
+    ZoCritSect* const own = std::exchange(csDLD, &counting);
+    sections[0]->Begin();
+    sections[0]->Exit();
+    EXPECT_EQ(counting.begins, 2) << "a section in its place is always gone through";
+    csDLD = own;
+}
+
+// Threads that own a section for a moment and end, while others read their records through it.
+TEST_F(Deadlock, RecordsAreNotFreedWhileTheyAreRead) {
+    Sections const sections = MakeSections(1);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) InfoOf(sections[0].get());
+    });
+    OnThreads(2, [&](int) {
+        for (int i = 0; i < 300; ++i) {
+            std::thread([&] {
+                sections[0]->Begin();
+                sections[0]->Exit();
+            }).join();
+        }
+    });
+    done = true;
+    reader.join();
 }
 
 // The console's sink is the host's code. It may guard itself with a section of the library while

@@ -163,6 +163,77 @@ TEST_P(EitherKind, AChildGoesOnWithTheSectionItOwns) {
     parents.join();
 }
 
+// The child gets the library's own locks as other threads of the parent hold them.
+TEST_P(EitherKind, AChildIsNotHeldUpByLocksOfAbsentThreads) {
+    if (threadSanitizer || emulated) GTEST_SKIP() << "starts a thread in a child";
+    std::atomic<int> steps{0};
+    std::thread holder([&] {
+        fscs->Begin();
+        csDLD->Begin();
+        ++steps;
+        Await([&] { return steps == 2; });
+        csDLD->Exit();
+        fscs->Exit();
+    });
+    Await([&] { return steps == 1; });
+    EXPECT_TRUE(ChildSucceeds([&] {
+        ZoCritSect* const made = ZoCritSect::Make("made");
+        made->Begin();
+        std::thread waiting([&] { made->Begin(); });
+        Await([&] { return NumberAfter(InfoOf(made), "wait count: ") == 1; });
+        made->Exit();
+        waiting.join();
+        delete ZoCritSect::Make("another");
+        _exit(0);
+    }));
+    ++steps;
+    holder.join();
+}
+
+// The next thread mostly gets the handle of the one that ended, and its record's address. It must
+// wait for the section like any other, and a wait for it that leads to the ended one is no ring. In
+// a process of its own, because they wait for ever.
+TEST_P(EitherKind, StaysWithAnOwnerThatHasEnded) {
+    if (emulated) GTEST_SKIP() << "runs the program anew";
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    auto const waits = [](ZoCritSect* wanted) {
+        Await([&] { return NumberAfter(InfoOf(wanted), "wait count: ") == 1; });
+    };
+    auto const mustWait = [](ZoCritSect* wanted) {
+        wanted->Begin();
+        _exit(1);
+    };
+    auto const child = [&] {
+        Services::Lines log;
+        for (bool const asRing : {false, true}) {
+            ZoCritSect* const left = ZoCritSect::Make(asRing ? "left in a ring" : "left");
+            ZoCritSect* const other = ZoCritSect::Make("other");
+            std::thread([&] {
+                left->Begin();
+                left->Begin();
+                void* const name = GetParam() ? static_cast<void*>(ZoTLS::GetThreadLocalStorage())
+                                              : reinterpret_cast<void*>(pthread_self());
+                log.push_back("4 ZoThread " + Pointer(name) +
+                              " ended and still owns critical sections: " + left->GetName());
+            }).join();
+            std::thread([&] {
+                ZoTLS::GetThreadLocalStorage();
+                if (asRing) waits(left);
+                mustWait(asRing ? other : left);
+            }).detach();
+            if (asRing) {
+                std::thread([&] {
+                    other->Begin();
+                    mustWait(left);
+                }).detach();
+            }
+            waits(asRing ? other : left);
+        }
+        _exit(services.Log() == log ? 0 : 2);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
 INSTANTIATE_TEST_SUITE_P(CritSect, EitherKind, testing::Bool(), [](auto const& kind) {
     return kind.param ? std::string("Detecting") : std::string("Plain");
 });
