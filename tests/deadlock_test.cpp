@@ -321,6 +321,7 @@ TEST_F(Deadlock, ChainsThatDoNotComeBackEnd) {
     EXPECT_EQ(ThreadWaitsForThread(&owners[1], &owners[1]), 1);
     EXPECT_EQ(section(0)->WouldDeadLock(me), 0);
     EXPECT_EQ(section(1)->WouldDeadLock(&owners[2]), 1);
+    for (std::size_t i = 0; i < 3; ++i) section(i)->Exit();
 }
 
 TEST_F(Deadlock, LogTakesExactlyTheGivenLength) {

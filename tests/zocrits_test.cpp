@@ -216,13 +216,14 @@ TEST_P(EitherKind, StaysWithAnOwnerThatHasEnded) {
                 log.push_back("4 ZoThread " + Pointer(name) +
                               " ended and still owns critical sections: " + left->GetName());
             }).join();
-            std::thread([&] {
-                ZoTLS::GetThreadLocalStorage();
+            std::thread([=] {
+                fscs->Begin();  // the thread is known to sections from here on
+                fscs->Exit();
                 if (asRing) waits(left);
                 mustWait(asRing ? other : left);
             }).detach();
             if (asRing) {
-                std::thread([&] {
+                std::thread([=] {
                     other->Begin();
                     mustWait(left);
                 }).detach();
