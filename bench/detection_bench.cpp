@@ -2,32 +2,43 @@
 #include <absl/synchronization/mutex.h>
 #include <benchmark/benchmark.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <thread>
 #include <vector>
 
+#include "hot_owner.h"
 #include "zocond.h"
 #include "zocrits.h"
 #include "zotls.h"
 
 namespace {
 
+// One thread at a time: the switch is the whole process's.
 std::unique_ptr<ZoCritSect> MakeSection(bool detecting) {
+    static std::mutex making;
+    std::scoped_lock const hold(making);
     *ZoGetDeadLockDetectionEnabled() = detecting ? 1 : 0;
     std::unique_ptr<ZoCritSect> section(ZoCritSect::Make("bench"));
     *ZoGetDeadLockDetectionEnabled() = 0;
     return section;
 }
 
-class Ours {
+template <bool Detecting>
+class Section {
 public:
     void Enter() { section->Begin(); }
     void Leave() { section->Exit(); }
 
 private:
-    std::unique_ptr<ZoCritSect> section = MakeSection(true);
+    std::unique_ptr<ZoCritSect> section = MakeSection(Detecting);
 };
+
+using Ours = Section<true>;
+using Plain = Section<false>;
 
 class Peer {
 public:
@@ -51,7 +62,7 @@ void NestTwo(benchmark::State& state) {
 }
 
 template <class Subject>
-void Unrelated(benchmark::State& state) {
+void EnterFree(benchmark::State& state) {
     Subject subject;  // each thread its own
     for (auto _ : state) {
         subject.Enter();
@@ -59,14 +70,58 @@ void Unrelated(benchmark::State& state) {
     }
 }
 
-void ReEnter(benchmark::State& state, bool detecting) {
-    auto const section = MakeSection(detecting);
-    section->Begin();
+template <class Subject>
+void ReEnter(benchmark::State& state) {
+    Subject subject;
+    subject.Enter();
     for (auto _ : state) {
-        section->Begin();
-        section->Exit();
+        subject.Enter();
+        subject.Leave();
     }
-    section->Exit();
+    subject.Leave();
+}
+
+// Two threads that want the same lock all the time, for as long as this lives.
+template <class Subject>
+class ContendedPair {
+public:
+    ContendedPair() = default;
+    ContendedPair(ContendedPair const&) = delete;
+    ContendedPair& operator=(ContendedPair const&) = delete;
+    ~ContendedPair() {
+        over = true;
+        one.join();
+        other.join();
+    }
+
+private:
+    void Contend() {
+        while (!over.load(std::memory_order_relaxed)) {
+            subject.Enter();
+            benchmark::DoNotOptimize(++guarded);
+            subject.Leave();
+        }
+    }
+
+    Subject subject;
+    long guarded = 0;
+    std::atomic<bool> over{false};
+    std::thread one{[this] { Contend(); }};
+    std::thread other{[this] { Contend(); }};
+};
+
+// The time is that of the threads whose locks are free.
+template <class Contended, class Free>
+void BesidePair(benchmark::State& state) {
+    std::optional<ContendedPair<Contended>> pair;
+    if (state.thread_index() == 0) pair.emplace();
+    EnterFree<Free>(state);
+}
+
+template <class Subject>
+void SecondThread(benchmark::State& state, int processors) {
+    Subject subject;
+    HotOwners::Run(state, subject, subject, 1, processors);
 }
 
 // Threads in a row: each holds a section and waits for that of the thread before it. The first one
@@ -125,13 +180,35 @@ void Walk(benchmark::State& state) {
 
 BENCHMARK(NestTwo<Ours>)->Name("two nested, free/zo");
 BENCHMARK(NestTwo<Peer>)->Name("two nested, free/absl::Mutex with detection");
-BENCHMARK_CAPTURE(ReEnter, zo, true)->Name("re-enter + leave/zo");
-BENCHMARK_CAPTURE(ReEnter, plain, false)->Name("re-enter + leave/plain section");
-BENCHMARK(Unrelated<Ours>)->Name("unrelated sections/zo")->Threads(2)->UseRealTime();
-BENCHMARK(Unrelated<Peer>)
+BENCHMARK(EnterFree<Ours>)->Name("enter + leave, free/zo");
+BENCHMARK(EnterFree<Plain>)->Name("enter + leave, free/plain section");
+BENCHMARK(ReEnter<Ours>)->Name("re-enter + leave/zo");
+BENCHMARK(ReEnter<Plain>)->Name("re-enter + leave/plain section");
+BENCHMARK(EnterFree<Ours>)->Name("unrelated sections/zo")->Threads(2)->UseRealTime();
+BENCHMARK(EnterFree<Peer>)
     ->Name("unrelated sections/absl::Mutex with detection")
     ->Threads(2)
     ->UseRealTime();
 BENCHMARK(Walk)->Name("a thread of 1,000 in a walk/zo")->UseManualTime()->Iterations(200);
+BENCHMARK(BesidePair<Ours, Ours>)
+    ->Name("free beside a contended pair/zo")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+BENCHMARK(BesidePair<Peer, Peer>)
+    ->Name("free beside a contended pair/absl::Mutex with detection")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+BENCHMARK(BesidePair<Plain, Ours>)
+    ->Name("free beside a contended pair/pair on a plain section")
+    ->ThreadRange(1, 2)
+    ->UseRealTime();
+
+int const registered = [] {
+    std::string const name = "second thread against a hot owner";
+    RegisterOnProcessors(name, "zo", SecondThread<Ours>);
+    RegisterOnProcessors(name, "pthread_mutex_t", SecondThread<PosixMutex>);
+    RegisterOnProcessors(name, "absl::Mutex with detection", SecondThread<Peer>);
+    return 0;
+}();
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <chrono>
@@ -237,6 +238,28 @@ void Register(std::string const& name, Operation operation, std::uint32_t size,
         ->Iterations(size > 100000 ? 1 : 10);
 }
 
+// --- memory ------------------------------------------------------------------------------------
+
+// What the allocator has given away, with its own words in front of each block.
+std::size_t AllocatedBytes() {
+    struct mallinfo2 const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// The whole table counts: entries, buckets and the object itself.
+template <class Table>
+void BytesPerEntry(benchmark::State& state, std::uint32_t size) {
+    for (auto _ : state) {
+        std::size_t const before = AllocatedBytes();
+        auto const table = std::make_unique<Table>();
+        for (std::uint32_t i = 0; i < size; ++i) table->Insert(MakeKey<Word>(i), nullptr);
+        state.counters["bytes per entry [B]"] =
+            static_cast<double>(AllocatedBytes() - before) / size;
+    }
+}
+
+// --- all of it ---------------------------------------------------------------------------------
+
 template <class Key>
 void RegisterAll(std::string const& kind) {
     struct {
@@ -262,9 +285,23 @@ void RegisterAll(std::string const& kind) {
     }
 }
 
+template <class Table>
+void RegisterBytes(std::string const& who) {
+    for (std::uint32_t const size : {65536U, 1000000U, 1048577U}) {
+        benchmark::RegisterBenchmark(
+            (std::to_string(size) + " words/" + who).c_str(),
+            [=](benchmark::State& state) { BytesPerEntry<Table>(state, size); })
+            ->Iterations(1)
+            ->Repetitions(1);  // every time the same
+    }
+}
+
 int const registered = [] {
     RegisterAll<Word>("words");
     RegisterAll<std::string>("strings");
+    RegisterBytes<Ours<Word>>("zo");
+    RegisterBytes<Peer<std::unordered_map<Word, void*>>>("std::unordered_map");
+    RegisterBytes<Peer<absl::flat_hash_map<Word, void*>>>("absl::flat_hash_map");
     return 0;
 }();
 

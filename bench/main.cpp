@@ -6,9 +6,14 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
+#include <string_view>
 #include <thread>
+
+#include "hot_owner.h"
 
 namespace {
 
@@ -38,9 +43,24 @@ private:
     std::thread thread;
 };
 
+std::chrono::duration<double> leastTime{0.5};
+
+void ReadLeastTime(int count, char** words) {
+    constexpr std::string_view Option = "--benchmark_min_time=";
+    for (int i = 1; i < count; ++i) {
+        if (!std::string_view(words[i]).starts_with(Option)) continue;
+        leastTime = std::chrono::duration<double>(std::strtod(words[i] + Option.size(), nullptr));
+    }
+}
+
 }  // namespace
 
+std::chrono::duration<double> LeastTime() {
+    return leastTime;
+}
+
 int main(int count, char** words) {
+    ReadLeastTime(count, words);
     benchmark::Initialize(&count, words);
     if (benchmark::ReportUnrecognizedArguments(count, words)) {
         return 2;

@@ -1,10 +1,12 @@
 // Small units through a work queue, beside the pools of other libraries: many at a time, and one at
 // a time through an empty queue.
 //
-// The other pools keep a copy of each closure in memory of their own. A unit of ours is the
+// The pools keep a copy of each closure in memory of their own. A unit of ours is the
 // caller's: it may be one of an array that the caller keeps, or come from the heap and delete
-// itself when it is handled. Both are measured, beside the same peers.
+// itself when it is handled. Both are measured, beside the same pools. A bare queue of pointers
+// with threads that loop at it handles the same units as ours does.
 #include <benchmark/benchmark.h>
+#include <concurrentqueue/blockingconcurrentqueue.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 
@@ -15,6 +17,8 @@
 #include <memory>
 #include <semaphore>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "zowrkque.h"
 
@@ -62,6 +66,38 @@ private:
     std::unique_ptr<ZoWorkQueue, Destroyer> queue;
 };
 
+// Threads that block at a queue and handle what they get.
+class BlockingQueue {
+public:
+    explicit BlockingQueue(int workers) {
+        for (int i = 0; i < workers; ++i) threads.emplace_back([this] { Consume(); });
+    }
+    BlockingQueue(BlockingQueue const&) = delete;
+    BlockingQueue& operator=(BlockingQueue const&) = delete;
+    ~BlockingQueue() {
+        for (std::size_t i = 0; i < threads.size(); ++i) queue.enqueue(nullptr);
+        for (std::thread& thread : threads) thread.join();
+    }
+    template <class Step>
+    void Post(Step step) {
+        queue.enqueue(new HeapUnit<Step>(step));
+    }
+    void PostKept(ZoWorkUnit& unit) { queue.enqueue(&unit); }
+
+private:
+    // A null is the last that a thread takes.
+    void Consume() {
+        for (ZoWorkUnit* unit = nullptr;;) {
+            queue.wait_dequeue(unit);
+            if (unit == nullptr) return;
+            unit->Handle(nullptr);
+        }
+    }
+
+    moodycamel::BlockingConcurrentQueue<ZoWorkUnit*> queue;
+    std::vector<std::thread> threads;
+};
+
 class Asio {
 public:
     explicit Asio(int workers) : pool(static_cast<std::size_t>(workers)) {}
@@ -85,9 +121,9 @@ void Many(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * Units);
 }
 
-template <int Workers>
+template <class Pool, int Workers>
 void ManyKept(benchmark::State& state) {
-    Ours pool(Workers);
+    Pool pool(Workers);
     auto const units = std::make_unique<KeptUnit[]>(Units);
     for (auto _ : state) {
         std::latch handled(Units);
@@ -130,8 +166,11 @@ void RegisterMany(std::string const& workers) {
     auto const add = [](std::string const& name, void (*run)(benchmark::State&)) {
         benchmark::RegisterBenchmark(name.c_str(), run)->UseRealTime();
     };
-    add("10,000 units, " + workers + "/zo", ManyKept<Workers>);
+    add("10,000 units, " + workers + "/zo", ManyKept<Ours, Workers>);
     add("10,000 heap units, " + workers + "/zo", Many<Ours, Workers>);
+    std::string const blocking = workers + "/moodycamel::BlockingConcurrentQueue";
+    add("10,000 units, " + blocking, ManyKept<BlockingQueue, Workers>);
+    add("10,000 heap units, " + blocking, Many<BlockingQueue, Workers>);
     for (std::string const units : {"10,000 units, ", "10,000 heap units, "}) {
         add(units + workers + "/boost::asio::thread_pool", Many<Asio, Workers>);
         add(units + workers + "/oneTBB task_group", ManyInArena<Workers>);

@@ -3,8 +3,9 @@
 
     report.py [--check] [--docs FOLDER] OUTPUT RESULTS.json ...
 
-A benchmark's name is CASE/WHO or, on a curve, CASE/WHO/NUMBER; WHO is "zo" for ours. Prints the table, writes it to
-OUTPUT/table.json and draws it as OUTPUT/performance.svg. A target is missed when it is exceeded by
+A benchmark's name is CASE/WHO or, on a curve, CASE/WHO/NUMBER; WHO is "zo" for ours. Its figure is the time of an
+iteration or an item; or else its counters "NAME [ns]" and "NAME [B]", each the figure of "CASE: NAME". Prints the
+table, writes it to OUTPUT/table.json and draws it as OUTPUT/performance.svg. A target is missed when it is exceeded by
 more than the noise: half the distance of the quartiles of the repetitions, of ours and the peer's
 together. --check: a missed target makes the status 1. --docs: also puts the table, the charts and
 the curves into that folder's performance.md.
@@ -13,6 +14,7 @@ the curves into that folder's performance.md.
 import argparse
 import collections
 import fnmatch
+import itertools
 import json
 import math
 import pathlib
@@ -24,14 +26,18 @@ import sys
 SUFFIX = re.compile(r"/(real_time|manual_time|process_time|iterations:\d+|min_time:[\d.]+|repeats:\d+)\b")
 UNITS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
-Row = collections.namedtuple("Row", "facility case ours peer_name peer value noise target met")
+LONGEST = 64
+COUNTER = re.compile(r"(.+) \[(ns|B)\]")
+
+Row = collections.namedtuple("Row", "facility case unit ours peer_name peer value noise target met")
 
 
-class Time:
-    """The repetitions of one benchmark, in nanoseconds."""
+class Figure:
+    """The repetitions of one benchmark, in nanoseconds ("ns") or bytes ("B")."""
 
     def __init__(self):
         self.all = []
+        self.unit = "ns"
 
     def median(self):
         return statistics.median(self.all)
@@ -44,9 +50,19 @@ class Time:
         return (high - low) / 2
 
 
+def figures(run):
+    """What follows the case's name, unit and amount of each figure of a run."""
+    counters = [(found, run[key]) for key in run if (found := COUNTER.fullmatch(key))]
+    if counters:
+        return [(f": {found[1]}", found[2], amount) for found, amount in counters]
+    if "items_per_second" in run:
+        return [("", "ns", 1e9 / run["items_per_second"])]
+    return [("", "ns", run["real_time"] * UNITS[run["time_unit"]])]
+
+
 def read_results(path):
-    """The times of one program: case -> who -> Time."""
-    cases = collections.defaultdict(lambda: collections.defaultdict(Time))
+    """The figures of one program: case -> who -> Figure."""
+    cases = collections.defaultdict(lambda: collections.defaultdict(Figure))
     runs = json.loads(path.read_text())["benchmarks"]
     # They ran in a random order; told in that of the program.
     runs.sort(key=lambda run: (run["family_index"], run["per_family_instance_index"]))
@@ -64,11 +80,11 @@ def read_results(path):
         if found := re.search(r"/\d+$", name):
             name, size = name[: found.start()], found[0]
         case, _, who = name.rpartition("/")
-        case += size
-        item = run["real_time"] * UNITS[run["time_unit"]]
-        if "items_per_second" in run:
-            item = 1e9 / run["items_per_second"]
-        cases[case + threads][who].all.append(item)
+        case += size + threads
+        for suffix, unit, amount in figures(run):
+            figure = cases[case + suffix][who]
+            figure.unit = unit
+            figure.all.append(amount)
     return cases
 
 
@@ -97,7 +113,7 @@ def compare(facility, case, ours, peer_name, peer, target):
         noise = value * math.hypot(ours.spread() / own, peer.spread() / peer.median())
     met = "yes" if value <= limit else "noise" if value - noise <= limit else "NO"
     other = peer.median() if peer else None
-    return Row(facility, case, own, peer_name, other, value, noise, target, met)
+    return Row(facility, case, ours.unit, own, peer_name, other, value, noise, target, met)
 
 
 def make_rows(results, targets):
@@ -124,25 +140,31 @@ def make_rows(results, targets):
     return rows, unused
 
 
-def shown_time(ns):
-    if ns is None:
+def shown(amount, unit):
+    if amount is None:
         return ""
-    for unit, size in (("s", 1e9), ("ms", 1e6), ("µs", 1e3)):
-        if ns >= size:
-            return f"{ns / size:.2f} {unit}"
-    return f"{ns:.2f} ns"
+    if unit == "B":
+        return f"{amount:.1f} B"
+    for larger, size in (("s", 1e9), ("ms", 1e6), ("µs", 1e3)):
+        if amount >= size:
+            return f"{amount / size:.2f} {larger}"
+    return f"{amount:.2f} ns"
+
+
+def is_ratio(row):
+    return row.peer is not None and not row.target.startswith("+")
 
 
 def shown_value(row):
-    if row.peer is None or row.target.startswith("+"):
-        return f"{row.value:.2f} ns ± {row.noise:.2f}"
+    if not is_ratio(row):
+        return f"{row.value:.2f} {row.unit} ± {row.noise:.2f}"
     return f"{row.value:.2f} ± {row.noise:.2f}"
 
 
 def table(rows):
     head = ("facility", "case", "ours", "peer", "peer's", "ratio", "target", "met")
     body = [
-        (r.facility, r.case, shown_time(r.ours), r.peer_name, shown_time(r.peer), shown_value(r),
+        (r.facility, r.case, shown(r.ours, r.unit), r.peer_name, shown(r.peer, r.unit), shown_value(r),
          r.target, r.met)
         for r in rows
     ]
@@ -157,33 +179,55 @@ def gnuplot(script):
 
 
 def draw_ratios(rows, path):
-    """A bar a row: its ratio to the peer, on a logarithmic scale; a line at 1."""
-    bars = [r for r in rows if r.peer and not r.target.startswith("+")]
-    if not bars:
+    """A bar a row from 1 to its ratio, on a logarithmic scale; the facilities under headings of their own.
+
+    A bar longer than LONGEST is cut, so that one extreme does not shrink all others; its number tells.
+    """
+    rows = [r for r in rows if is_ratio(r)]
+    if not rows:
         return
-    escape = lambda text: text.replace("\\", "\\\\").replace("_", "\\\\_").replace('"', '\\"')
-    lines = []
-    for place, r in enumerate(reversed(bars)):
-        colour = {"yes": 0x3A7D44, "noise": 0xC9A227, "NO": 0xB23A48}.get(r.met, 0x8D99AE)
-        label = escape(f"{r.facility}: {r.case} : {r.peer_name}")
-        lines.append(f'{place} {r.value:.4f} {colour} "{label}"')
+    colours = {"yes": 0x3A7D44, "noise": 0xC9A227, "NO": 0xB23A48, "": 0x8D99AE}
+    meanings = {"yes": "target met", "noise": "missed within the noise", "NO": "target missed", "": "no target"}
+    escape = lambda text: re.sub(r'([_^@&~{}"\\])', r"\\\\\1", text).replace("%", "%%")
+    bars, labels, place = [], [], 0
+    for facility, members in itertools.groupby(rows, key=lambda r: r.facility):
+        labels.append(f'"{{/:Bold {escape(facility)}}}" {place}')
+        for r in members:
+            place += 1
+            number = f"{r.value:.0f}" if r.value >= 100 else f"{r.value:.3g}"
+            drawn = min(max(r.value, 1 / LONGEST), LONGEST)
+            bars.append(f'{place} {drawn:.4f} {colours[r.met]} "{number}"')
+            labels.append(f'"{escape(r.case)} : {escape(r.peer_name)}" {place}')
+        place += 2
+    legend = ", ".join(
+        f'keyentry with boxes fillstyle solid lc rgb {colours[met]} title "{meanings[met]}"' for met in colours
+    )
     gnuplot(f"""
-set terminal svg size 1000,{60 + 16 * len(bars)} font "sans,10"
+set terminal svg size 1200,{170 + 15 * place} font "sans,10" background "white"
 set output "{path}"
-set title "Our time divided by the peer's (shorter is faster)"
+set title "Ours divided by the peer's: left of 1 ours is faster or smaller, right of 1 slower or larger" \\
+    font "sans,13"
+set lmargin {0.85 * max(len(r.case + r.peer_name) for r in rows) + 3:.0f}
+set tmargin 7
+set key outside above center horizontal
 set logscale x 2
+set logscale x2 2
 set format x "%g"
-set yrange [-1:{len(bars)}]
-set ytics scale 0
+set format x2 "%g"
+set xrange [{0.3 / LONGEST}:{3 * LONGEST}]
+set x2range [{0.3 / LONGEST}:{3 * LONGEST}]
+set yrange [{place - 1}:-1]
+set xtics nomirror
+set x2tics
+set ytics scale 0 ({", ".join(labels)})
 set grid xtics
-set arrow from 1,-1 to 1,{len(bars)} nohead lw 2
-unset key
-low = 0.03125
+set arrow from 1,{place - 1} to 1,-1 nohead lw 2
 $bars << END
-{chr(10).join(lines)}
+{chr(10).join(bars)}
 END
-plot $bars using (low):1:(low):($2 < low ? low : $2):($1-0.35):($1+0.35):3:ytic(4) \\
-    with boxxyerror fillstyle solid lc rgb variable
+plot $bars using (1):1:(1):2:($1-0.35):($1+0.35):3 with boxxyerror fillstyle solid lc rgb variable notitle, \\
+    $bars using 2:($2 < 1 ? $1 : NaN):4 with labels right offset -0.5,0 notitle, \\
+    $bars using 2:($2 < 1 ? NaN : $1):4 with labels left offset 0.5,0 notitle, {legend}
 """)
 
 

@@ -4,7 +4,9 @@
 
 #include <memory>
 #include <shared_mutex>
+#include <string>
 
+#include "hot_owner.h"
 #include "rw_mutex.h"
 
 namespace {
@@ -87,6 +89,37 @@ void MostlyReads(benchmark::State& state) {
     }
 }
 
+// A mutex in one of its modes.
+template <class Subject>
+struct Reading {
+    void Enter() { subject.BeginRead(); }
+    void Leave() { subject.EndRead(); }
+    Subject& subject;
+};
+
+template <class Subject>
+struct Writing {
+    void Enter() { subject.BeginWrite(); }
+    void Leave() { subject.EndWrite(); }
+    Subject& subject;
+};
+
+template <class Subject>
+void RegisterHot(std::string const& who) {
+    RegisterOnProcessors("writer against a hot writer", who, [](auto& state, int processors) {
+        Subject subject;
+        HotOwners::Run(state, Writing(subject), Writing(subject), 1, processors);
+    });
+    RegisterOnProcessors("reader against a hot writer", who, [](auto& state, int processors) {
+        Subject subject;
+        HotOwners::Run(state, Writing(subject), Reading(subject), 1, processors);
+    });
+    RegisterOnProcessors("writer against 2 hot readers", who, [](auto& state, int processors) {
+        Subject subject;
+        HotOwners::Run(state, Reading(subject), Writing(subject), 2, processors);
+    });
+}
+
 using Standard = Peer<std::shared_mutex>;
 using Boost = Peer<boost::shared_mutex>;
 
@@ -102,5 +135,11 @@ BENCHMARK(Writes<Standard>)->Name("write, end/std::shared_mutex");
 BENCHMARK(MostlyReads<Ours>)->Name("95 % reads/zo")->Threads(2)->UseRealTime();
 BENCHMARK(MostlyReads<Standard>)->Name("95 % reads/std::shared_mutex")->Threads(2)->UseRealTime();
 BENCHMARK(MostlyReads<Boost>)->Name("95 % reads/boost::shared_mutex")->Threads(2)->UseRealTime();
+
+int const registered = [] {
+    RegisterHot<Ours>("zo");
+    RegisterHot<Standard>("std::shared_mutex");
+    return 0;
+}();
 
 }  // namespace

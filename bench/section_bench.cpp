@@ -1,9 +1,14 @@
-// Critical sections beside the recursive mutex of the standard library.
+// Critical sections beside the recursive mutex of the standard library, and how a second thread
+// fares at them, beside mutexes that are not recursive.
+#include <absl/synchronization/mutex.h>
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <mutex>
+#include <string>
 
+#include "hot_owner.h"
+#include "processors.h"
 #include "zocrits.h"
 
 namespace {
@@ -24,6 +29,15 @@ public:
 
 private:
     std::recursive_mutex mutex;
+};
+
+class AbslMutex {
+public:
+    void Enter() { mutex.Lock(); }
+    void Leave() { mutex.Unlock(); }
+
+private:
+    absl::Mutex mutex;
 };
 
 template <class Subject>
@@ -50,6 +64,7 @@ template <class Subject>
 void Contended(benchmark::State& state) {
     static Subject subject;
     static long guarded = 0;
+    OnProcessors const place(0, 2);
     for (auto _ : state) {
         subject.Enter();
         benchmark::DoNotOptimize(++guarded);
@@ -57,11 +72,35 @@ void Contended(benchmark::State& state) {
     }
 }
 
+template <class Subject>
+void SecondThread(benchmark::State& state, int processors) {
+    Subject subject;
+    HotOwners::Run(state, subject, subject, 1, processors);
+}
+
 BENCHMARK(EnterFree<Ours>)->Name("enter + leave, free/zo");
 BENCHMARK(EnterFree<Peer>)->Name("enter + leave, free/std::recursive_mutex");
 BENCHMARK(ReEnter<Ours>)->Name("re-enter + leave/zo");
 BENCHMARK(ReEnter<Peer>)->Name("re-enter + leave/std::recursive_mutex");
-BENCHMARK(Contended<Ours>)->Name("contended/zo")->Threads(2)->UseRealTime();
-BENCHMARK(Contended<Peer>)->Name("contended/std::recursive_mutex")->Threads(2)->UseRealTime();
+BENCHMARK(Contended<Ours>)
+    ->Name("contended/zo")
+    ->Threads(2)
+    ->Threads(8)
+    ->Threads(32)
+    ->UseRealTime();
+BENCHMARK(Contended<Peer>)
+    ->Name("contended/std::recursive_mutex")
+    ->Threads(2)
+    ->Threads(8)
+    ->Threads(32)
+    ->UseRealTime();
+
+int const registered = [] {
+    std::string const name = "second thread against a hot owner";
+    RegisterOnProcessors(name, "zo", SecondThread<Ours>);
+    RegisterOnProcessors(name, "pthread_mutex_t", SecondThread<PosixMutex>);
+    RegisterOnProcessors(name, "absl::Mutex", SecondThread<AbslMutex>);
+    return 0;
+}();
 
 }  // namespace

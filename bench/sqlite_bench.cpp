@@ -1,4 +1,5 @@
-// zohost's load, by SQLite on the library's sections and by SQLite on its own mutexes.
+// zohost's load, by SQLite on the library's sections and by SQLite on its own mutexes; also on
+// detecting sections, and with SQLite's statistics of memory, which take a lock for every block.
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 
@@ -10,6 +11,7 @@
 #include "database_file.h"
 #include "engine.h"
 #include "unicode_data.h"
+#include "zocrits.h"
 
 namespace {
 
@@ -24,9 +26,10 @@ std::vector<CharacterRecord> const& Records() {
 // SQLite on its own mutexes for as long as this lives; all else as in Engine.
 class OwnEngine {
 public:
-    OwnEngine() {
+    explicit OwnEngine(Engine::MemoryStatistics statistics = Engine::Off) {
         static sqlite3_mutex_methods const own = OwnMutexMethods();
-        if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK ||
+        if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, statistics == Engine::On ? 1 : 0) !=
+                SQLITE_OK ||
             sqlite3_config(SQLITE_CONFIG_MUTEX, &own) != SQLITE_OK ||
             sqlite3_initialize() != SQLITE_OK) {
             throw std::runtime_error("SQLite does not start on its own mutexes");
@@ -46,6 +49,24 @@ private:
         sqlite3_config(SQLITE_CONFIG_GETMUTEX, &methods);
         return methods;
     }
+};
+
+// Sections that are made while this lives detect deadlocks.
+class Detection {
+public:
+    Detection() { *ZoGetDeadLockDetectionEnabled() = 1; }
+    Detection(Detection const&) = delete;
+    Detection& operator=(Detection const&) = delete;
+    ~Detection() { *ZoGetDeadLockDetectionEnabled() = 0; }
+};
+
+class DetectingEngine {
+    Detection const detection;
+    Engine const engine{Engine::On};
+};
+
+class OwnEngineWithStatistics {
+    OwnEngine const engine{Engine::On};
 };
 
 void LoadRecords(std::filesystem::path const& database) {
@@ -82,5 +103,17 @@ BENCHMARK(LoadInMemory<Engine>)->Name("load in memory/zo")->UseRealTime();
 BENCHMARK(LoadInMemory<OwnEngine>)->Name("load in memory/SQLite's own")->UseRealTime();
 BENCHMARK(LoadInFile<Engine>)->Name("load in a file/zo")->UseRealTime();
 BENCHMARK(LoadInFile<OwnEngine>)->Name("load in a file/SQLite's own")->UseRealTime();
+BENCHMARK(LoadInMemory<DetectingEngine>)
+    ->Name("load in memory, detecting, statistics on/zo")
+    ->UseRealTime();
+BENCHMARK(LoadInMemory<OwnEngineWithStatistics>)
+    ->Name("load in memory, detecting, statistics on/SQLite's own")
+    ->UseRealTime();
+BENCHMARK(LoadInFile<DetectingEngine>)
+    ->Name("load in a file, detecting, statistics on/zo")
+    ->UseRealTime();
+BENCHMARK(LoadInFile<OwnEngineWithStatistics>)
+    ->Name("load in a file, detecting, statistics on/SQLite's own")
+    ->UseRealTime();
 
 }  // namespace

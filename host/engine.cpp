@@ -22,11 +22,9 @@ int WaitForDatabase(void*, int polls) {
 
 }  // namespace
 
-Engine::Engine() {
+Engine::Engine(MemoryStatistics statistics) {
     MutexNaming const naming("the start of SQLite");
-    // Nobody asks for SQLite's statistics of memory, and keeping them would make all connections
-    // meet at one lock for every block of memory.
-    if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) != SQLITE_OK ||
+    if (sqlite3_config(SQLITE_CONFIG_MEMSTATUS, statistics == On ? 1 : 0) != SQLITE_OK ||
         sqlite3_config(SQLITE_CONFIG_MUTEX, SectionMutexMethods()) != SQLITE_OK ||
         sqlite3_initialize() != SQLITE_OK) {
         sqlite3_shutdown();

@@ -21,7 +21,10 @@ public:
 // SQLite running on our sections, for as long as this lives. One at a time.
 class Engine {
 public:
-    Engine();
+    // Statistics of memory make all connections meet at one lock for every block of memory.
+    enum MemoryStatistics { Off, On };
+
+    explicit Engine(MemoryStatistics statistics = Off);
     Engine(Engine const&) = delete;
     Engine& operator=(Engine const&) = delete;
     ~Engine();
