@@ -38,9 +38,11 @@
 //
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
 // it. The reports call the base library's log, message and assertion services and the debug
-// listeners on the calling thread, the lowering report with the write still held; these must not
-// start or end anything on the same mutex. A thread that is cancelled during a report is cancelled
-// only after it; one that is cancelled while it waits to write holds afterwards what it held before
+// listeners on the calling thread, before anything of the level is entered or ended: that of a
+// propagation with the reads held, that of a lowering with the write held as well. These may start
+// and end levels of the same mutex; what is held afterwards decides how the operation goes on. A
+// write that is given up in its lowering report, as by ForceRelease, has been ended. A thread that
+// is cancelled during a report is cancelled only after it; one that is cancelled while it waits to write holds afterwards what it held before
 // it asked, so its clean-up handlers end the levels it had.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_

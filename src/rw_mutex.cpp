@@ -117,6 +117,21 @@ private:
     ZoUInt32 const kept;
 };
 
+// What a record, or the lack of one, says.
+
+ZoUInt32 DepthOf(ZoRWRecord const* record, int mode) {
+    if (record == nullptr) return 0;
+    return mode == 0 ? ReadDepth(record->holdings) : WriteDepth(record->holdings);
+}
+
+bool OnlyReads(ZoRWRecord const* record) {
+    return DepthOf(record, 0) != 0 && DepthOf(record, 1) == 0;
+}
+
+bool WritesLastAndReads(ZoRWRecord const* record) {
+    return DepthOf(record, 0) != 0 && DepthOf(record, 1) == 1;
+}
+
 [[gnu::cold]] int WithoutRecord(int line) {
     Assert("holdings != 0", line);
     return ZoOutOfMemory;
@@ -242,9 +257,13 @@ int ZoGenRW_Mutex::EndRW(int mode) {
     return End(mode);
 }
 
+// The reports come first, while the thread still is what its record says: they call the host, which
+// may start and end levels of this mutex. So the record is looked up afresh after them.
 int ZoGenRW_Mutex::Start(int mode) {
     ZoTLS* const me = CurrentThread();
-    ZoRWRecord* const record = me != nullptr ? FindOrMakeRwRecord(me, this) : nullptr;
+    if (me == nullptr) return WithoutRecord(236);
+    if (mode != 0 && OnlyReads(FindRwRecord(me, this))) ReportPropagation();
+    ZoRWRecord* const record = FindOrMakeRwRecord(me, this);
     if (record == nullptr) return WithoutRecord(236);
     if (mode == 0) {
         StartRead(record->holdings);
@@ -257,9 +276,13 @@ int ZoGenRW_Mutex::Start(int mode) {
 int ZoGenRW_Mutex::End(int mode) {
     ZoTLS* const me = CurrentThread();
     if (me == nullptr) return WithoutRecord(286);
-    ZoRWRecord* const record = FindRwRecord(me, this);
-    ZoUInt32 const all = record != nullptr ? record->holdings : 0;
-    if ((mode == 0 ? ReadDepth(all) : WriteDepth(all)) == 0) return NothingHeld();
+    ZoRWRecord* record = FindRwRecord(me, this);
+    if (DepthOf(record, mode) == 0) return NothingHeld();
+    if (mode != 0 && WritesLastAndReads(record)) {
+        ReportLowering();
+        record = FindRwRecord(me, this);
+        if (DepthOf(record, mode) == 0) return ZoSuccess;  // given up in the report
+    }
     // From here on the mutex may be left to another thread, which may destroy it.
     if (mode == 0) {
         EndRead(record->holdings);
@@ -301,7 +324,6 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
 }
 
 void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
-    ReportPropagation();
     RecordSetAside reads(holdings);
     // Off the count before the wait for the section: its holder may be waiting for this very read.
     LeaveReaders();
@@ -337,12 +359,11 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     AddToWriterLevel(-1);
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
-        if (left != 0) ReportLowering();
         owner.store(nullptr, std::memory_order_relaxed);
         Gate().EndWrite(left != 0);
         exclusive->Exit();
     }
-    holdings -= OneWrite;  // and not `left`, should the report have changed the reads
+    holdings = left;
 }
 
 // Called by the thread that holds the exclusive section, which orders all changes: relaxed order is

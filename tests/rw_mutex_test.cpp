@@ -204,6 +204,43 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
     EXPECT_EQ(services.Assertions().back(), "depth != 0 src/rw_mutex 291");
 }
 
+// The host may start and end levels in a report: what is left is what counts. Each row: the steps
+// before, in the one report, and after it; then the record and the count.
+TEST_P(RwMutex, AReportMayChangeWhatIsHeld) {
+    auto const take = [&](char const* steps) {
+        for (; *steps != '\0'; ++steps) {
+            if (*steps == 'F') mutex->ForceRelease();
+            if (*steps == 'r' || *steps == 'w') mutex->StartRW(*steps == 'r' ? Read : Write, 0);
+            if (*steps == 'R' || *steps == 'W') mutex->EndRW(*steps == 'R' ? Read : Write);
+        }
+    };
+    struct {
+        char const *before, *inReport, *after, *reports;
+        long holdings, counted;
+    } const rows[] = {
+        {"wrW", "R", "", "L", -1, 0},   {"wrrW", "R", "", "L", 1, 1},
+        {"wrW", "r", "", "L", 2, 1},    {"wrW", "F", "", "L", -1, 0},
+        {"wrW", "RwW", "", "L", -1, 0}, {"wrW", "Fr", "", "L", 1, 1},
+        {"rw", "R", "", "P", 65536, 0}, {"rrw", "R", "", "P", 65537, 0},
+        {"rw", "r", "W", "PL", 2, 1},   {"rw", "F", "W", "P", -1, 0},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(std::string(row.before) + " " + row.inReport);
+        bool first = true;
+        services.onMessage = [&](std::string const&) {
+            if (std::exchange(first, false)) take(row.inReport);
+            return 0U;
+        };
+        take(row.before);
+        take(row.after);
+        EXPECT_EQ(Holdings(mutex.get()), row.holdings);
+        EXPECT_EQ(Counted(mutex.get()), row.counted);
+        EXPECT_EQ(Reports(), row.reports);
+        mutex->ForceRelease();
+        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    }
+}
+
 // --- making and releasing ----------------------------------------------------------------------
 
 // Its parts left the chain: a walk reaches them through the mutex only.
