@@ -25,7 +25,7 @@
 // was given up, until the next one ends.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
-// at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two
+// at most 65,535; a deeper level is refused. A thread may end its levels in any order, but two
 // orders are reported, because they are seldom meant:
 //
 //     implicit propagation   a thread that only reads asks to write
@@ -91,8 +91,9 @@ public:
     // from a deadlock report, about a wait for this very mutex, it leaves the wait alone: the
     // thread holds what it asked for once it is admitted, with the reads it had.
     void ForceRelease() override;
-    // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0, or
-    // -2030 with an assertion and nothing entered when the thread's record could not be made.
+    // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0.
+    // With an assertion and nothing entered: -1 ("depth < 65535", line 241) when the thread holds
+    // 65,535 levels of that mode; -2030 when its record could not be made.
     int StartRW(int mode, unsigned long timeout) override;
     // Leaves one level. Returns 0; -1 with an assertion and nothing changed when the thread holds
     // no level of that mode; -2030 with an assertion when the thread's record could not be made.

@@ -137,6 +137,11 @@ bool WritesLastAndReads(ZoRWRecord const* record) {
     return ZoOutOfMemory;
 }
 
+[[gnu::cold]] int TooDeep() {
+    Assert("depth < 65535", 241);
+    return ZoRefused;
+}
+
 [[gnu::cold]] int NothingHeld() {
     Assert("depth != 0", 291);
     return ZoRefused;
@@ -265,6 +270,7 @@ int ZoGenRW_Mutex::Start(int mode) {
     if (mode != 0 && OnlyReads(FindRwRecord(me, this))) ReportPropagation();
     ZoRWRecord* const record = FindOrMakeRwRecord(me, this);
     if (record == nullptr) return WithoutRecord(236);
+    if (DepthOf(record, mode) == DeepestNesting) return TooDeep();
     if (mode == 0) {
         StartRead(record->holdings);
     } else {

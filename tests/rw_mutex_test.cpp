@@ -204,6 +204,23 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
     EXPECT_EQ(services.Assertions().back(), "depth != 0 src/rw_mutex 291");
 }
 
+TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
+    constexpr long Deepest = 65535;
+    for (int const mode : {Read, Write}) {
+        for (long level = 0; level < Deepest; ++level) ASSERT_EQ(mutex->StartRW(mode, 0), 0);
+        std::string const info = Info(mutex.get());
+        for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(mutex->StartRW(mode, 0), -1);
+        EXPECT_EQ(services.Assertions().back(), "depth < 65535 src/rw_mutex 241");
+        EXPECT_EQ(Holdings(mutex.get()), mode == Read ? Deepest : Deepest * 65536);
+        EXPECT_EQ(Info(mutex.get()), info);
+        EXPECT_EQ(mutex->EndRW(mode), 0);
+        EXPECT_EQ(mutex->StartRW(mode, 0), 0);
+        mutex->ForceRelease();
+        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    }
+    EXPECT_EQ(Reports(), "AAAA");
+}
+
 // The host may start and end levels in a report: what is left is what counts. Each row: the steps
 // before, in the one report, and after it; then the record and the count.
 TEST_P(RwMutex, AReportMayChangeWhatIsHeld) {
