@@ -21,8 +21,7 @@
 // No read takes a lock while no writer is about: a first read and the end of a last one are one
 // atomic update of a word that the readers share, a nested one changes the thread's own record
 // only. A write takes the exclusive section and, unless a write went before it, one update of that
-// word; the first read after a write passes the section. So do all first reads after a write that
-// was given up, until the next one ends.
+// word; the first read after a write passes the section.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
 // at most 65,535; a deeper level is refused. A thread may end its levels in any order, but two
@@ -42,8 +41,9 @@
 // propagation with the reads held, that of a lowering with the write held as well. These may start
 // and end levels of the same mutex; what is held afterwards decides how the operation goes on. A
 // write that is given up in its lowering report, as by ForceRelease, has been ended. A thread that
-// is cancelled during a report is cancelled only after it; one that is cancelled while it waits to write holds afterwards what it held before
-// it asked, so its clean-up handlers end the levels it had.
+// is cancelled during a report is cancelled only after it; one that is cancelled while it waits to
+// write holds afterwards what it held before it asked, so its clean-up handlers end the levels it
+// had.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_

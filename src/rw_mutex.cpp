@@ -41,12 +41,18 @@
 namespace {
 
 // A set lets a reader leave, a clear lets one in, and the wait, a writer's, lasts until none is
-// left. Readers pass the gate beside these, without the lock.
+// left. Readers pass the gate beside these, without the lock, and leave by SetConditionApp, which
+// does nothing and returns 0 when the gate is open.
 class ReaderCounter final : public ConditionLogic {
 public:
     void SafeSet(int* value) override { ReaderGate(*value).LeaveLocked(); }
     void SafeClear(int* value) override { ReaderGate(*value).Enter(); }
     int SafeTest(int* value) override { return ReaderGate(*value).Count() != 0 ? 1 : 0; }
+    int SafeSetApp(int* value, void*, void*) override {
+        if (!ReaderGate(*value).IsClosed()) return 0;
+        SafeSet(value);
+        return 1;
+    }
 };
 
 // Stateless, so one serves every mutex. Complete before any code of the program runs.
@@ -75,8 +81,8 @@ private:
 };
 
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
-// that is cancelled in it leaves the section and, if it gave its read up to get here, is a counted
-// reader again. It leaves the gate closed.
+// that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
+// here, is a counted reader again.
 class PendingWrite {
 public:
     PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
@@ -85,7 +91,9 @@ public:
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
-        if (gaveUpRead) ReaderGate(readers.value).Enter();
+        readers.Lock();
+        ReaderGate(readers.value).GiveUp(gaveUpRead);
+        readers.Unlock();
         exclusive.Exit();
     }
 
@@ -351,7 +359,9 @@ void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
 }
 
 void ZoGenRW_Mutex::LeaveReaders() {
-    if (!Gate().TryLeave()) readers->SetCondition();
+    // Between the two a writer that gives up may open the gate.
+    while (!Gate().TryLeave() && readers->SetConditionApp(nullptr, nullptr) == 0) {
+    }
 }
 
 void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
