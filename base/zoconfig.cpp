@@ -243,9 +243,11 @@ FileConfig* LoadOnce() {
 }
 
 // Read at the first use, never destroyed: destructors of other libraries may still ask. Null when
-// there is no file.
+// there is no file. The system may set errno in a wait for the thread that reads.
 FileConfig* FromFile() {
+    int const error = errno;
     static FileConfig* const configuration = LoadOnce();
+    errno = error;
     return configuration;
 }
 

@@ -23,7 +23,6 @@ namespace {
 int OpenLog() {
     char const* const path = ConfiguredLogPath();
     if (path == nullptr) return STDERR_FILENO;
-    Undisturbed const undisturbed;
     int const descriptor = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666);
     if (descriptor >= 0) return descriptor;
     ReportToStandardError("%s: cannot open the log: %s; logging to standard error", path,
@@ -60,7 +59,9 @@ public:
     int Printf(int level, char const* format, ...) override __attribute__((format(printf, 3, 4)));
 };
 
+// Undisturbed as a whole: the first use of the calendar looks for the file of the local time zone.
 int FileLog::Printf(int level, char const* format, ...) {
+    Undisturbed const undisturbed;
     va_list args;
     va_start(args, format);
     WriteReport(LogDescriptor(), MakeHead(level).text, ReportForm::OneLine, format, args);

@@ -21,11 +21,10 @@
 // No read takes a lock while no writer is about: a first read and the end of a last one are one
 // atomic update of a word that the readers share, a nested one changes the thread's own record
 // only. A write takes the exclusive section and, unless a write went before it, one update of that
-// word; the first read after a write passes the section. So do all first reads after a write that
-// was given up, until the next one ends.
+// word; the first read after a write passes the section.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
-// at most 65,535; callers must not nest deeper. A thread may end its levels in any order, but two
+// at most 65,535; a deeper level is refused. A thread may end its levels in any order, but two
 // orders are reported, because they are seldom meant:
 //
 //     implicit propagation   a thread that only reads asks to write
@@ -38,10 +37,13 @@
 //
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
 // it. The reports call the base library's log, message and assertion services and the debug
-// listeners on the calling thread, the lowering report with the write still held; these must not
-// start or end anything on the same mutex. A thread that is cancelled during a report is cancelled
-// only after it; one that is cancelled while it waits to write holds afterwards what it held before
-// it asked, so its clean-up handlers end the levels it had.
+// listeners on the calling thread, before anything of the level is entered or ended: that of a
+// propagation with the reads held, that of a lowering with the write held as well. These may start
+// and end levels of the same mutex; what is held afterwards decides how the operation goes on. A
+// write that is given up in its lowering report, as by ForceRelease, has been ended. A thread that
+// is cancelled during a report is cancelled only after it; one that is cancelled while it waits to
+// write holds afterwards what it held before it asked, so its clean-up handlers end the levels it
+// had.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_
@@ -89,8 +91,9 @@ public:
     // from a deadlock report, about a wait for this very mutex, it leaves the wait alone: the
     // thread holds what it asked for once it is admitted, with the reads it had.
     void ForceRelease() override;
-    // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0, or
-    // -2030 with an assertion and nothing entered when the thread's record could not be made.
+    // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0.
+    // With an assertion and nothing entered: -1 ("depth < 65535", line 241) when the thread holds
+    // 65,535 levels of that mode; -2030 when its record could not be made.
     int StartRW(int mode, unsigned long timeout) override;
     // Leaves one level. Returns 0; -1 with an assertion and nothing changed when the thread holds
     // no level of that mode; -2030 with an assertion when the thread's record could not be made.

@@ -81,7 +81,9 @@ ZO_API smp_io* GetConsole();
 // Makes `console` the console and returns the previous one, which the caller owns from then on.
 // With null, returns the current console and changes nothing.
 ZO_API smp_io* Console(smp_io* console);
-// Reads the switch again, at once.
+// Reads the switch again, at once. Until it is read other threads write as it stood before; what
+// the configuration itself writes, on the calling thread, is discarded, and its call of this
+// function does nothing.
 ZO_API void _Configure_smp_io();
 
 #endif  // KELVARA_INCLUDE_SMP_IO_H_

@@ -287,9 +287,10 @@ public:
 // (none when the key is missing), tells them on the console ("DEBUG LEVEL --> 0x800000") unless
 // none is set, and registers one console listener with eventDispatcher for damage, replication,
 // backup and all seven debug families. Without a configuration nothing happens and the next call
-// tries again; without a dispatcher or a console that step is left out. Exactly one thread
-// configures. A call that meets it at work, from another thread or from within (a configuration or
-// a console that traces), does not wait: it returns the switches as they are at that moment.
+// tries again; without a dispatcher the listener waits for the first call that finds one; without a
+// console the flags are not told. Exactly one thread configures. A call that meets it at work, from
+// another thread or from within (a configuration or a console that traces), does not wait: it
+// returns the switches as they are at that moment.
 ZO_API smp_debug* GetDebugger();
 // Installs `debugger` and returns the previous one, which the caller owns from then on. With null,
 // as GetDebugger.

@@ -42,8 +42,11 @@
 //
 // No operation reports an error. One that needs a section which is not there (an index without a
 // section, or memory ran out when the manager was made) raises an assertion and locks nothing; so
-// it is with the mutex. A thread that is cancelled while it waits in BeginWriter or BeginAdmin
-// holds nothing of the bracket; one cancelled in UpgradeWriter still holds ZoCSServerWriter.
+// it is with the mutex. A begin that the mutex refuses (rw_mutex.h: nested too deep, or no memory
+// for the thread's record) raises the mutex's assertion and enters no level of it, but
+// ZoCSServerWriter where that comes first; its end then ends a level of an outer begin. A thread
+// that is cancelled while it waits in BeginWriter or BeginAdmin holds nothing of the bracket; one
+// cancelled in UpgradeWriter still holds ZoCSServerWriter.
 
 #ifndef KELVARA_INCLUDE_ZOTHRDMG_H_
 #define KELVARA_INCLUDE_ZOTHRDMG_H_

@@ -22,8 +22,9 @@ inline bool ZoGenRW_Mutex::TryStartRead() {
     if (me == nullptr) [[unlikely]]
         return false;
     if (ZoRWRecord* const record = FindRwRecord(me, this)) [[likely]] {
-        if (record->holdings == 0) [[unlikely]]
-            return false;  // its admission is under way
+        // Nothing: its admission is under way.
+        if (record->holdings == 0 || ReadDepth(record->holdings) == DeepestNesting) [[unlikely]]
+            return false;
         record->holdings += OneRead;
         return true;
     }

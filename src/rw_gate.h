@@ -11,8 +11,7 @@
 //     0                 free                      enters          -                 closes
 //     n                 read                      enters          leaves            closes, waits
 //     closed + quiet    written again, or free    queues, opens   -                 goes on
-//     closed, count n   write pending, written,   queues          leaves by lock    waits
-//                       or given up
+//     closed, count n   write pending, or written queues          leaves by lock    queues
 //
 // "Queues" and every write go through the exclusive section, whose holder alone does what stands
 // below the line:
@@ -20,10 +19,11 @@
 //     operation           by
 //     TryEnter            a reader, while the gate is open
 //     TryLeave            a counted reader, while the gate is open
-//     LeaveLocked         a counted reader, with the condition's lock
+//     LeaveLocked         a counted reader, with the condition's lock, if the gate is closed
 //     -----------------------------------------------------------------------------------------
-//     Enter               a reader that queued; a writer that gives up and goes on as a reader
+//     Enter               a reader that queued
 //     Close               a writer
+//     GiveUp              a writer that is cancelled in its wait, with the condition's lock as well
 //     EndWrite            the writer
 //
 // A write leaves the gate closed, unless the writer goes on as a reader: the next write has nothing
@@ -33,23 +33,29 @@
 // nobody can enter without the section, and whoever was counted before has nothing more to do with
 // the mutex. So the word is that thread's, and a plain store is enough to change it.
 //
-// Whoever leaves an open gate does not touch the mutex afterwards: a writer may see the 0 at once,
-// write, and destroy it. Whoever finds the gate closed has a writer to wake and therefore leaves
-// with the condition's lock. A writer that has closed the gate on counted readers, or finds it
-// closed and not quiet, believes a count of 0 only with that lock too, so it cannot go on while the
-// reader still holds it. That is why only the end of a write makes the gate quiet, and only a quiet
-// gate is opened, or that of a writer that goes on as a reader: were it opened at a count of 0 that
-// nobody has seen with the lock, the reader that brought it there might still hold the lock when
-// the next one ends and the mutex with it.
+// Invariant: while the gate is open, whoever has or wants the condition's lock is counted or holds
+// the section. So a writer may take an open gate's count of 0 as it is: nobody who has left still
+// touches the mutex. Whoever leaves an open gate does not touch it afterwards either: a writer may
+// see the 0 at once, write, and destroy it.
 //
-// So a writer that is cancelled leaves the gate closed and not quiet. Until the next write ends,
-// readers queue, which is slower, but no less right.
+// Whoever finds the gate closed has a writer to wake and therefore leaves with the condition's
+// lock. A writer that has closed the gate on counted readers believes a count of 0 only with that
+// lock too, so it cannot go on while the reader still holds it.
 //
-// Order: what a reader did must come before what a writer does after it, and the other way round.
-// A reader leaves with release order, and a writer that relies on a count of 0 has read it with
+// A writer that is cancelled opens the gate again, also on counted readers, some of which may be on
+// their way to the lock. Were one of them to leave with the lock through the open gate, it might
+// bring the count to 0 and still hold the lock when the next write ends and the mutex with it. So
+// such a reader looks again once it has the lock, and if the gate is open it gives the lock back,
+// counted as it is, and leaves as from any open gate. What it sees stands while it has the lock: a
+// closed gate with a counted reader is opened by GiveUp alone, which needs the lock. And GiveUp
+// finds no reader that has left and still holds the lock, because it has it itself.
+//
+// Order: what a reader did must come before what a writer does after it, and the other way round. A
+// reader leaves with release order, and a writer that relies on a count of 0 has read it with
 // acquire order, or has seen a quiet gate, whose writer had. Enter opens the gate with release
 // order, and TryEnter has acquire order. Between a store and the load that sees its effect stand
-// only read-modify-writes, which carry the release on. All who hold the section are ordered by it.
+// only read-modify-writes, GiveUp's among them, which carry the release on. All who hold the
+// section are ordered by it.
 
 #ifndef KELVARA_SRC_RW_GATE_H_
 #define KELVARA_SRC_RW_GATE_H_
@@ -67,7 +73,9 @@ public:
     bool TryEnter() const { return TryStep(1, std::memory_order_acquire); }
     bool TryLeave() const { return TryStep(-1, std::memory_order_release); }
 
-    // With the condition's lock held: a waiting writer tests the count with the same lock.
+    // With the condition's lock held, for the two below: a waiting writer tests the count with the
+    // same lock. Only a counted reader that has seen the gate closed in this hold leaves so.
+    bool IsClosed() const { return (word.load(std::memory_order_relaxed) & Closed) != 0; }
     void LeaveLocked() const { word.fetch_sub(1, std::memory_order_release); }
 
     // What follows is for the thread that holds the section.
@@ -84,6 +92,12 @@ public:
     // Closes the gate for a write. True: no reader is left to be waited for.
     bool Close() const {
         return IsQuiet() || word.fetch_or(Closed, std::memory_order_acquire) == 0;
+    }
+
+    // With the condition's lock held: gives up the write for which Close told to wait, and opens
+    // the gate. `isReader`: the writer is counted again.
+    void GiveUp(bool isReader) const {
+        word.fetch_sub(Closed - (isReader ? 1 : 0), std::memory_order_relaxed);
     }
 
     // Ends the write that Close began. `isReader`: the writer goes on as one.

@@ -41,12 +41,18 @@
 namespace {
 
 // A set lets a reader leave, a clear lets one in, and the wait, a writer's, lasts until none is
-// left. Readers pass the gate beside these, without the lock.
+// left. Readers pass the gate beside these, without the lock, and leave by SetConditionApp, which
+// does nothing and returns 0 when the gate is open.
 class ReaderCounter final : public ConditionLogic {
 public:
     void SafeSet(int* value) override { ReaderGate(*value).LeaveLocked(); }
     void SafeClear(int* value) override { ReaderGate(*value).Enter(); }
     int SafeTest(int* value) override { return ReaderGate(*value).Count() != 0 ? 1 : 0; }
+    int SafeSetApp(int* value, void*, void*) override {
+        if (!ReaderGate(*value).IsClosed()) return 0;
+        SafeSet(value);
+        return 1;
+    }
 };
 
 // Stateless, so one serves every mutex. Complete before any code of the program runs.
@@ -75,8 +81,8 @@ private:
 };
 
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
-// that is cancelled in it leaves the section and, if it gave its read up to get here, is a counted
-// reader again. It leaves the gate closed.
+// that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
+// here, is a counted reader again.
 class PendingWrite {
 public:
     PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
@@ -85,7 +91,9 @@ public:
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
-        if (gaveUpRead) ReaderGate(readers.value).Enter();
+        readers.Lock();
+        ReaderGate(readers.value).GiveUp(gaveUpRead);
+        readers.Unlock();
         exclusive.Exit();
     }
 
@@ -117,9 +125,29 @@ private:
     ZoUInt32 const kept;
 };
 
+// What a record, or the lack of one, says.
+
+ZoUInt32 DepthOf(ZoRWRecord const* record, int mode) {
+    if (record == nullptr) return 0;
+    return mode == 0 ? ReadDepth(record->holdings) : WriteDepth(record->holdings);
+}
+
+bool OnlyReads(ZoRWRecord const* record) {
+    return DepthOf(record, 0) != 0 && DepthOf(record, 1) == 0;
+}
+
+bool WritesLastAndReads(ZoRWRecord const* record) {
+    return DepthOf(record, 0) != 0 && DepthOf(record, 1) == 1;
+}
+
 [[gnu::cold]] int WithoutRecord(int line) {
     Assert("holdings != 0", line);
     return ZoOutOfMemory;
+}
+
+[[gnu::cold]] int TooDeep() {
+    Assert("depth < 65535", 241);
+    return ZoRefused;
 }
 
 [[gnu::cold]] int NothingHeld() {
@@ -242,10 +270,15 @@ int ZoGenRW_Mutex::EndRW(int mode) {
     return End(mode);
 }
 
+// The reports come first, while the thread still is what its record says: they call the host, which
+// may start and end levels of this mutex. So the record is looked up afresh after them.
 int ZoGenRW_Mutex::Start(int mode) {
     ZoTLS* const me = CurrentThread();
-    ZoRWRecord* const record = me != nullptr ? FindOrMakeRwRecord(me, this) : nullptr;
+    if (me == nullptr) return WithoutRecord(236);
+    if (mode != 0 && OnlyReads(FindRwRecord(me, this))) ReportPropagation();
+    ZoRWRecord* const record = FindOrMakeRwRecord(me, this);
     if (record == nullptr) return WithoutRecord(236);
+    if (DepthOf(record, mode) == DeepestNesting) return TooDeep();
     if (mode == 0) {
         StartRead(record->holdings);
     } else {
@@ -257,9 +290,13 @@ int ZoGenRW_Mutex::Start(int mode) {
 int ZoGenRW_Mutex::End(int mode) {
     ZoTLS* const me = CurrentThread();
     if (me == nullptr) return WithoutRecord(286);
-    ZoRWRecord* const record = FindRwRecord(me, this);
-    ZoUInt32 const all = record != nullptr ? record->holdings : 0;
-    if ((mode == 0 ? ReadDepth(all) : WriteDepth(all)) == 0) return NothingHeld();
+    ZoRWRecord* record = FindRwRecord(me, this);
+    if (DepthOf(record, mode) == 0) return NothingHeld();
+    if (mode != 0 && WritesLastAndReads(record)) {
+        ReportLowering();
+        record = FindRwRecord(me, this);
+        if (DepthOf(record, mode) == 0) return ZoSuccess;  // given up in the report
+    }
     // From here on the mutex may be left to another thread, which may destroy it.
     if (mode == 0) {
         EndRead(record->holdings);
@@ -301,7 +338,6 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
 }
 
 void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
-    ReportPropagation();
     RecordSetAside reads(holdings);
     // Off the count before the wait for the section: its holder may be waiting for this very read.
     LeaveReaders();
@@ -323,7 +359,9 @@ void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
 }
 
 void ZoGenRW_Mutex::LeaveReaders() {
-    if (!Gate().TryLeave()) readers->SetCondition();
+    // Between the two a writer that gives up may open the gate.
+    while (!Gate().TryLeave() && readers->SetConditionApp(nullptr, nullptr) == 0) {
+    }
 }
 
 void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
@@ -337,12 +375,11 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     AddToWriterLevel(-1);
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
-        if (left != 0) ReportLowering();
         owner.store(nullptr, std::memory_order_relaxed);
         Gate().EndWrite(left != 0);
         exclusive->Exit();
     }
-    holdings -= OneWrite;  // and not `left`, should the report have changed the reads
+    holdings = left;
 }
 
 // Called by the thread that holds the exclusive section, which orders all changes: relaxed order is

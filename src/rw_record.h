@@ -24,6 +24,9 @@ inline ZoTLS* CurrentThread() {
 constexpr ZoUInt32 OneRead = 1;
 constexpr ZoUInt32 OneWrite = 0x10000;
 
+// Of either part.
+constexpr ZoUInt32 DeepestNesting = 65535;
+
 constexpr ZoUInt32 ReadDepth(ZoUInt32 holdings) {
     return holdings % OneWrite;
 }

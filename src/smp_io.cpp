@@ -27,9 +27,21 @@ char const* const key_zova_console = "ZOVAConsole";
 constexpr int UnreadSwitch = 0xF000;
 std::atomic<int> zova_console{UnreadSwitch};
 
+// Whether the calling thread is asking the configuration. That may write to the console itself:
+// for this thread the console is off meanwhile, or each write would ask again.
+constinit thread_local bool isAsking = false;
+
+class AskingScope {
+public:
+    AskingScope() { isAsking = true; }
+    AskingScope(AskingScope const&) = delete;
+    AskingScope& operator=(AskingScope const&) = delete;
+    ~AskingScope() { isAsking = false; }
+};
+
 bool ConsoleIsOn() {
     if (zova_console.load(std::memory_order_relaxed) == UnreadSwitch) _Configure_smp_io();
-    return zova_console.load(std::memory_order_relaxed) != 0;
+    return zova_console.load(std::memory_order_relaxed) != 0 && !isAsking;
 }
 
 std::atomic_ref<smp_io*> TheConsole() {
@@ -38,9 +50,10 @@ std::atomic_ref<smp_io*> TheConsole() {
 
 }  // namespace
 
-// Off while the configuration is asked: it may write to the console itself.
+// Stored once, when it is known: other threads write meanwhile as the switch stood.
 void _Configure_smp_io() {
-    zova_console.store(0, std::memory_order_relaxed);
+    if (isAsking) return;
+    AskingScope asking;
     int value = 0;
     if (ZoConfig* configuration = ZoDefaultConfiguration()) {
         configuration->ReadValue(key_zova_console, &value, debug_path);

@@ -402,7 +402,16 @@ void ZoDLDCritSect::GetInfo(char* buffer, int size) {
 
 namespace {
 
-// The ring, in words and traces, to the console and to the log file at once.
+// A console of nobody: what is written to it reaches the log file of a report alone.
+class SilentConsole : public smp_io {
+public:
+    SilentConsole() {
+        delete sink;
+        sink = nullptr;
+    }
+};
+
+// The ring, in words and traces, to `console` and to the log file at once.
 void WriteReport(ZoTLS* me, ZoDLDCritSect* section, smp_io& console) {
     LoggedConsole logged(console);
     DeadlockDetectionMakeMessage(me, section, &console);
@@ -420,11 +429,17 @@ void WriteReport(ZoTLS* me, ZoDLDCritSect* section, smp_io& console) {
     ZoTLSTerminateStackTrace();
 }
 
+void WriteReport(ZoTLS* me, ZoDLDCritSect* section) {
+    if (smp_io* const console = GetConsole()) return WriteReport(me, section, *console);
+    SilentConsole silent;
+    WriteReport(me, section, silent);
+}
+
 }  // namespace
 
 void ZoDLDCritSect::ReportDeadlock(ZoTLS* me) {
     CancellationDeferred deferred;
-    if (smp_io* console = GetConsole()) WriteReport(me, this, *console);
+    WriteReport(me, this);
     char description[1024];
     GetInfo(description, sizeof description);
     ZoSystemLog()->Printf(4, "Deadlock detected.\n%s", description);

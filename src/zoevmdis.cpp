@@ -522,14 +522,16 @@ namespace {
 
 char const* const mode = "mode";
 
-// How far the configuration of the switches has come. The thread that takes it from Unconfigured to
-// BeingConfigured does the work, and nobody waits for it: the work calls the configuration, the
+// How far the configuration of the switches has come: first the flags, then, as soon as there is a
+// dispatcher, the console listener. The thread that takes it from a step that is due to
+// BeingConfigured does that step, and nobody waits for it: the work calls the configuration, the
 // dispatcher and the console, any of which may ask for the debugger itself, or may be held by a
-// thread that does. Release order of the last step publishes the flags it has set.
-constexpr int Unconfigured = 0;
-constexpr int BeingConfigured = 1;
-constexpr int IsConfigured = 2;
-std::atomic<int> Configured{Unconfigured};
+// thread that does. Release order of the end of a step publishes the flags.
+constexpr int FlagsAreDue = 0;
+constexpr int ListenerIsDue = 1;
+constexpr int BeingConfigured = 2;
+constexpr int IsConfigured = 3;
+std::atomic<int> Configured{FlagsAreDue};
 
 void ReadFlags(smp_debug& debugger, ZoConfig& configuration) {
     int value = 0;
@@ -546,40 +548,47 @@ void TellFlags(smp_debug const& debugger) {
     *console << "DEBUG LEVEL" << ARROW << reinterpret_cast<void*>(flags) << endl;
 }
 
-void RegisterConsoleListener() {
-    ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
-    if (dispatcher == nullptr) return;
+void RegisterConsoleListener(ZoEventMessageDispatcher& dispatcher) {
     auto* const listener = new (std::nothrow) ZoConsoleListener;
     if (listener == nullptr) return;
     ListenerHold alive(listener);  // a registration that fails must not take it along
     // Damage of object, internal and index records; replication; backup; a type without a name.
     for (unsigned const type : {0x10005U, 0x10006U, 0x10007U, 0x1000EU, 0x1000FU, 0x10012U}) {
-        dispatcher->RegisterListener(1, type, listener);
+        dispatcher.RegisterListener(1, type, listener);
     }
     for (unsigned long debugArea = 0x400; debugArea <= 0xA00; debugArea += 0x100) {
-        dispatcher->RegisterListener(15, debugArea, listener);
+        dispatcher.RegisterListener(15, debugArea, listener);
     }
+}
+
+// Does one step, if it is due. The end fails when new switches were made meanwhile: they want steps
+// of their own.
+template <class Work>
+void DoStep(int due, int next, Work work) {
+    if (!Configured.compare_exchange_strong(due, BeingConfigured, std::memory_order_acquire))
+        return;
+    CancellationDeferred deferred;
+    work();
+    int state = BeingConfigured;
+    Configured.compare_exchange_strong(state, next, std::memory_order_release);
+}
+
+void ConfigureFlags() {
+    smp_debug* const debugger = Load(smp_debugger);
+    ZoConfig* const configuration = debugger != nullptr ? ZoDefaultConfiguration() : nullptr;
+    if (configuration == nullptr) return;
+    DoStep(FlagsAreDue, ListenerIsDue, [&] {
+        ReadFlags(*debugger, *configuration);
+        TellFlags(*debugger);
+    });
 }
 
 // Kept out of GetDebugger, whose usual way must not pay for it.
 [[gnu::noinline, gnu::cold]] void ConfigureDebugger() {
-    smp_debug* const debugger = Load(smp_debugger);
-    // A trace needs a dispatcher, and the console listener is registered once: so not before there
-    // is one.
-    if (debugger == nullptr || ZoEventMessageDispatcher::GetDispatcher() == nullptr) return;
-    ZoConfig* const configuration = ZoDefaultConfiguration();
-    if (configuration == nullptr) return;
-    int state = Unconfigured;
-    if (!Configured.compare_exchange_strong(state, BeingConfigured, std::memory_order_acquire)) {
-        return;
-    }
-    CancellationDeferred deferred;
-    ReadFlags(*debugger, *configuration);
-    TellFlags(*debugger);
-    RegisterConsoleListener();
-    // Fails when new switches were made meanwhile: they want a reading of their own.
-    state = BeingConfigured;
-    Configured.compare_exchange_strong(state, IsConfigured, std::memory_order_release);
+    if (Configured.load(std::memory_order_relaxed) == FlagsAreDue) ConfigureFlags();
+    ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
+    if (dispatcher == nullptr) return;
+    DoStep(ListenerIsDue, IsConfigured, [&] { RegisterConsoleListener(*dispatcher); });
 }
 
 }  // namespace
@@ -589,7 +598,7 @@ smp_debug::smp_debug(long initial) {
     ZoUInt32 const start = flags == 0xFFFFFFFFU ? 0 : flags;
     current.store(start, std::memory_order_relaxed);
     saved.store(start, std::memory_order_relaxed);
-    Configured.store(Unconfigured, std::memory_order_release);
+    Configured.store(FlagsAreDue, std::memory_order_release);
 }
 
 smp_debug::~smp_debug() = default;
@@ -604,7 +613,7 @@ void smp_debug::Disable() {
 }
 
 smp_debug* GetDebugger() {
-    if (Configured.load(std::memory_order_acquire) == Unconfigured) ConfigureDebugger();
+    if (Configured.load(std::memory_order_acquire) < BeingConfigured) ConfigureDebugger();
     return Load(smp_debugger);
 }
 

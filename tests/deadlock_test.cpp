@@ -164,6 +164,21 @@ TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
     EXPECT_EQ(services.Log().size(), 2U);
 }
 
+TEST_F(Deadlock, IsLoggedWithoutAConsoleOrASink) {
+    smp_io mute;
+    delete std::exchange(mute.sink, nullptr);
+    std::string file;
+    for (smp_io* const console : {static_cast<smp_io*>(nullptr), &mute}) {
+        smp_io* const first = std::exchange(smp_console, console);
+        Ring ring(services, 2);
+        ring.Run();
+        smp_console = first;
+        file += FileHead + ring.Report();
+        EXPECT_EQ(LogFile(), file);
+    }
+    EXPECT_EQ(context.console->text, "");
+}
+
 TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
     for (unsigned int const answer : {ZoAnswerDebug, ZoAnswerAbort, 0x20000000U}) {
         Ring ring(services, 2);

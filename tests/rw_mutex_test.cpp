@@ -204,6 +204,60 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
     EXPECT_EQ(services.Assertions().back(), "depth != 0 src/rw_mutex 291");
 }
 
+TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
+    constexpr long Deepest = 65535;
+    for (int const mode : {Read, Write}) {
+        for (long level = 0; level < Deepest; ++level) ASSERT_EQ(mutex->StartRW(mode, 0), 0);
+        std::string const info = Info(mutex.get());
+        for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(mutex->StartRW(mode, 0), -1);
+        EXPECT_EQ(services.Assertions().back(), "depth < 65535 src/rw_mutex 241");
+        EXPECT_EQ(Holdings(mutex.get()), mode == Read ? Deepest : Deepest * 65536);
+        EXPECT_EQ(Info(mutex.get()), info);
+        EXPECT_EQ(mutex->EndRW(mode), 0);
+        EXPECT_EQ(mutex->StartRW(mode, 0), 0);
+        mutex->ForceRelease();
+        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    }
+    EXPECT_EQ(Reports(), "AAAA");
+}
+
+// The host may start and end levels in a report: what is left is what counts. Each row: the steps
+// before, in the one report, and after it; then the record and the count.
+TEST_P(RwMutex, AReportMayChangeWhatIsHeld) {
+    auto const take = [&](char const* steps) {
+        for (; *steps != '\0'; ++steps) {
+            if (*steps == 'F') mutex->ForceRelease();
+            if (*steps == 'r' || *steps == 'w') mutex->StartRW(*steps == 'r' ? Read : Write, 0);
+            if (*steps == 'R' || *steps == 'W') mutex->EndRW(*steps == 'R' ? Read : Write);
+        }
+    };
+    struct {
+        char const *before, *inReport, *after, *reports;
+        long holdings, counted;
+    } const rows[] = {
+        {"wrW", "R", "", "L", -1, 0},   {"wrrW", "R", "", "L", 1, 1},
+        {"wrW", "r", "", "L", 2, 1},    {"wrW", "F", "", "L", -1, 0},
+        {"wrW", "RwW", "", "L", -1, 0}, {"wrW", "Fr", "", "L", 1, 1},
+        {"rw", "R", "", "P", 65536, 0}, {"rrw", "R", "", "P", 65537, 0},
+        {"rw", "r", "W", "PL", 2, 1},   {"rw", "F", "W", "P", -1, 0},
+    };
+    for (auto const& row : rows) {
+        SCOPED_TRACE(std::string(row.before) + " " + row.inReport);
+        bool first = true;
+        services.onMessage = [&](std::string const&) {
+            if (std::exchange(first, false)) take(row.inReport);
+            return 0U;
+        };
+        take(row.before);
+        take(row.after);
+        EXPECT_EQ(Holdings(mutex.get()), row.holdings);
+        EXPECT_EQ(Counted(mutex.get()), row.counted);
+        EXPECT_EQ(Reports(), row.reports);
+        mutex->ForceRelease();
+        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    }
+}
+
 // --- making and releasing ----------------------------------------------------------------------
 
 // Its parts left the chain: a walk reaches them through the mutex only.
@@ -329,23 +383,27 @@ TEST_P(RwMutex, AWriterCancelledInItsWaitHoldsWhatItHeldBefore) {
 }
 
 // A reader that found the gate closed leaves with the condition's lock, and may be on its way there
-// when the writer is cancelled. Were the gate opened again, the reader would bring it to 0 and
-// still hold the lock: another writer would come in, and might destroy the mutex. So the gate stays
-// closed beside counted readers.
-TEST_P(RwMutex, ACancelledWriterLeavesTheGateClosed) {
-    constexpr int Quiet = 0x20000000, Closed = 0x40000000;
-    int const& gate = WordOf<Condition>(mutex.get(), 4)->value;
-    mutex->StartRW(Read, 0);
-    CancelWhen([&] { return HasPendingWriter(); }, [&] { mutex->StartRW(Write, 0); });
-    EXPECT_EQ(gate, Closed + 1);
-    mutex->EndRW(Read);
-    EXPECT_EQ(gate, Closed);
-
-    // The next write ends that.
-    for (auto const& [mode, left] : {std::pair{Read, Closed}, {Write, Closed + Quiet}, {Read, 0}}) {
-        mutex->StartRW(mode, 0);
-        mutex->EndRW(mode);
-        EXPECT_EQ(gate, left);
+// when the writer is cancelled and opens the gate. Were it to leave with the lock all the same, it
+// could bring the count to 0 and still hold the lock: another writer would come in, and might
+// destroy the mutex. So with the lock it looks again.
+TEST_P(RwMutex, ACancelledWriterOpensTheGate) {
+    Condition& readers = *WordOf<Condition>(mutex.get(), 4);
+    for (int const held : {0, 1}) {  // reads of the writer's own
+        mutex->StartRW(Read, 0);
+        CancelWhen([&] { return HasPendingWriter(); },
+                   [&] {
+                       struct CleanUp {
+                           ZoRW_Mutex& mutex;
+                           ~CleanUp() { mutex.ForceRelease(); }
+                       } cleanUp{*mutex};
+                       if (held != 0) mutex->StartRW(Read, 0);
+                       mutex->StartRW(Write, 0);
+                   });
+        EXPECT_EQ(readers.value, 1);
+        EXPECT_EQ(readers.SetConditionApp(nullptr, nullptr), 0);
+        EXPECT_EQ(readers.value, 1);
+        mutex->EndRW(Read);
+        EXPECT_EQ(readers.value, 0);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <cfloat>
 #include <chrono>
 #include <string>
+#include <thread>
 
 #include "services.h"
 #include "zosleep.h"
@@ -82,12 +83,15 @@ TEST(Console, WritesToStandardErrorWhileItIsSwitchedOn) {
     ___ZoExtendedContext(0);
 }
 
-// A configuration that writes to the console while it is asked for the switch finds it off.
+// A configuration that writes to the console while it is asked for the switch, or asks for it,
+// finds it off. To other threads it stays as it was.
 TEST(Console, MayBeUsedByTheConfigurationItself) {
     class Talking : public ZoConfig {
     public:
         int ReadValue(char const*, int* out, char const* const*) override {
             *GetConsole() << "asked";
+            _Configure_smp_io();
+            std::thread([] { *GetConsole() << "told"; }).join();
             *out = 1;
             return 0;
         }
@@ -95,9 +99,11 @@ TEST(Console, MayBeUsedByTheConfigurationItself) {
     ZoConfig* const previous = ZoSetDefaultConfig(&talking);
     smp_io console;
     smp_io* const first = Console(&console);
-    testing::internal::CaptureStderr();
-    for (int twice = 0; twice < 2; ++twice) _Configure_smp_io();
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    for (char const* const words : {"", "told"}) {
+        testing::internal::CaptureStderr();
+        _Configure_smp_io();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), words);
+    }
     Console(first);
     ZoSetDefaultConfig(previous);
     _Configure_smp_io();

@@ -281,6 +281,19 @@ TEST(DebugSwitches, ComeFromTheConfiguration) {
               "Warning: 12 odd\nWarning: 12 odd\n");
 }
 
+// The listener alone waits for a dispatcher, and is registered with it once.
+TEST(DebugSwitches, ComeWithoutADispatcher) {
+    Diagnostics diagnostics;
+    diagnostics.services.Configure("mode", 0x100);
+    ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::SetDispatcher(nullptr);
+    for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(GetDebugger()->current, 0x100U);
+    EXPECT_EQ(diagnostics.Printed(), "DEBUG LEVEL --> 0x100\n");
+    ZoEventMessageDispatcher::SetDispatcher(dispatcher);
+    for (int twice = 0; twice < 2; ++twice) Trace(0x100, "once");
+    EXPECT_EQ(diagnostics.Printed(), "once\n\nonce\n\n");
+    EXPECT_EQ(diagnostics.services.Reads("mode"), 1);
+}
+
 TEST(DebugSwitches, TraceOnlyWhileTheirBitIsSet) {
     Trace(0x800000, "no debugger");
     Diagnostics diagnostics;
