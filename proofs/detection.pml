@@ -1,6 +1,6 @@
-// Deadlock detection with a free path (src/zocrits.cpp): every ring of waits is reported, once, by
-// the thread that closes it, before it blocks; nothing else is reported; and an entry or a leave
-// that begins while a report is made waits for its end.
+// Deadlock detection with a free path (src/zocrits.cpp): every ring of waits is reported, once,
+// by the thread that closes it, before it blocks; nothing else is reported; and an entry or a
+// leave that begins while a report is made waits for its end.
 //
 // check: -DTHREADS=3 -DSECTIONS=2 -DSTALE
 // check: -DTHREADS=3 -DSECTIONS=3
@@ -13,7 +13,7 @@
 // fault: OWNER_NOT_NOTED        the free path of an entry does not note the owner
 // fault: OWNER_NOTED_LATE       the free path notes it after the thread's next announcement
 // fault: OWNER_NOTED_FIRST      the free path notes it before it has the mutex
-// fault: NOTED_AFTER_MESSAGE    a waiter notes itself after the false-alarm message, which may enter
+// fault: NOTED_AFTER_MESSAGE    a waiter notes itself after the false-alarm message
 // fault: OWNER_NOT_CLEARED      the free path of a leave does not clear the owner
 // fault: UNLOCKED_FIRST         the free path of a leave unlocks before it clears the owner
 // fault: WAIT_NOT_CLEARED       a waiter that has the mutex leaves its announcement standing
@@ -25,28 +25,29 @@
 // fault: ANY_RING_REPORTED      the walk takes a ring without the caller for one with it
 // fault: ENDLESS_WALK           the walk does not notice a ring without the caller
 //
-// What is modelled. Each thread for ever enters a section that it does not own or leaves one that it
-// owns, in any order, so every nesting occurs. One statement is one access to shared memory, except
-// what nobody can look into: `waitingFor` is read and written with csDLD held, so an access to it
-// joins the step before it. A try may fail although the mutex is free: the library cannot try a
-// wrapped section of a kind that it does not know. A report may leave any of the reporter's own
-// sections, as many as it likes. The look at csDLD says what it likes, except that it never says
-// "free" while a report is made: that covers looks that are overtaken by a hold, and short holds that
-// a look does not mind. A hold of the host is like a report that leaves nothing.
+// What is modelled. Each thread for ever enters a section that it does not own or leaves one that
+// it owns, in any order, so every nesting occurs. One statement is one access to shared memory,
+// except what nobody can look into: `waitingFor` is read and written with csDLD held, so an
+// access to it joins the step before it. A try may fail although the mutex is free: the library
+// cannot try a wrapped section of a kind that it does not know. A report may leave any of the
+// reporter's own sections, as many as it likes. The look at csDLD says what it likes, except that
+// it never says "free" while a report is made: that covers looks that are overtaken by a hold,
+// and short holds that a look does not mind. A hold of the host is like a report that leaves
+// nothing.
 //
-// What is true is not taken from the owner fields: `holder` is the mutex itself, `wants` is set when a
-// thread has made up its mind to block and cleared by the step that gives it the mutex.
+// What is true is not taken from the owner fields: `holder` is the mutex itself, `wants` is set
+// when a thread has made up its mind to block and cleared by the step that gives it the mutex.
 //
 // Weak memory. Mutexes and csDLD order what their holders do. An owner field is written without
 // csDLD, so a walk may read an older value. Which one? A value can no longer be read once a later
 // write happens before the read. The write that follows a thread's note is its own clearing; the
-// clearing happens before every hold of csDLD that follows the thread's next own hold, and, through
-// the mutex, before what the section's next owner does. With STALE the model keeps for each section
-// the threads whose clearing is not yet ordered in this way, and whether the note itself is; a read
-// takes any of these values. It forgets some orders (through a third mutex, and that a thread's reads
-// of one field do not go back), so it allows more than the memory model of C++ does. A store that is
-// delayed past the mutex step after it is a stale read of the one who looks. A thread never reads an
-// old value of its own.
+// clearing happens before every hold of csDLD that follows the thread's next own hold, and,
+// through the mutex, before what the section's next owner does. With STALE the model keeps for
+// each section the threads whose clearing is not yet ordered in this way, and whether the note
+// itself is; a read takes any of these values. It forgets some orders (through a third mutex, and
+// that a thread's reads of one field do not go back), so it allows more than the memory model of
+// C++ does. A store that is delayed past the mutex step after it is a stale read of the one who
+// looks. A thread never reads an old value of its own.
 
 #ifndef THREADS
 #define THREADS 3

@@ -66,15 +66,15 @@ find_fault() {
 export -f verify is_found fail find_fault
 
 prove() {
-    local model=$1 options start count
+    local model=$1 options last start count
     while read -ra options; do
         check "$model" "${options[@]}"
     done < <(lines check "$model"; [ -z "$large" ] || lines large "$model")
     start=$(now)
     count=$(lines fault "$model" | wc -l)
-    options=$(lines check "$model" | tail -n 1)
+    last=$(lines check "$model" | tail -n 1)
     lines fault "$model" | sed -E 's/^([A-Z_]+)( *-D[^ ]+( -D[^ ]+)*)?.*/\1 \2/' |
-        while read -r name own; do echo "$model -D$name ${own:-$options}"; done |
+        while read -r name own; do echo "$model -D$name ${own:-$last}"; done |
         xargs -P "$(nproc)" -I{} bash -c 'find_fault {}' || exit 1
     say "$model: $count planted faults found" "$start"
 }

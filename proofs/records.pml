@@ -1,34 +1,36 @@
-// The life of a thread's record under deadlock detection (src/zotls.cpp, src/zocrits.cpp): no walk
-// and no report reads a record that was released or whose making it does not see; a thread that ended
-// as the owner of a section is nobody else, although later threads get the records, the addresses
-// and the handles of threads that ended.
+// The life of a thread's record under deadlock detection (src/zotls.cpp, src/zocrits.cpp): no
+// walk and no report reads a record that was released or whose making it does not see; a thread
+// that ended as the owner of a section is nobody else, although later threads get the records,
+// the addresses and the handles of threads that ended.
 //
 // check: -DTHREADS=2 -DSTALE -DANY_RECORD
 // check: -DTHREADS=3
 //
-// fault: RELEASED_WITHOUT_PASS -DTHREADS=2  a record is released without the pass through the leaf lock
+// fault: RELEASED_WITHOUT_PASS -DTHREADS=2  a record is released without the leaf lock
 // fault: PASSED_TOO_LATE       -DTHREADS=2  the pass comes after the release
 // fault: DEAD_OWNER_RELEASED   -DTHREADS=2  so is the record of a thread that ended as an owner
-// fault: LEAF_HELD_SHORT       -DTHREADS=2  the walk takes the leaf lock after it has read the owner
+// fault: LEAF_HELD_SHORT       -DTHREADS=2  the walk takes the leaf lock after the owner is read
 // fault: WALKED_WITHOUT_LEAF   -DTHREADS=2  the walk holds csDLD only
 // fault: OWNER_RELAXED         -DTHREADS=2  owners are stored and loaded in relaxed order
-// fault: OWNER_BY_HANDLE       -DTHREADS=2  the wrapped section knows its owner by the thread's handle alone
-// fault: REPORT_IGNORED        -DTHREADS=3  the free path of a leave is taken although a report is made
+// fault: OWNER_BY_HANDLE       -DTHREADS=2  the wrapped section knows its owner by handle alone
+// fault: REPORT_IGNORED        -DTHREADS=3  a leave takes the free path during a report
 //
-// What is modelled. Detection is that of detection.pml, without the try that fails for no reason. A
-// thread enters and leaves sections as it likes and ends when it likes; a thread that ends while it
-// owns a section keeps its record for ever. Then another life begins in the same process, as a new
-// thread with a new record: any that is free, so also the one that was just released. There are as
-// many records as threads and sections, so there is always a free one, however many lives are lived.
-// A report reads the records of the ring once more, without the leaf lock, because host code runs
-// between its reads; that code may leave sections of the reporter's own.
+// What is modelled. Detection is that of detection.pml, without the try that fails for no reason.
+// A thread enters and leaves sections as it likes and ends when it likes; a thread that ends
+// while it owns a section keeps its record for ever. Then another life begins in the same
+// process, as a new thread with a new record: any that is free, so also the one that was just
+// released. There are as many records as threads and sections, so there is always a free one,
+// however many lives are lived. A report reads the records of the ring once more, without the
+// leaf lock, because host code runs between its reads; that code may leave sections of the
+// reporter's own.
 //
-// Weak memory. As in detection.pml a read of an owner may yield any value that is not ordered before
-// the hold: here `past` is kept by record, and a pass through the leaf lock orders as a hold of csDLD
-// does. A new record is filled by its thread before it notes itself as owner; `filled` says whether
-// that is ordered for all: by a hold, a pass, or the note, which is stored with release and
-// loaded with acquire order. The allocator orders a release before the making of the next record at that
-// address, so a thread never reads its own record's address out of an older life.
+// Weak memory. As in detection.pml a read of an owner may yield any value that is not ordered
+// before the hold: here `past` is kept by record, and a pass through the leaf lock orders as a
+// hold of csDLD does. A new record is filled by its thread before it notes itself as owner;
+// `filled` says whether that is ordered for all: by a hold, a pass, or the note, which is stored
+// with release and loaded with acquire order. The allocator orders a release before the making of
+// the next record at that address, so a thread never reads its own record's address out of an
+// older life.
 
 #ifndef THREADS
 #define THREADS 2
@@ -97,6 +99,9 @@ byte field;                     // the section whose owner field is read
     :: else -> past[section] = past[section] & ~Bit(mine) \
     fi;
 #define Order() ForEachSection(OrderIn) Fill(mine, false)
+// The same for a thread that owns nothing.
+#define OrderClearing(section) past[section] = past[section] & ~Bit(mine);
+#define Pass() ForEachSection(OrderClearing) Fill(mine, false)
 
 #define OrPast(record) \
     :: owner[field] != mine && record != mine && (past[field] & Bit(record)) != 0 -> at = record
@@ -114,6 +119,7 @@ byte field;                     // the section whose owner field is read
 #define NoteOwner(section) owner[section] = mine
 #define ClearOwner(section) owner[section] = NOBODY
 #define Order() Fill(mine, false)
+#define Pass() Fill(mine, false)
 #define ReadOwner(section) at = owner[section]
 
 #endif
@@ -327,7 +333,7 @@ End:
         :: false ForEachSection(Holds) ->
             ForEachSection(DieHolding)
 #ifdef DEAD_OWNER_RELEASED
-            goto Pass
+            goto Release
 #else
             mine = NOBODY;
             goto Life
@@ -335,20 +341,20 @@ End:
         :: else
         fi
     }
-Pass:
+Release:
 #ifdef PASSED_TOO_LATE
     valid[mine] = false;
-    atomic { leaf == NOBODY -> Order(); mine = NOBODY; goto Life }
+    atomic { leaf == NOBODY -> Pass(); mine = NOBODY; goto Life }
 #else
 #ifndef RELEASED_WITHOUT_PASS
-    atomic { leaf == NOBODY -> Order() }
+    atomic { leaf == NOBODY -> Pass() }
 #endif
     atomic { valid[mine] = false; mine = NOBODY; goto Life }
 #endif
 }
 
-// Once no thread can go on, each blocks on a ring that was reported, on the section of a thread that
-// ended, or on one who does.
+// Once no thread can go on, each blocks on a ring that was reported, on the section of a thread
+// that ended, or on one who does.
 #define CheckEnd(thread) \
     h = thread; \
     i = 0; \
