@@ -1,23 +1,21 @@
-// The gate of a reader/writer mutex (src/rw_gate.h), checked exhaustively.
+// The gate of a reader/writer mutex (src/rw_gate.h), with cancelled writers and its destruction.
 //
-//     spin -a gate.pml && cc -O2 -o pan pan.c && ./pan -m100000
-//     spin -a -DFAULT_NO_SECOND_LOOK gate.pml && …          // must find an error, as every fault
+// check: -DREADERS=2 -DWRITERS=2
+// large: -DREADERS=3 -DWRITERS=2
+//
+// fault: NO_SECOND_LOOK    a reader leaves with the lock although the gate was opened meanwhile
+// fault: NO_LOCK           a cancelled writer opens the gate without the condition's lock
+// fault: STAYS_CLOSED      a cancelled writer leaves the gate closed
+// fault: MADE_QUIET        a cancelled writer makes the gate quiet
 //
 // Threads read or ask to write; a writer may be cancelled in its wait for the readers. A writer
 // that finds all the others done destroys the mutex at once: a thread that touches it afterwards
-// violates an assertion. Every atomic step of the code is one step here, in sequentially consistent order; why
-// weaker orders are enough is argued in src/rw_gate.h.
+// violates an assertion. Every atomic step of the code is one step here, in sequentially consistent
+// order; why weaker orders are enough is argued in src/rw_gate.h.
 //
 // What is checked: no reader is inside beside a writer, nobody touches a destroyed mutex, the count
 // never falls below 0, a quiet gate means that its holder is alone, the gate is not left closed by a
 // cancelled writer, and no thread waits for ever (a deadlock is an invalid end state).
-//
-// Planted faults, each of which one of these checks must find:
-//
-//     FAULT_NO_SECOND_LOOK    a reader leaves with the lock although the gate was opened meanwhile
-//     FAULT_NO_LOCK           a cancelled writer opens the gate without the condition's lock
-//     FAULT_STAYS_CLOSED      a cancelled writer leaves the gate closed
-//     FAULT_QUIET             a cancelled writer makes the gate quiet
 
 #ifndef READERS
 #define READERS 2
@@ -74,7 +72,7 @@ inline EndRead() {
     :: atomic { !left && !closed -> TOUCH; assert(count > 0); count--; left = true }
     :: atomic { !left && closed -> TOUCH };
        Lock();
-#ifdef FAULT_NO_SECOND_LOOK
+#ifdef NO_SECOND_LOOK
        atomic { TOUCH; assert(count > 0); count--; left = true };
 #else
        if
@@ -131,20 +129,20 @@ active [WRITERS] proctype Writer() {
         ExitSection();
         if :: last -> destroyed = true :: else fi
     :: else ->
-#ifndef FAULT_NO_LOCK
+#ifndef NO_LOCK
         Lock();
 #endif
         atomic {
             TOUCH;
-#ifndef FAULT_STAYS_CLOSED
+#ifndef STAYS_CLOSED
             closed = false;
 #endif
-#ifdef FAULT_QUIET
+#ifdef MADE_QUIET
             closed = true; quiet = true;
 #endif
             if :: gaveUp -> count++ :: else fi
         }
-#ifndef FAULT_NO_LOCK
+#ifndef NO_LOCK
         Unlock();
 #endif
         ExitSection();
