@@ -18,6 +18,10 @@ void UnchainSection(ZoCritSect* section);
 // next one, which would follow their links to neighbours that are gone by then.
 void ForgetChain();
 
+// Holds the chain over a fork, and csDLD with it, which a detecting section needs to be left.
+void HoldChain();
+void LetGoOfChain();
+
 // Takes `object` out if chaining is on: the first act of every destructor that has something to
 // destroy, so that no walk of the chain meets an object half gone.
 inline void LeaveChain(ZoSynchroObj* object) {

@@ -47,6 +47,16 @@ void ForgetChain() {
     }
 }
 
+void HoldChain() {
+    if (fscs != nullptr) fscs->Begin();
+    if (csDLD != nullptr) csDLD->Begin();
+}
+
+void LetGoOfChain() {
+    if (csDLD != nullptr) csDLD->Exit();
+    if (fscs != nullptr) fscs->Exit();
+}
+
 void ReleaseAllSynchronizationObjects() {
     if (fscs != nullptr) fscs->Begin();
     for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {

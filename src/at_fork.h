@@ -1,0 +1,35 @@
+// What the library does around fork(), from the moment it is loaded.
+//
+// A child gets the memory as it is when it is forked, but of the threads only the one that forks.
+// A lock that another thread holds at that moment is never let go in the child, a count of other
+// threads never falls, and what such a lock guards may be half changed. So the forking thread holds
+// the library's process-wide locks over the fork (at_fork.cpp), and the child counts only its own
+// thread. Objects are too many for that: they remember the process that they were made in.
+
+#ifndef KELVARA_SRC_AT_FORK_H_
+#define KELVARA_SRC_AT_FORK_H_
+
+#include <atomic>
+
+#include "zotypes.h"
+
+// How many forks lie between this process and the one that loaded the library. Raised in a child
+// before its only thread returns from fork(), so a relaxed order is enough.
+extern std::atomic<ZoUInt32> forkGeneration;
+
+inline ZoUInt32 ForkGeneration() {
+    return forkGeneration.load(std::memory_order_relaxed);
+}
+
+// The process that something was made in.
+class ProcessOfOrigin {
+public:
+    // False in a child that was forked later: threads that used the thing then are not there.
+    bool IsThis() const { return generation == ForkGeneration(); }
+    void BecomeThis() { generation = ForkGeneration(); }
+
+private:
+    ZoUInt32 generation = ForkGeneration();
+};
+
+#endif  // KELVARA_SRC_AT_FORK_H_
