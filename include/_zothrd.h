@@ -24,6 +24,10 @@
 // that still release their per-thread record: after a queue's Destroy, or at a watcher's zero, the
 // context may be torn down at once.
 //
+// A forked child has the context of its parent, the chain complete and free, and may tear it down.
+// No thread forks during set-up or tear-down. fork() waits for whoever walks the chain or holds
+// csDLD, so it is not called by a thread that one of these has to wait for.
+//
 // Also here: _Thread, the system thread as the library's portable part sees it.
 
 #ifndef KELVARA_INCLUDE__ZOTHRD_H_

@@ -10,6 +10,14 @@
 // registration, until one returns nonzero. The process then goes on as if the signal had not come;
 // if none does, it ends with exit(0). Each signal that is delivered is asked about once.
 //
+// Once the process is ending a signal changes nothing: no handler is asked, and the exit() that is
+// under way decides the status. The library sees an exit() from its beginning on the thread that
+// loaded it and on threads that have added or removed a handler; on other threads when the
+// functions of atexit() that were registered after the first add have run. A signal that comes
+// while one of those threads ends is answered when that thread is gone, and handlers that had
+// agreed to it may be asked again. The main thread, should it call exit() when a signal is ending
+// the process already, sleeps until that is done.
+//
 // The facility exists while there are references to it: each add takes one, each remove releases
 // one.
 //
@@ -36,6 +44,9 @@
 //
 // Who may call: any thread. Adding, removing and fork() wait while handlers run, those called from
 // a handler excepted, so a handler must not wait for a thread that may be doing one of these.
+//
+// A forked child has the handlers and the references of its parent, whatever other threads were
+// doing when it was forked.
 
 #ifndef KELVARA_INCLUDE_ZOABORT_H_
 #define KELVARA_INCLUDE_ZOABORT_H_

@@ -22,6 +22,10 @@
 // of the same condition but GetInfo. The base class Condition locks nothing and is for one thread
 // at a time. A condition is destroyed when nobody uses it any more.
 //
+// In a forked child. Who waits in the parent does not wait there: a child may destroy any
+// condition, and use those whose lock no other thread held when it was forked. fork() is not called
+// from a logic's operation.
+//
 // On top of conditions: resource watchers, counters of the users of a resource that a thread can
 // wait on until there are none left; see ZoResourceWatcher below.
 
@@ -74,7 +78,8 @@ public:
     // time-out. `milliseconds` limits the wait; 4294967295 or more is no limit. Each wake-up that
     // finds the test still failing starts the full time again, so the whole may take longer.
     // Returns 0, or ZoTimedOut without a further test. A thread cancelled in the wait leaves the
-    // lock free. The base class ignores both arguments and yields the processor between its tests.
+    // lock free. The base class ignores both arguments and yields the processor, or sleeps
+    // a little, between its tests.
     virtual int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds);
     // Returns the value read after unlocking.
     virtual int Unlock();
@@ -117,13 +122,15 @@ private:
     // With the mutex held.
     ZO_INTERNAL void SafeSignal();
     ZO_INTERNAL bool SafeMustWait();
+    [[gnu::cold]] ZO_INTERNAL void SafeForgetAbsentSleepers();
     [[gnu::cold]] ZO_INTERNAL int SafeSleep(unsigned long milliseconds);
 
-    pthread_mutex_t mutex;  // guards value, sleepers, and every call of logic
+    pthread_mutex_t mutex;  // guards value, sleepers, generation, and every call of logic
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
-    int sleepers = 0;  // how many threads sleep on condition
+    int sleepers = 0;     // how many threads sleep on condition
+    ZoUInt32 generation;  // of the process whose threads use condition; see src/at_fork.h
 };
 
 // Counts the users of a resource.
@@ -135,7 +142,9 @@ private:
 // Any thread may call anything; increments and decrements balance. Every thread that waits passes
 // when the count reaches zero, unless it has left zero again by the time that thread looks. Nobody
 // is waiting when a watcher is destroyed; a decrement does not touch the watcher once a waiter can
-// have seen the zero. A watcher whose condition could not be made refuses to count, at zero.
+// have seen the zero. A watcher whose condition could not be made refuses to count, at zero. In a
+// forked child the users of the parent are counted but not there: the child destroys a watcher
+// without waiting for zero.
 class ZO_API ZoResourceWatcher {
 public:
     ZoResourceWatcher();

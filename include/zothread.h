@@ -41,6 +41,10 @@
 // thread uses neither the object nor its name. An object made to delete itself is never deleted,
 // finished or aborted from outside without knowing that its thread is still at work.
 //
+// In a forked child there is only the thread that forked. An object whose thread is another one may
+// be destroyed there; an abort finds no thread. A thread that forks inside an operation goes on in
+// the child as the thread of the same object.
+//
 // Who may call: Start, _Finish and the destructor, one thread at a time for one object. Abort,
 // Suspend, Continue, Giveup and GetOSThreadInfo, any thread, also during Start and on the thread
 // itself; none of them together with the destructor. Everything marked "before Start" is for the
@@ -156,15 +160,15 @@ protected:
     char const* text;
     ZoThreadPriorityValue pendingPriority;
     unsigned short flags;  // bit 0: priority boost off
-    // How many calls use systemThread at this moment, and whether it is being replaced: it is never
-    // destroyed in use. Lies in what would be padding.
-    std::atomic<unsigned short> systemThreadUses;
     // Null; the library sets none. Abort, _Finish and the destructor null it and give it a
     // ForceRelease, one of them if several meet.
     std::atomic<ZoSynchroObj*> blockingObject;
     ZoInt32 stackSizeCode;
     int autoDelete;
     ZoResourceWatcher* resourceWatcher;
+    // How many calls use systemThread at this moment, and whether it is being replaced: it is never
+    // destroyed in use.
+    std::atomic<ZoUInt32> systemThreadUses;
 
 private:
     friend class _Thread;

@@ -44,6 +44,12 @@
 //   - the start of a worker: a listener of the trace 0x800000 calls nothing else of it either.
 // No lock is held during a Handle on a worker thread.
 //
+// In a forked child a queue of the parent has no workers, and its locks may be taken for ever. The
+// child does nothing with it but Destroy or delete it, which then waits for nothing and calls
+// neither Handle nor Aborted: what becomes of the child's copies of units that were waiting is the
+// child's affair. A child that is forked in a Handle or an Aborted does not return from it. It does
+// not collect a calculation whose units the parent's workers had.
+//
 // An exception must not leave Handle or Aborted. A thread that is cancelled in either leaves the
 // queue unlocked: cancelled in an Aborted, it leaves the units that are left to the next Terminate.
 // A worker thread is not aborted: it would stay counted, and Destroy would wait for it for ever.

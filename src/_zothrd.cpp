@@ -144,6 +144,7 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
         ZoInt32 starting = ZoThread::NotStarted;
         thread->status.compare_exchange_strong(starting, ZoThread::Running);
         if (started != nullptr) __atomic_store_n(started, 1, __ATOMIC_RELEASE);
+        if (ThreadLife::current != nullptr) ThreadLife::current->SayStarted();
     }
     ThreadLife::UnlessAborted([] {});
     thread->Init(argument);

@@ -1,4 +1,4 @@
-// The abortion handlers' inner workings, for the tests.
+// The abortion handlers' inner workings, for the tests and for fork().
 
 #ifndef KELVARA_SRC_ABORT_HANDLERS_H_
 #define KELVARA_SRC_ABORT_HANDLERS_H_
@@ -10,5 +10,20 @@ int AbortHandlerInitialization(int release);
 int LowLevelAbortionHandler();
 // The signal handler of SIGQUIT and SIGINT.
 void LowLevelHandler(int);
+
+// The steps of a fork, on the thread that forks.
+struct AbortionAtFork {
+    static void BlockSignals();
+    // Enters the facility's section, if there is a facility.
+    static void Enter();
+    // Takes the facility's lock. False, and nothing done, when there was no facility to enter but
+    // is one now.
+    static bool Lock();
+    static void Unlock();
+    // Undoes Enter and BlockSignals.
+    static void Leave();
+    // In the child, before Leave.
+    static void ForgetAbsentThreads();
+};
 
 #endif  // KELVARA_SRC_ABORT_HANDLERS_H_

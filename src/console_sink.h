@@ -40,4 +40,8 @@ private:
     deadlock_io* const log;
 };
 
+// Hold the console's lock over a fork.
+void LockConsole();
+void UnlockConsole();
+
 #endif  // KELVARA_SRC_CONSOLE_SINK_H_

@@ -100,6 +100,14 @@ deadlock_io* reportSink = nullptr;  // the sink of the report in progress; guard
 
 }  // namespace
 
+void LockConsole() {
+    consoleLock.lock();
+}
+
+void UnlockConsole() {
+    consoleLock.unlock();
+}
+
 SinkUse::SinkUse(smp_io const& stream) {
     std::lock_guard<std::mutex> hold(consoleLock);
     sink = stream.sink;

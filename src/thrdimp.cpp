@@ -12,6 +12,7 @@
 #include <new>
 
 #include "cancellation.h"
+#include "patience.h"
 #include "thread_entry.h"
 #include "thread_life.h"
 #include "trace.h"
@@ -108,6 +109,23 @@ RUNS_WHILE_UNWOUND void* PosixTrampoline(void* startRecord) {
     pthread_exit(nullptr);
 }
 
+namespace {
+
+// The new thread needs few instructions more, mostly. But it may have a lower real-time priority
+// than the starter, or wait for a thread that has.
+void AwaitStarted(PosixStartRecord const& record) {
+    auto const isStarted = [&] { return __atomic_load_n(&record.started, __ATOMIC_ACQUIRE) != 0; };
+    for (Patience patience; !isStarted() && !patience.IsOver();) patience.Wait();
+    if (!isStarted()) record.life->AwaitStarted(isStarted);
+}
+
+// Whether `life` tells of threads of this process.
+bool IsUsable(ThreadLife const* life) {
+    return life != nullptr && !life->IsAbsent();
+}
+
+}  // namespace
+
 // --- the system thread object ------------------------------------------------------------------
 
 _Thread* _Thread::MakeSysThread(ZoThread* owner) {
@@ -131,7 +149,7 @@ PosixThread::~PosixThread() {
     Report("PosixThread: pthread_attr_destroy failed : %d", pthread_attr_destroy(&attributes));
     if (life == nullptr) return;
     ZoInt32 const status = owner->status;
-    if (status != ZoThread::NotStarted && status != ZoThread::Failed) {
+    if (status != ZoThread::NotStarted && status != ZoThread::Failed && !life->IsAbsent()) {
         std::lock_guard<std::mutex> const hold(life->mutex);
         if (life->HandleIsValid()) pthread_detach(handle);
     }
@@ -158,6 +176,7 @@ int PosixThread::Start(long stackSizeCode) {
     lastError = 0;
     PosixStartRecord record{{owner, 0}, this, life};
     life->Share();
+    life->Share();  // for the wait below
     // The thread stores its handle itself: it may have run and deleted this object before
     // pthread_create returns.
     pthread_t created = NoThread;
@@ -165,10 +184,12 @@ int PosixThread::Start(long stackSizeCode) {
         pthread_create(&created, &attributes, PosixTrampoline, static_cast<StartRecord*>(&record));
     if (error != 0) {
         life->Release();
+        life->Release();
         LeaveIdle();
         return FailToCreate(error);
     }
-    while (__atomic_load_n(&record.started, __ATOMIC_ACQUIRE) == 0) sched_yield();
+    AwaitStarted(record);
+    record.life->Release();
     return ZoSuccess;
 }
 
@@ -199,7 +220,7 @@ int PosixThread::Abort() {
 // have ended the thread of that start.
 void PosixThread::MarkAbortFailed(bool started) {
     ZoInt32 aborted = ZoThread::Aborted;
-    if (life == nullptr) {
+    if (!IsUsable(life)) {
         owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
         return;
     }
@@ -210,7 +231,7 @@ void PosixThread::MarkAbortFailed(bool started) {
 
 // `started`: whether the thread had been started when it was found.
 int PosixThread::Cancel(bool& started) {
-    if (life == nullptr) {
+    if (!IsUsable(life)) {
         owner->status = ZoThread::Aborted;
         return ESRCH;
     }
@@ -241,7 +262,7 @@ int PosixThread::Giveup() {
 }
 
 bool PosixThread::IsCallingThread() {
-    if (life == nullptr) return false;
+    if (!IsUsable(life)) return false;
     std::lock_guard<std::mutex> const hold(life->mutex);
     return life->HandleIsValid() && pthread_equal(handle, pthread_self()) != 0;
 }

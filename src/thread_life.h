@@ -6,7 +6,12 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <new>
+
+#include "at_fork.h"
+#include "cancellation.h"
 
 // One life of one thread, from before its creation until both the system thread object and the
 // thread itself are gone; each holds a reference.
@@ -36,6 +41,15 @@ public:
         if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
+    // In a child, about a thread of the parent: it is not there, and may have left the lock taken.
+    bool IsAbsent() const { return !process.IsThis(); }
+    // In a child: the thread that forked goes on there; who tried to abort it does not.
+    static void ForgetAbsentThreads() {
+        if (current == nullptr) return;
+        new (&current->mutex) std::mutex;
+        current->process.BecomeThis();
+    }
+
     bool HandleIsValid() const { return state == Running || state == Finishing; }
     bool CanBeAborted() const { return state == Starting || state == Running; }
 
@@ -52,6 +66,20 @@ public:
         pthread_exit(PTHREAD_CANCELED);
     }
 
+    // Wakes a starter that has looked at its record long enough. By the new thread, after it has
+    // set the record's flag.
+    void SayStarted() {
+        { std::lock_guard<std::mutex> const hold(mutex); }
+        started.notify_one();
+    }
+    // Sleeps until `isStarted`, which reads that flag. No cancellation point.
+    template <class Predicate>
+    void AwaitStarted(Predicate isStarted) {
+        CancellationDeferred deferred;
+        std::unique_lock<std::mutex> hold(mutex);
+        started.wait(hold, isStarted);
+    }
+
     std::mutex mutex;      // guards what follows, and the system thread's handle
     State state = Idle;    // changed by the starter, then by the thread
     bool aborted = false;  // an abort has been accepted
@@ -63,6 +91,8 @@ private:
     ~ThreadLife() = default;
 
     std::atomic<int> references{1};
+    std::condition_variable started;
+    ProcessOfOrigin process;
 };
 
 // The threads that nobody waits for any more but that still release their per-thread record, which
@@ -75,6 +105,12 @@ public:
     // By the key's destructor, once the record is released; also where the thread has not entered.
     static void Leave();
     static void WaitForNone();
+
+    // The number's lock, and that of the creation of the record key, over a fork.
+    static void Lock();
+    static void Unlock();
+    // In a child, with the lock held: only the thread that forked may still be counted.
+    static void ForgetAbsentThreads();
 };
 
 #endif  // KELVARA_SRC_THREAD_LIFE_H_

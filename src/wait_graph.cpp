@@ -12,15 +12,13 @@ namespace {
 // The records' lock: guards the records of other threads against being freed while they are read.
 constinit std::mutex recordsLock;
 
-[[maybe_unused]] int const registered = pthread_atfork(nullptr, nullptr, &WaitForGraph::FreeLocks);
-
 }  // namespace
 
 // A child has only the thread that forked, but gets the library's locks as other threads of its
 // parent held them. What they guard can be used at every moment: the records' lock guards no data,
 // the words of the graph are changed one at a time, and so are the chain's links, so that a walk
 // from its head never leaves it.
-void WaitForGraph::FreeLocks() {
+void WaitForGraph::FreeLocksInChild() {
     new (&recordsLock) std::mutex;
     FreeUnlessMine(csDLD);
     FreeUnlessMine(fscs);

@@ -72,8 +72,9 @@ public:
     // By a thread that frees its record, as the last step before: afterwards no walk reads it.
     static void LetWalksPass();
 
-    // In a forked child.
-    static void FreeLocks();
+    // In a forked child: makes the records' lock, csDLD and the chain's lock free, unless the
+    // calling thread owns them.
+    static void FreeLocksInChild();
 
 private:
     static void FreeUnlessMine(PosixCritSect& section);

@@ -12,7 +12,9 @@
 #include <new>
 
 #include "abort_handlers.h"
+#include "abort_signals.h"
 #include "cancellation.h"
+#include "process_end.h"
 #include "zocrits.h"
 #include "zolist.h"
 
@@ -67,30 +69,6 @@ Facility* facility = nullptr;
 
 // The calling thread is inside a handler, and so holds abortCS already.
 thread_local bool insideHandler = false;
-
-// Keeps the two signals from the calling thread; returns what it had blocked before.
-sigset_t BlockSignals() {
-    sigset_t signals;
-    sigset_t previous;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGQUIT);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, &previous);
-    return previous;
-}
-
-// Keeps them away for a scope. Where the signal handler asks the handlers itself it needs the locks
-// of this file, so it must not interrupt their holder.
-class SignalsBlocked {
-public:
-    SignalsBlocked() : previous(BlockSignals()) {}
-    SignalsBlocked(SignalsBlocked const&) = delete;
-    SignalsBlocked& operator=(SignalsBlocked const&) = delete;
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous, nullptr); }
-
-private:
-    sigset_t const previous;
-};
 
 Facility* PinFacility() {
     std::lock_guard<std::mutex> lock(facilityLock);
@@ -174,7 +152,8 @@ void InstallSignalHandlers() {
 void AnswerSignal() {
     CancellationDeferred deferred;  // a thread cancelled in a handler would keep the section
     SignalsBlocked blocked;
-    if (LowLevelAbortionHandler() == 0) std::exit(0);
+    if (ProcessEnd::PutsSignalOff()) return;
+    if (LowLevelAbortionHandler() == 0) ProcessEnd::Exit();
     InstallSignalHandlers();  // in case a handler has changed them
 }
 
@@ -207,41 +186,13 @@ void StartAsker() {
 
 // --- fork ----------------------------------------------------------------------------------------
 
-// A child gets the locks as they are when it is forked, but not the threads that hold them. So the
-// forking thread holds them all. What other threads had pinned stays pinned in the child, which
-// costs it the memory of one facility at most.
+// A child gets the section as it is, but not the thread that holds it. So the forking thread holds
+// it itself, over the fork. What other threads had pinned stays pinned in the child, which costs it
+// the memory of one facility at most.
 
-// Guarded by facilityLock, which the forking thread holds.
-sigset_t maskBeforeFork;
-Facility* heldForFork = nullptr;
-
-void BeforeFork() {
-    sigset_t const previous = BlockSignals();
-    Facility* const entered = EnterFacility(PinFacility);
-    facilityLock.lock();
-    maskBeforeFork = previous;
-    heldForFork = entered;
-}
-
-void AfterFork() {
-    sigset_t const previous = maskBeforeFork;
-    Facility* const entered = heldForFork;
-    facilityLock.unlock();
-    if (entered != nullptr) LeaveFacility(entered);
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-}
-
-// The asker keeps all signals from itself. In a child that a handler forks it is the only thread,
-// and a child that gets no signal could not be ended.
-void AfterForkInChild() {
-    if (isAsker) maskBeforeFork = maskOfSetUp;
-    isAsker = false;
-    AfterFork();
-}
-
-void HeedForks() {
-    pthread_atfork(BeforeFork, AfterFork, AfterForkInChild);
-}
+// What the thread that forks found, for when it has forked.
+constinit thread_local sigset_t maskBeforeFork{};
+constinit thread_local Facility* heldForFork = nullptr;
 
 // --- set-up and references -----------------------------------------------------------------------
 
@@ -261,6 +212,7 @@ bool SetUp(Facility* made) {
     if (facility != nullptr) return false;
     facility = made;
     ++made->pins;
+    ProcessEnd::WatchExit();
     StartAsker();
     InstallSignalHandlers();
     return true;
@@ -270,8 +222,6 @@ bool SetUp(Facility* made) {
 Facility* PinOrSetUpFacility() {
     for (;;) {
         if (Facility* const found = PinFacility()) return found;
-        static pthread_once_t heeded = PTHREAD_ONCE_INIT;
-        pthread_once(&heeded, HeedForks);
         Facility* const made = MakeFacility();
         if (made == nullptr || SetUp(made)) return made;
         delete made;
@@ -328,7 +278,40 @@ int AskHandlers(Hold& hold) {
 
 }  // namespace
 
+void AbortionAtFork::BlockSignals() {
+    maskBeforeFork = BlockAbortSignals();
+}
+
+void AbortionAtFork::Enter() {
+    heldForFork = EnterFacility(PinFacility);
+}
+
+bool AbortionAtFork::Lock() {
+    facilityLock.lock();
+    if (facility == heldForFork) return true;
+    facilityLock.unlock();
+    return false;
+}
+
+void AbortionAtFork::Unlock() {
+    facilityLock.unlock();
+}
+
+void AbortionAtFork::Leave() {
+    sigset_t const previous = maskBeforeFork;
+    if (heldForFork != nullptr) LeaveFacility(heldForFork);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+}
+
+// The asker keeps all signals from itself. In a child that a handler forks it is the only thread,
+// and a child that gets no signal could not be ended.
+void AbortionAtFork::ForgetAbsentThreads() {
+    if (isAsker) maskBeforeFork = maskOfSetUp;
+    isAsker = false;
+}
+
 int AbortHandlerInitialization(int release) {
+    ProcessEnd::WatchCallingThread();
     return release == 0 ? TakeReference() : ReleaseReference();
 }
 

@@ -8,9 +8,10 @@
 #include <cstdio>
 #include <new>
 
+#include "at_fork.h"
 #include "chain.h"
 #include "condition_value.h"
-#include "zosleep.h"
+#include "patience.h"
 
 namespace {
 
@@ -79,7 +80,7 @@ int Condition::SetConditionApp(void* first, void* second) {
 }
 
 int Condition::WaitForCondition(unsigned short, unsigned long) {
-    while (logic->SafeTest(&value) != 0) ZoYieldProcessor();
+    for (Patience patience; logic->SafeTest(&value) != 0;) patience.Wait();
     return ZoSuccess;
 }
 
@@ -146,18 +147,21 @@ timespec DeadlineAfter(ZoUInt32 milliseconds) {
 
 POSIXCondition::POSIXCondition(char const* name) : POSIXCondition(name, ChainLock()) {}
 
-POSIXCondition::POSIXCondition(char const* name, ChainLock const& held) : Condition(name, held) {
+POSIXCondition::POSIXCondition(char const* name, ChainLock const& held)
+    : Condition(name, held), generation(ForkGeneration()) {
     pthread_mutexattr_init(&mutexAttributes);
     pthread_mutex_init(&mutex, &mutexAttributes);
     pthread_condattr_init(&conditionAttributes);
     pthread_cond_init(&condition, &conditionAttributes);
 }
 
+// The system waits for those who still sleep on a condition that is destroyed. They would be
+// threads of the parent if this is a child.
 POSIXCondition::~POSIXCondition() {
     LeaveChain(this);
     pthread_mutex_destroy(&mutex);
     pthread_mutexattr_destroy(&mutexAttributes);
-    pthread_cond_destroy(&condition);
+    if (generation == ForkGeneration()) pthread_cond_destroy(&condition);
     pthread_condattr_destroy(&conditionAttributes);
 }
 
@@ -196,7 +200,16 @@ void POSIXCondition::WakeWaiter() {
 
 // A signal that nobody sleeps for is a call into the system library for nothing.
 void POSIXCondition::SafeSignal() {
-    if (sleepers != 0) pthread_cond_signal(&condition);
+    if (sleepers == 0) return;
+    if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
+    pthread_cond_signal(&condition);
+}
+
+// A signal must not go to a thread that slept in the parent.
+void POSIXCondition::SafeForgetAbsentSleepers() {
+    pthread_cond_init(&condition, &conditionAttributes);
+    sleepers = 0;
+    generation = ForkGeneration();
 }
 
 bool POSIXCondition::SafeMustWait() {
@@ -204,6 +217,7 @@ bool POSIXCondition::SafeMustWait() {
 }
 
 int POSIXCondition::SafeSleep(unsigned long milliseconds) {
+    if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
     SleeperCount const counted(sleepers);
     do {
         if (milliseconds >= ZoNoLimit) {

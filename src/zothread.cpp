@@ -1,11 +1,12 @@
 #include "zothread.h"
 
 #include "_zothrd.h"
+#include "at_fork.h"
 #include "cancellation.h"
+#include "patience.h"
 #include "thrdimp.h"
 #include "trace.h"
 #include "zobase.h"
-#include "zosleep.h"
 #include "zosyncob.h"
 
 ZoExtendedBase::~ZoExtendedBase() = default;
@@ -16,9 +17,21 @@ void TraceMethod(char const* text, ZoThread* thread) {
     Trace(0x800000, text, thread);
 }
 
-// Set in systemThreadUses while the system thread is replaced. New uses wait for that, so a
-// replacement is not kept from its turn by uses that follow each other.
-constexpr unsigned short Replacing = 0x8000;
+// systemThreadUses counts the uses in its low half, but for this bit, which is set while the system
+// thread is replaced. New uses wait for that, so a replacement is not kept from its turn by uses
+// that follow each other.
+constexpr ZoUInt32 Replacing = 0x8000;
+// The high half is that of the process that counts (at_fork.h): what threads of the parent were at
+// does not count in a child.
+constexpr ZoUInt32 OneProcess = 0x10000;
+
+ZoUInt32 NoUses() {
+    return ForkGeneration() * OneProcess;
+}
+
+ZoUInt32 WithoutAbsent(ZoUInt32 uses) {
+    return uses / OneProcess == NoUses() / OneProcess ? uses : NoUses();
+}
 
 }  // namespace
 
@@ -26,16 +39,7 @@ constexpr unsigned short Replacing = 0x8000;
 class SystemThreadUse {
 public:
     explicit SystemThreadUse(ZoThread& thread) : thread(thread) {
-        unsigned short uses = thread.systemThreadUses;
-        for (;;) {
-            if ((uses & Replacing) != 0) {
-                ZoYieldProcessor();
-                uses = thread.systemThreadUses;
-            } else if (thread.systemThreadUses.compare_exchange_weak(
-                           uses, static_cast<unsigned short>(uses + 1))) {
-                break;
-            }
-        }
+        for (Patience patience; !TryBegin();) patience.Wait();
         used = thread.systemThread;
     }
     SystemThreadUse(SystemThreadUse const&) = delete;
@@ -46,6 +50,17 @@ public:
     _Thread* operator->() const { return used; }
 
 private:
+    // False while the system thread is replaced.
+    bool TryBegin() {
+        ZoUInt32 seen = thread.systemThreadUses;
+        ZoUInt32 uses = 0;
+        do {
+            uses = WithoutAbsent(seen);
+            if ((uses & Replacing) != 0) return false;
+        } while (!thread.systemThreadUses.compare_exchange_weak(seen, uses + 1));
+        return true;
+    }
+
     ZoThread& thread;
     _Thread* used;
 };
@@ -59,11 +74,11 @@ ZoThread::ZoThread(char const* name, char const* text, int autoDelete)
       text(text),
       pendingPriority(ZoPriorityUnchanged),
       flags(0),
-      systemThreadUses(0),
       blockingObject(nullptr),
       stackSizeCode(2),
       autoDelete(autoDelete),
-      resourceWatcher(nullptr) {}
+      resourceWatcher(nullptr),
+      systemThreadUses(NoUses()) {}
 
 ZoThread::ZoThread(char const* name, void* argument, char const* text, int autoDelete)
     : ZoThread(name, text, autoDelete) {
@@ -158,10 +173,13 @@ void ZoThread::_Finish() {
 }
 
 void ZoThread::ReplaceSystemThread(_Thread* replacement) {
-    systemThreadUses |= Replacing;
-    while (systemThreadUses != Replacing) ZoYieldProcessor();
+    ZoUInt32 seen = systemThreadUses;
+    while (!systemThreadUses.compare_exchange_weak(seen, WithoutAbsent(seen) | Replacing)) {
+    }
+    ZoUInt32 const mine = NoUses() | Replacing;
+    for (Patience patience; systemThreadUses != mine;) patience.Wait();
     _Thread* const old = systemThread.exchange(replacement);
-    systemThreadUses = 0;
+    systemThreadUses = NoUses();
     delete old;
 }
 

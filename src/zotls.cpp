@@ -113,6 +113,22 @@ void EndingThreads::WaitForNone() {
     pthread_mutex_unlock(&endingLock);
 }
 
+void EndingThreads::Lock() {
+    pthread_mutex_lock(&keyCreation);
+    pthread_mutex_lock(&endingLock);
+}
+
+void EndingThreads::Unlock() {
+    pthread_mutex_unlock(&endingLock);
+    pthread_mutex_unlock(&keyCreation);
+}
+
+// Who waits for none in the parent is absent too; the condition is made anew without it.
+void EndingThreads::ForgetAbsentThreads() {
+    endingThreads = isEnding ? 1 : 0;
+    pthread_cond_init(&nobodyEnding, nullptr);
+}
+
 ZoTLS::ZoTLS()
     : cond(nullptr),
       itemArray(nullptr),

@@ -3,8 +3,10 @@
 #include <mutex>
 #include <new>
 
+#include "at_fork.h"
 #include "cancellation.h"
 #include "condition_value.h"
+#include "patience.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zolist.h"
@@ -64,20 +66,11 @@ private:
     ZoWorkUnit* units[Places];
 };
 
-// For a few instructions at a time; a holder passes no cancellation point. Who does not get it soon
-// sleeps a little: a thread of a higher real-time priority than the holder's would yield to no end.
+// For a few instructions at a time; a holder passes no cancellation point.
 class BriefLock {
 public:
     void lock() {
-        constexpr int Yields = 100;
-        for (int tries = 0; held.exchange(true, std::memory_order_acquire); ++tries) {
-            if (tries < Yields) {
-                ZoYieldProcessor();
-            } else {
-                CancellationDeferred deferred;
-                ZoThreadSwitchWithDelay(1);
-            }
-        }
+        for (Patience patience; held.exchange(true, std::memory_order_acquire);) patience.Wait();
     }
     void unlock() { held.store(false, std::memory_order_release); }
 
@@ -173,7 +166,11 @@ private:
     void BeginTermination();
 
     ZoWorkQueueImplLogic logic;
-    ZoLinkedList items;  // of ZoQueueItem, first in, first out; guarded by condition
+    // Of ZoQueueItem, first in, first out; guarded by condition. Destroyed by the destructor,
+    // except where a thread may have been changing it.
+    union {
+        ZoLinkedList items;
+    };
     Condition* condition;
     // Goes from 0 to 1 without the lock, by itself, so a relaxed order is enough: whoever sets it
     // takes the lock afterwards, to signal, and nobody waits without having tested it under the
@@ -197,6 +194,7 @@ private:
     // `taking`, and one that leaves news behind reads the number under `taking` afterwards: so
     // either it is seen, or it sees the news.
     std::atomic<int> idle{0};
+    ProcessOfOrigin const process;
 };
 
 int ZoWorkQueueImplLogic::SafeTest(int*) {
@@ -218,6 +216,7 @@ ZoWorkQueue* ZoWorkQueue::Create(int threadCount, void* context) {
 
 ZoWorkQueueImpl::ZoWorkQueueImpl(int threadCount, void* context)
     : logic(this),
+      items(),
       condition(Condition::MakeCondition("WorkQueue")),
       terminated(0),
       context(context) {
@@ -232,20 +231,24 @@ ZoWorkQueueImpl::ZoWorkQueueImpl(int threadCount, void* context)
 // sees the zero, also when it need not wait, with that mutex locked, that is, after the worker has
 // released it. A mutex may be destroyed as soon as the destroyer has had it after everybody else
 // who uses it: what an unlock does after the release is no access to the mutex.
+//
+// In a child that was forked since there are no workers, but they may have left every lock taken
+// and the list half changed: neither is touched.
 ZoWorkQueueImpl::~ZoWorkQueueImpl() {
     CancellationDeferred deferred;
-    if (!IsMade()) {
-        delete condition;
-        return;
+    if (process.IsThis()) {
+        if (IsMade()) {
+            BeginTermination();
+            workers.WaitForZero(ZoNoLimit);
+        }
+        items.~ZoLinkedList();
     }
-    BeginTermination();
-    workers.WaitForZero(ZoNoLimit);
     delete condition;
 }
 
 void ZoWorkQueueImpl::Destroy() {
     CancellationDeferred deferred;
-    Terminate();
+    if (process.IsThis()) Terminate();
     delete this;
 }
 

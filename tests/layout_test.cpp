@@ -51,6 +51,7 @@ struct PosixConditionPart {
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
     int sleepers;
+    unsigned int generation;
 };
 struct PosixThreadPart {
     pthread_attr_t attributes;
@@ -75,7 +76,7 @@ static_assert(sizeof(ZoEncryptionBuffer) == P + sizeof(ZoRawBuffer) + 8);
 static_assert(sizeof(GenericInterlocked) == 2 * P && sizeof(CmdObj) == P);
 static_assert(sizeof(ZoResult) == P + 8 && sizeof(ZoWorkUnit) == 2 * P);
 static_assert(sizeof(ZoQueueWorker) == sizeof(ZoThread) + P);
-static_assert(sizeof(ZoThread) == 7 * P + 8 + 8 + 8 && sizeof(_Thread) == 2 * P);
+static_assert(sizeof(ZoThread) == 8 * P + 8 + 8 + 8 && sizeof(_Thread) == 2 * P);
 static_assert(sizeof(PosixThread) == 2 * P + sizeof(PosixThreadPart));
 static_assert(sizeof(ZoLockableResourceWatcher) == 2 * P);
 

@@ -231,9 +231,9 @@ constexpr bool emulated = true;
 constexpr bool emulated = false;
 #endif
 
-// Whether a child process ends with status 0 when it calls `body`, which ends it.
+// How a child process ends that calls `body`, which ends it: as waitpid says.
 template <class Body>
-bool ChildSucceeds(Body body) {
+int EndOfChild(Body body) {
     pid_t const child = fork();
     if (child == 0) {
         alarm(60);
@@ -242,7 +242,11 @@ bool ChildSucceeds(Body body) {
     }
     int status = -1;
     waitpid(child, &status, 0);
-    return status == 0;
+    return status;
+}
+template <class Body>
+bool ChildSucceeds(Body body) {
+    return EndOfChild(body) == 0;
 }
 
 }  // namespace zotest

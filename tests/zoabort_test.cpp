@@ -25,11 +25,13 @@ using namespace zotest;
 // The linker puts this in front of the system's function, so that a test can make it fail.
 namespace {
 bool failThreads = false;
+void (*onThread)() = [] {};  // before a thread is made
 }  // namespace
 extern "C" {
 int __real_pthread_create(pthread_t*, pthread_attr_t const*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, pthread_attr_t const* attributes, void* (*body)(void*),
                           void* argument) {
+    onThread();
     return failThreads ? EAGAIN : __real_pthread_create(thread, attributes, body, argument);
 }
 }
@@ -156,6 +158,28 @@ void ForkedWhileAHandlerRuns() {
     EndAsChild([] { _exit(AbortHandlerInitialization(0) == 2 ? 0 : 1); });
 }
 
+// The thread that makes the first facility holds its lock when the process forks.
+void ForkedDuringTheFirstSetUp() {
+    static std::atomic<bool> forking{false}, settingUp{false};
+    std::thread first([] {
+        Await([] { return forking.load(); });
+        onThread = [] {
+            settingUp = true;
+            usleep(50000);
+        };
+        Add(nullptr);
+    });
+    pthread_atfork(
+        [] {
+            forking = true;
+            Await([] { return settingUp.load(); });
+        },
+        nullptr, nullptr);
+    bool const succeeds = ChildSucceeds([] { _exit(AbortHandlerInitialization(0) > 0 ? 0 : 1); });
+    first.join();
+    _exit(succeeds ? 0 : 1);
+}
+
 // A child that a handler forks can be interrupted and ended like another.
 void ForkedByAHandler() {
     Add([](void*) -> int {
@@ -166,6 +190,21 @@ void ForkedByAHandler() {
         });
     });
     Send(SIGINT);
+}
+
+// Signals, and time for an answer to them.
+void Interrupt() {
+    Write(".");
+    raise(SIGINT), raise(SIGQUIT);
+    usleep(3000);
+}
+struct InterruptsAtTheEnd {
+    ~InterruptsAtTheEnd() { Interrupt(); }
+};
+
+template <class Body>
+void OnOtherThread(Body body) {
+    std::thread(body).join();
 }
 
 TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
@@ -183,6 +222,21 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
              Send(SIGINT);
          }},
         {"", [] { Add(nullptr), Send(SIGQUIT); }},
+        // Threads that might have been in exit() have not.
+        {"agreed", [] { OnOtherThread([] { Add(Agree, "agreed"); }), Send(SIGINT); }},
+        {".asked asked ",
+         [] {
+             alarm(60);
+             OnOtherThread([] {
+                 thread_local InterruptsAtTheEnd const last;
+                 Add([](void*) {
+                     static int asked = 0;
+                     Write("asked ");
+                     return ++asked == 1 ? 1 : 0;
+                 });
+             });
+             for (;;) pause();
+         }},
         {"", [] { Add(Agree, "torn down"), Remove(Agree), Send(SIGINT); }},
         {"caught", [] { std::signal(SIGINT, SIG_IGN), Add(Agree, "caught"), Send(SIGINT); }},
         {"exits removed",
@@ -201,6 +255,7 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
          }},
         {"", OnThreadOfForkedChild},
         {"", ForkedWhileAHandlerRuns},
+        {"", ForkedDuringTheFirstSetUp},
         {"", ForkedByAHandler},
     };
     for (auto const& one : cases) {
@@ -209,6 +264,39 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
         // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): it does not see who deletes the death test
         EXPECT_EXIT(one.body(), testing::ExitedWithCode(0), testing::Eq(written));
     }
+}
+
+// --- signals while the process ends --------------------------------------------------------------
+
+void InterruptBefore() {
+    std::atexit(Interrupt);
+    Add(Agree, "asked");
+}
+void InterruptAfter() {
+    Add(Agree, "asked");
+    std::atexit(Interrupt);
+}
+TEST(AbortHandlersDeathTest, ASignalDoesNotDisturbExit) {
+    if (emulated || threadSanitizer) GTEST_SKIP() << "its child takes no signals, or no threads";
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    static void (*const bodies[])() = {
+        [] { InterruptAfter(), std::exit(3); },
+        [] { InterruptBefore(), std::exit(3); },
+        [] { OnOtherThread([] { InterruptBefore(), InterruptAfter(), std::exit(3); }); },
+        [] { InterruptBefore(), OnOtherThread([] { std::exit(3); }); },
+    };
+    constexpr int Rounds = 30;
+    auto const allEndWithThree = [] {
+        for (int i = 0; i < Rounds; ++i) {
+            for (auto const body : bodies) {
+                int const end = EndOfChild(body);
+                if (!WIFEXITED(end) || WEXITSTATUS(end) != 3) _exit(1);
+            }
+        }
+        _exit(0);
+    };
+    EXPECT_EXIT(allEndWithThree(), testing::ExitedWithCode(0),
+                testing::Eq(std::string(Rounds * 5, '.')));
 }
 
 // --- vetoes --------------------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "cancelled.h"
 #include "services.h"
@@ -132,6 +133,38 @@ TEST(Condition, TheBaseClassPollsUntilItsLogicPasses) {
     });
     EXPECT_EQ(condition.WaitForCondition(0, 0), ZoSuccess);
     opener.join();
+}
+
+// In a child the waiters of the parent are absent: nobody waits for them, and no signal goes to
+// them.
+TEST(Condition, AChildDoesWithoutItsParentsWaiters) {
+    auto condition = Make();
+    Gate gate;
+    condition->logic = &gate;
+    auto const wait = [&] { condition->WaitForCondition(0, ZoNoLimit); };
+    auto const passes = [&](std::thread waiter) {
+        condition->Lock();  // given back by a waiter only when it sleeps
+        condition->Unlock();
+        gate.open = true;
+        condition->SetCondition();
+        waiter.join();
+    };
+    std::thread waiter(wait);
+    Await([&] { return gate.tests > 0; });
+    condition->Lock();
+    condition->Unlock();
+    EXPECT_TRUE(ChildSucceeds([&] {
+        for (int round = 0; !threadSanitizer && !emulated && round < 3; ++round) {
+            gate.open = false;
+            gate.tests = 0;
+            std::thread own(wait);
+            Await([&] { return gate.tests > 0; });
+            passes(std::move(own));
+        }
+        condition.reset();
+        _exit(0);
+    }));
+    passes(std::move(waiter));
 }
 
 class OpenWatcher final : public ZoResourceWatcher {

@@ -75,6 +75,34 @@ TEST(SynchroChain, SurvivesWalksWhileObjectsComeAndGo) {
     }
 }
 
+// Another thread walks the chain when the process forks: the child can use it all the same.
+TEST(SynchroChain, AChildFindsTheChainFree) {
+    struct Lingering : ZoSynchroObj {
+        Lingering() : ZoSynchroObj("lingering") {}
+        void ForceRelease() override {
+            inside = true;
+            Await([this] { return forking.load(); });
+            for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+        }
+        std::atomic<bool> inside{false}, forking{false};
+    };
+    for (bool detection : {false, true}) {
+        Context context(detection);
+        ZoCritSect* const section = ZoCritSect::Make("s");
+        Lingering lingering;
+        std::thread walker(ReleaseAllSynchronizationObjects);
+        Await([&] { return lingering.inside.load(); });
+        lingering.forking = true;
+        EXPECT_TRUE(ChildSucceeds([&] {
+            delete section;
+            delete Condition::MakeCondition("c");
+            _exit(0);
+        }));
+        walker.join();
+        delete section;
+    }
+}
+
 TEST(Context, SetUpAndTearDownAThousandTimes) {
     auto const globals = [] {
         return std::vector<void*>{fscs,

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -84,6 +86,7 @@ public:
     using ZoThread::blockingObject;
     using ZoThread::pendingPriority;
     using ZoThread::systemThread;
+    using ZoThread::systemThreadUses;
 };
 
 // Also waits for threads that were aborted and stay counted: a thread's record, which owns its
@@ -483,6 +486,106 @@ TEST_F(Threads, LeaveNothingBehind) {
     go.notify_all();
     awaitNothingLeft();
     EXPECT_EQ(Deleting::deleted, 1000);
+}
+
+// Of the parent's threads, which are absent, one would run the object and one would use it.
+TEST_F(Threads, AChildDestroysItsParentsObjects) {
+    Script script = Staying();
+    auto thread = std::make_unique<Scripted>(&watcher);
+    thread->Start(&script);
+    Await([&] { return inside == 1; });
+    ++thread->systemThreadUses;
+    EXPECT_TRUE(ChildSucceeds([&] {
+        EXPECT_EQ(thread->Abort(), 0);
+        EXPECT_EQ(thread->GetStatus(), 6) << "there is no thread";
+        thread.reset();
+        _exit(HasFailure() ? 1 : 0);
+    }));
+    --thread->systemThreadUses;
+    thread->Abort();
+    watcher.AwaitReleased();
+}
+
+// The tear-down does not wait for a thread that ends in the parent.
+TEST_F(Threads, AChildTearsDownWhileAParentsThreadEnds) {
+    struct Slow : ZoResourceWatcher {
+        int DecrementCounter() override {
+            ending = true;
+            Await([this] { return go.load(); });
+            return ZoResourceWatcher::DecrementCounter();
+        }
+        std::atomic<bool> ending{false}, go{false};
+    };
+    Context context(false);
+    Slow slow;
+    Script script;
+    Scripted thread(&slow);
+    thread.Start(&script);
+    Await([&] { return slow.ending.load(); });
+    EXPECT_TRUE(ChildSucceeds([] {
+        ___ZoExtendedContext(0);
+        _exit(0);
+    }));
+    slow.go = true;
+    slow.WaitForZero(0);
+}
+
+// What `body` costs a thread of a high real-time priority that has one processor together with all
+// the others; negative when the system does not let it have that.
+double SecondsOfRealTime(std::function<void()> body) {
+    double seconds = -1;
+    std::thread([&] {
+        sched_param const high{99};
+        int const policy = SCHED_FIFO | SCHED_RESET_ON_FORK;
+        if (sched_setscheduler(0, policy, &high) != 0) return;
+        body();
+        timespec used{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+        seconds = static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) * 1e-9;
+    }).join();
+    return seconds;
+}
+
+// A thread that yields to one of a lower priority keeps it from the processor; the system ends that
+// after a second.
+TEST_F(Threads, LetThreadsOfLowerPriorityRun) {
+    cpu_set_t all, one;
+    sched_getaffinity(0, sizeof all, &all);
+    CPU_ZERO(&one);
+    for (unsigned cpu = 0; CPU_COUNT(&one) == 0; ++cpu) {
+        if (CPU_ISSET(cpu, &all)) CPU_SET(cpu, &one);
+    }
+    sched_setaffinity(0, sizeof one, &one);
+    struct Opened final : ConditionLogic {
+        int SafeTest(int*) override { return open ? 0 : 1; }
+        std::atomic<bool> open{false};
+    } opened;
+    Condition polled("polled");
+    polled.logic = &opened;
+    Script script;
+    Scripted thread(&watcher);
+    watcher.onStart = [] {
+        for (int i = 0; i < 1000; ++i) usleep(0);
+    };
+    ++thread.systemThreadUses;
+    std::atomic<bool> waiting{false};
+    std::thread low([&] {
+        while (!waiting) usleep(100);
+        --thread.systemThreadUses;
+        opened.open = true;
+    });
+    double const seconds = SecondsOfRealTime([&] {
+        waiting = true;
+        thread._Finish();
+        polled.WaitForCondition(0, ZoNoLimit);
+        thread.Start(&script);
+    });
+    waiting = true;
+    low.join();
+    watcher.WaitForZero(0);
+    sched_setaffinity(0, sizeof all, &all);
+    if (seconds < 0) GTEST_SKIP() << "needs the right to real-time priorities";
+    EXPECT_LT(seconds, 0.5);
 }
 
 }  // namespace

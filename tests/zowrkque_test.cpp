@@ -327,6 +327,32 @@ TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
     EXPECT_TRUE(destroyed);
 }
 
+// A unit is being handled, another thread holds the lock, and units are waiting.
+TEST_F(WorkQueue, AChildDestroysItsParentsQueue) {
+    auto queue = Make(1);
+    Busy busy(queue);
+    std::latch inAborted{1}, destroyed{1};
+    std::atomic<int> aborted{0};
+    auto const abort = [&] {
+        if (++aborted == 1) {
+            inAborted.count_down();
+            destroyed.wait();
+        }
+    };
+    Unit units[]{Unit([] {}, abort), Unit([] {}, abort)};
+    for (Unit& unit : units) queue->Append(&unit);
+    std::thread terminator([&] { queue->Terminate(); });
+    inAborted.wait();
+    EXPECT_TRUE(ChildSucceeds([&] {
+        queue.reset();
+        _exit(aborted == 1 ? 0 : 1);
+    }));
+    destroyed.count_down();
+    terminator.join();
+    EXPECT_EQ(aborted, 2);
+    busy.End();
+}
+
 TEST_F(WorkQueue, OutOfMemory) {
     NEEDS_ALLOC_FAULTS();
     int complete = 0;

@@ -1,0 +1,48 @@
+#include "at_fork.h"
+
+#include <pthread.h>
+
+#include "abort_handlers.h"
+#include "console_sink.h"
+#include "process_end.h"
+#include "thread_life.h"
+#include "wait_graph.h"
+
+std::atomic<ZoUInt32> forkGeneration{0};
+
+namespace {
+
+// In the one order of locks. Only here does a thread hold several of the last line; nobody takes
+// anything under one of those, so their order among themselves is free.
+void BeforeFork() {
+    AbortionAtFork::BlockSignals();
+    do {
+        AbortionAtFork::Enter();
+    } while (!AbortionAtFork::Lock());
+    ProcessEnd::lock.lock();
+    LockConsole();
+    EndingThreads::Lock();
+}
+
+void AfterFork() {
+    EndingThreads::Unlock();
+    UnlockConsole();
+    ProcessEnd::lock.unlock();
+    AbortionAtFork::Unlock();
+    AbortionAtFork::Leave();
+}
+
+void AfterForkInChild() {
+    forkGeneration.fetch_add(1, std::memory_order_relaxed);
+    WaitForGraph::FreeLocksInChild();
+    ThreadLife::ForgetAbsentThreads();
+    EndingThreads::ForgetAbsentThreads();
+    ProcessEnd::ForgetAbsentThreads();
+    AbortionAtFork::ForgetAbsentThreads();
+    AfterFork();
+}
+
+// When the library is loaded: later, a child could be forked while another thread registers them.
+[[maybe_unused]] int const registered = pthread_atfork(BeforeFork, AfterFork, AfterForkInChild);
+
+}  // namespace

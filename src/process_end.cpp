@@ -1,0 +1,106 @@
+#include "process_end.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include "abort_handlers.h"
+#include "abort_signals.h"
+#include "cancellation.h"
+
+std::mutex ProcessEnd::lock;
+
+namespace {
+
+// Guarded by the lock.
+int leavingThreads = 0;
+int putOff = 0;           // signals
+bool exitCalled = false;  // by the library
+
+constinit thread_local bool isWatched = false;
+constinit thread_local bool isLeaving = false;
+constinit thread_local bool hasCalledExit = false;  // for the library
+
+[[noreturn]] void SleepForEver() {
+    CancellationDeferred deferred;
+    for (;;) pause();
+}
+
+bool IsMainThread() {
+    return gettid() == getpid();
+}
+
+void BeginLeaving() {
+    SignalsBlocked blocked;
+    bool late = false;
+    {
+        std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
+        late = exitCalled && !hasCalledExit && IsMainThread();
+        if (!isLeaving) ++leavingThreads;
+        isLeaving = true;
+    }
+    if (late) SleepForEver();
+}
+
+// The key's destructor.
+void EndLeaving(void*) {
+    int again = 0;
+    {
+        SignalsBlocked blocked;
+        std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
+        if (isLeaving && --leavingThreads == 0) again = std::exchange(putOff, 0);
+        isLeaving = false;
+    }
+    for (; again > 0; --again) LowLevelHandler(SIGINT);
+}
+
+struct Watch {
+    ~Watch() { BeginLeaving(); }
+};
+
+pthread_key_t key;
+// When the library is loaded; the loading thread is mostly the main thread.
+bool const hasKey = pthread_key_create(&key, EndLeaving) == 0;
+[[maybe_unused]] bool const loaderIsWatched = (ProcessEnd::WatchCallingThread(), isWatched);
+
+}  // namespace
+
+void ProcessEnd::WatchCallingThread() {
+    if (isWatched || !hasKey || pthread_setspecific(key, &key) != 0) return;
+    isWatched = true;
+    thread_local Watch watch;
+}
+
+void ProcessEnd::WatchExit() {
+    static int const registered = std::atexit(BeginLeaving);
+    static_cast<void>(registered);
+}
+
+bool ProcessEnd::PutsSignalOff() {
+    std::lock_guard<std::mutex> const hold(lock);
+    bool const ending = leavingThreads != 0 || exitCalled;
+    if (ending) ++putOff;
+    return ending;
+}
+
+void ProcessEnd::Exit() {
+    {
+        std::lock_guard<std::mutex> const hold(lock);
+        if (leavingThreads != 0 || exitCalled) {
+            ++putOff;
+            return;
+        }
+        exitCalled = true;
+        hasCalledExit = true;
+    }
+    std::exit(0);
+}
+
+void ProcessEnd::ForgetAbsentThreads() {
+    leavingThreads = isLeaving ? 1 : 0;
+    putOff = 0;
+    exitCalled = hasCalledExit;
+}

@@ -1,0 +1,47 @@
+// Whether the process is ending, so that the library calls exit() only when nobody else does.
+//
+// Two threads in exit() at once may crash, and a signal that comes while the process ends changes
+// nothing. exit() begins with the destructors of the calling thread's thread_local objects, and so
+// does the end of a thread; but only the latter goes on to the destructors of the thread's keys. So
+// a watched thread is `leaving` from the one to the other: as long as one is, it may be in exit(),
+// and signals are put off. If it is not, the end of that state hands them out again; if it is, that
+// never comes.
+//
+//     calling thread               leaving from
+//     watched                      the destructor of an object that WatchCallingThread makes:
+//     before
+//                                  every function of atexit()
+//     any other, in exit()         the function that WatchExit registers
+//
+// The thread that loads the library is watched. A watched thread keeps the library loaded.
+
+#ifndef KELVARA_SRC_PROCESS_END_H_
+#define KELVARA_SRC_PROCESS_END_H_
+
+#include <mutex>
+
+class ProcessEnd {
+public:
+    // Cheap after the first time. Without memory, or a key, the thread is not watched.
+    static void WatchCallingThread();
+    // Once in a process.
+    static void WatchExit();
+
+    // The following two: with SIGQUIT and SIGINT blocked.
+    // Whether the process is ending, or may be. A signal has to wait then: LowLevelHandler gets it
+    // when it turns out that the process goes on.
+    static bool PutsSignalOff();
+    // exit(0); returns when the signal has to wait. The main thread, should it call exit() itself
+    // later, sleeps until this exit is done. Other threads do not, for functions of atexit() may
+    // wait for their end.
+    static void Exit();
+
+    // In a child, with the lock held.
+    static void ForgetAbsentThreads();
+
+    // Guards what is known of the end. Taken with SIGQUIT and SIGINT blocked, held for a few
+    // instructions, and over a fork.
+    static std::mutex lock;
+};
+
+#endif  // KELVARA_SRC_PROCESS_END_H_
