@@ -149,7 +149,6 @@ public:
 private:
     struct Taken {
         ZoWorkUnit* unit;  // null: there was none to take
-        bool more;         // whether news are left behind for a worker that sleeps
         bool later;        // whether looking again may help
     };
 
@@ -158,7 +157,7 @@ private:
     bool SafeIsReady();
     void SafeTurnOver();
     Taken TakeReady();
-    Taken AwaitAndTake();
+    ZoWorkUnit* AwaitAndTake();
     ZoWorkUnit* SafeTakeFirst();
     int SafeLength();
     void SafeCountPassedOn();
@@ -183,17 +182,15 @@ private:
     // lock of the queue, at the end of the last item. Taking is done under `taking`, from the first
     // item, as far as its places are used. To take the first item away, or to find out which item
     // is the first, both locks are held, the queue's outside. The two sides write to different
-    // lines of the processors' caches.
+    // lines of the processors' caches; what was allocated next, the condition as a rule, is kept
+    // apart too.
     [[maybe_unused]] char apart[64];
     BriefLock taking;
     ZoQueueItem* first = nullptr;  // in items; null until a worker has looked; guarded by taking
     int taken = 0;                 // of the first item's places, never all; guarded by taking
     int ready = 0;                 // how many of those had a unit the last time; guarded by taking
     int passedOn = 0;  // news left behind, not yet counted in condition; guarded by taking
-    // How many workers sleep or are about to. A worker counts itself before it looks for news under
-    // `taking`, and one that leaves news behind reads the number under `taking` afterwards: so
-    // either it is seen, or it sees the news.
-    std::atomic<int> idle{0};
+    [[maybe_unused]] char apartFromTheNext[64];
     ProcessOfOrigin const process;
 };
 
@@ -285,34 +282,38 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     return true;
 }
 
-// Each append signals one waiter, and a worker that leaves news behind signals the next if one
-// sleeps. So no worker sleeps while units are waiting, and all wake up after termination.
+// No unit waits for a worker that sleeps. While nobody changes the queue under its lock, this
+// holds: of the workers asleep, as many as units are waiting, or all of them, have been signalled.
+//   - An append adds a unit and signals one that is asleep, in one hold of the lock.
+//   - A worker falls asleep only if no unit is waiting, which it finds out in the same hold.
+//   - A worker that is woken takes a unit in the hold in which it wakes up, or there is none left.
+//   - TakeReady, without the lock, only makes the waiting units fewer.
+// So a worker that takes a unit in TakeReady need not signal when it leaves others behind: a signal
+// for each unit of a backlog, while the woken worker still waits for a processor, would make every
+// append wait for the lock. AwaitAndTake signals, which also passes the end of the queue on to all.
 ZoWorkUnit* ZoWorkQueueImpl::Next() {
-    Taken got{nullptr, false, false};
-    while (got.unit == nullptr && !IsTerminated()) {
-        got = TakeReady();
+    while (!IsTerminated()) {
+        Taken got = TakeReady();
         for (int look = 1; look < Looks && got.later; ++look) {
             ZoYieldProcessor();
             got = TakeReady();
         }
-        if (got.unit == nullptr) got = AwaitAndTake();
+        if (got.unit == nullptr) got.unit = AwaitAndTake();
+        if (got.unit != nullptr) return got.unit;
     }
-    if (got.more) condition->SetCondition();
-    return got.unit;
+    return nullptr;
 }
 
 // Leaves the last place of an item to AwaitAndTake, which may take the item away. So whoever takes
 // from an item here knows that it is full only if there are units left in it.
 ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
     std::lock_guard<BriefLock> const hold(taking);
-    if (IsTerminated() || first == nullptr) return {nullptr, false, false};
-    if (!SafeIsReady()) return {nullptr, false, true};
-    if (taken == ZoQueueItem::Places - 1) return {nullptr, false, false};
+    if (IsTerminated() || first == nullptr) return {nullptr, false};
+    if (!SafeIsReady()) return {nullptr, true};
+    if (taken == ZoQueueItem::Places - 1) return {nullptr, false};
     ZoWorkUnit* const unit = first->At(taken++);
-    if (!SafeIsReady()) return {unit, false, false};
-    if (idle.load(std::memory_order_relaxed) != 0) return {unit, true, false};
-    ++passedOn;
-    return {unit, false, false};
+    if (SafeIsReady()) ++passedOn;
+    return {unit, false};
 }
 
 // Whether the first item has a unit to take; with `taking` held. Looks at the appenders' side only
@@ -322,15 +323,14 @@ bool ZoWorkQueueImpl::SafeIsReady() {
     return taken != ready;
 }
 
-ZoWorkQueueImpl::Taken ZoWorkQueueImpl::AwaitAndTake() {
-    idle.fetch_add(1, std::memory_order_relaxed);
+ZoWorkUnit* ZoWorkQueueImpl::AwaitAndTake() {
     condition->WaitForCondition(1, ZoNoLimit);
-    idle.fetch_sub(1, std::memory_order_relaxed);
     ZoWorkUnit* const unit = IsTerminated() ? nullptr : SafeTakeFirst();
     SafeCountPassedOn();
     bool const more = SafeHasNews();
     condition->Unlock();
-    return {unit, more, false};
+    if (more) condition->SetCondition();
+    return unit;
 }
 
 ZoWorkUnit* ZoWorkQueueImpl::SafeTakeFirst() {

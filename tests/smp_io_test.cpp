@@ -96,6 +96,7 @@ TEST(Console, MayBeUsedByTheConfigurationItself) {
             return 0;
         }
     } talking;
+    _Configure_smp_io();  // off from here on; each thread that finds it unread asks by itself
     ZoConfig* const previous = ZoSetDefaultConfig(&talking);
     smp_io console;
     smp_io* const first = Console(&console);
