@@ -7,7 +7,7 @@
 #include <new>
 #include <typeinfo>
 
-#include "bucket_line.h"
+#include "grown_buckets.h"
 #include "zobase.h"
 #include "zomtobj.h"
 
@@ -194,7 +194,7 @@ struct WordKey {
         return ReadWord<char const*>(KeyBytes(entry));
     }
     bool IsOf(ZoHashEntry const* entry) const { return StoredWord(entry) == word; }
-    BucketLine::Tag Tag() const { return BucketLine::TagOf(word); }
+    EntryTag Tag() const { return TagOfNumber(word); }
 
     static constexpr ZoUInt32 fewestBucketsWithLines = 256;
 
@@ -206,7 +206,7 @@ struct TextKey {
     TextKey(ZoHashTable const&, char const* key) : text(key), hash(HashText(key)) {}
     static char const* Of(ZoHashEntry const* entry) { return KeyBytes(entry); }
     bool IsOf(ZoHashEntry const* entry) const { return std::strcmp(text, KeyBytes(entry)) == 0; }
-    BucketLine::Tag Tag() const { return BucketLine::TagOf(hash); }
+    EntryTag Tag() const { return TagOfNumber(hash); }
 
     static constexpr ZoUInt32 fewestBucketsWithLines = 16;
 
@@ -226,57 +226,28 @@ bool IsGrown(ZoHashTable const& table) {
     return table.buckets != table.initialBuckets;
 }
 
-bool HasLines(ZoHashTable const& table, ZoUInt32 nBuckets) {
+GrownBuckets& GrownOf(ZoHashTable const& table) {
+    return GrownBuckets::Of(table.buckets);
+}
+
+bool HasLines(ZoHashTable const& table) {
+    return IsGrown(table) && GrownOf(table).WhichLines() != GrownBuckets::None;
+}
+
+bool TakesLines(ZoHashTable const& table, ZoUInt32 nBuckets) {
     return (nBuckets >= WordKey::fewestBucketsWithLines && HasWords(table)) ||
            (nBuckets >= TextKey::fewestBucketsWithLines && HasTexts(table));
 }
 
-bool HasLines(ZoHashTable const& table) {
-    return HasLines(table, table.nBuckets);
-}
-
-// The lines lie in front of the heads, in the same block of memory, the last bucket's first.
-BucketLine& LineOf(ZoHashTable const& table, unsigned long hash) {
-    std::ptrdiff_t const index = static_cast<std::ptrdiff_t>(hash & table.mask);
-    return reinterpret_cast<BucketLine*>(table.buckets)[-1 - index];
+GrownBuckets::Lines LinesFor(ZoHashTable const& table, ZoUInt32 nBuckets) {
+    if (!TakesLines(table, nBuckets)) return GrownBuckets::None;
+    return table.num / 2 < nBuckets ? GrownBuckets::Narrow : GrownBuckets::Wide;
 }
 
 // A hash is all there is to know of a text's; a word's has lost bits.
-BucketLine::Tag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsigned long hash) {
-    return BucketLine::TagOf(table.keySize == ZoHashTable::WordKeys ? StoredWord(entry)
-                                                                    : static_cast<ZoUInt32>(hash));
-}
-
-// What stands behind the heads of a grown table.
-struct BucketsEnd {
-    void* block;          // which the lines, the heads and this lie in
-    ZoHashEntry* spares;  // a chain of entries that are in no bucket
-    std::size_t nSpares;
-};
-
-BucketsEnd& EndOf(ZoHashEntry** heads, ZoUInt32 count) {
-    return *reinterpret_cast<BucketsEnd*>(heads + count);
-}
-
-BucketsEnd& EndOf(ZoHashTable const& table) {
-    return EndOf(table.buckets, table.nBuckets);
-}
-
-// Heads of empty buckets, with the lines that the table has with so many; null when memory ran out.
-ZoHashEntry** NewBuckets(ZoHashTable const& table, ZoUInt32 count) {
-    std::size_t const linesSize = HasLines(table, count) ? sizeof(BucketLine) : 0;
-    std::size_t const each = linesSize + sizeof(void*);
-    constexpr std::size_t more = alignof(BucketLine) + sizeof(BucketsEnd);
-    if (count > (SIZE_MAX - more) / each) return nullptr;
-    std::size_t const size = count * each + more;
-    void* const block = ::operator new(size, std::nothrow);
-    if (block == nullptr) return nullptr;
-    std::memset(block, 0, size);
-    constexpr std::uintptr_t last = alignof(BucketLine) - 1;
-    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
-    ZoHashEntry** const heads = reinterpret_cast<ZoHashEntry**>(start + count * linesSize);
-    EndOf(heads, count).block = block;
-    return heads;
+EntryTag TagOf(ZoHashTable const& table, ZoHashEntry const* entry, unsigned long hash) {
+    return TagOfNumber(table.keySize == ZoHashTable::WordKeys ? StoredWord(entry)
+                                                              : static_cast<ZoUInt32>(hash));
 }
 
 // A grown table of words keeps some erased entries for its next ones: the system's allocator takes
@@ -288,21 +259,21 @@ bool KeepsSpares(ZoHashTable const& table) {
 
 bool KeepSpare(ZoHashTable& table, ZoHashEntry* entry) {
     if (!KeepsSpares(table)) return false;
-    BucketsEnd& end = EndOf(table);
-    if (end.nSpares == table.nBuckets) return false;
-    entry->next = end.spares;
-    end.spares = entry;
-    ++end.nSpares;
+    GrownBuckets& grown = GrownOf(table);
+    if (grown.nSpares == table.nBuckets) return false;
+    entry->next = grown.spares;
+    grown.spares = entry;
+    ++grown.nSpares;
     return true;
 }
 
 ZoHashEntry* TakeSpare(ZoHashTable& table, char const* key, void* value) {
     if (!KeepsSpares(table)) return nullptr;
-    BucketsEnd& end = EndOf(table);
-    ZoHashEntry* const entry = end.spares;
+    GrownBuckets& grown = GrownOf(table);
+    ZoHashEntry* const entry = grown.spares;
     if (entry == nullptr) return nullptr;
-    end.spares = entry->next;
-    --end.nSpares;
+    grown.spares = entry->next;
+    --grown.nSpares;
     entry->value = value;
     std::memcpy(KeyBytes(entry), &key, sizeof key);
     return entry;
@@ -310,12 +281,12 @@ ZoHashEntry* TakeSpare(ZoHashTable& table, char const* key, void* value) {
 
 void FreeGrownBuckets(ZoHashTable& table) {
     if (!IsGrown(table)) return;
-    BucketsEnd& end = EndOf(table);
-    while (ZoHashEntry* const spare = end.spares) {
-        end.spares = spare->next;
+    GrownBuckets& grown = GrownOf(table);
+    while (ZoHashEntry* const spare = grown.spares) {
+        grown.spares = spare->next;
         ::operator delete(spare);
     }
-    ::operator delete(end.block);
+    grown.Free();
 }
 
 // --- searching and changing chains -------------------------------------------------------------
@@ -332,11 +303,14 @@ template <class Key>
     ZoHashEntry** link = &BucketOf(table, key.hash);
     auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
     if (table.nBuckets >= Key::fewestBucketsWithLines) {
-        auto const found = LineOf(table, key.hash).Search(key.Tag(), *link, isSought);
+        auto const found = GrownOf(table).WithLine(
+            key.hash & table.mask, [&](auto const& line) __attribute__((always_inline)) {
+                return line.Search(key.Tag(), *link, isSought);
+            });
         return {found.entry, found.link, key.hash, found.place};
     }
     while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
-    return {*link, link, key.hash, BucketLine::capacity};
+    return {*link, link, key.hash, FoundInBucket::untagged};
 }
 
 // Not inlined where words are searched, whose way is so short that saved registers would count.
@@ -346,7 +320,7 @@ template <class Key>
     ZoHashEntry* prev = nullptr;
     ZoHashEntry* const entry = table.find(&table, key, hash, nullptr, prev);
     ZoHashEntry** const link = prev != nullptr ? &prev->next : &BucketOf(table, hash);
-    return {entry, link, hash, BucketLine::capacity};
+    return {entry, link, hash, FoundInBucket::untagged};
 }
 
 // As the search function in key mode.
@@ -370,14 +344,31 @@ void PushFront(ZoHashTable const& table, ZoHashEntry* entry, unsigned long hash)
     ZoHashEntry*& head = BucketOf(table, hash);
     entry->next = head;
     head = entry;
-    if (HasLines(table)) LineOf(table, hash).PushFront(TagOf(table, entry, hash), entry);
+    if (!HasLines(table)) return;
+    EntryTag const tag = TagOf(table, entry, hash);
+    GrownOf(table).WithLine(hash & table.mask, [&](auto& line) { line.PushFront(tag, entry); });
+}
+
+// A table half way to its next growth. Without memory its lines stay narrow until another
+// insertion.
+[[gnu::noinline]] void WidenLines(ZoHashTable& table) {
+    GrownBuckets& narrow = GrownOf(table);
+    GrownBuckets* const wide = narrow.Widened(table.nBuckets);
+    if (wide == nullptr) return;
+    table.buckets = wide->Heads();
+    narrow.Free();
 }
 
 // Links a new entry in. A growth that fails leaves the table as it was, and the insertion stands.
 void LinkIn(ZoHashTable& table, ZoHashEntry* entry, unsigned long hash) {
     PushFront(table, entry, hash);
     ++table.num;
-    if (table.num >= table.threshold) table.RebuildTable();
+    if (table.num >= table.threshold) {
+        table.RebuildTable();
+    } else if (table.num >= table.threshold / 2 && IsGrown(table) &&
+               GrownOf(table).WhichLines() == GrownBuckets::Narrow) {
+        WidenLines(table);
+    }
 }
 
 ZoHashEntry* Make(ZoHashTable& table, char const* key, void* value, unsigned long hash) {
@@ -406,7 +397,8 @@ unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
 void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash,
             int place) {
     link = entry->next;
-    if (HasLines(table)) LineOf(table, hash).Remove(place);
+    if (!HasLines(table)) return;
+    GrownOf(table).WithLine(hash & table.mask, [&](auto& line) { line.Remove(place); });
 }
 
 void Destroy(ZoHashTable& table, ZoHashEntry* unlinked) {
@@ -435,7 +427,7 @@ void ShrinkWhenEmpty(ZoHashTable& table) {
 void PrefetchFurtherEntries(ZoHashTable const& table, ZoUInt32 index) {
     constexpr ZoUInt32 distance = 8;
     if (HasLines(table) && index + distance < table.nBuckets) {
-        LineOf(table, index + distance).PrefetchEntries();
+        GrownOf(table).WithLine(index + distance, [](auto& line) { line.PrefetchEntries(); });
     }
 }
 
@@ -751,7 +743,7 @@ void ZoHashTable::EraseBuckets() {
     if (num == 0) return;
     for (ZoUInt32 i = 0; i <= mask; ++i) {
         buckets[i] = nullptr;
-        if (HasLines(*this)) LineOf(*this, i).Clear();
+        if (HasLines(*this)) GrownOf(*this).WithLine(i, [](auto& line) { line.Clear(); });
     }
     num = 0;
 }
@@ -776,12 +768,13 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
     ZoUInt32 const bits = static_cast<ZoUInt32>(2 * steps);
     ZoUInt32 const oldCount = nBuckets;
     ZoHashEntry** const oldBuckets = buckets;
-    ZoHashEntry** const newBuckets = NewBuckets(*this, oldCount << bits);
-    if (newBuckets == nullptr) return ZoOutOfMemory;
+    ZoUInt32 const newCount = oldCount << bits;
+    GrownBuckets* const grown = GrownBuckets::Make(newCount, LinesFor(*this, newCount));
+    if (grown == nullptr) return ZoOutOfMemory;
 
     // The search function computes with the new shape from here on.
-    buckets = newBuckets;
-    nBuckets <<= bits;
+    buckets = grown->Heads();
+    nBuckets = newCount;
     threshold <<= bits;
     shift -= bits;
     mask = nBuckets - 1;
@@ -795,10 +788,10 @@ int ZoHashTable::_RebuildTable(unsigned long steps) {
                     [this](ZoHashEntry* entry) { return HashOf(*this, entry); });
     }
     if (oldBuckets != initialBuckets) {
-        BucketsEnd const& oldEnd = EndOf(oldBuckets, oldCount);
-        EndOf(*this).spares = oldEnd.spares;
-        EndOf(*this).nSpares = oldEnd.nSpares;
-        ::operator delete(oldEnd.block);
+        GrownBuckets& old = GrownBuckets::Of(oldBuckets);
+        grown->spares = old.spares;
+        grown->nSpares = old.nSpares;
+        old.Free();
     }
     return ZoSuccess;
 }
@@ -864,7 +857,12 @@ int ZoHashTable::Delete(ZoHashPosition& pos) {
     // Without a predecessor the entry was its chain's head; insertions since then stand before it.
     while (*link != nullptr && *link != pos.entry) link = &(*link)->next;
     if (*link == nullptr) return ZoBadPosition;
-    int const place = HasLines(*this) ? LineOf(*this, hash).PlaceOf(pos.entry) : 0;
+    int place = 0;
+    if (HasLines(*this)) {
+        place = GrownOf(*this).WithLine(hash & mask, [&](auto const& line) {
+            return line.PlaceOf(pos.entry, BucketOf(*this, hash));
+        });
+    }
     Unlink(*this, *link, pos.entry, hash, place);
     Destroy(*this, pos.entry);
     pos.table = nullptr;

@@ -161,10 +161,18 @@ TEST(HashTable, PositionsFitOneTable) {
 }
 
 // Of a chain that is longer than most the front is found in another way than the rest: whatever
-// comes and goes, the order stays, and of two entries with one key the first counts.
-TEST(HashTable, LongChainsOfLargeTables) {
+// comes and goes, the order stays, and of two entries with one key the first counts. The front is a
+// longer one once a table has held half of what makes it grow.
+void TestLongChains(unsigned mostHeld) {
     ZoHashTable table(ZoHashTable::StringKeys, nullptr);
-    ASSERT_EQ(table.SetExpectedSize(1024), 0);
+    auto const enlarge = [&] {
+        ASSERT_EQ(table.SetExpectedSize(1024), 0);
+        for (unsigned i = 0; i < mostHeld; ++i) {
+            ASSERT_NE(table.InsertValue(std::to_string(i).c_str(), nullptr), nullptr);
+        }
+        table.EmptyTable(nullptr);
+    };
+    enlarge();
     std::vector<std::string> keys;  // all of one bucket
     for (unsigned i = 1; keys.size() < 16; ++i) {
         keys.push_back("text number " + std::to_string(i));
@@ -196,7 +204,7 @@ TEST(HashTable, LongChainsOfLargeTables) {
             bool const byKey = step % 2 == 0;
             ASSERT_EQ(byKey ? table.DeleteValue(key.c_str(), nullptr) : table.Delete(pos), 0);
             chain.erase(present);
-            ASSERT_EQ(table.SetExpectedSize(1024), 0);  // for when that was the last entry
+            if (table.nBuckets == 4) enlarge();  // that was the last entry
         }
         std::list<ZoHashEntry*> linked;
         for (auto* entry = table.buckets[5]; entry != nullptr; entry = entry->next) {
@@ -209,6 +217,11 @@ TEST(HashTable, LongChainsOfLargeTables) {
             ASSERT_EQ(table.LookUp(sought.c_str()), expected != chain.end() ? *expected : nullptr);
         }
     }
+}
+
+TEST(HashTable, LongChainsOfLargeTables) {
+    TestLongChains(0);
+    TestLongChains(512);
 }
 
 TEST(HashTable, AverageSearch) {
@@ -255,6 +268,19 @@ TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
                   table.Remove("new");
               }),
               2);
+    // Half way to the next growth an insertion asks for memory until it gets it, and goes without.
+    for (char name[] = "aa"; table.GetNum() < 31; ++*name) table.InsertValue(name, &table);
+    for (long const allocations : {2, 1}) {
+        EXPECT_EQ(FailEachAllocation([&](AllocFault const&) {
+                      bool const inserted = table.InsertValue("new", &table) != nullptr;
+                      EXPECT_EQ(table.GetNum(), inserted ? 32U : 31U);
+                      EXPECT_EQ(table.GetValueFast("new"), inserted ? &table : nullptr);
+                      EXPECT_EQ(table.GetValueFast("aa"), &table);
+                      EXPECT_EQ(table.nBuckets, 16U);
+                      table.Remove("new");
+                  }),
+                  allocations);
+    }
 }
 
 // Notes which hooks the table uses.

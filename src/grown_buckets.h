@@ -1,0 +1,105 @@
+// The memory of a grown hash table: the heads of its buckets' chains, and what stands in front of
+// them in the same block.
+//
+// For some kinds of keys that is a line a bucket, the larger part of the memory. A table that has
+// just grown has one entry a bucket: its lines are narrow. Half way to its next growth another
+// block, with wide lines, takes the first one's place.
+//
+//     entries a bucket    lines     bytes a bucket, with its head, on 64 bits
+//     1 to 2              narrow    40
+//     2 to 4              wide      72
+//
+// And here a table keeps the blocks of some erased entries.
+//
+//     GrownBuckets* const grown = GrownBuckets::Make(count, GrownBuckets::Narrow);
+//     table.buckets = grown->Heads();
+//     GrownBuckets::Of(table.buckets).WithLine(index, [&](auto& line) { line.PushFront(…); });
+
+#ifndef KELVARA_SRC_GROWN_BUCKETS_H_
+#define KELVARA_SRC_GROWN_BUCKETS_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <new>
+
+#include "bucket_line.h"
+#include "zohash.h"
+
+class GrownBuckets {
+public:
+    enum Lines : ZoUInt32 { None, Narrow, Wide };
+
+    // So many empty buckets; null when memory ran out.
+    static GrownBuckets* Make(ZoUInt32 count, Lines lines);
+    // Wide lines of the same chains, with all that is kept here; null when memory ran out. The
+    // block that has the narrow ones is still to be freed.
+    GrownBuckets* Widened(ZoUInt32 count);
+    // Frees the block; no entry.
+    void Free() { ::operator delete(block); }
+
+    static GrownBuckets& Of(ZoHashEntry** heads) {
+        return reinterpret_cast<GrownBuckets*>(heads)[-1];
+    }
+    ZoHashEntry** Heads() { return reinterpret_cast<ZoHashEntry**>(this + 1); }
+
+    // --- lines ---------------------------------------------------------------------------------
+
+    Lines WhichLines() const { return lines; }
+
+    // Calls `work` with the line of a bucket, of either kind. Only if there are lines.
+    template <class Work>
+    [[gnu::always_inline]] auto WithLine(std::size_t index, Work work) {
+        return lines == Wide ? work(LineAt<WideLine>(index)) : work(LineAt<NarrowLine>(index));
+    }
+
+    // --- blocks of erased entries --------------------------------------------------------------
+
+    ZoHashEntry* spares;  // a chain of entries that are in no bucket
+    ZoUInt32 nSpares;
+
+private:
+    // The last bucket's line comes first.
+    template <class Line>
+    Line& LineAt(std::size_t index) {
+        return reinterpret_cast<Line*>(this)[-1 - static_cast<std::ptrdiff_t>(index)];
+    }
+
+    static constexpr std::size_t alignment = alignof(WideLine);
+
+    Lines lines;
+    void* block;
+};
+
+inline GrownBuckets* GrownBuckets::Make(ZoUInt32 count, Lines lines) {
+    std::size_t const lineSize = lines == Wide     ? sizeof(WideLine)
+                                 : lines == Narrow ? sizeof(NarrowLine)
+                                                   : 0;
+    std::size_t const each = lineSize + sizeof(ZoHashEntry*);
+    constexpr std::size_t more = alignment + sizeof(GrownBuckets);
+    if (count > (SIZE_MAX - more) / each) return nullptr;
+    std::size_t const size = count * each + more;
+    void* const block = ::operator new(size, std::nothrow);
+    if (block == nullptr) return nullptr;
+    std::memset(block, 0, size);
+    constexpr std::uintptr_t last = alignment - 1;
+    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
+    GrownBuckets* const made = reinterpret_cast<GrownBuckets*>(start + count * lineSize);
+    made->block = block;
+    made->lines = lines;
+    return made;
+}
+
+inline GrownBuckets* GrownBuckets::Widened(ZoUInt32 count) {
+    GrownBuckets* const wide = Make(count, Wide);
+    if (wide == nullptr) return nullptr;
+    for (std::size_t i = count; i-- != 0;) {
+        wide->LineAt<WideLine>(i).Widen(LineAt<NarrowLine>(i), Heads()[i]);
+    }
+    std::memcpy(wide->Heads(), Heads(), count * sizeof(ZoHashEntry*));
+    wide->spares = spares;
+    wide->nSpares = nSpares;
+    return wide;
+}
+
+#endif  // KELVARA_SRC_GROWN_BUCKETS_H_
