@@ -588,4 +588,28 @@ TEST_F(Threads, LetThreadsOfLowerPriorityRun) {
     EXPECT_LT(seconds, 0.5);
 }
 
+// What a thread takes with it is told before the context is gone that the telling needs.
+TEST_F(Threads, WhoEndsAsAnOwnerIsAwaitedByTheTearDown) {
+    static std::vector<ZoCritSect*> left;  // locked for ever
+    Lines expected;
+    for (bool const detection : {false, true}) {
+        auto context = std::make_unique<Context>(detection);
+        left.push_back(ZoCritSect::Make("left"));
+        void* record = nullptr;
+        Script script;
+        script.work = [&] {
+            left.back()->Begin();
+            record = ZoTLS::GetThreadLocalStorage();
+            return 0;
+        };
+        Scripted thread(&watcher);
+        ASSERT_EQ(thread.Start(&script), 0);
+        watcher.WaitForZero(0);
+        context.reset();
+        expected.push_back("4 ZoThread " + Pointer(record) +
+                           " ended and still owns critical sections: left");
+        EXPECT_EQ(services.Log(), expected);
+    }
+}
+
 }  // namespace
