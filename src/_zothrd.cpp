@@ -5,6 +5,7 @@
 
 #include "cancellation.h"
 #include "chain.h"
+#include "checkers.h"
 #include "smp_io.h"
 #include "thrdimp.h"
 #include "thread_entry.h"
@@ -143,6 +144,7 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
         // an abort or a Suspend that came in between.
         ZoInt32 starting = ZoThread::NotStarted;
         thread->status.compare_exchange_strong(starting, ZoThread::Running);
+        checkers::Release(started);
         if (started != nullptr) __atomic_store_n(started, 1, __ATOMIC_RELEASE);
         if (ThreadLife::current != nullptr) ThreadLife::current->SayStarted();
     }

@@ -5,6 +5,7 @@
 #ifndef KELVARA_SRC_RW_FAST_H_
 #define KELVARA_SRC_RW_FAST_H_
 
+#include "checkers.h"
 #include "rw_gate.h"
 #include "rw_mutex.h"
 #include "rw_record.h"
@@ -30,6 +31,7 @@ inline bool ZoGenRW_Mutex::TryStartRead() {
     }
     if (me->spareRwRecord == nullptr || !Gate().TryEnter()) [[unlikely]]
         return false;
+    checkers::ReadBegins(readers);
     AddSpareRwRecord(me, this, OneRead);
     return true;
 }
@@ -46,8 +48,11 @@ inline bool ZoGenRW_Mutex::TryEndRead() {
         record->holdings = left;
         return true;
     }
-    if (me->spareRwRecord != nullptr || !Gate().TryLeave()) [[unlikely]]
+    checkers::ReadEnds(readers);
+    if (me->spareRwRecord != nullptr || !Gate().TryLeave()) [[unlikely]] {
+        checkers::ReadBegins(readers);
         return false;
+    }
     // The mutex may be gone by now.
     MakeSpareRwRecord(me, record);
     return true;

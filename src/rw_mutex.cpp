@@ -6,6 +6,7 @@
 
 #include "cancellation.h"
 #include "chain.h"
+#include "checkers.h"
 #include "rw_fast.h"
 #include "section_try.h"
 #include "trace.h"
@@ -91,6 +92,7 @@ public:
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
+        if (gaveUpRead) checkers::ReadBegins(&readers);
         readers.Lock();
         ReaderGate(readers.value).GiveUp(gaveUpRead);
         readers.Unlock();
@@ -195,6 +197,7 @@ Condition* MakeReaders() {
     HandleChaining(condition, 0);
     condition->logic = &readerLogic;
     condition->value = 0;
+    checkers::LockIsMade(condition);
     return condition;
 }
 
@@ -248,11 +251,14 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
       WriterLevel(0),
       owner(nullptr),
       waitingReaders(0),
-      waitingWriters(0) {}
+      waitingWriters(0) {
+    checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters);
+}
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
     delete exclusive;
+    checkers::LockIsGone(readers);
     delete readers;
     WriterLevel.store(0, std::memory_order_relaxed);
     owner.store(nullptr, std::memory_order_relaxed);
@@ -309,6 +315,7 @@ int ZoGenRW_Mutex::End(int mode) {
 
 void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
     if (holdings == 0 && !Gate().TryEnter()) QueueToRead();
+    if (holdings == 0) checkers::ReadBegins(readers);
     holdings += OneRead;
 }
 
@@ -330,6 +337,7 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
         } else {
             AdmitWriter(false);
         }
+        checkers::WriteBegins(readers);
         owner.store(identity, std::memory_order_relaxed);
     }
     CheckWriterLevel(depth, 271);
@@ -359,6 +367,7 @@ void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
 }
 
 void ZoGenRW_Mutex::LeaveReaders() {
+    checkers::ReadEnds(readers);
     // Between the two a writer that gives up may open the gate.
     while (!Gate().TryLeave() && readers->SetConditionApp(nullptr, nullptr) == 0) {
     }
@@ -376,6 +385,8 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
         owner.store(nullptr, std::memory_order_relaxed);
+        checkers::WriteEnds(readers);
+        if (left != 0) checkers::ReadBegins(readers);
         Gate().EndWrite(left != 0);
         exclusive->Exit();
     }

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "cancellation.h"
+#include "checkers.h"
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
@@ -26,6 +27,7 @@ char const* const key_zova_console = "ZOVAConsole";
 // nothing else depends on it, so relaxed order is enough.
 constexpr int UnreadSwitch = 0xF000;
 std::atomic<int> zova_console{UnreadSwitch};
+[[maybe_unused]] int const told = checkers::AreAtomic(zova_console);
 
 // Whether the calling thread is asking the configuration. That may write to the console itself:
 // for this thread the console is off meanwhile, or each write would ask again.
@@ -62,11 +64,14 @@ void _Configure_smp_io() {
 }
 
 smp_io* GetConsole() {
-    return TheConsole().load(std::memory_order_acquire);
+    smp_io* const console = TheConsole().load(std::memory_order_acquire);
+    checkers::Acquire(&smp_console);
+    return console;
 }
 
 smp_io* Console(smp_io* console) {
     if (console == nullptr) return GetConsole();
+    checkers::ReleaseAndAcquire const told(&smp_console);
     return TheConsole().exchange(console, std::memory_order_acq_rel);
 }
 

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "cancellation.h"
+#include "checkers.h"
 #include "patience.h"
 #include "thread_entry.h"
 #include "thread_life.h"
@@ -117,6 +118,7 @@ void AwaitStarted(PosixStartRecord const& record) {
     auto const isStarted = [&] { return __atomic_load_n(&record.started, __ATOMIC_ACQUIRE) != 0; };
     for (Patience patience; !isStarted() && !patience.IsOver();) patience.Wait();
     if (!isStarted()) record.life->AwaitStarted(isStarted);
+    checkers::Acquire(&record.started);
 }
 
 // Whether `life` tells of threads of this process.
@@ -175,6 +177,7 @@ int PosixThread::Start(long stackSizeCode) {
     }
     lastError = 0;
     PosixStartRecord record{{owner, 0}, this, life};
+    checkers::AreAtomic(record.started);
     life->Share();
     life->Share();  // for the wait below
     // The thread stores its handle itself: it may have run and deleted this object before

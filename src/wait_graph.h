@@ -23,6 +23,7 @@
 #include <mutex>
 #include <typeinfo>
 
+#include "checkers.h"
 #include "zocrits.h"
 #include "zotls.h"
 
@@ -82,7 +83,9 @@ private:
     // The acquire order meets the release order of the owner's store: the owner has made its record
     // before, and may never have held csDLD since.
     static ZoTLS* RecordOfOwner(ZoDLDCritSect const* section) {
-        return section->owner.load(std::memory_order_acquire);
+        ZoTLS* const record = section->owner.load(std::memory_order_acquire);
+        checkers::Acquire(&section->owner);
+        return record;
     }
     static bool SafeLeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target);
 };

@@ -10,6 +10,7 @@
 
 #include "at_fork.h"
 #include "chain.h"
+#include "checkers.h"
 #include "condition_value.h"
 #include "patience.h"
 
@@ -57,7 +58,9 @@ Condition* Condition::MakeCondition(char const* name) {
 Condition::Condition(char const* name) : Condition(name, ChainLock()) {}
 
 Condition::Condition(char const* name, ChainLock const&)
-    : ZoSynchroObj(name), logic(&defaultLogic), value(0) {}
+    : ZoSynchroObj(name), logic(&defaultLogic), value(0) {
+    checkers::AreAtomic(value);
+}
 
 Condition::~Condition() {
     LeaveChain(this);
@@ -149,6 +152,7 @@ POSIXCondition::POSIXCondition(char const* name) : POSIXCondition(name, ChainLoc
 
 POSIXCondition::POSIXCondition(char const* name, ChainLock const& held)
     : Condition(name, held), generation(ForkGeneration()) {
+    checkers::AreAtomic(mutex);
     pthread_mutexattr_init(&mutexAttributes);
     pthread_mutex_init(&mutex, &mutexAttributes);
     pthread_condattr_init(&conditionAttributes);
@@ -221,7 +225,7 @@ int POSIXCondition::SafeSleep(unsigned long milliseconds) {
     SleeperCount const counted(sleepers);
     do {
         if (milliseconds >= ZoNoLimit) {
-            pthread_cond_wait(&condition, &mutex);
+            checkers::Wait(condition, mutex);
             continue;
         }
         timespec const deadline = DeadlineAfter(static_cast<ZoUInt32>(milliseconds));

@@ -8,6 +8,7 @@
 
 #include "cancellation.h"
 #include "chain.h"
+#include "checkers.h"
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
@@ -25,6 +26,7 @@ namespace {
 
 // Read when a section is made. A plain word, because the host sets it through its address.
 int DeadLockDetectionEnabled = 0;
+[[maybe_unused]] int const told = checkers::AreAtomic(DeadLockDetectionEnabled);
 
 // Lets a waiting processor rest for a moment, without giving it away.
 void RelaxProcessor() {
@@ -91,7 +93,9 @@ ZoCritSect* ZoMakeCritSectCritSect() {
 
 ZoCritSect::ZoCritSect(char const* name) : ZoCritSect(name, ChainLock()) {}
 
-ZoCritSect::ZoCritSect(char const* name, ChainLock const&) : ZoSynchroObj(name) {}
+ZoCritSect::ZoCritSect(char const* name, ChainLock const&) : ZoSynchroObj(name) {
+    checkers::AreAtomic(owningCount, waitCount);
+}
 
 ZoCritSect::~ZoCritSect() {
     LeaveChain(this);
@@ -116,6 +120,7 @@ PosixCritSect::PosixCritSect(char const* name) : PosixCritSect(name, ChainLock()
 
 PosixCritSect::PosixCritSect(char const* name, ChainLock const& held)
     : ZoCritSect(name, held), owner(NoThread), ownerNumber(0) {
+    checkers::AreAtomic(owner, ownerNumber, mutex);
     pthread_mutexattr_init(&attributes);
     pthread_mutex_init(&mutex, &attributes);
 }
@@ -196,6 +201,7 @@ namespace {
 // The delay of every last Exit in milliseconds; UnreadDelay until the first section is made.
 constexpr int UnreadDelay = -2;
 std::atomic<int> doSleep{UnreadDelay};
+[[maybe_unused]] int const toldDelay = checkers::AreAtomic(doSleep);
 
 // Reads the delay once in the process. The thread that takes the word from UnreadDelay to 0 is the
 // one that reads; to others there is no delay until it has stored what it read. Nothing depends on
@@ -225,7 +231,9 @@ ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock co
       wrapped(wrapped),
       plain(wrapped != nullptr && typeid(*wrapped) == typeid(PosixCritSect)
                 ? static_cast<PosixCritSect*>(wrapped)
-                : nullptr) {}
+                : nullptr) {
+    checkers::AreAtomic(owner);
+}
 
 ZoDLDCritSect::~ZoDLDCritSect() {
     LeaveChain(this);
@@ -279,6 +287,7 @@ bool ZoDLDCritSect::TakeIfFree(ZoTLS* me) {
 
 void ZoDLDCritSect::Own(ZoTLS* me) {
     ++me->ownedSections;
+    checkers::Release(&owner);
     owner.store(me, std::memory_order_release);
     SetOwningCount(1);
 }

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "cancellation.h"
+#include "checkers.h"
 #include "debug_path.h"
 #include "smp_io.h"
 #include "zobase.h"
@@ -30,11 +31,14 @@ constexpr ZoUInt32 WildcardKey = 0;
 // object. Acquire and release order publish the object with its pointer.
 template <class Object>
 Object* Load(Object*& global) {
-    return std::atomic_ref<Object*>(global).load(std::memory_order_acquire);
+    Object* const object = std::atomic_ref<Object*>(global).load(std::memory_order_acquire);
+    checkers::Acquire(&global);
+    return object;
 }
 
 template <class Object>
 Object* Exchange(Object*& global, Object* object) {
+    checkers::ReleaseAndAcquire const told(&global);
     return std::atomic_ref<Object*>(global).exchange(object, std::memory_order_acq_rel);
 }
 
@@ -598,6 +602,7 @@ smp_debug::smp_debug(long initial) {
     ZoUInt32 const start = flags == 0xFFFFFFFFU ? 0 : flags;
     current.store(start, std::memory_order_relaxed);
     saved.store(start, std::memory_order_relaxed);
+    checkers::AreAtomic(current, saved);
     Configured.store(FlagsAreDue, std::memory_order_release);
 }
 

@@ -1,5 +1,6 @@
 #include "zomtobj.h"
 
+#include "checkers.h"
 #include "zobase.h"
 #include "zocrits.h"
 
@@ -14,6 +15,7 @@ ZoMTObj::~ZoMTObj() {
 // that reads the pointer with acquire order.
 ZoCritSect* ZoMTObj::InstallSection(ZoCritSect* made) {
     ZoCritSect* installed = nullptr;
+    checkers::ReleaseAndAcquire const told(&myCS);
     if (myCS.compare_exchange_strong(installed, made, std::memory_order_acq_rel,
                                      std::memory_order_acquire)) {
         return made;
@@ -24,6 +26,7 @@ ZoCritSect* ZoMTObj::InstallSection(ZoCritSect* made) {
 
 void ZoMTObj::BeginLongCriticalSection() {
     ZoCritSect* section = myCS.load(std::memory_order_acquire);
+    checkers::Acquire(&myCS);
     if (section == nullptr) {
         ZoCritSect* const made = ZoCritSect::Make("?");
         if (made == nullptr) {
@@ -37,6 +40,7 @@ void ZoMTObj::BeginLongCriticalSection() {
 
 void ZoMTObj::BeginCriticalSection() {
     ZoCritSect* section = myCS.load(std::memory_order_acquire);
+    checkers::Acquire(&myCS);
     while (section == nullptr) {
         ZoCritSect* const made = ZoCritSect::MakeLight("?");
         if (made == nullptr) {

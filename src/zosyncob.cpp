@@ -3,12 +3,15 @@
 #include <atomic>
 
 #include "chain.h"
+#include "checkers.h"
 
 ZoSynchroObj* FirstSynchro = nullptr;
 ZoCritSect* fscs = nullptr;
 // Chaining is off at load, so the static objects of the library are never chained.
 int suppress_chaining = 1;
 unsigned short _zoext_mt_mode = 1;
+
+[[maybe_unused]] static int const told = checkers::AreAtomic(_zoext_mt_mode);
 
 ZoSynchroObj::ZoSynchroObj(char const* name) : name(name), next(nullptr), prev(nullptr) {
     if (suppress_chaining == 0) HandleChaining(this, 1);

@@ -5,6 +5,7 @@
 
 #include "at_fork.h"
 #include "cancellation.h"
+#include "checkers.h"
 #include "condition_value.h"
 #include "patience.h"
 #include "zobase.h"
@@ -48,13 +49,20 @@ class ZoQueueItem final : public ZoLinkedListItem {
 public:
     static constexpr int Places = 256;
 
+    ZoQueueItem() { checkers::AreAtomic(used); }
+
     bool IsFull() const { return used.load(std::memory_order_relaxed) == Places; }
     // How many places have got a unit; those can be read. They never change afterwards.
-    int Used() const { return used.load(std::memory_order_acquire); }
+    int Used() const {
+        int const places = used.load(std::memory_order_acquire);
+        checkers::Acquire(&used);
+        return places;
+    }
     // By one thread at a time, while the item is not full.
     void Add(ZoWorkUnit* unit) {
         int const place = used.load(std::memory_order_relaxed);
         units[place] = unit;
+        checkers::Release(&used);
         used.store(place + 1, std::memory_order_release);
     }
     // While nobody adds or reads.
@@ -69,10 +77,15 @@ private:
 // For a few instructions at a time; a holder passes no cancellation point.
 class BriefLock {
 public:
+    BriefLock() { checkers::AreAtomic(held); }
     void lock() {
         for (Patience patience; held.exchange(true, std::memory_order_acquire);) patience.Wait();
+        checkers::Acquire(&held);
     }
-    void unlock() { held.store(false, std::memory_order_release); }
+    void unlock() {
+        checkers::Release(&held);
+        held.store(false, std::memory_order_release);
+    }
 
 private:
     std::atomic<bool> held{false};
@@ -217,6 +230,7 @@ ZoWorkQueueImpl::ZoWorkQueueImpl(int threadCount, void* context)
       condition(Condition::MakeCondition("WorkQueue")),
       terminated(0),
       context(context) {
+    checkers::AreAtomic(terminated);
     if (!IsMade()) return;
     condition->logic = &logic;
     for (int i = 0; i < threadCount; ++i) _IncreaseThreadCount();
@@ -456,6 +470,7 @@ void Discard(ZoResult* result) {
 ZoResult* MakeResult() {
     Condition* const condition = Condition::MakeCondition("ConcurrencyHelper");
     ZoResult* const made = new (std::nothrow) ZoResult{condition, ZoNoResult, {0}};
+    if (made != nullptr) checkers::AreAtomic(made->parallel);
     if (made != nullptr && condition != nullptr) return made;
     delete condition;
     delete made;

@@ -1,0 +1,140 @@
+// What the library tells valgrind's checkers of threads, helgrind and drd, in a build for them
+// (ZO_VALGRIND). In every other build all of this is nothing.
+//
+// The tools know the system library's locks. They take an access to an atomic for a plain one, so
+// two threads' use of it looks like a race, and what it orders looks unordered. Hence:
+//
+//     what is told                     where                        what the tools make of it
+//     AreAtomic                        an atomic is made            they do not check that word;
+//                                                                   they check what it guards
+//     Release, Acquire                 before a store with release  what comes before the one comes
+//                                      order, after a load with     before what follows the other
+//                                      acquire order
+//     ReleaseAndAcquire                around a change with both    the same
+//     LockIsMade … LockIsGone          at a reader/writer mutex's   a reader/writer lock
+//                                      gate
+//     Wait                             in place of the system's     a cancelled thread has left its
+//                                      wait without a limit         wait
+//
+// An order is told only where the code relies on it: each that is told may hide a race of the host.
+
+#ifndef KELVARA_SRC_CHECKERS_H_
+#define KELVARA_SRC_CHECKERS_H_
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <ctime>
+
+#ifdef ZO_VALGRIND
+#include <valgrind/drd.h>
+#include <valgrind/helgrind.h>
+
+#include "cancellation.h"
+#endif
+
+namespace checkers {
+
+#ifdef ZO_VALGRIND
+
+template <class... Word>
+int AreAtomic(Word&... words) {
+    auto const tell = [](void const volatile* word, unsigned long size) {
+        VALGRIND_HG_DISABLE_CHECKING(word, size);
+        VALGRIND_DO_CLIENT_REQUEST_STMT(VG_USERREQ__DRD_START_SUPPRESSION, word, size, 0, 0, 0);
+    };
+    (tell(&words, sizeof words), ...);
+    return 0;
+}
+
+// What the tools know a word as. Not its address, which drd would remember for ever: a word on the
+// stack may be followed by a mutex there, which drd then refuses. Words of one tag count as one.
+inline void const* TagOf(void const volatile* word) {
+    static char tags[4093];
+    return &tags[reinterpret_cast<std::uintptr_t>(word) / 4 % sizeof tags];
+}
+
+inline void Release(void const volatile* word) {
+    ANNOTATE_HAPPENS_BEFORE(TagOf(word));
+}
+
+inline void Acquire(void const volatile* word) {
+    ANNOTATE_HAPPENS_AFTER(TagOf(word));
+}
+
+class ReleaseAndAcquire {
+public:
+    explicit ReleaseAndAcquire(void const volatile* word) : word(word) { Release(word); }
+    ReleaseAndAcquire(ReleaseAndAcquire const&) = delete;
+    ReleaseAndAcquire& operator=(ReleaseAndAcquire const&) = delete;
+    ~ReleaseAndAcquire() { Acquire(word); }
+
+private:
+    void const volatile* word;
+};
+
+inline void LockIsMade(void const volatile* lock) {
+    ANNOTATE_RWLOCK_CREATE(lock);
+}
+
+inline void LockIsGone(void const volatile* lock) {
+    if (lock != nullptr) ANNOTATE_RWLOCK_DESTROY(lock);
+}
+
+inline void ReadBegins(void const volatile* lock) {
+    ANNOTATE_RWLOCK_ACQUIRED(lock, 0L);
+}
+
+inline void ReadEnds(void const volatile* lock) {
+    ANNOTATE_RWLOCK_RELEASED(lock, 0L);
+}
+
+inline void WriteBegins(void const volatile* lock) {
+    ANNOTATE_RWLOCK_ACQUIRED(lock, 1L);
+}
+
+inline void WriteEnds(void const volatile* lock) {
+    ANNOTATE_RWLOCK_RELEASED(lock, 1L);
+}
+
+// The tools take a wait that is cancelled for one that goes on, and drd overlooks everything that
+// its thread does afterwards. So this waits a little at a time, and is cancelled in between. Like
+// any wait it may end without a signal.
+inline void Wait(pthread_cond_t& condition, pthread_mutex_t& mutex) {
+    pthread_testcancel();
+    CancellationDeferred deferred;
+    timespec end{};
+    clock_gettime(CLOCK_REALTIME, &end);
+    constexpr long Little = 10'000'000, Second = 1'000'000'000;
+    end.tv_nsec += Little;
+    if (end.tv_nsec >= Second) end = {end.tv_sec + 1, end.tv_nsec - Second};
+    pthread_cond_timedwait(&condition, &mutex, &end);
+}
+
+#else
+
+constexpr int AreAtomic(auto&...) {
+    return 0;
+}
+constexpr void Release(void const volatile*) {}
+constexpr void Acquire(void const volatile*) {}
+constexpr void LockIsMade(void const volatile*) {}
+constexpr void LockIsGone(void const volatile*) {}
+constexpr void ReadBegins(void const volatile*) {}
+constexpr void ReadEnds(void const volatile*) {}
+constexpr void WriteBegins(void const volatile*) {}
+constexpr void WriteEnds(void const volatile*) {}
+
+struct ReleaseAndAcquire {
+    constexpr explicit ReleaseAndAcquire(void const volatile*) {}
+};
+
+inline void Wait(pthread_cond_t& condition, pthread_mutex_t& mutex) {
+    pthread_cond_wait(&condition, &mutex);
+}
+
+#endif
+
+}  // namespace checkers
+
+#endif  // KELVARA_SRC_CHECKERS_H_
