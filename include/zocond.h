@@ -115,6 +115,7 @@ public:
 
 private:
     friend class ZoResourceWatcher;
+    class Sleeper;
 
     ZO_INTERNAL POSIXCondition(char const* name, ChainLock const& held);
     // Wakes one waiter without changing the value.
@@ -125,12 +126,14 @@ private:
     [[gnu::cold]] ZO_INTERNAL void SafeForgetAbsentSleepers();
     [[gnu::cold]] ZO_INTERNAL int SafeSleep(unsigned long milliseconds);
 
-    pthread_mutex_t mutex;  // guards value, sleepers, generation, and every call of logic
+    pthread_mutex_t mutex;  // guards value, what follows it here, and every call of logic
     pthread_mutexattr_t mutexAttributes;
-    pthread_cond_t condition;
+    pthread_cond_t condition;  // of one sleeper at a time; a further one brings its own
     pthread_condattr_t conditionAttributes;
-    int sleepers = 0;     // how many threads sleep on condition
-    ZoUInt32 generation;  // of the process whose threads use condition; see src/at_fork.h
+    bool conditionIsTaken = false;
+    ZoUInt32 generation;       // of the process whose threads sleep; see src/at_fork.h
+    Sleeper* first = nullptr;  // of those that nobody has woken yet, in the order of their coming
+    Sleeper* last = nullptr;
 };
 
 // Counts the users of a resource.

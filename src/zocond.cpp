@@ -120,18 +120,6 @@ private:
     pthread_mutex_t* mutex;
 };
 
-// One who sleeps, for a scope with the mutex held at both ends, also when the sleep is cancelled.
-class SleeperCount {
-public:
-    explicit SleeperCount(int& sleepers) : count(sleepers) { ++count; }
-    SleeperCount(SleeperCount const&) = delete;
-    SleeperCount& operator=(SleeperCount const&) = delete;
-    ~SleeperCount() { --count; }
-
-private:
-    int& count;
-};
-
 // `milliseconds` from now on the clock that condition variables use.
 timespec DeadlineAfter(ZoUInt32 milliseconds) {
     timeval now{};
@@ -147,6 +135,70 @@ timespec DeadlineAfter(ZoUInt32 milliseconds) {
 }
 
 }  // namespace
+
+// A thread that sleeps, for a scope with the mutex held at both ends, also when the sleep is
+// cancelled.
+//
+// Each sleeper has a POSIX condition variable to itself. With three and more sleepers on one, glibc
+// before 2.41 may lose a signal (its bug 25847): nobody wakes although one should.
+class POSIXCondition::Sleeper {
+public:
+    explicit Sleeper(POSIXCondition& of) : of(of), sharing(!of.conditionIsTaken) {
+        if (sharing) {
+            of.conditionIsTaken = true;
+        } else {
+            pthread_cond_init(&own, &of.conditionAttributes);
+        }
+    }
+    Sleeper(Sleeper const&) = delete;
+    Sleeper& operator=(Sleeper const&) = delete;
+    // A sleeper that was woken and is cancelled before it can act on that wakes the next.
+    ~Sleeper() {
+        if (waiting) Leave();
+        if (woken) of.SafeSignal();
+        if (sharing) {
+            of.conditionIsTaken = false;
+        } else {
+            pthread_cond_destroy(&own);
+        }
+    }
+    // Returns ETIMEDOUT or 0. A null deadline is none.
+    int Sleep(timespec const* deadline) {
+        if (!waiting) Join();
+        int const result = deadline == nullptr
+                               ? pthread_cond_wait(Variable(), &of.mutex)
+                               : pthread_cond_timedwait(Variable(), &of.mutex, deadline);
+        bool const wasWoken = woken;
+        woken = false;
+        return wasWoken ? 0 : result;
+    }
+    void Wake() {
+        Leave();
+        woken = true;
+        pthread_cond_signal(Variable());
+    }
+
+private:
+    pthread_cond_t* Variable() { return sharing ? &of.condition : &own; }
+    void Join() {
+        waiting = true;
+        before = of.last;
+        behind = nullptr;
+        (before == nullptr ? of.first : before->behind) = this;
+        of.last = this;
+    }
+    void Leave() {
+        waiting = false;
+        (before == nullptr ? of.first : before->behind) = behind;
+        (behind == nullptr ? of.last : behind->before) = before;
+    }
+
+    POSIXCondition& of;
+    pthread_cond_t own;
+    bool const sharing;
+    bool waiting = false, woken = false;
+    Sleeper *before = nullptr, *behind = nullptr;
+};
 
 POSIXCondition::POSIXCondition(char const* name) : POSIXCondition(name, ChainLock()) {}
 
@@ -202,17 +254,18 @@ void POSIXCondition::WakeWaiter() {
     SafeSignal();
 }
 
-// A signal that nobody sleeps for is a call into the system library for nothing.
 void POSIXCondition::SafeSignal() {
-    if (sleepers == 0) return;
-    if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
-    pthread_cond_signal(&condition);
+    if (first == nullptr) return;
+    if (generation != ForkGeneration()) return SafeForgetAbsentSleepers();
+    first->Wake();
 }
 
-// A signal must not go to a thread that slept in the parent.
+// In a child: those that slept in the parent are not there, nor are their stacks, and a signal must
+// not go to one of them.
 void POSIXCondition::SafeForgetAbsentSleepers() {
     pthread_cond_init(&condition, &conditionAttributes);
-    sleepers = 0;
+    conditionIsTaken = false;
+    first = last = nullptr;
     generation = ForkGeneration();
 }
 
@@ -222,14 +275,14 @@ bool POSIXCondition::SafeMustWait() {
 
 int POSIXCondition::SafeSleep(unsigned long milliseconds) {
     if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
-    SleeperCount const counted(sleepers);
+    Sleeper self(*this);
     do {
         if (milliseconds >= ZoNoLimit) {
-            checkers::Wait(condition, mutex);
+            self.Sleep(nullptr);
             continue;
         }
         timespec const deadline = DeadlineAfter(static_cast<ZoUInt32>(milliseconds));
-        if (pthread_cond_timedwait(&condition, &mutex, &deadline) == ETIMEDOUT) return ZoTimedOut;
+        if (self.Sleep(&deadline) == ETIMEDOUT) return ZoTimedOut;
     } while (SafeMustWait());
     return ZoSuccess;
 }

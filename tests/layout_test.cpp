@@ -50,8 +50,9 @@ struct PosixConditionPart {
     pthread_mutexattr_t mutexAttributes;
     pthread_cond_t condition;
     pthread_condattr_t conditionAttributes;
-    int sleepers;
+    bool conditionIsTaken;
     unsigned int generation;
+    void *first, *last;
 };
 struct PosixThreadPart {
     pthread_attr_t attributes;

@@ -4,19 +4,61 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <climits>
 #include <limits>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
 
 using namespace zotest;
+
+namespace {
+
+// Those who sleep on one variable of the system's, as the linker lets the library call it.
+class Sleeping {
+public:
+    explicit Sleeping(pthread_cond_t* variable) : variable(variable) { Count(1); }
+    ~Sleeping() { Count(-1); }
+    static inline std::atomic<int> all{0}, mostOnOne{0};
+
+private:
+    void Count(int change) {
+        std::lock_guard<std::mutex> const hold(mutex);
+        int const now = counts[variable] += change;
+        mostOnOne = std::max(mostOnOne.load(), now);
+        all += change;
+    }
+    static inline std::mutex mutex;
+    static inline std::map<pthread_cond_t*, int> counts;
+    pthread_cond_t* variable;
+};
+
+}  // namespace
+
+extern "C" {
+int __real_pthread_cond_wait(pthread_cond_t* variable, pthread_mutex_t* mutex);
+int __real_pthread_cond_timedwait(pthread_cond_t* variable, pthread_mutex_t* mutex,
+                                  timespec const* deadline);
+int __wrap_pthread_cond_wait(pthread_cond_t* variable, pthread_mutex_t* mutex) {
+    Sleeping const sleeping(variable);
+    return __real_pthread_cond_wait(variable, mutex);
+}
+int __wrap_pthread_cond_timedwait(pthread_cond_t* variable, pthread_mutex_t* mutex,
+                                  timespec const* deadline) {
+    Sleeping const sleeping(variable);
+    return __real_pthread_cond_timedwait(variable, mutex, deadline);
+}
+}
 
 namespace {
 
@@ -222,6 +264,49 @@ TEST(ResourceWatcher, ZeroLetsEveryWaiterPass) {
             }
         });
         watchdog.Progress();
+    }
+}
+
+// The system may lose a signal to a variable on which three and more sleep.
+TEST(Condition, NoTwoSleepOnOneVariableOfTheSystem) {
+    constexpr int Waiters = 6;
+    auto condition = Make();
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < Waiters; ++i) {
+        waiters.emplace_back(
+            [&, i] { condition->WaitForCondition(0, i % 2 == 0 ? ZoNoLimit : 600'000); });
+    }
+    Await([] { return Sleeping::all == Waiters; });
+    EXPECT_EQ(Sleeping::mostOnOne, 1);
+    for (int i = 0; i < Waiters; ++i) condition->SetCondition();
+    for (std::thread& waiter : waiters) waiter.join();
+}
+
+// A set and a cancellation meet one of two sleepers: the wake-up must reach the other one.
+TEST(Condition, ACancelledSleeperPassesItsWakeUpOn) {
+    for (int round = 0; round < 200; ++round) {
+        auto condition = Make();
+        std::atomic<pthread_t> first{};
+        bool cancelled = false;
+        std::thread victim([&] {
+            cancelled = IsCancelled([&] {
+                first = pthread_self();
+                condition->WaitForCondition(0, ZoNoLimit);
+            });
+        });
+        Await([&] { return Sleeping::all == 1; });
+        int result = -1;
+        std::thread other([&] { result = condition->WaitForCondition(0, 60'000); });
+        Await([&] { return Sleeping::all == 2; });
+        condition->Lock();  // the two come to the victim at one moment
+        std::thread canceller([&] { pthread_cancel(first); });
+        canceller.join();
+        condition->Unlock();
+        condition->SetCondition();
+        victim.join();
+        if (!cancelled) condition->SetCondition();
+        other.join();
+        EXPECT_EQ(result, ZoSuccess);
     }
 }
 
