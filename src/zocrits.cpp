@@ -289,6 +289,7 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
         return;
     }
     bool suspect = false;
+    waitCount.fetch_add(1, std::memory_order_relaxed);
     if (TakeOrAnnounce(me, suspect)) return;
     EnterWrapped();
     EndWait(me);
@@ -300,8 +301,10 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
 // to announce its wait finds the others' in the graph.
 bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     GraphLock lock;
-    if (TakeIfFree(me)) return true;
-    waitCount.fetch_add(1, std::memory_order_relaxed);
+    if (TakeIfFree(me)) {
+        waitCount.fetch_sub(1, std::memory_order_relaxed);
+        return true;
+    }
     suspect = WouldDeadLock(me) != 0;
     if (suspect) ReportDeadlock(me);
     me->waitingFor = this;

@@ -223,12 +223,19 @@ TEST_F(Deadlock, EntriesAndLeavesWaitForTheGraphsLock) {
         ++passed;
         sections[1]->Exit();
     });
+    std::thread waiting([&] {
+        Await([&] { return step == 2; });
+        sections[0]->Begin();
+        sections[0]->Exit();
+    });
     Await([&] { return step == 1; });
     csDLD->Begin();
     step = 2;
-    Await([&] { return passed != 0 || NumberAfter(InfoOf(csDLD), "wait count: ") == 2; });
+    Await([&] { return passed != 0 || NumberAfter(InfoOf(csDLD), "wait count: ") == 3; });
     EXPECT_EQ(passed, 0);
+    EXPECT_EQ(NumberAfter(InfoOf(sections[0].get()), "wait count: "), 1);
     csDLD->Exit();
+    waiting.join();
     leaving.join();
     entering.join();
 
