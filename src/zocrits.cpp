@@ -290,8 +290,14 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
     }
     bool suspect = false;
     waitCount.fetch_add(1, std::memory_order_relaxed);
-    if (TakeOrAnnounce(me, suspect)) return;
-    EnterWrapped();
+    try {
+        if (TakeOrAnnounce(me, suspect)) return;
+        EnterWrapped();
+    } catch (...) {  // the thread ends: a wrapped section or a service of the host's had it do so
+        GraphLock lock;
+        WithdrawWait(me);
+        throw;
+    }
     EndWait(me);
     if (suspect) ReportFalseAlarm();
 }
@@ -336,11 +342,16 @@ void ZoDLDCritSect::EnterWrapped() {
 // wait for other sections, and must stand in the graph as the owner by then.
 void ZoDLDCritSect::EndWait(ZoTLS* me) {
     GraphLock lock;
-    me->waitingFor = nullptr;
-    waitCount.fetch_sub(1, std::memory_order_relaxed);
+    WithdrawWait(me);
     ZoInt32 const unnoticed = GetOwningCount();
     Own(me);
     SetOwningCount(unnoticed + 1);
+}
+
+// With csDLD held.
+void ZoDLDCritSect::WithdrawWait(ZoTLS* me) {
+    me->waitingFor = nullptr;
+    waitCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void ZoDLDCritSect::Exit() {
