@@ -25,8 +25,8 @@
 // context may be torn down at once.
 //
 // A forked child has the context of its parent, the chain complete and free, and may tear it down.
-// No thread forks during set-up or tear-down. fork() waits for whoever walks the chain or holds
-// csDLD, so it is not called by a thread that one of these has to wait for.
+// No thread forks during set-up or tear-down. fork() does not wait for who walks the chain or holds
+// csDLD: a deadlock report may be waiting for its answer.
 //
 // Also here: _Thread, the system thread as the library's portable part sees it.
 

@@ -11,12 +11,13 @@
 // if none does, it ends with exit(0). Each signal that is delivered is asked about once.
 //
 // Once the process is ending a signal changes nothing: no handler is asked, and the exit() that is
-// under way decides the status. The library sees an exit() from its beginning on the thread that
-// loaded it and on threads that have added or removed a handler; on other threads when the
-// functions of atexit() that were registered after the first add have run. A signal that comes
-// while one of those threads ends is answered when that thread is gone, and handlers that had
-// agreed to it may be asked again. The main thread, should it call exit() when a signal is ending
-// the process already, sleeps until that is done.
+// under way decides the status. The library sees an exit() on the thread that loaded it, and on
+// threads that have added or removed a handler, when the thread_local objects that the thread made
+// after that are destroyed; on other threads when the functions of atexit() that were registered
+// after the first add have run. Until then a signal is asked about, and may end the process with
+// status 0. A signal that comes while one of those threads ends is answered when that thread is
+// gone, and handlers that had agreed to it may be asked again. The main thread, should it call
+// exit() when a signal is ending the process already, sleeps until that is done.
 //
 // The facility exists while there are references to it: each add takes one, each remove releases
 // one.

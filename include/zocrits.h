@@ -176,6 +176,7 @@ private:
     ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
     ZO_INTERNAL void EnterWrapped();
     ZO_INTERNAL void EndWait(ZoTLS* me);
+    ZO_INTERNAL void WithdrawWait(ZoTLS* me);
     ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
     ZO_INTERNAL void ReportFalseAlarm();
     ZO_INTERNAL void Leave();

@@ -8,9 +8,9 @@
 // never comes.
 //
 //     calling thread               leaving from
-//     watched                      the destructor of an object that WatchCallingThread makes:
-//     before
-//                                  every function of atexit()
+//     watched                      the destructor of an object that WatchCallingThread makes: after
+//                                  those of younger thread_local objects, before every function of
+//                                  atexit()
 //     any other, in exit()         the function that WatchExit registers
 //
 // The thread that loads the library is watched. A watched thread keeps the library loaded.

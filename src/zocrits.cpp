@@ -298,8 +298,15 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
         return;
     }
     bool suspect = false;
-    if (TakeOrAnnounce(me, suspect)) return;
-    EnterWrapped();
+    waitCount.fetch_add(1, std::memory_order_relaxed);
+    try {
+        if (TakeOrAnnounce(me, suspect)) return;
+        EnterWrapped();
+    } catch (...) {  // the thread ends: a wrapped section or a service of the host's had it do so
+        GraphLock lock;
+        WithdrawWait(me);
+        throw;
+    }
     EndWait(me);
     if (suspect) ReportFalseAlarm();
 }
@@ -309,8 +316,10 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
 // to announce its wait finds the others' in the graph.
 bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     GraphLock lock;
-    if (TakeIfFree(me)) return true;
-    waitCount.fetch_add(1, std::memory_order_relaxed);
+    if (TakeIfFree(me)) {
+        waitCount.fetch_sub(1, std::memory_order_relaxed);
+        return true;
+    }
     suspect = WouldDeadLock(me) != 0;
     if (suspect) ReportDeadlock(me);
     me->waitingFor = this;
@@ -342,11 +351,16 @@ void ZoDLDCritSect::EnterWrapped() {
 // wait for other sections, and must stand in the graph as the owner by then.
 void ZoDLDCritSect::EndWait(ZoTLS* me) {
     GraphLock lock;
-    me->waitingFor = nullptr;
-    waitCount.fetch_sub(1, std::memory_order_relaxed);
+    WithdrawWait(me);
     ZoInt32 const unnoticed = GetOwningCount();
     Own(me);
     SetOwningCount(unnoticed + 1);
+}
+
+// With csDLD held.
+void ZoDLDCritSect::WithdrawWait(ZoTLS* me) {
+    me->waitingFor = nullptr;
+    waitCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void ZoDLDCritSect::Exit() {

@@ -3,6 +3,8 @@
 // program alone: it deadlocks on purpose.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "cancelled.h"
 #include "deadlock_io.h"
 #include "rw_record.h"
 #include "services.h"
@@ -223,12 +226,19 @@ TEST_F(Deadlock, EntriesAndLeavesWaitForTheGraphsLock) {
         ++passed;
         sections[1]->Exit();
     });
+    std::thread waiting([&] {
+        Await([&] { return step == 2; });
+        sections[0]->Begin();
+        sections[0]->Exit();
+    });
     Await([&] { return step == 1; });
     csDLD->Begin();
     step = 2;
-    Await([&] { return passed != 0 || NumberAfter(InfoOf(csDLD), "wait count: ") == 2; });
+    Await([&] { return passed != 0 || NumberAfter(InfoOf(csDLD), "wait count: ") == 3; });
     EXPECT_EQ(passed, 0);
+    EXPECT_EQ(NumberAfter(InfoOf(sections[0].get()), "wait count: "), 1);
     csDLD->Exit();
+    waiting.join();
     leaving.join();
     entering.join();
 
@@ -244,6 +254,46 @@ TEST_F(Deadlock, EntriesAndLeavesWaitForTheGraphsLock) {
     sections[0]->Exit();
     EXPECT_EQ(counting.begins, 2) << "a section in its place is always gone through";
     csDLD = own;
+}
+
+// A thread may end in its wait: cancelled in a section of the host's, or in the message of a
+// report. From then on it waits for nothing.
+TEST_F(Deadlock, AThreadThatEndsInItsWaitLeavesTheGraph) {
+    class Semaphore : public ZoCritSect {
+    public:
+        Semaphore() : ZoCritSect("semaphore") { sem_init(&semaphore, 0, 1); }
+        void Begin() override { sem_wait(&semaphore); }
+        void Exit() override { sem_post(&semaphore); }
+
+    private:
+        sem_t semaphore{};
+    };
+    struct Unwound {
+        ~Unwound() { wanted = ZoTLS::GetThreadLocalStorage()->waitingFor; }
+        ZoCritSect*& wanted;
+    };
+    ZoDLDCritSect hosts("host's", new Semaphore);
+    auto const waiting = [&] { return NumberAfter(InfoOf(&hosts), "wait count: "); };
+    ZoCritSect* wanted = &hosts;
+    hosts.Begin();
+    CancelWhen([&] { return waiting() == 1; },
+               [&] {
+                   Unwound const unwound{wanted};
+                   hosts.Begin();
+               });
+    EXPECT_EQ(wanted, nullptr);
+    EXPECT_EQ(waiting(), 0);
+    hosts.Exit();
+
+    Ring ring(services, 2);
+    ring.dissolve = [&] {
+        ring.sections.back()->Exit();
+        pthread_exit(nullptr);
+    };
+    ring.Run();
+    ring.sections[0]->Begin();
+    EXPECT_EQ(NumberAfter(InfoOf(ring.sections[0].get()), "wait count: "), 0);
+    ring.sections[0]->Exit();
 }
 
 // Threads that own a section for a moment and end, while others read their records through it.
