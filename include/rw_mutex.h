@@ -43,7 +43,7 @@
 // write that is given up in its lowering report, as by ForceRelease, has been ended. A thread that
 // is cancelled during a report is cancelled only after it; one that is cancelled while it waits to
 // write holds afterwards what it held before it asked, so its clean-up handlers end the levels it
-// had.
+// had. Only the wait for readers is cut short by a cancellation, not that for another writer.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_

@@ -4,8 +4,13 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
+
+#ifdef __GLIBC__
+#include <gnu/libc-version.h>
+#endif
 
 #include "abort_handlers.h"
 #include "abort_signals.h"
@@ -33,12 +38,25 @@ bool IsMainThread() {
     return gettid() == getpid();
 }
 
+// Whether the system lets one thread at a time into exit(): glibc does from 2.41 on. A thread that
+// is in it already must then go on, since the library's own exit() waits for it.
+bool ExitIsSerialised() {
+#ifdef __GLIBC__
+    int major = 0;
+    int minor = 0;
+    return std::sscanf(gnu_get_libc_version(), "%d.%d", &major, &minor) == 2 &&
+           (major > 2 || (major == 2 && minor >= 41));
+#else
+    return false;
+#endif
+}
+
 void BeginLeaving() {
     SignalsBlocked blocked;
     bool late = false;
     {
         std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
-        late = exitCalled && !hasCalledExit && IsMainThread();
+        late = exitCalled && !hasCalledExit && IsMainThread() && !ExitIsSerialised();
         if (!isLeaving) ++leavingThreads;
         isLeaving = true;
     }
