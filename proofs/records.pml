@@ -20,9 +20,9 @@
 // while it owns a section keeps its record for ever. Then another life begins in the same
 // process, as a new thread with a new record: any that is free, so also the one that was just
 // released. There are as many records as threads and sections, so there is always a free one,
-// however many lives are lived. A report reads the records of the ring once more, without the
-// leaf lock, because host code runs between its reads; that code may leave sections of the
-// reporter's own.
+// however many lives are lived. A report reads the records of the ring once more, while host
+// code runs between its reads; that code may leave sections of the reporter's own. The library
+// takes the leaf lock for each of these looks, the model does not: it proves that they need none.
 //
 // Weak memory. As in detection.pml a read of an owner may yield any value that is not ordered
 // before the hold: here `past` is kept by record, and a pass through the leaf lock orders as a
