@@ -81,7 +81,7 @@ protected:
 //
 // A thread that finds the section taken tries again a few times, at growing distances, and then
 // blocks in the mutex, counted as waiting. The mutex decides who gets it next: a thread that comes
-// just as the section is left may overtake those that block, but none of them is starved. errno
+// just as the section is left may overtake those that block. errno
 // stays as it was.
 //
 // A thread that ends while it owns a section takes the section with it: no other thread ever gets
@@ -90,7 +90,7 @@ protected:
 // that has no POSIX thread-specific key left when it loads the library.
 //
 // In a child process made by fork() the forking thread owns what it owned. A section that another
-// thread of the parent owned stays taken.
+// thread of the parent owned stays taken, and those that waited for it stay counted.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
     explicit PosixCritSect(char const* name);
@@ -196,7 +196,8 @@ private:
 extern ZO_API ZoCritSect* csDLD;
 
 // The address of the switch; 0 at load. Set it before the sections it is meant for are made, and
-// before ___ZoExtendedContext(1) if it is meant for the library's own.
+// before ___ZoExtendedContext(1) if it is meant for the library's own. A host that sets it while
+// other threads make sections does so by an atomic store.
 ZO_API int* ZoGetDeadLockDetectionEnabled();
 // The address of csDLD, through which a host without the library context installs its own.
 ZO_API ZoCritSect** ZoGetCritSectCritSect();

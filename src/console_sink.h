@@ -38,6 +38,7 @@ private:
     smp_io& console;
     _smp_io* const saved;
     deadlock_io* const log;
+    deadlock_io* outer = nullptr;  // the report that this one interrupts, begun in its sink
 };
 
 // Hold the console's lock over a fork.

@@ -67,8 +67,11 @@ void OwnedSections::Introduce() {
     self.endIsNoticed = endKey.Arm(1);
 }
 
-bool OwnedSections::LetGo(ZoTLS* record) {
+void OwnedSections::RememberName(ZoTLS const* record) {
     identityAtEnd = record->threadIdentity;
+}
+
+bool OwnedSections::LetGo(ZoTLS* record) {
     if (record->ownedSections == 0) return true;
     ZoTLS* latest = keptRecords.load(std::memory_order_relaxed);
     do {

@@ -39,6 +39,9 @@ public:
     // first owns a section.
     [[gnu::cold]] static void Introduce();
 
+    // How reports name the calling thread, whose record this is, for when it ends without it.
+    static void RememberName(ZoTLS const* record);
+
     // By a thread whose record has no attach left. Afterwards the record may be freed; false: it
     // must be kept for ever, because the thread still owns detecting sections, and it is kept.
     static bool LetGo(ZoTLS* record);

@@ -32,8 +32,8 @@ public:
     // when it turns out that the process goes on.
     static bool PutsSignalOff();
     // exit(0); returns when the signal has to wait. The main thread, should it call exit() itself
-    // later, sleeps until this exit is done, unless the system serialises exit() itself. Other threads do not, for functions of atexit() may
-    // wait for their end.
+    // later, sleeps until this exit is done, unless the system serialises exit() itself. Other
+    // threads do not, for functions of atexit() may wait for their end.
     static void Exit();
 
     // In a child, with the lock held.

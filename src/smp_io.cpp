@@ -6,6 +6,7 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include "cancellation.h"
 #include "checkers.h"
@@ -135,7 +136,7 @@ LoggedConsole::LoggedConsole(smp_io& console)
     if (log == nullptr) return;
     std::lock_guard<std::mutex> hold(consoleLock);
     console.sink = log;
-    reportSink = log;
+    outer = std::exchange(reportSink, log);
 }
 
 LoggedConsole::~LoggedConsole() {
@@ -143,7 +144,7 @@ LoggedConsole::~LoggedConsole() {
     {
         std::lock_guard<std::mutex> hold(consoleLock);
         console.sink = saved;
-        reportSink = nullptr;
+        reportSink = outer;
         if (--log->users != 0) return;
     }
     delete log;

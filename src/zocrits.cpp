@@ -389,12 +389,15 @@ void ZoDLDCritSect::Leave() {
     }
 }
 
+// The caller may also own the section unnoticed, entered when it had no record.
 void ZoDLDCritSect::ForceRelease() {
     ZoTLS* const me = CurrentThread();
-    if (me == nullptr || owner.load(std::memory_order_relaxed) != me) return;
+    ZoTLS* const now = owner.load(std::memory_order_relaxed);
+    bool const unnoticed = now == nullptr && plain != nullptr && plain->IsMine();
+    if (!unnoticed && (me == nullptr || now != me)) return;
     SetOwningCount(0);
     GraphLock lock;
-    --me->ownedSections;
+    if (!unnoticed) --me->ownedSections;
     owner.store(nullptr, std::memory_order_relaxed);
     wrapped->ForceRelease();
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "cancellation.h"
 #include "checkers.h"
@@ -154,19 +155,17 @@ ZoTLS::~ZoTLS() {
     WaitForGraph::LetWalksPass();
 }
 
+// Each pointer is cleared before its object goes: the host's destructors may come back here.
 void ZoTLS::FreeParts() {
-    delete cond;
-    cond = nullptr;
-    delete spareRwRecord;
-    spareRwRecord = nullptr;
+    delete std::exchange(cond, nullptr);
+    delete std::exchange(spareRwRecord, nullptr);
+    ZoTLSItem* const items = std::exchange(itemArray, nullptr);
     if (itemCount >= 2) {
-        delete[] itemArray;
+        delete[] items;
     } else if (itemCount == 1) {
-        delete itemArray;
+        delete items;
     }
-    itemArray = nullptr;
-    delete ownedObject;
-    ownedObject = nullptr;
+    delete std::exchange(ownedObject, nullptr);
 }
 
 ZoTLS* ZoTLS::GetThreadLocalStorage() {
@@ -187,6 +186,7 @@ int ZoThreadAttach(void*) {
 void ZoThreadDetach(void* record) {
     if (record == nullptr) return;
     ZoTLS* const mine = static_cast<ZoTLS*>(record);
+    OwnedSections::RememberName(mine);
     if (--mine->attachCount == 0) {
         mine->FreeParts();  // the host's code, which may still enter and leave sections
         if (OwnedSections::LetGo(mine)) delete mine;
