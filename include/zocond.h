@@ -131,9 +131,10 @@ private:
     pthread_cond_t condition;  // of one sleeper at a time; a further one brings its own
     pthread_condattr_t conditionAttributes;
     bool conditionIsTaken = false;
-    ZoUInt32 generation;       // of the process whose threads sleep; see src/at_fork.h
-    Sleeper* first = nullptr;  // of those that nobody has woken yet, in the order of their coming
-    Sleeper* last = nullptr;
+    ZoUInt32 generation;  // of the process whose threads sleep; see src/at_fork.h
+    // Of those that nobody has woken yet, in the order of their coming.
+    Sleeper* firstSleeper = nullptr;
+    Sleeper* lastSleeper = nullptr;
 };
 
 // Counts the users of a resource.

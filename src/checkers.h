@@ -62,7 +62,7 @@ inline void Acquire(void const volatile* word) {
     ANNOTATE_HAPPENS_AFTER(TagOf(word));
 }
 
-class ReleaseAndAcquire {
+class [[maybe_unused]] ReleaseAndAcquire {
 public:
     explicit ReleaseAndAcquire(void const volatile* word) : word(word) { Release(word); }
     ReleaseAndAcquire(ReleaseAndAcquire const&) = delete;
@@ -125,7 +125,7 @@ constexpr void ReadEnds(void const volatile*) {}
 constexpr void WriteBegins(void const volatile*) {}
 constexpr void WriteEnds(void const volatile*) {}
 
-struct ReleaseAndAcquire {
+struct [[maybe_unused]] ReleaseAndAcquire {
     constexpr explicit ReleaseAndAcquire(void const volatile*) {}
 };
 

@@ -28,7 +28,7 @@ char const* const key_zova_console = "ZOVAConsole";
 // nothing else depends on it, so relaxed order is enough.
 constexpr int UnreadSwitch = 0xF000;
 std::atomic<int> zova_console{UnreadSwitch};
-[[maybe_unused]] int const told = checkers::AreAtomic(zova_console);
+[[maybe_unused]] int const isMarked = checkers::AreAtomic(zova_console);
 
 // Whether the calling thread is asking the configuration. That may write to the console itself:
 // for this thread the console is off meanwhile, or each write would ask again.

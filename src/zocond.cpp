@@ -165,9 +165,12 @@ public:
     // Returns ETIMEDOUT or 0. A null deadline is none.
     int Sleep(timespec const* deadline) {
         if (!waiting) Join();
-        int const result = deadline == nullptr
-                               ? pthread_cond_wait(Variable(), &of.mutex)
-                               : pthread_cond_timedwait(Variable(), &of.mutex, deadline);
+        int result = 0;
+        if (deadline == nullptr) {
+            checkers::Wait(*Variable(), of.mutex);
+        } else {
+            result = pthread_cond_timedwait(Variable(), &of.mutex, deadline);
+        }
         bool const wasWoken = woken;
         woken = false;
         return wasWoken ? 0 : result;
@@ -182,15 +185,15 @@ private:
     pthread_cond_t* Variable() { return sharing ? &of.condition : &own; }
     void Join() {
         waiting = true;
-        before = of.last;
+        before = of.lastSleeper;
         behind = nullptr;
-        (before == nullptr ? of.first : before->behind) = this;
-        of.last = this;
+        (before == nullptr ? of.firstSleeper : before->behind) = this;
+        of.lastSleeper = this;
     }
     void Leave() {
         waiting = false;
-        (before == nullptr ? of.first : before->behind) = behind;
-        (behind == nullptr ? of.last : behind->before) = before;
+        (before == nullptr ? of.firstSleeper : before->behind) = behind;
+        (behind == nullptr ? of.lastSleeper : behind->before) = before;
     }
 
     POSIXCondition& of;
@@ -255,9 +258,9 @@ void POSIXCondition::WakeWaiter() {
 }
 
 void POSIXCondition::SafeSignal() {
-    if (first == nullptr) return;
+    if (firstSleeper == nullptr) return;
     if (generation != ForkGeneration()) return SafeForgetAbsentSleepers();
-    first->Wake();
+    firstSleeper->Wake();
 }
 
 // In a child: those that slept in the parent are not there, nor are their stacks, and a signal must
@@ -265,7 +268,7 @@ void POSIXCondition::SafeSignal() {
 void POSIXCondition::SafeForgetAbsentSleepers() {
     pthread_cond_init(&condition, &conditionAttributes);
     conditionIsTaken = false;
-    first = last = nullptr;
+    firstSleeper = lastSleeper = nullptr;
     generation = ForkGeneration();
 }
 

@@ -26,7 +26,7 @@ namespace {
 
 // Read when a section is made. A plain word, because the host sets it through its address.
 int DeadLockDetectionEnabled = 0;
-[[maybe_unused]] int const told = checkers::AreAtomic(DeadLockDetectionEnabled);
+[[maybe_unused]] int const isMarked = checkers::AreAtomic(DeadLockDetectionEnabled);
 
 // Lets a waiting processor rest for a moment, without giving it away.
 void RelaxProcessor() {

@@ -11,7 +11,7 @@ ZoCritSect* fscs = nullptr;
 int suppress_chaining = 1;
 unsigned short _zoext_mt_mode = 1;
 
-[[maybe_unused]] static int const told = checkers::AreAtomic(_zoext_mt_mode);
+[[maybe_unused]] static int const isMarked = checkers::AreAtomic(_zoext_mt_mode);
 
 ZoSynchroObj::ZoSynchroObj(char const* name) : name(name), next(nullptr), prev(nullptr) {
     if (suppress_chaining == 0) HandleChaining(this, 1);

@@ -35,7 +35,7 @@ pthread_mutex_t keyCreation = PTHREAD_MUTEX_INITIALIZER;
 // without the lock: a thread that reads the key with acquire order has the finished key, and one
 // that still reads NoKey looks again under the lock.
 std::atomic<pthread_key_t> ZoTLSkey{NoKey};
-[[maybe_unused]] int const told = checkers::AreAtomic(ZoTLSkey);
+[[maybe_unused]] int const isMarked = checkers::AreAtomic(ZoTLSkey);
 
 // How many threads have entered EndingThreads, and the lock that guards the number.
 pthread_mutex_t endingLock = PTHREAD_MUTEX_INITIALIZER;
