@@ -72,7 +72,7 @@ smp_io* GetConsole() {
 
 smp_io* Console(smp_io* console) {
     if (console == nullptr) return GetConsole();
-    checkers::ReleaseAndAcquire const told(&smp_console);
+    checkers::ReleaseAndAcquire const order(&smp_console);
     return TheConsole().exchange(console, std::memory_order_acq_rel);
 }
 

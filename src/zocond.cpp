@@ -165,12 +165,9 @@ public:
     // Returns ETIMEDOUT or 0. A null deadline is none.
     int Sleep(timespec const* deadline) {
         if (!waiting) Join();
-        int result = 0;
-        if (deadline == nullptr) {
-            checkers::Wait(*Variable(), of.mutex);
-        } else {
-            result = pthread_cond_timedwait(Variable(), &of.mutex, deadline);
-        }
+        int const result = deadline == nullptr
+                               ? checkers::Wait(*Variable(), of.mutex)
+                               : pthread_cond_timedwait(Variable(), &of.mutex, deadline);
         bool const wasWoken = woken;
         woken = false;
         return wasWoken ? 0 : result;

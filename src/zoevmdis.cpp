@@ -38,7 +38,7 @@ Object* Load(Object*& global) {
 
 template <class Object>
 Object* Exchange(Object*& global, Object* object) {
-    checkers::ReleaseAndAcquire const told(&global);
+    checkers::ReleaseAndAcquire const order(&global);
     return std::atomic_ref<Object*>(global).exchange(object, std::memory_order_acq_rel);
 }
 

@@ -31,29 +31,29 @@ GenericInterlocked::~GenericInterlocked() {
 }
 
 long GenericInterlocked::Increment(ZoInt32* target) {
-    checkers::ReleaseAndAcquire const told(target);
+    checkers::ReleaseAndAcquire const order(target);
     return WrappedSum(std::atomic_ref<ZoInt32>(*target).fetch_add(1), 1);
 }
 
 long GenericInterlocked::Decrement(ZoInt32* target) {
-    checkers::ReleaseAndAcquire const told(target);
+    checkers::ReleaseAndAcquire const order(target);
     return WrappedSum(std::atomic_ref<ZoInt32>(*target).fetch_sub(1), -1);
 }
 
 long GenericInterlocked::Exchange(ZoInt32* target, long value) {
-    checkers::ReleaseAndAcquire const told(target);
+    checkers::ReleaseAndAcquire const order(target);
     return std::atomic_ref<ZoInt32>(*target).exchange(static_cast<ZoInt32>(value));
 }
 
 void* GenericInterlocked::CompareExchange(void** target, void* exchange, void* comparand) {
     void* found = comparand;
-    checkers::ReleaseAndAcquire const told(target);
+    checkers::ReleaseAndAcquire const order(target);
     std::atomic_ref<void*>(*target).compare_exchange_strong(found, exchange);
     return found;
 }
 
 long GenericInterlocked::ExchangeAdd(ZoInt32* target, long value) {
-    checkers::ReleaseAndAcquire const told(target);
+    checkers::ReleaseAndAcquire const order(target);
     return std::atomic_ref<ZoInt32>(*target).fetch_add(static_cast<ZoInt32>(value));
 }
 

@@ -15,7 +15,7 @@ ZoMTObj::~ZoMTObj() {
 // that reads the pointer with acquire order.
 ZoCritSect* ZoMTObj::InstallSection(ZoCritSect* made) {
     ZoCritSect* installed = nullptr;
-    checkers::ReleaseAndAcquire const told(&myCS);
+    checkers::ReleaseAndAcquire const order(&myCS);
     if (myCS.compare_exchange_strong(installed, made, std::memory_order_acq_rel,
                                      std::memory_order_acquire)) {
         return made;
