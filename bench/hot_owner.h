@@ -37,6 +37,7 @@ public:
         for (auto _ : state) {
             HotOwners run(owners);
             std::vector<std::thread> threads;
+            threads.reserve(static_cast<std::size_t>(owners));
             for (int i = 0; i < owners; ++i) {
                 threads.emplace_back([&, i] {
                     OnProcessors const place(i % processors, 1);
@@ -129,8 +130,9 @@ private:
 template <class Run>
 void RegisterOnProcessors(std::string const& name, std::string const& who, Run run) {
     for (int const processors : {1, 2}) {
-        std::string const place = processors == 1 ? "1 processor" : "2 processors";
-        benchmark::RegisterBenchmark((name + ", " + place + "/" + who).c_str(),
+        std::string row = name;
+        row.append(processors == 1 ? ", 1 processor/" : ", 2 processors/").append(who);
+        benchmark::RegisterBenchmark(row.c_str(),
                                      [=](benchmark::State& state) { run(state, processors); })
             ->UseRealTime()
             ->Iterations(1);

@@ -108,15 +108,15 @@ template <class Subject>
 void RegisterHot(std::string const& who) {
     RegisterOnProcessors("writer against a hot writer", who, [](auto& state, int processors) {
         Subject subject;
-        HotOwners::Run(state, Writing(subject), Writing(subject), 1, processors);
+        HotOwners::Run(state, Writing<Subject>{subject}, Writing<Subject>{subject}, 1, processors);
     });
     RegisterOnProcessors("reader against a hot writer", who, [](auto& state, int processors) {
         Subject subject;
-        HotOwners::Run(state, Writing(subject), Reading(subject), 1, processors);
+        HotOwners::Run(state, Writing<Subject>{subject}, Reading<Subject>{subject}, 1, processors);
     });
     RegisterOnProcessors("writer against 2 hot readers", who, [](auto& state, int processors) {
         Subject subject;
-        HotOwners::Run(state, Reading(subject), Writing(subject), 2, processors);
+        HotOwners::Run(state, Reading<Subject>{subject}, Writing<Subject>{subject}, 2, processors);
     });
 }
 

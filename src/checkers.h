@@ -100,7 +100,7 @@ inline void WriteEnds(void const volatile* lock) {
 // The tools take a wait that is cancelled for one that goes on, and drd overlooks everything that
 // its thread does afterwards. So this waits a little at a time, and is cancelled in between. Like
 // any wait it may end without a signal.
-inline int Wait(pthread_cond_t& condition, pthread_mutex_t& mutex) {
+inline int Wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     pthread_testcancel();
     CancellationDeferred deferred;
     timespec end{};
@@ -108,7 +108,7 @@ inline int Wait(pthread_cond_t& condition, pthread_mutex_t& mutex) {
     constexpr long Little = 10'000'000, Second = 1'000'000'000;
     end.tv_nsec += Little;
     if (end.tv_nsec >= Second) end = {end.tv_sec + 1, end.tv_nsec - Second};
-    pthread_cond_timedwait(&condition, &mutex, &end);
+    pthread_cond_timedwait(condition, mutex, &end);
     return 0;
 }
 
@@ -130,8 +130,8 @@ struct [[maybe_unused]] ReleaseAndAcquire {
     constexpr explicit ReleaseAndAcquire(void const volatile*) {}
 };
 
-inline int Wait(pthread_cond_t& condition, pthread_mutex_t& mutex) {
-    return pthread_cond_wait(&condition, &mutex);
+inline int Wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+    return pthread_cond_wait(condition, mutex);
 }
 
 #endif

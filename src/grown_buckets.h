@@ -18,6 +18,7 @@
 #ifndef KELVARA_SRC_GROWN_BUCKETS_H_
 #define KELVARA_SRC_GROWN_BUCKETS_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -75,7 +76,7 @@ inline GrownBuckets* GrownBuckets::Make(ZoUInt32 count, Lines lines) {
     std::size_t const lineSize = lines == Wide     ? sizeof(WideLine)
                                  : lines == Narrow ? sizeof(NarrowLine)
                                                    : 0;
-    std::size_t const each = lineSize + sizeof(ZoHashEntry*);
+    std::size_t const each = lineSize + sizeof(void*);
     constexpr std::size_t more = alignment + sizeof(GrownBuckets);
     if (count > (SIZE_MAX - more) / each) return nullptr;
     std::size_t const size = count * each + more;
@@ -96,7 +97,7 @@ inline GrownBuckets* GrownBuckets::Widened(ZoUInt32 count) {
     for (std::size_t i = count; i-- != 0;) {
         wide->LineAt<WideLine>(i).Widen(LineAt<NarrowLine>(i), Heads()[i]);
     }
-    std::memcpy(wide->Heads(), Heads(), count * sizeof(ZoHashEntry*));
+    std::copy_n(Heads(), count, wide->Heads());
     wide->spares = spares;
     wide->nSpares = nSpares;
     return wide;

@@ -166,7 +166,7 @@ public:
     int Sleep(timespec const* deadline) {
         if (!waiting) Join();
         int const result = deadline == nullptr
-                               ? checkers::Wait(*Variable(), of.mutex)
+                               ? checkers::Wait(Variable(), &of.mutex)
                                : pthread_cond_timedwait(Variable(), &of.mutex, deadline);
         bool const wasWoken = woken;
         woken = false;

@@ -425,7 +425,7 @@ void WorkQueue() {
         std::size_t const first = terminated ? Threads * Rounds : 0;
         OnThreads(Threads, [&](int number) {
             for (int i = 0; i < Rounds; ++i) {
-                auto const place = static_cast<std::size_t>(number * Rounds + i);
+                auto const place = std::size_t(number) * Rounds + std::size_t(i);
                 if (queue->Append(units[first + place].get()) != ZoSuccess) {
                     section->Begin();
                     ++refused;
@@ -442,7 +442,7 @@ void WorkQueue() {
         });
     }
     queue->Destroy();
-    CHECK(handled + aborted + refused == 2 * Threads * Rounds);
+    CHECK(handled + aborted + refused == 2L * Threads * Rounds);
     CHECK(handled > 0 && refused > 0);
 }
 
@@ -522,7 +522,7 @@ void Interlocked() {
             interlocked->CompareExchange(&pointer, &number, nullptr);
         }
     });
-    CHECK(GetZoInterlocked()->Exchange(&number, 0) == 2 * Threads * Rounds);
+    CHECK(GetZoInterlocked()->Exchange(&number, 0) == 2L * Threads * Rounds);
     CHECK(pointer == &number);
 }
 

@@ -206,12 +206,13 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
 
 TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
     constexpr long Deepest = 65535;
+    constexpr auto DeepestWrite = static_cast<long>(ZoUInt32{Deepest} * 65536);
     for (int const mode : {Read, Write}) {
         for (long level = 0; level < Deepest; ++level) ASSERT_EQ(mutex->StartRW(mode, 0), 0);
         std::string const info = Info(mutex.get());
         for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(mutex->StartRW(mode, 0), -1);
         EXPECT_EQ(services.Assertions().back(), "depth < 65535 src/rw_mutex 241");
-        EXPECT_EQ(Holdings(mutex.get()), mode == Read ? Deepest : Deepest * 65536);
+        EXPECT_EQ(Holdings(mutex.get()), mode == Read ? Deepest : DeepestWrite);
         EXPECT_EQ(Info(mutex.get()), info);
         EXPECT_EQ(mutex->EndRW(mode), 0);
         EXPECT_EQ(mutex->StartRW(mode, 0), 0);

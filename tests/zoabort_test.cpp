@@ -296,7 +296,7 @@ TEST(AbortHandlersDeathTest, ASignalDoesNotDisturbExit) {
         _exit(0);
     };
     EXPECT_EXIT(allEndWithThree(), testing::ExitedWithCode(0),
-                testing::Eq(std::string(Rounds * 5, '.')));
+                testing::Eq(std::string(std::size_t{Rounds} * 5, '.')));
 }
 
 // --- vetoes --------------------------------------------------------------------------------------

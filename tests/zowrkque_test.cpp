@@ -339,7 +339,7 @@ TEST_F(WorkQueue, AChildDestroysItsParentsQueue) {
             destroyed.wait();
         }
     };
-    Unit units[]{Unit([] {}, abort), Unit([] {}, abort)};
+    Unit units[]{Unit([] {}, std::ref(abort)), Unit([] {}, std::ref(abort))};
     for (Unit& unit : units) queue->Append(&unit);
     std::thread terminator([&] { queue->Terminate(); });
     inAborted.wait();

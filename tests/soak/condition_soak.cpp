@@ -236,7 +236,9 @@ private:
         for (int i = 0; i < waiters; ++i) queue->IncreaseThreadCount();
     }
     static ZoWorkQueue* Make() { return ZoWorkQueue::Create(0, nullptr); }
-    void Release() override { queue->Append(units[released % units.size()].get()); }
+    void Release() override {
+        queue->Append(units[static_cast<std::size_t>(released % units.size())].get());
+    }
     void End() override { queue->Destroy(); }
 
     ZoWorkQueue* queue;
