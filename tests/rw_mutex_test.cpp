@@ -206,7 +206,7 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
 
 TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
     constexpr long Deepest = 65535;
-    constexpr auto DeepestWrite = static_cast<long>(ZoUInt32{Deepest} * 65536);
+    constexpr auto DeepestWrite = static_cast<long>(0xFFFF0000U);
     for (int const mode : {Read, Write}) {
         for (long level = 0; level < Deepest; ++level) ASSERT_EQ(mutex->StartRW(mode, 0), 0);
         std::string const info = Info(mutex.get());
