@@ -98,8 +98,11 @@ public:
         tags = other.tags;
         std::memcpy(entries, other.entries, sizeof other.entries);
         int const count = TagCount();
-        if (count == 0 || entries[count - 1] != nullptr) return;
-        for (int place = 0; place < count; ++place, head = head->next) entries[place] = head;
+        int place = std::min(count, int{otherCapacity});
+        while (place != 0 && entries[place - 1] == nullptr) --place;
+        for (; place < count; ++place) {
+            entries[place] = place != 0 ? entries[place - 1]->next : head;
+        }
     }
 
     // Asks for the memory of the entries.
@@ -107,6 +110,9 @@ public:
         for (std::size_t i = 0; i < std::min(capacity, std::size_t{4}); ++i)
             __builtin_prefetch(entries[i]);
     }
+
+    // Asks for the memory of the last entry that has an address.
+    void PrefetchLink() const { __builtin_prefetch(entries[capacity - 1]); }
 
 private:
     template <std::size_t otherCapacity>

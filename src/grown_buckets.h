@@ -94,7 +94,9 @@ inline GrownBuckets* GrownBuckets::Make(ZoUInt32 count, Lines lines) {
 inline GrownBuckets* GrownBuckets::Widened(ZoUInt32 count) {
     GrownBuckets* const wide = Make(count, Wide);
     if (wide == nullptr) return nullptr;
+    constexpr std::size_t distance = 16;
     for (std::size_t i = count; i-- != 0;) {
+        if (i >= distance) LineAt<NarrowLine>(i - distance).PrefetchLink();
         wide->LineAt<WideLine>(i).Widen(LineAt<NarrowLine>(i), Heads()[i]);
     }
     std::copy_n(Heads(), count, wide->Heads());
