@@ -99,7 +99,7 @@ public:
             records[i] = ZoTLS::GetThreadLocalStorage();
             sections[i]->Begin();
             ++owning;
-            Await([&] { return i == 0 ? owning == sections.size() : IsAwaited(*sections[i]); });
+            Await([&] { return i == 0 ? owning == sections.size() : OwnerWaits(*sections[i - 1]); });
             ZoCritSect& wanted = *sections[closes ? 0 : i + 1];
             wanted.Begin();
             wanted.Exit();
@@ -127,8 +127,9 @@ private:
     std::string Named(std::size_t i) {
         return std::string(sections[i]->GetName()) + " " + Pointer(sections[i].get());
     }
-    static bool IsAwaited(ZoCritSect& section) {
-        return NumberAfter(InfoOf(&section), "wait count: ") == 1;
+    // The wait count is up before the wait stands in the graph, so it says too little here.
+    static bool OwnerWaits(ZoCritSect& section) {
+        return InfoOf(&section).find("owner waiting for") != std::string::npos;
     }
 
     Services& services;
