@@ -99,7 +99,8 @@ public:
             records[i] = ZoTLS::GetThreadLocalStorage();
             sections[i]->Begin();
             ++owning;
-            Await([&] { return i == 0 ? owning == sections.size() : OwnerWaits(*sections[i - 1]); });
+            Await(
+                [&] { return i == 0 ? owning == sections.size() : OwnerWaits(*sections[i - 1]); });
             ZoCritSect& wanted = *sections[closes ? 0 : i + 1];
             wanted.Begin();
             wanted.Exit();
