@@ -35,6 +35,22 @@
 // writer may have been there first. A thread that lowers is a reader like any other from then on,
 // without a moment in which a writer could come between.
 //
+// Deadlock detection (zocrits.h), if it was on when the mutex was made, sees the mutex's section
+// and its readers. A writer that waits for the readers waits for all of them; a ring of waits
+// through any one of them is reported, like a ring of sections, by the thread that would close it
+// and before that blocks. Who is waited for:
+//
+//     a thread that reads, or reads again and again    yes, from its first read to its last end
+//     a thread that reads and asks to write            no: it has given its reads up, and waits
+//                                                      for the readers or for the section; of two
+//                                                      that ask, the second waits for the first
+//     a writer that lowers                             yes, from its last end of a write on
+//     a writer that reads as well                      not as a reader: it owns the section
+//     a first read that queues behind a writer         not yet: it waits for the section
+//
+// While the message of a report is shown, the thread may end reads and writes and leave sections,
+// which dissolves the ring. A false alarm of a writer is told when it holds its write.
+//
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
 // it. The reports call the base library's log, message and assertion services and the debug
 // listeners on the calling thread, before anything of the level is entered or ended: that of a
@@ -118,8 +134,8 @@ private:
     ZO_INTERNAL void EndRead(ZoUInt32& holdings);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
     ZO_INTERNAL void QueueToRead();
-    ZO_INTERNAL void AdmitReaderToWrite(ZoUInt32& holdings);
-    ZO_INTERNAL void AdmitWriter(bool gaveUpRead);
+    ZO_INTERNAL bool AdmitReaderToWrite(ZoUInt32& holdings);
+    ZO_INTERNAL bool AdmitWriter(bool gaveUpRead);
     ZO_INTERNAL void LeaveReaders();
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
@@ -136,6 +152,8 @@ private:
     // How many threads wait to get in. For GetInfo only.
     std::atomic<ZoInt32> waitingReaders;
     std::atomic<ZoInt32> waitingWriters;
+    // Whether deadlock detection sees who waits for the readers: it was on when the mutex was made.
+    bool const isDetecting;
 };
 
 #endif  // KELVARA_INCLUDE_RW_MUTEX_H_

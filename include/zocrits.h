@@ -126,26 +126,28 @@ private:
 // A free section costs hardly more than a plain one to enter and to leave: what detection needs is
 // done by the threads that must wait.
 //
-// Each detecting section knows its owner, and each thread's record (zotls.h) knows the section the
-// thread waits for. Before Begin blocks it follows these edges from the owner of the wanted
-// section; when they lead back to the caller, the wait would close a ring. Begin then writes the
-// ring to the console, if there is one, and to "deadlock.txt" in the current directory, logs
-// "Deadlock detected." with the section's description, shows "Deadlock detected.\n(CANCEL to
-// debug)" through the message service, and waits all the same. A wait that ends after all is logged
-// as a false alarm.
+// Each detecting section knows its owner, and each thread's record (zotls.h) knows what the thread
+// waits for: a section, or the readers of a reader/writer mutex (rw_mutex.h). Before Begin blocks
+// it follows these edges from the owner of the wanted section; when they lead back to the caller,
+// the wait would close a ring. Begin then writes the ring to the console, if there is one, and to
+// "deadlock.txt" in the current directory, logs "Deadlock detected." with the section's
+// description, shows "Deadlock detected.\n(CANCEL to debug)" through the message service, and waits
+// all the same. A wait that ends after all is logged as a false alarm. A writer does the same
+// before it waits for readers; the description is then the mutex's.
 //
 // The whole report, the message included, runs on the detecting thread with `csDLD` held. An entry
 // or a leave that begins meanwhile waits until the message is answered; so does one that begins
 // while the host holds csDLD to look at the graph. `csDLD` is recursive: while the message is
-// shown, the detecting thread may leave sections it owns (Exit or ForceRelease), which dissolves
-// the ring. It must not enter a section that another thread may hold.
+// shown, the detecting thread may leave sections it owns (Exit or ForceRelease) and end its reads
+// and writes, which dissolves the ring. It must not enter a section that another thread may hold.
 //
 // The configuration key "csSleepTime" in section "debug" makes the last Exit of every detecting
 // section hold it that many milliseconds longer. The key is read once, when the first detecting
 // section is made.
 //
 // Detecting sections are entered and left only while the library context is set up. A thread that
-// is cancelled during a report or a delayed Exit is cancelled only after it.
+// is cancelled during a report or a delayed Exit is cancelled only after it. In a child process
+// made by fork() the threads that are not there wait for nothing.
 class ZO_API ZoDLDCritSect : public ZoCritSect {
 public:
     // Owns `wrapped`, the section that really locks.
@@ -177,8 +179,6 @@ private:
     ZO_INTERNAL void EnterWrapped();
     ZO_INTERNAL void EndWait(ZoTLS* me);
     ZO_INTERNAL void WithdrawWait(ZoTLS* me);
-    ZO_INTERNAL void ReportDeadlock(ZoTLS* me);
-    ZO_INTERNAL void ReportFalseAlarm();
     ZO_INTERNAL void Leave();
 
     ZoCritSect* wrapped;
@@ -189,8 +189,8 @@ private:
     PosixCritSect* plain;  // the wrapped section, if it is of this very kind; else null
 };
 
-// The section "DeadLockDetectionCS", which guards the wait-for graph: the waitingFor of every
-// thread's record, and while it is held, no entry into a detecting section and no leave begins. A
+// The section "DeadLockDetectionCS", which guards the wait-for graph: what every thread's record
+// says it waits for, and while it is held, no entry into a detecting section and no leave begins. A
 // host may put a section of its own in its place; unless that is a PosixCritSect, every entry and
 // every leave goes through it. Null while the library context is not set up.
 extern ZO_API ZoCritSect* csDLD;
@@ -204,7 +204,8 @@ ZO_API ZoCritSect** ZoGetCritSectCritSect();
 // A new PosixCritSect named "DeadLockDetectionCS", owned by the caller; null when memory ran out.
 ZO_API ZoCritSect* ZoMakeCritSectCritSect();
 // 1 when the thread `waiter` waits, directly or through a chain, for the thread `target`; else 0. A
-// ring of waits that does not include `target` answers 0. Enters csDLD itself.
+// ring of waits that does not include `target` answers 0. What `target` reads counts if it waits
+// itself or is the caller. Enters csDLD itself.
 ZO_API int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target);
 
 #endif  // KELVARA_INCLUDE_ZOCRITS_H_

@@ -14,10 +14,11 @@
 // But the record of a thread that still owns deadlock-detecting sections at that moment is kept for
 // ever: those sections stay taken, and their owner must be nobody else.
 //
-// Who may call: every function acts on the calling thread's own record. Other threads read only
-// `threadIdentity` and `waitingFor`, under csDLD (zocrits.h); a record that is freed waits for a
-// moment until nobody reads it. A thread that frees its record while it owns deadlock-detecting
-// sections, and lives on, is not known as their owner any more.
+// Who may call: every function acts on the calling thread's own record. Other threads touch only
+// what deadlock detection needs, under csDLD (zocrits.h): `threadIdentity`, what the thread waits
+// for and, while it waits, what it reads. A record that is freed waits for a moment until nobody
+// reads it. A thread that frees its record while it owns deadlock-detecting sections, and lives on,
+// is not known as their owner any more.
 //
 // When no record can be made, the functions report an assertion and answer as each says.
 
@@ -32,6 +33,7 @@ class ZoDLDCritSect;
 class ZoExtendedBase;
 class ZoRW_Mutex;
 class ZoResult;
+class ZoTLS;
 class smp_io;
 struct ZoTLSItem;
 
@@ -39,6 +41,19 @@ struct ZoTLSItem;
 struct ZoRWRecord : ZoSimpleLinkedListItem {
     ZoRW_Mutex const* mutex = nullptr;
     ZoUInt32 holdings = 0;  // read depth in the low 16 bits, write depth in the high 16
+
+    // Notes of a walk through the wait-for graph (src/wait_graph.h).
+    ZoTLS* thread = nullptr;           // whose record it is
+    ZoRWRecord* nextReader = nullptr;  // of another waiting thread that reads the same mutex
+};
+
+// A thread's wait for the readers of a mutex to leave.
+struct ZoReadersWait {
+    ZoRW_Mutex* mutex = nullptr;  // null: it waits for none; guarded by csDLD
+
+    // Notes of a walk.
+    ZoRWRecord* readers = nullptr;  // of waiting threads that are counted as readers of `mutex`
+    ZoReadersWait* next = nullptr;  // in the walk's table
 };
 
 class ZO_API ZoTLS {
@@ -66,6 +81,15 @@ public:
     ZoExtendedBase* ownedObject;   // destroyed with the record; the library never fills it
     ZoInt32 ownedSections;         // how many detecting sections the thread owns
     ZoTLS* nextKept;               // in the list of records that are kept for ever
+
+    // What deadlock detection needs further. Guarded by csDLD.
+    ZoReadersWait readersWait;  // the mutex that the thread waits to write
+    ZoTLS** waitingLink;        // what points at the record in the list of waiting threads, or null
+    ZoTLS* nextWaiting;         // in that list
+    // Notes of a walk.
+    unsigned long long walk;  // the number of the last one that came by
+    ZoTLS* nextToVisit;
+    ZoTLS* firstStep;  // where the way from the walk's beginning to this record begins
 
 private:
     friend void ZoThreadDetach(void* record);

@@ -34,7 +34,7 @@ void AfterFork() {
 
 void AfterForkInChild() {
     forkGeneration.fetch_add(1, std::memory_order_relaxed);
-    WaitForGraph::FreeLocksInChild();
+    WaitForGraph::ForgetAbsentThreads();
     ThreadLife::ForgetAbsentThreads();
     EndingThreads::ForgetAbsentThreads();
     ProcessEnd::ForgetAbsentThreads();

@@ -3,13 +3,16 @@
 #include <cstddef>
 #include <cstdio>
 #include <new>
+#include <typeinfo>
 
 #include "cancellation.h"
 #include "chain.h"
 #include "checkers.h"
+#include "deadlock_io.h"
 #include "rw_fast.h"
 #include "section_try.h"
 #include "trace.h"
+#include "wait_graph.h"
 #include "zobase.h"
 #include "zocrits.h"
 
@@ -81,6 +84,36 @@ private:
     std::atomic<ZoInt32>& count;
 };
 
+// A writer's wait for the readers in the wait-for graph, for a scope. It is announced with the
+// exclusive section held and the gate closed, and withdrawn before either changes: while it stands,
+// whoever reads the mutex has read it from before.
+class AnnouncedWrite {
+public:
+    AnnouncedWrite() = default;
+    AnnouncedWrite(AnnouncedWrite const&) = delete;
+    AnnouncedWrite& operator=(AnnouncedWrite const&) = delete;
+    ~AnnouncedWrite() { Withdraw(); }
+
+    // In one hold of csDLD: looks for a ring, unless the last reader has just gone. Whether a
+    // deadlock was reported.
+    bool Announce(ZoRW_Mutex& mutex, ReaderGate const& gate) {
+        GraphLock lock;
+        if (gate.Count() == 0) return false;
+        bool const reported = AnnounceWait(currentRecord, {.readersOf = &mutex});
+        announced = true;
+        return reported;
+    }
+    void Withdraw() {
+        if (!announced) return;
+        GraphLock lock;
+        WaitForGraph::Withdraw(currentRecord);
+        announced = false;
+    }
+
+private:
+    bool announced = false;
+};
+
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
 // that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
 // here, is a counted reader again.
@@ -102,6 +135,15 @@ public:
     void WaitForReaders() {
         readers.WaitForCondition(0, ZoNoLimit);
         admitted = true;
+    }
+    // The same, seen by deadlock detection. Whether a deadlock was reported.
+    bool WaitForReadersOf(ZoRW_Mutex& mutex) {
+        AnnouncedWrite announced;
+        bool const reported = announced.Announce(mutex, ReaderGate(readers.value));
+        readers.WaitForCondition(0, ZoNoLimit);
+        announced.Withdraw();
+        admitted = true;
+        return reported;
     }
 
 private:
@@ -251,7 +293,8 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
       WriterLevel(0),
       owner(nullptr),
       waitingReaders(0),
-      waitingWriters(0) {
+      waitingWriters(0),
+      isDetecting(exclusive != nullptr && typeid(*exclusive) == typeid(ZoDLDCritSect)) {
     checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters);
 }
 
@@ -331,39 +374,40 @@ void ZoGenRW_Mutex::QueueToRead() {
 
 void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
     ZoUInt32 const depth = WriteDepth(holdings);
+    bool falseAlarm = false;
     if (depth == 0) {
-        if (holdings != 0) {
-            AdmitReaderToWrite(holdings);
-        } else {
-            AdmitWriter(false);
-        }
+        falseAlarm = holdings != 0 ? AdmitReaderToWrite(holdings) : AdmitWriter(false);
         checkers::WriteBegins(readers);
         owner.store(identity, std::memory_order_relaxed);
     }
     CheckWriterLevel(depth, 271);
     holdings += OneWrite;
     AddToWriterLevel(1);
+    // The host's code in it finds the thread as the writer that it is.
+    if (falseAlarm) ReportFalseAlarm();
 }
 
-void ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
+bool ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
     RecordSetAside reads(holdings);
     // Off the count before the wait for the section: its holder may be waiting for this very read.
     LeaveReaders();
-    AdmitWriter(true);
+    return AdmitWriter(true);
 }
 
 // Counted as waiting only if there is something to wait for.
-void ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
+bool ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
     bool const entered = TryBegin(*exclusive);
-    if (entered && Gate().Close()) return;
+    if (entered && Gate().Close()) return false;
     AddOne(waitingWriters);
     OneLessAtEnd waiting(waitingWriters);
     if (!entered) {
         exclusive->Begin();
-        if (Gate().Close()) return;
+        if (Gate().Close()) return false;
     }
     PendingWrite pending(*exclusive, *readers, gaveUpRead);
+    if (isDetecting) return pending.WaitForReadersOf(*this);
     pending.WaitForReaders();
+    return false;
 }
 
 void ZoGenRW_Mutex::LeaveReaders() {

@@ -35,6 +35,11 @@ constexpr ZoUInt32 WriteDepth(ZoUInt32 holdings) {
     return holdings / OneWrite;
 }
 
+// Whether the thread whose record says so is in the count of readers that a writer waits for.
+constexpr bool IsCountedReader(ZoUInt32 holdings) {
+    return ReadDepth(holdings) != 0 && WriteDepth(holdings) == 0;
+}
+
 // The functions below take the calling thread's record.
 
 // Null when the thread has no record for `mutex`. The one added last is mostly the one sought.

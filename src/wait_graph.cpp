@@ -2,26 +2,231 @@
 
 #include <pthread.h>
 
+#include <array>
+#include <cstdint>
 #include <new>
 
 #include "owned_sections.h"
+#include "rw_record.h"
 #include "zosyncob.h"
 
 namespace {
 
-// The records' lock: guards the records of other threads against being freed while they are read.
+// The records' lock: guards the records of other threads against being freed while they are read,
+// and the notes that a walk makes in them.
 constinit std::mutex recordsLock;
+
+// The threads whose waits are announced, the latest first. Guarded by csDLD.
+ZoTLS* firstWaiting = nullptr;
+
+// The number of the last walk. Guarded by the records' lock.
+unsigned long long lastWalk = 0;
+
+// The waits for readers that a walk has found, by the mutex. Guarded by the records' lock.
+constexpr unsigned PlaceBits = 6;
+std::array<ZoReadersWait*, 1U << PlaceBits> places;
 
 }  // namespace
 
+// --- a walk ------------------------------------------------------------------------------------
+
+// The search for a target, with csDLD and the records' lock held. Breadth first, each waiting
+// thread once, and from a thread that waits for a section to one other thread only. It begins with
+// a pass over all waiting threads and what they read if, and when, it comes to a wait for readers;
+// that sorts the readers by the mutexes that are waited for. So it takes a time in proportion to
+// the waiting threads and their reads at the most, allocates nothing, and ends also in a ring that
+// the target is not on.
+//
+// It writes into records of waiting threads only: those of running ones stay in their caches.
+class WaitForGraph::Walk {
+public:
+    explicit Walk(ZoTLS const* target) : target(target), number(++lastWalk) {}
+
+    // The first thread on a shortest way from `start` to the target; null: there is no way.
+    ZoTLS* FirstStepFrom(Wait const& start) {
+        begun.mutex = start.readersOf;
+        GoOnFrom(start, nullptr);
+        for (; toVisit != nullptr && found == nullptr; toVisit = toVisit->nextToVisit) {
+            GoOnFrom(WaitOf(toVisit), toVisit->firstStep);
+        }
+        return found;
+    }
+
+private:
+    void GoOnFrom(Wait const& wait, ZoTLS* firstStep) {
+        if (wait.section != nullptr) {
+            if (ZoTLS* const owner = RecordOfOwner(wait.section)) Reach(owner, firstStep);
+        } else if (wait.readersOf != nullptr) {
+            for (ZoRWRecord* reader = ReadersOf(wait.readersOf); reader != nullptr;
+                 reader = reader->nextReader) {
+                Reach(reader->thread, firstStep);
+            }
+        }
+    }
+
+    void Reach(ZoTLS* thread, ZoTLS* firstStep) {
+        if (firstStep == nullptr) firstStep = thread;
+        if (thread == target) {
+            if (found == nullptr) found = firstStep;
+        } else if (!WaitOf(thread).IsNone() && thread->walk != number) {
+            thread->walk = number;
+            thread->firstStep = firstStep;
+            thread->nextToVisit = nullptr;
+            (toVisit == nullptr ? toVisit : lastToVisit->nextToVisit) = thread;
+            lastToVisit = thread;
+        }
+    }
+
+    ZoRWRecord* ReadersOf(ZoRW_Mutex const* mutex) {
+        if (!readersAreSorted) SortReaders();
+        ZoReadersWait const* const wait = FindWaitFor(mutex);
+        return wait != nullptr ? wait->readers : nullptr;
+    }
+
+    // A mutex has one writer that waits for its readers, the one that holds "RW_Exclusive".
+    void SortReaders() {
+        readersAreSorted = true;
+        places.fill(nullptr);
+        for (ZoTLS* thread = firstWaiting; thread != nullptr; thread = thread->nextWaiting) {
+            if (thread->readersWait.mutex != nullptr) Add(thread->readersWait);
+        }
+        if (begun.mutex != nullptr && FindWaitFor(begun.mutex) == nullptr) Add(begun);
+        for (ZoTLS* thread = firstWaiting; thread != nullptr; thread = thread->nextWaiting) {
+            SortReadsOf(thread);
+        }
+        // The caller is about to wait, so its own reads stand still too.
+        ZoTLS* const caller = currentRecord;
+        if (caller == target && caller->waitingLink == nullptr) SortReadsOf(caller);
+    }
+
+    static void SortReadsOf(ZoTLS* thread) {
+        ZoSimpleLinkedListItem* item = thread->rwRecords.GetFirst();
+        for (; item != nullptr; item = item->GetNext()) {
+            auto* const record = static_cast<ZoRWRecord*>(item);
+            if (!IsCountedReader(record->holdings)) continue;
+            ZoReadersWait* const wait = FindWaitFor(record->mutex);
+            if (wait == nullptr) continue;
+            record->thread = thread;
+            record->nextReader = wait->readers;
+            wait->readers = record;
+        }
+    }
+
+    static void Add(ZoReadersWait& wait) {
+        ZoReadersWait*& first = PlaceOf(wait.mutex);
+        wait.readers = nullptr;
+        wait.next = first;
+        first = &wait;
+    }
+
+    static ZoReadersWait* FindWaitFor(ZoRW_Mutex const* mutex) {
+        ZoReadersWait* wait = PlaceOf(mutex);
+        while (wait != nullptr && wait->mutex != mutex) wait = wait->next;
+        return wait;
+    }
+
+    // Addresses of mutexes differ in their middle bits; the product carries them to the upper ones.
+    static ZoReadersWait*& PlaceOf(ZoRW_Mutex const* mutex) {
+        auto const word = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(mutex) >> 4);
+        return places[word * 2654435769U >> (32 - PlaceBits)];
+    }
+
+    ZoTLS const* const target;
+    unsigned long long const number;
+    ZoTLS* toVisit = nullptr;  // a queue, linked by nextToVisit
+    ZoTLS* lastToVisit = nullptr;
+    ZoTLS* found = nullptr;
+
+    ZoReadersWait begun;  // the wait at which the walk begins, which may be announced only later
+    bool readersAreSorted = false;
+};
+
+// --- edges -------------------------------------------------------------------------------------
+
+WaitForGraph::Holder WaitForGraph::SafeHolder(ZoTLS* thread) {
+    if (thread == nullptr) return {};
+    return {thread, thread->threadIdentity, WaitOf(thread)};
+}
+
+WaitForGraph::Holder WaitForGraph::OwnerOf(ZoDLDCritSect const* section) {
+    std::lock_guard<std::mutex> const hold(recordsLock);
+    return SafeHolder(RecordOfOwner(section));
+}
+
+WaitForGraph::Holder WaitForGraph::HolderOf(Wait const& wanted, ZoTLS const* target) {
+    if (wanted.section != nullptr) return OwnerOf(wanted.section);
+    std::lock_guard<std::mutex> const hold(recordsLock);
+    return SafeHolder(Walk(target).FirstStepFrom(wanted));
+}
+
+bool WaitForGraph::LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target) {
+    std::lock_guard<std::mutex> const hold(recordsLock);
+    Walk walk(const_cast<ZoTLS const*>(target));
+    return walk.FirstStepFrom(WaitOf(const_cast<ZoTLS const*>(thread))) != nullptr;
+}
+
+bool WaitForGraph::LeadsTo(Wait const& wanted, ZoTLS const* target) {
+    std::lock_guard<std::mutex> const hold(recordsLock);
+    Walk walk(target);
+    if (wanted.section == nullptr) return walk.FirstStepFrom(wanted) != nullptr;
+    ZoTLS const* const owner = RecordOfOwner(wanted.section);
+    return owner != nullptr && walk.FirstStepFrom(WaitOf(owner)) != nullptr;
+}
+
+// A thread may wait within a wait: the code of a wrapped section of the host's may enter others. It
+// is in the list once. For the sake of a child, which may find any of these steps half done, a
+// record is in the list before its wait is told, and a walk from the list's head never leaves it.
+void WaitForGraph::Announce(ZoTLS* me, Wait const& wanted) {
+    if (me->waitingLink == nullptr) {
+        me->waitingLink = &firstWaiting;
+        me->nextWaiting = firstWaiting;
+        if (firstWaiting != nullptr) firstWaiting->waitingLink = &me->nextWaiting;
+        std::atomic_ref<ZoTLS*>(firstWaiting).store(me, std::memory_order_release);
+    }
+    me->waitingFor = wanted.section;
+    me->readersWait.mutex = wanted.readersOf;
+}
+
+void WaitForGraph::Withdraw(ZoTLS* me) {
+    Clear(me);
+    if (me->waitingLink == nullptr) return;
+    std::atomic_ref<ZoTLS*>(*me->waitingLink).store(me->nextWaiting, std::memory_order_release);
+    if (me->nextWaiting != nullptr) me->nextWaiting->waitingLink = me->waitingLink;
+    me->waitingLink = nullptr;
+}
+
+void WaitForGraph::Clear(ZoTLS* thread) {
+    thread->waitingFor = nullptr;
+    thread->readersWait.mutex = nullptr;
+}
+
+void WaitForGraph::LetWalksPass() {
+    std::lock_guard<std::mutex> const pass(recordsLock);
+}
+
+int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
+    GraphLock lock;
+    return WaitForGraph::LeadsTo(waiter, target) ? 1 : 0;
+}
+
+// --- in a forked child -------------------------------------------------------------------------
+
 // A child has only the thread that forked, but gets the library's locks as other threads of its
-// parent held them. What they guard can be used at every moment: the records' lock guards no data,
-// the words of the graph are changed one at a time, and so are the chain's links, so that a walk
-// from its head never leaves it.
-void WaitForGraph::FreeLocksInChild() {
+// parent held them. What they guard can be used at every moment: of the records' lock that are the
+// notes of a walk, which the next walk makes anew; the words of the graph are changed one at a
+// time, and so are the links of the chain and of the list of waiting threads.
+void WaitForGraph::ForgetAbsentThreads() {
     new (&recordsLock) std::mutex;
     FreeUnlessMine(csDLD);
     FreeUnlessMine(fscs);
+    ZoTLS* const me = currentRecord;
+    Wait const mine = me != nullptr ? WaitOf(me) : Wait{};
+    for (ZoTLS* thread = firstWaiting; thread != nullptr; thread = thread->nextWaiting) {
+        Clear(thread);
+        thread->waitingLink = nullptr;
+    }
+    firstWaiting = nullptr;
+    if (!mine.IsNone()) Announce(me, mine);
 }
 
 void WaitForGraph::FreeUnlessMine(ZoCritSect* section) {
@@ -44,52 +249,4 @@ void WaitForGraph::FreeUnlessMine(PosixCritSect& section) {
     section.owner.store(NoThread, std::memory_order_relaxed);
     section.SetOwningCount(0);
     section.waitCount.store(0, std::memory_order_relaxed);
-}
-
-WaitForGraph::Owner WaitForGraph::OwnerOf(ZoDLDCritSect const* section) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
-    ZoTLS* const thread = RecordOfOwner(section);
-    if (thread == nullptr) return {};
-    return {thread, thread->threadIdentity, thread->waitingFor};
-}
-
-bool WaitForGraph::LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
-    return SafeLeadsTo(thread, target);
-}
-
-bool WaitForGraph::LeadsTo(ZoDLDCritSect const* section, ZoTLS const* target) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
-    return SafeLeadsTo(RecordOfOwner(section), target);
-}
-
-// A chain may also run into a ring without `target`, of threads left waiting for each other after
-// an earlier report. Each thread waits for one section and each section has one owner, so such a
-// ring comes back to every thread on it: the walk keeps one thread in mind, a later one each time
-// the number of steps has doubled (Brent), and ends when it meets that thread again. It allocates
-// nothing and visits each thread at most a few times.
-bool WaitForGraph::SafeLeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target) {
-    ZoTLS volatile const* remembered = thread;
-    unsigned long steps = 0;
-    unsigned long limit = 1;
-    while (thread != nullptr && thread->waitingFor != nullptr) {
-        thread = RecordOfOwner(thread->waitingFor);
-        if (thread == target) return true;
-        if (thread == remembered) return false;
-        if (++steps == limit) {
-            remembered = thread;
-            steps = 0;
-            limit *= 2;
-        }
-    }
-    return false;
-}
-
-void WaitForGraph::LetWalksPass() {
-    std::lock_guard<std::mutex> const pass(recordsLock);
-}
-
-int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
-    GraphLock lock;
-    return WaitForGraph::LeadsTo(waiter, target) ? 1 : 0;
 }

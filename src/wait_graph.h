@@ -1,14 +1,22 @@
-// The wait-for graph of deadlock detection: who owns a section, what a thread waits for.
+// The wait-for graph of deadlock detection: who holds what, and what a thread waits for.
 //
 // Edges:
 //
 //     section -> its owner             set and cleared by the owner, mostly without a lock
-//     thread  -> the section it        set and cleared by the thread, in a hold of csDLD
-//                waits for
+//     mutex   -> each counted reader   in that thread's own record of the mutex, without a lock
+//                that waits itself
+//     thread  -> the section, or the   set and cleared by the thread, in a hold of csDLD
+//                mutex whose readers,
+//                it waits for
 //
 // A walk runs in a hold of csDLD. It may meet an owner that is just entering or leaving a section
 // without that lock. Such a thread runs, so it waits for nothing and the walk ends there; it cannot
 // begin to wait before the hold is over. docs/locking.md has the whole argument.
+//
+// A reader is found through the list of waiting threads, which csDLD guards: a thread is in it
+// exactly while its wait is announced. A reader that runs is in no ring, and a waiting one leaves
+// its records alone, so a walk may read them. It never goes to a mutex that it finds in them: one
+// that was destroyed while it was read stands there still.
 //
 // A record that a walk has found must not be freed under it, and its thread may have left the
 // section and be about to end. So whoever reads a record that it found through a section's owner
@@ -54,32 +62,55 @@ inline bool GraphIsFree() {
     return GraphCanBePassed() && (csDLD == nullptr || static_cast<PosixCritSect*>(csDLD)->IsFree());
 }
 
+// What a thread waits for, or is about to: a section, or the readers of a mutex that it is to
+// write. Both null: nothing.
+struct Wait {
+    ZoDLDCritSect* section = nullptr;
+    ZoRW_Mutex* readersOf = nullptr;
+
+    bool IsNone() const { return section == nullptr && readersOf == nullptr; }
+};
+
 // With csDLD held.
 class WaitForGraph {
 public:
-    // What a walk learns of a section's owner. `thread` null: there is none.
-    struct Owner {
+    // What a walk learns of a thread that keeps another one waiting. `thread` null: there is none.
+    struct Holder {
         ZoTLS* thread = nullptr;
         void* identity = nullptr;
-        ZoDLDCritSect* waitsFor = nullptr;
+        Wait waitsFor;
     };
-    static Owner OwnerOf(ZoDLDCritSect const* section);
+    static Holder OwnerOf(ZoDLDCritSect const* section);
+    // Who keeps waiting one that waits for `wanted`: the owner of a section; of the readers the one
+    // from whom the shortest chain of waits leads to `target`.
+    static Holder HolderOf(Wait const& wanted, ZoTLS const* target);
 
-    // Whether the chain of waits that begins at `thread`, or at the owner of `section`, comes to
-    // `target`.
+    // Whether a chain of waits that begins at `thread`, or at those who keep `wanted` from being
+    // had, comes to `target`. A target that runs is known as a reader only if it is the caller.
     static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target);
-    static bool LeadsTo(ZoDLDCritSect const* section, ZoTLS const* target);
+    static bool LeadsTo(Wait const& wanted, ZoTLS const* target);
+
+    // Enter the wait of the calling thread, whose record this is, into the graph, and take it out.
+    static void Announce(ZoTLS* me, Wait const& wanted);
+    static void Withdraw(ZoTLS* me);
 
     // By a thread that frees its record, as the last step before: afterwards no walk reads it.
     static void LetWalksPass();
 
     // In a forked child: makes the records' lock, csDLD and the chain's lock free, unless the
-    // calling thread owns them.
-    static void FreeLocksInChild();
+    // calling thread owns them, and takes the waits of all other threads out of the graph.
+    static void ForgetAbsentThreads();
 
 private:
+    class Walk;
+
     static void FreeUnlessMine(PosixCritSect& section);
     static void FreeUnlessMine(ZoCritSect* section);
+    static void Clear(ZoTLS* thread);
+    static Holder SafeHolder(ZoTLS* thread);
+    static Wait WaitOf(ZoTLS const* thread) {
+        return {thread->waitingFor, thread->readersWait.mutex};
+    }
     // The acquire order meets the release order of the owner's store: the owner has made its record
     // before, and may never have held csDLD since.
     static ZoTLS* RecordOfOwner(ZoDLDCritSect const* section) {
@@ -87,7 +118,6 @@ private:
         checkers::Acquire(&section->owner);
         return record;
     }
-    static bool SafeLeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target);
 };
 
 #endif  // KELVARA_SRC_WAIT_GRAPH_H_

@@ -13,6 +13,7 @@
 #include "deadlock_io.h"
 #include "debug_path.h"
 #include "owned_sections.h"
+#include "rw_mutex.h"
 #include "rw_record.h"
 #include "section_try.h"
 #include "smp_io.h"
@@ -248,7 +249,7 @@ void UnchainSection(ZoCritSect* section) {
 }
 
 int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {
-    return WaitForGraph::LeadsTo(this, me) ? 1 : 0;
+    return WaitForGraph::LeadsTo(Wait{.section = this}, me) ? 1 : 0;
 }
 
 void ZoDLDCritSect::Begin() {
@@ -320,9 +321,7 @@ bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
         waitCount.fetch_sub(1, std::memory_order_relaxed);
         return true;
     }
-    suspect = WouldDeadLock(me) != 0;
-    if (suspect) ReportDeadlock(me);
-    me->waitingFor = this;
+    suspect = AnnounceWait(me, {.section = this});
     return false;
 }
 
@@ -359,7 +358,7 @@ void ZoDLDCritSect::EndWait(ZoTLS* me) {
 
 // With csDLD held.
 void ZoDLDCritSect::WithdrawWait(ZoTLS* me) {
-    me->waitingFor = nullptr;
+    WaitForGraph::Withdraw(me);
     waitCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -406,18 +405,18 @@ void ZoDLDCritSect::GetInfo(char* buffer, int size) {
     if (buffer == nullptr || size <= 0) return;
     std::size_t const room = static_cast<std::size_t>(size);
     GraphLock lock;  // keeps the section that the owner waits for alive
-    WaitForGraph::Owner const now = WaitForGraph::OwnerOf(this);
+    WaitForGraph::Holder const now = WaitForGraph::OwnerOf(this);
     if (now.thread == nullptr) {
         std::snprintf(buffer, room, "%s: is available", GetName());
         return;
     }
     long const count = GetOwningCount();
     long const waiting = waitCount.load(std::memory_order_relaxed);
-    if (now.waitsFor != nullptr) {
+    if (now.waitsFor.section != nullptr) {
         std::snprintf(
             buffer, room,
             "%s: owning thread: %p, owning count: %ld; wait count: %ld; owner waiting for %s",
-            GetName(), now.identity, count, waiting, now.waitsFor->GetName());
+            GetName(), now.identity, count, waiting, now.waitsFor.section->GetName());
     } else {
         std::snprintf(buffer, room, "%s: owning thread: %p, owning count: %ld; wait count: %ld",
                       GetName(), now.identity, count, waiting);
@@ -438,36 +437,42 @@ public:
 };
 
 // The ring, in words and traces, to `console` and to the log file at once.
-void WriteReport(ZoTLS* me, ZoDLDCritSect* section, smp_io& console) {
+void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) {
     LoggedConsole logged(console);
-    DeadlockDetectionMakeMessage(me, section, &console);
+    DeadlockDetectionMakeMessage(me, wanted, &console);
     ZoTLSPrepareStackTrace(&console);
     ZoTLSStackTrace(me, &console);
     // A sink of the host may have left a section meanwhile, so the chain may break off.
-    WaitForGraph::Owner next = WaitForGraph::OwnerOf(section);
+    WaitForGraph::Holder next = WaitForGraph::HolderOf(wanted, me);
     while (next.thread != nullptr && next.thread != me) {
         ZoTLSStackTrace(next.thread, &console);
         console << endl;
-        if (next.waitsFor == nullptr) break;
-        next = WaitForGraph::OwnerOf(next.waitsFor);
+        if (next.waitsFor.IsNone()) break;
+        next = WaitForGraph::HolderOf(next.waitsFor, me);
     }
     console.flush();
     ZoTLSTerminateStackTrace();
 }
 
-void WriteReport(ZoTLS* me, ZoDLDCritSect* section) {
-    if (smp_io* const console = GetConsole()) return WriteReport(me, section, *console);
+void WriteReport(ZoTLS* me, Wait const& wanted) {
+    if (smp_io* const console = GetConsole()) return WriteReport(me, wanted, *console);
     SilentConsole silent;
-    WriteReport(me, section, silent);
+    WriteReport(me, wanted, silent);
 }
 
-}  // namespace
+void Describe(Wait const& wanted, char* buffer, int size) {
+    if (wanted.section != nullptr) {
+        wanted.section->GetInfo(buffer, size);
+    } else {
+        wanted.readersOf->GetInfo(buffer, size);
+    }
+}
 
-void ZoDLDCritSect::ReportDeadlock(ZoTLS* me) {
+void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
     CancellationDeferred deferred;
-    WriteReport(me, this);
+    WriteReport(me, wanted);
     char description[1024];
-    GetInfo(description, sizeof description);
+    Describe(wanted, description, sizeof description);
     ZoSystemLog()->Printf(4, "Deadlock detected.\n%s", description);
     unsigned int const answer =
         ZoMessage()->Show(0, ZoStyleQuestion, "Deadlock detected.\n(CANCEL to debug)");
@@ -476,7 +481,18 @@ void ZoDLDCritSect::ReportDeadlock(ZoTLS* me) {
     }
 }
 
-void ZoDLDCritSect::ReportFalseAlarm() {
+}  // namespace
+
+// The host's code in the report may leave sections and end reads of this thread, so the wait is
+// announced after it.
+bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
+    bool const closesRing = WaitForGraph::LeadsTo(wanted, me);
+    if (closesRing) ReportDeadlock(me, wanted);
+    WaitForGraph::Announce(me, wanted);
+    return closesRing;
+}
+
+void ReportFalseAlarm() {
     CancellationDeferred deferred;
     ZoSystemLog()->Printf(3, "Deadlock: false alarm.\n");
     unsigned int const answer = ZoMessage()->Show(0, ZoStyleNotice, "Deadlock: false alarm.\n");
@@ -486,27 +502,43 @@ void ZoDLDCritSect::ReportFalseAlarm() {
 }
 
 void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console) {
-    *console << "ZoThread " << me->threadIdentity << " wants critical section "
-             << section->GetName() << " " << static_cast<void*>(section) << " owned by ";
-    WaitForGraph::Owner owner = WaitForGraph::OwnerOf(section);
-    while (owner.thread != nullptr) {
-        *console << "thread " << owner.identity << endl;
-        if (owner.thread == me) {
-            *console << endl;
-            console->flush();
-            return;
-        }
-        *console << "ZoThread " << owner.identity << " is waiting for ";
-        ZoDLDCritSect* const wanted = owner.waitsFor;
-        if (wanted == nullptr) {
-            *console << "nothing !!!" << endl;
-            console->flush();
-            return;
-        }
-        *console << wanted->GetName() << " " << static_cast<void*>(wanted) << " owned by ";
-        owner = WaitForGraph::OwnerOf(wanted);
+    DeadlockDetectionMakeMessage(me, Wait{.section = section}, console);
+}
+
+namespace {
+
+// What one who waits for a section, or one who waits to write, wants and from whom.
+void TellWanted(Wait const& wait, char const* forSection, char const* toWrite, smp_io& console) {
+    if (wait.section != nullptr) {
+        console << forSection << wait.section->GetName() << " " << static_cast<void*>(wait.section)
+                << " owned by ";
+    } else {
+        console << toWrite << wait.readersOf->GetName() << " " << static_cast<void*>(wait.readersOf)
+                << " read by ";
     }
-    *console << "nobody !!!!" << endl;
+}
+
+}  // namespace
+
+void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console) {
+    *console << "ZoThread " << me->threadIdentity;
+    TellWanted(wanted, " wants critical section ", " wants to write ", *console);
+    WaitForGraph::Holder holder = WaitForGraph::HolderOf(wanted, me);
+    while (holder.thread != nullptr) {
+        *console << "thread " << holder.identity << endl;
+        if (holder.thread == me) break;
+        *console << "ZoThread " << holder.identity;
+        if (holder.waitsFor.IsNone()) break;
+        TellWanted(holder.waitsFor, " is waiting for ", " is waiting to write ", *console);
+        holder = WaitForGraph::HolderOf(holder.waitsFor, me);
+    }
+    if (holder.thread == nullptr) {
+        *console << "nobody !!!!";
+    } else if (holder.thread != me) {
+        *console << " is waiting for "
+                 << "nothing !!!";
+    }
+    *console << endl;
     console->flush();
 }
 

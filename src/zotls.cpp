@@ -144,7 +144,12 @@ ZoTLS::ZoTLS()
       concurrencyResult(nullptr),
       ownedObject(nullptr),
       ownedSections(0),
-      nextKept(nullptr) {}
+      nextKept(nullptr),
+      waitingLink(nullptr),
+      nextWaiting(nullptr),
+      walk(0),
+      nextToVisit(nullptr),
+      firstStep(nullptr) {}
 
 ZoTLS::ZoTLS(ZoTLS const&) : ZoTLS() {
     ZOVA_assert("0", "src/zotls", 67);

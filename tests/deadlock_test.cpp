@@ -16,15 +16,19 @@
 #include <functional>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "cancelled.h"
 #include "deadlock_io.h"
+#include "rw_mutex.h"
 #include "rw_record.h"
 #include "services.h"
 #include "watchdog.h"
+#include "zocond.h"
+#include "zothrdmg.h"
 #include "zotls.h"
 
 using namespace zotest;
@@ -350,6 +354,260 @@ TEST_F(Deadlock, ReportsThroughASinkThatUsesSections) {
     ring.Run();
     sink->leaves = nullptr;
     EXPECT_NE(sink->text.find("nobody !!!!\n"), std::string::npos);
+}
+
+// Threads A, B, C … that take one step after the other, as a script says: the thread, the step, and
+// the number of a mutex or a section.
+//
+//     r w W s   begins to read, begins and ends to write, enters
+//     d e v u   of a plan: begins to read, to write less exclusively and to write, upgrades
+//
+// A step that waits is marked with a question mark, one that closes a ring with an exclamation
+// mark. That thread leaves all it holds when it is asked, and in the end so does each one as it
+// goes on.
+class Script {
+public:
+    explicit Script(Services& services) : services(services) {
+        for (auto& mutex : own)
+            mutexes.push_back((mutex.reset(ZoRW_Mutex::Make(nullptr)), mutex.get()));
+        for (auto const& section : ownSections) sections.push_back(section.get());
+    }
+    Script(Services& services, ZoThreadMgr& plan)
+        : services(services),
+          plan(&plan),
+          mutexes{WordOf<ZoRW_Mutex>(&plan, 1)},
+          sections{plan.GetCriticalSection(9, 0), plan.GetCriticalSection(25, 0)} {}
+
+    // How many deadlocks were reported.
+    long Run(std::string const& steps) {
+        std::atomic<long> reports{0};
+        services.onMessage = [&](std::string const& text) {
+            if (text.find("Deadlock detected") != std::string::npos) {
+                LeaveAll();
+                ++reports;
+            }
+            return 0U;
+        };
+        std::istringstream words(steps);
+        for (std::string step; words >> step;) {
+            Actor& actor = actors[std::size_t(step[0] - 'A')];
+            if (!actor.thread.joinable()) actor.thread = std::thread([&] { Play(actor); });
+            actor.step = step;
+            actor.isAsked = true;
+            Await([&] { return !actor.isAsked || IsWaiting(actor); });
+            EXPECT_EQ(actor.isAsked, step.find_first_of("?!") != std::string::npos) << step;
+            EXPECT_EQ(reports, step.back() == '!' ? 1 : 0) << step;
+        }
+        isOver = true;
+        for (Actor& actor : actors) {
+            if (actor.thread.joinable()) actor.thread.join();
+        }
+        return reports;
+    }
+
+    // The words for a ring, such as "Bm0A As0B": B wants to write mutex 0, which A reads, and A
+    // waits for section 0, which B owns. An x is a mutex's "RW_Exclusive".
+    std::string Report(std::string const& ring) {
+        std::string words, traces;
+        std::istringstream edges(ring);
+        for (std::string edge; edges >> edge;) {
+            bool const first = words.empty();
+            std::size_t const number = std::size_t(edge[2] - '0');
+            words += "ZoThread " + Name(edge[0]);
+            if (edge[1] == 'm') {
+                words += (first ? " wants to write RW_Mutex " : " is waiting to write RW_Mutex ") +
+                         Pointer(mutexes[number]) + " read by thread ";
+            } else {
+                auto* const section =
+                    edge[1] == 's' ? sections[number] : WordOf<ZoCritSect>(mutexes[number], 5);
+                words += std::string(first ? " wants critical section " : " is waiting for ") +
+                         section->GetName() + " " + Pointer(section) + " owned by thread ";
+            }
+            words += Name(edge[3]) + "\n";
+            traces += first ? "" : "\n";
+        }
+        return words.empty() ? "" : words + "\n" + traces;
+    }
+    void ExpectAllFree() {
+        for (ZoCritSect* section : sections) {
+            EXPECT_EQ(InfoOf(section), std::string(section->GetName()) + ": is available");
+        }
+        for (ZoRW_Mutex* mutex : mutexes) {
+            EXPECT_EQ(InfoOf(mutex),
+                      "Owner:(nil); Wx:#0; Rx:cond-val: 0; Cond:RW_Exclusive: is available, "
+                      "wait_rd #0, wait_wr #0");
+        }
+    }
+
+private:
+    struct Actor {
+        std::thread thread;
+        std::string step;
+        std::atomic<bool> isAsked{false};
+        std::atomic<ZoTLS*> record{nullptr};
+    };
+
+    void Play(Actor& actor) {
+        actor.record = ZoTLS::GetThreadLocalStorage();
+        for (;;) {
+            Await([&] { return actor.isAsked || isOver; });
+            if (!actor.isAsked) break;
+            Take(actor.step[1], std::size_t(actor.step[2] - '0'));
+            actor.isAsked = false;
+        }
+        LeaveAll();
+        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->rwRecords.GetFirst(), nullptr);
+        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->waitingLink, nullptr);
+    }
+    void Take(char step, std::size_t number) {
+        if (step == 'r' || step == 'w') mutexes[number]->StartRW(step == 'r' ? 0 : 1, 0);
+        if (step == 'W') mutexes[number]->EndRW(1);
+        if (step == 's') sections[number]->Begin();
+        if (step == 'd') plan->BeginReader("");
+        if (step == 'e' || step == 'v') plan->BeginWriter("", step == 'e' ? 1 : 0);
+        if (step == 'u') plan->UpgradeWriter("");
+    }
+    void LeaveAll() {
+        for (ZoRW_Mutex* mutex : mutexes) mutex->ForceRelease();
+        for (ZoCritSect* section : sections) section->ForceRelease();
+    }
+    static bool IsWaiting(Actor const& actor) {
+        if (actor.record == nullptr) return false;
+        csDLD->Begin();
+        ZoTLS const* const record = actor.record;
+        bool const waits = record->waitingFor != nullptr || record->readersWait.mutex != nullptr;
+        csDLD->Exit();
+        return waits;
+    }
+    std::string Name(char actor) { return Pointer(actors[std::size_t(actor - 'A')].record); }
+
+    Services& services;
+    ZoThreadMgr* const plan = nullptr;
+    std::unique_ptr<ZoRW_Mutex> own[2];
+    Sections const ownSections = MakeSections(2);
+    std::vector<ZoRW_Mutex*> mutexes;
+    std::vector<ZoCritSect*> sections;
+    Actor actors[4];
+    std::atomic<bool> isOver{false};
+};
+
+class DeadlockOfReaders : public Deadlock {
+protected:
+    struct Row {
+        char const* steps;
+        char const* ring;
+    };
+    void Expect(Script& script, Row const& row) {
+        SCOPED_TRACE(row.steps);
+        std::size_t const logged = services.Log().size();
+        long const reports = script.Run(row.steps);
+        EXPECT_EQ(reports, *row.ring == '\0' ? 0 : 1);
+        std::string const words = script.Report(row.ring);
+        EXPECT_EQ(std::exchange(context.console->text, ""), words);
+        EXPECT_EQ(LogFile(), file += reports == 0 ? "" : FileHead + words);
+        Services::Lines log = services.Log();
+        log.erase(log.begin(), log.begin() + long(logged));
+        std::erase(log, "4 Implicit propagation reader -> writer.");
+        EXPECT_EQ(log.size(), std::size_t(2 * reports));
+        if (log.size() == 2) {
+            std::string const begin = row.ring[1] == 'm' ? "Owner:" : "";
+            EXPECT_EQ(log[0].rfind("4 Deadlock detected.\n" + begin, 0), 0U) << log[0];
+            EXPECT_EQ(log[1], "3 Deadlock: false alarm.\n");
+        }
+        script.ExpectAllFree();
+    }
+
+private:
+    std::string file;
+};
+
+TEST_F(DeadlockOfReaders, IsReportedInEachOrderOfArrival) {
+    Row const rows[] = {
+        {"Ar0 Bs0 As0? Bw0!", "Bm0A As0B"},
+        {"Ar0 Bs0 Bw0? As0!", "As0B Bm0A"},
+        // Two mutexes; a nested read; one who reads both.
+        {"Ar0 Br1 Aw1? Bw0!", "Bm0A Am1B"},
+        {"Ar0 Ar0 Bs0 As0? Bw0!", "Bm0A As0B"},
+        {"Ar0 Ar1 Bs0 As0? Bw1!", "Bm1A As0B"},
+        // Of several readers one leads back: not the one that runs, nor the one that waits for it.
+        {"Ar0 Br0 Cr0 Ds0 Bs1 As0? Cs1? Dw0!", "Dm0A As0D"},
+        // Two ways lead back: the shorter one is told.
+        {"Ar0 Br0 Ds0 Bs1 As1? Bs0? Dw0!", "Dm0B Bs0D"},
+        // A writer who waits, and a reader who queues behind it.
+        {"Ar0 Cs0 Bw0? Cr0? As0!", "As0C Cx0B Bm0A"},
+        {"Ar0 Cs0 Bw0? As0? Cr0!", "Cx0B Bm0A As0C"},
+        // A reader asks to write: it waits for the others, who wait for it no more.
+        {"Ar0 As0 Br0 Aw0? Bs0!", "Bs0A Am0B"},
+        {"Ar0 As0 Br0 Bs0? Aw0!", "Am0B Bs0A"},
+        {"Ar0 Br0 Cs0 Cw0? Aw0? Bw0?", ""},
+        {"Ar0 Br0 Aw0? Bw0?", ""},
+        // Once it is admitted and goes on as a reader it is one again.
+        {"Aw0 Ar0 AW0 Bs0 As0? Bw0!", "Bm0A As0B"},
+        {"Ar0 Aw0 AW0 Bs0 Bw0? As0!", "As0B Bm0A"},
+        // No rings: a reader that runs, one that waits for something else.
+        {"Ar0 Bs0 Bw0?", ""},
+        {"Ar0 Cs0 As0? Bs1 Bw0?", ""},
+        {"Ar0 Aw1 Br1? Cw0?", ""},
+    };
+    for (Row const& row : rows) {
+        Script script(services);
+        Expect(script, row);
+    }
+}
+
+TEST_F(DeadlockOfReaders, IsReportedAtEachLevelThatHasTheMutex) {
+    Row const rows[] = {
+        {"Ad Bs0 As0? Bv!", "Bm0A As0B"},    {"Ad Bs0 Bv? As0!", "As0B Bm0A"},
+        {"Be Bs0 Ad As0? Bu!", "Bm0A As0B"},  // from here on: LessExclusiveCommit and above
+        {"Be Bs0 Ad Bu? As0!", "As0B Bm0A"}, {"Be Ad Bu? Av!", "As1B Bm0A"},
+    };
+    for (unsigned long const level : {5UL, 9UL, 12UL, 13UL}) {
+        for (Row const& row : rows) {
+            if (level < ZoThreadMgr::LessExclusiveCommit && row.steps[1] == 'e') break;
+            ZoThreadMgr plan(nullptr, level);
+            Script script(services, plan);
+            Expect(script, row);
+        }
+    }
+}
+
+// A writer that is cancelled leaves the graph first, while it still keeps new readers out.
+TEST_F(DeadlockOfReaders, AWriterStandsInTheGraphAsLongAsItWaits) {
+    std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
+    auto* const readers = WordOf<Condition>(mutex.get(), 4);
+    auto const isClosed = [&] { return (std::atomic_ref<int>(readers->value) & 0x40000000) != 0; };
+    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    std::atomic<ZoTLS*> writer{nullptr};
+    std::atomic<bool> looking{false};
+    bool wasLinked = true;
+    mutex->StartRW(0, 0);
+    auto const look = [&] {
+        Await([&] { return writer != nullptr && ThreadWaitsForThread(writer, me) == 1; });
+        EXPECT_TRUE(ChildSucceeds([&] { _exit(ThreadWaitsForThread(writer, me)); }))
+            << "in a child an absent thread waits for nothing";
+        csDLD->Begin();
+        looking = true;
+        Await([] { return NumberAfter(InfoOf(csDLD), "wait count: ") == 1; });
+        EXPECT_TRUE(isClosed());
+        csDLD->Exit();
+    };
+    std::thread canceller([&] {
+        CancelWhen([&] { return looking.load(); },
+                   [&] {
+                       struct Unwound {
+                           ~Unwound() { wasLinked = writer.load()->waitingLink != nullptr; }
+                           bool& wasLinked;
+                           std::atomic<ZoTLS*>& writer;
+                       } const unwound{wasLinked, writer};
+                       writer = ZoTLS::GetThreadLocalStorage();
+                       mutex->StartRW(1, 0);
+                   });
+    });
+    look();
+    canceller.join();
+    EXPECT_FALSE(wasLinked);
+    EXPECT_FALSE(isClosed());
+    mutex->EndRW(0);
 }
 
 // Waits that form no ring with the caller: the walk ends and answers 0, the words say where the

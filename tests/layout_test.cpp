@@ -64,8 +64,8 @@ struct PosixThreadPart {
 static_assert(sizeof(ZoCritSect) == SectionSize && sizeof(ZoDLDCritSect) == SectionSize + 3 * P);
 static_assert(sizeof(PosixCritSect) == SectionSize + sizeof(PosixSectionPart));
 static_assert(sizeof(POSIXCondition) == 6 * P + sizeof(PosixConditionPart));
-static_assert(sizeof(ZoTLS) == 8 * P + 8 + 2 * P && sizeof(ZoTLSItem) == 5 * P);
-static_assert(sizeof(ZoRWRecord) == 3 * P);
+static_assert(sizeof(ZoTLS) == 8 * P + 8 + 2 * P + 7 * P + 8 && sizeof(ZoTLSItem) == 5 * P);
+static_assert(sizeof(ZoRWRecord) == 5 * P);
 static_assert(sizeof(ZoHashTable) == 6 * P + 20 + (P - 4) + 2 * P);  // P - 4 of padding
 static_assert(sizeof(ZoHashEntry) == 2 * P);
 static_assert(sizeof(ZoHashPosition) == 5 * P && sizeof(ZoHashIterator) == 2 * P);

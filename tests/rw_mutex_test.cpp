@@ -28,26 +28,12 @@ namespace {
 constexpr int Read = 0;
 constexpr int Write = 1;
 
-std::string Info(ZoRW_Mutex* mutex, int size = 256) {
-    char text[256] = "";
-    mutex->GetInfo(text, size);
-    return text;
-}
-
 long Number(ZoRW_Mutex* mutex, char const* key) {
-    return NumberAfter(Info(mutex), key);
+    return NumberAfter(InfoOf(mutex), key);
 }
 
 long Counted(ZoRW_Mutex* mutex) {
     return Number(mutex, "cond-val: ");
-}
-
-// The nth word of a mutex: the next in the chain is its 2nd, the condition of its readers its 4th.
-template <class Pointed>
-Pointed* WordOf(ZoRW_Mutex* mutex, std::size_t nth) {
-    Pointed* word = nullptr;
-    std::memcpy(&word, reinterpret_cast<char*>(mutex) + nth * sizeof(void*), sizeof(void*));
-    return word;
 }
 
 // What the calling thread's record holds; -1 when there is no record.
@@ -144,7 +130,7 @@ TEST_P(RwMutex, LevelsEndInAnyOrder) {
         ReleaseAllSynchronizationObjects();
         EXPECT_EQ(Reports(), "") << "reads end before writes, which lowers nothing";
         EXPECT_EQ(Holdings(mutex.get()), -1);
-        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     }
 }
 
@@ -155,20 +141,20 @@ TEST_P(RwMutex, TellsItsState) {
     std::string const section =
         GetParam() ? "owning thread: " + Pointer(me) + ", owning count: 1; wait count: 0"
                    : "owning count: 1; wait count: 0";
-    EXPECT_EQ(Info(mutex.get()), "Owner:" + Pointer(me) +
-                                     "; Wx:#2; Rx:cond-val: 0; Cond:RW_Exclusive: " + section +
-                                     ", wait_rd #0, wait_wr #0");
+    EXPECT_EQ(InfoOf(mutex.get()), "Owner:" + Pointer(me) +
+                                       "; Wx:#2; Rx:cond-val: 0; Cond:RW_Exclusive: " + section +
+                                       ", wait_rd #0, wait_wr #0");
     mutex->ForceRelease();
 
-    EXPECT_EQ(Info(mutex.get(), 12), "Owner:(nil)");
-    EXPECT_EQ(Info(mutex.get(), 0), "");
+    EXPECT_EQ(InfoOf(mutex.get(), 12), "Owner:(nil)");
+    EXPECT_EQ(InfoOf(mutex.get(), 0), "");
     mutex->GetInfo(nullptr, 256);
 
     ZoRW_Mutex base;
     EXPECT_EQ(base.StartRW(Write, 0), 0);
     EXPECT_EQ(base.EndRW(Read), 0);
-    EXPECT_EQ(Info(&base), "Owner:??; Wx:??; Rx:??");
-    EXPECT_EQ(Info(&base, 8), "Owner:?");
+    EXPECT_EQ(InfoOf(&base), "Owner:??; Wx:??; Rx:??");
+    EXPECT_EQ(InfoOf(&base, 8), "Owner:?");
 }
 
 TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
@@ -209,15 +195,15 @@ TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
     constexpr auto DeepestWrite = static_cast<long>(0xFFFF0000U);
     for (int const mode : {Read, Write}) {
         for (long level = 0; level < Deepest; ++level) ASSERT_EQ(mutex->StartRW(mode, 0), 0);
-        std::string const info = Info(mutex.get());
+        std::string const info = InfoOf(mutex.get());
         for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(mutex->StartRW(mode, 0), -1);
         EXPECT_EQ(services.Assertions().back(), "depth < 65535 src/rw_mutex 241");
         EXPECT_EQ(Holdings(mutex.get()), mode == Read ? Deepest : DeepestWrite);
-        EXPECT_EQ(Info(mutex.get()), info);
+        EXPECT_EQ(InfoOf(mutex.get()), info);
         EXPECT_EQ(mutex->EndRW(mode), 0);
         EXPECT_EQ(mutex->StartRW(mode, 0), 0);
         mutex->ForceRelease();
-        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     }
     EXPECT_EQ(Reports(), "AAAA");
 }
@@ -255,7 +241,7 @@ TEST_P(RwMutex, AReportMayChangeWhatIsHeld) {
         EXPECT_EQ(Counted(mutex.get()), row.counted);
         EXPECT_EQ(Reports(), row.reports);
         mutex->ForceRelease();
-        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     }
 }
 
@@ -287,7 +273,7 @@ TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
     auto const fails = [&](int result, char const* line) {
         EXPECT_EQ(result, -2030);
         EXPECT_EQ(services.Assertions().back(), std::string("holdings != 0 src/rw_mutex ") + line);
-        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     };
     std::thread([&] {
         AllocFault const fault(1);
@@ -327,8 +313,8 @@ TEST_P(RwMutex, ADeadlockReportMayGiveEverythingUp) {
     EXPECT_EQ(Holdings(second.get()), -1);
     EXPECT_EQ(mutex->EndRW(Read), 0);
     thread.join();
-    EXPECT_EQ(Info(mutex.get()), FreeInfo());
-    EXPECT_EQ(Info(second.get()), FreeInfo());
+    EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
+    EXPECT_EQ(InfoOf(second.get()), FreeInfo());
 }
 
 // --- several threads ---------------------------------------------------------------------------
@@ -356,7 +342,7 @@ TEST_P(RwMutex, AWriterComesBeforeNewReadersButNotBeforeOldOnes) {
     writer.join();
     readers.join();
     EXPECT_EQ(order, "rrwrr");
-    EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
 }
 
 TEST_P(RwMutex, AWriterCancelledInItsWaitHoldsWhatItHeldBefore) {
@@ -377,9 +363,9 @@ TEST_P(RwMutex, AWriterCancelledInItsWaitHoldsWhatItHeldBefore) {
         };
         CancelWhen([&] { return HasPendingWriter(); }, ask);
         EXPECT_EQ(atCleanUp, depth);
-        EXPECT_EQ(Info(mutex.get()), FreeInfo(1));
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo(1));
         mutex->EndRW(Read);
-        EXPECT_EQ(Info(mutex.get()), FreeInfo());
+        EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     }
 }
 
@@ -497,7 +483,7 @@ TEST_P(RwMutex, RandomNestingKeepsItsPromises) {
         }
         walker.EndAll();
     });
-    EXPECT_EQ(Info(mutex.get()), FreeInfo());
+    EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
     std::string const reports = Reports();
     EXPECT_EQ(std::count(reports.begin(), reports.end(), 'P'), model.propagations);
     EXPECT_EQ(std::count(reports.begin(), reports.end(), 'L'), model.lowerings);
@@ -540,7 +526,7 @@ TEST_P(RwMutex, ThreadsMeetAtTheGateUntilTheLastOneDestroysIt) {
             bool const last = --round.users == 0;
             gate->EndRW(Write);
             if (!last) continue;
-            EXPECT_EQ(Info(gate), FreeInfo());
+            EXPECT_EQ(InfoOf(gate), FreeInfo());
             round.mutex.reset();
             watchdog.Progress();
         }

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "_zothrd.h"
+#include "rw_mutex.h"
 #include "smp_io.h"
 #include "zobaseservices.h"
 #include "zocrits.h"
@@ -179,6 +180,12 @@ inline std::string InfoOf(ZoCritSect* section) {
     return text;
 }
 
+inline std::string InfoOf(ZoRW_Mutex* mutex, int size = 256) {
+    char text[256] = "";
+    mutex->GetInfo(text, size);
+    return text;
+}
+
 inline std::string Pointer(void const* address) {
     char text[32];
     std::snprintf(text, sizeof text, "%p", address);
@@ -189,6 +196,14 @@ inline std::string Pointer(void const* address) {
 inline long NumberAfter(std::string const& text, char const* key) {
     std::size_t const at = text.find(key);
     return at == std::string::npos ? 0 : std::atol(&text[at + std::strlen(key)]);
+}
+
+// The nth word of an object, a pointer.
+template <class Pointed>
+Pointed* WordOf(void const* object, std::size_t nth) {
+    Pointed* word = nullptr;
+    std::memcpy(&word, static_cast<char const*>(object) + nth * sizeof(void*), sizeof(void*));
+    return word;
 }
 
 // Yields until `condition` holds.
