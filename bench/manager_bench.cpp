@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "rw_mutex.h"
+#include "zolock.h"
 #include "zothrdmg.h"
 
 namespace {
@@ -24,7 +25,14 @@ void Mutex(benchmark::State& state) {
     }
 }
 
+void Scope(benchmark::State& state) {
+    auto const manager = std::make_unique<ZoThreadMgr>(nullptr, ZoThreadMgr::AllCS);
+    for (auto _ : state) ZoReader const reader(*manager, "bench");
+}
+
 BENCHMARK(Bracket)->Name("reader bracket/zo");
 BENCHMARK(Mutex)->Name("reader bracket/the mutex beneath");
+BENCHMARK(Scope)->Name("ZoReader/zo");
+BENCHMARK(Bracket)->Name("ZoReader/the plain calls");
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "hot_owner.h"
 #include "processors.h"
 #include "zocrits.h"
+#include "zolock.h"
 
 namespace {
 
@@ -21,6 +22,21 @@ public:
 private:
     std::unique_ptr<ZoCritSect> section{ZoCritSect::Make("bench")};
 };
+
+// Through the standard's locks; its peer are the plain calls on the same kind of section.
+void Guarded(benchmark::State& state) {
+    ZoSection section("bench");
+    for (auto _ : state) std::lock_guard<ZoSection> const hold(section);
+}
+
+void GuardedByHand(benchmark::State& state) {
+    ZoSection section("bench");
+    ZoCritSect& plain = section.Get();
+    for (auto _ : state) {
+        plain.Begin();
+        plain.Exit();
+    }
+}
 
 class Peer {
 public:
@@ -80,6 +96,8 @@ void SecondThread(benchmark::State& state, int processors) {
 
 BENCHMARK(EnterFree<Ours>)->Name("enter + leave, free/zo");
 BENCHMARK(EnterFree<Peer>)->Name("enter + leave, free/std::recursive_mutex");
+BENCHMARK(Guarded)->Name("std::lock_guard, free/zo");
+BENCHMARK(GuardedByHand)->Name("std::lock_guard, free/the plain calls");
 BENCHMARK(ReEnter<Ours>)->Name("re-enter + leave/zo");
 BENCHMARK(ReEnter<Peer>)->Name("re-enter + leave/std::recursive_mutex");
 BENCHMARK(Contended<Ours>)

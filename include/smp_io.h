@@ -22,6 +22,8 @@
 #ifndef KELVARA_INCLUDE_SMP_IO_H_
 #define KELVARA_INCLUDE_SMP_IO_H_
 
+#include <cstdio>
+
 #include "zotypes.h"
 
 class ZoString;
@@ -70,6 +72,18 @@ public:
 
     _smp_io* sink;  // owned
 };
+
+// The widest integers, as their decimal digits.
+inline smp_io& operator<<(smp_io& stream, long long number) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%lld", number);
+    return stream << text;
+}
+inline smp_io& operator<<(smp_io& stream, unsigned long long number) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%llu", number);
+    return stream << text;
+}
 
 ZO_API smp_io& endl(smp_io& stream);           // a newline, then a flush of the sink
 ZO_API smp_io& ARROW(smp_io& stream);          // " --> "

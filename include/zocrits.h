@@ -43,7 +43,7 @@ class ChainLock;
 class ZoTLS;
 
 // A complete class: the dummy section, which never blocks and never counts.
-class ZO_API ZoCritSect : public ZoSynchroObj {
+class ZO_API ZO_CAPABILITY("section") ZO_REENTRANT ZoCritSect : public ZoSynchroObj {
 public:
     static ZoCritSect* Make(char const* name);
     static ZoCritSect* MakeLight(char const* name);
@@ -57,9 +57,9 @@ public:
     // If the calling thread owns the section, leaves it completely; otherwise does nothing.
     void ForceRelease() override;
     // Enters; blocks while another thread owns the section.
-    virtual void Begin();
+    virtual void Begin() ZO_ACQUIRE();
     // Leaves once.
-    virtual void Exit();
+    virtual void Exit() ZO_RELEASE();
     // Writes one line that begins with the name and a colon, at most `size` bytes, the terminating
     // NUL included. A null buffer is left alone. The counts are a snapshot.
     virtual void GetInfo(char* buffer, int size);
@@ -76,6 +76,12 @@ protected:
     void SetOwningCount(ZoInt32 count) { owningCount.store(count, std::memory_order_relaxed); }
     ZoInt32 GetOwningCount() const { return owningCount.load(std::memory_order_relaxed); }
 };
+
+// Enters if that needs no wait for the section. Returns 1, and the caller leaves by Exit; or 0:
+// another thread holds the section, or it is of a class of the host's, which cannot be tried. The
+// owner enters again, and the section that locks nothing is always free. A detecting section is
+// tried while nobody holds csDLD, so this may wait for a deadlock report to be answered.
+ZO_API int ZoTryBegin(ZoCritSect* section) ZO_TRY_ACQUIRE(1, section);
 
 // A section over a POSIX mutex. Recursion is its own: the mutex is locked once per outermost entry.
 //
@@ -97,13 +103,14 @@ public:
     ~PosixCritSect() override;
 
     void ForceRelease() override;
-    void Begin() override;
-    void Exit() override;
+    void Begin() ZO_ACQUIRE() override;
+    void Exit() ZO_RELEASE() override;
 
 private:
     friend class ZoDLDCritSect;
     friend class OwnedSections;
     friend bool TryBegin(ZoCritSect& section);
+    friend int ZoTryBegin(ZoCritSect* section);
     friend bool GraphIsFree();
     friend class WaitForGraph;
 
@@ -155,8 +162,8 @@ public:
     ~ZoDLDCritSect() override;
 
     void ForceRelease() override;
-    void Begin() override;
-    void Exit() override;
+    void Begin() ZO_ACQUIRE() override;
+    void Exit() ZO_RELEASE() override;
     void GetInfo(char* buffer, int size) override;
 
     // 1 when the owner of this section waits, directly or through a chain, for the thread whose
@@ -167,6 +174,7 @@ private:
     friend class WaitForGraph;
     friend void UnchainSection(ZoCritSect* section);
     friend bool TryBegin(ZoCritSect& section);
+    friend int ZoTryBegin(ZoCritSect* section);
 
     ZO_INTERNAL ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held);
 

@@ -29,6 +29,7 @@
 #define KELVARA_INCLUDE_ZOEVMDIS_H_
 
 #include <atomic>
+#include <cstdio>
 
 #include "zotypes.h"
 
@@ -88,6 +89,18 @@ protected:
     char text[256];  // NUL-terminated
     int length;      // of text, without the NUL
 };
+
+// The widest integers, as their decimal digits.
+inline ZoSimpleEvent& operator<<(ZoSimpleEvent& event, long long number) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%lld", number);
+    return event << text;
+}
+inline ZoSimpleEvent& operator<<(ZoSimpleEvent& event, unsigned long long number) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%llu", number);
+    return event << text;
+}
 
 ZO_API ZoSimpleEvent& endl(ZoSimpleEvent& event);           // "\n"
 ZO_API ZoSimpleEvent& ARROW(ZoSimpleEvent& event);          // " --> "

@@ -25,7 +25,7 @@
 class ZoCritSect;
 class ZoTransactionResource;  // the host's
 
-class ZO_API ZoMTObj {
+class ZO_API ZO_CAPABILITY("multi-threaded object") ZO_REENTRANT ZoMTObj {
 public:
     ZoMTObj();
     ZoMTObj(ZoMTObj const&) = delete;
@@ -33,12 +33,12 @@ public:
     virtual ~ZoMTObj();
 
     // Enters. When no section can be made: reports "(this->myCS != 0)" and returns without.
-    void BeginLongCriticalSection();
+    void BeginLongCriticalSection() ZO_ACQUIRE();
     // Enters. When no section can be made: reports "(this->myCS != 0)" and tries again until it
     // can.
-    void BeginCriticalSection();
+    void BeginCriticalSection() ZO_ACQUIRE();
     // Leaves once; only after a begin.
-    void EndCriticalSection();
+    void EndCriticalSection() ZO_RELEASE();
 
 private:
     friend class ZoAutoSync;
@@ -49,12 +49,12 @@ private:
     std::atomic<ZoCritSect*> myCS{nullptr};
 };
 
-class ZO_API ZoAutoSync {
+class ZO_API ZO_SCOPED_CAPABILITY ZoAutoSync {
 public:
-    explicit ZoAutoSync(ZoMTObj* object);
+    explicit ZoAutoSync(ZoMTObj* object) ZO_ACQUIRE(object);
     ZoAutoSync(ZoAutoSync const&) = delete;
     ZoAutoSync& operator=(ZoAutoSync const&) = delete;
-    virtual ~ZoAutoSync();
+    virtual ~ZoAutoSync() ZO_RELEASE();
 
 private:
     ZoMTObj* object;  // not owned

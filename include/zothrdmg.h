@@ -57,7 +57,7 @@ class ZoBase;  // the engine's
 class ZoCritSect;
 class ZoRW_Mutex;
 
-class ZO_API ZoThreadMgr {
+class ZO_API ZO_CAPABILITY("thread manager") ZO_REENTRANT ZoThreadMgr {
 public:
     static ZoUInt32 const NoneCS = 0;
     static ZoUInt32 const OneCS = 4;
@@ -99,18 +99,18 @@ public:
     // by ZoCritSect::Make.
     ZoCritSect* MakeTheCritSect(unsigned long bits, char const* name, unsigned short light);
 
-    void BeginReader(char const* label);
-    void EndReader(char const* label);
+    void BeginReader(char const* label) ZO_ACQUIRE_SHARED();
+    void EndReader(char const* label) ZO_RELEASE_SHARED();
     // `lessExclusive` counts from LessExclusiveCommit on: non-zero takes, or ends, a read only. An
     // end passes what fits the hold at that moment: 0 after an upgrade, non-zero after a downgrade.
-    void BeginWriter(char const* label, unsigned short lessExclusive);
-    void EndWriter(char const* label, unsigned short lessExclusive);
+    void BeginWriter(char const* label, unsigned short lessExclusive) ZO_ACQUIRE();
+    void EndWriter(char const* label, unsigned short lessExclusive) ZO_RELEASE();
     // From LessExclusiveCommit on: exchanges a writer's read for a write, and back. Between the two
     // readers may come in, other writers not.
-    void UpgradeWriter(char const* label);
-    void DowngradeWriter(char const* label);
-    void BeginAdmin(char const* label);
-    void EndAdmin(char const* label);
+    void UpgradeWriter(char const* label) ZO_REQUIRES(this);
+    void DowngradeWriter(char const* label) ZO_REQUIRES(this);
+    void BeginAdmin(char const* label) ZO_ACQUIRE();
+    void EndAdmin(char const* label) ZO_RELEASE();
 
     void BeginCriticalSection(unsigned long index, char const* label);
     void BeginCriticalSection(unsigned long index, unsigned long ignored, char const* label);

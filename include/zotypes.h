@@ -20,6 +20,42 @@
 // Marks a member of an exported class that is the library's own affair.
 #define ZO_INTERNAL __attribute__((visibility("hidden")))
 
+// What Clang's -Wthread-safety is told of the locks; nothing to other compilers.
+//
+//     long balance ZO_GUARDED_BY(accounts) = 0;    // accounts: a ZoSection, or *accounts: a
+//     section void Add(long amount) ZO_REQUIRES(accounts);
+//
+// It does not follow what depends on a value: the mode of StartRW, the index of a named section,
+// the lock that WaitForCondition may keep. Where it does not know ZO_REENTRANT (before Clang 20) it
+// also warns of a lock that a function takes twice.
+#ifdef __clang__
+#define ZO_CLANG_ATTRIBUTE(x) __attribute__((x))
+#else
+#define ZO_CLANG_ATTRIBUTE(x)
+#endif
+#if defined(__clang__) && defined(__has_attribute)
+#if __has_attribute(reentrant_capability)
+#define ZO_REENTRANT ZO_CLANG_ATTRIBUTE(reentrant_capability)
+#endif
+#endif
+#ifndef ZO_REENTRANT
+#define ZO_REENTRANT
+#endif
+#define ZO_CAPABILITY(kind) ZO_CLANG_ATTRIBUTE(capability(kind))
+#define ZO_SCOPED_CAPABILITY ZO_CLANG_ATTRIBUTE(scoped_lockable)
+#define ZO_GUARDED_BY(...) ZO_CLANG_ATTRIBUTE(guarded_by(__VA_ARGS__))
+#define ZO_PT_GUARDED_BY(...) ZO_CLANG_ATTRIBUTE(pt_guarded_by(__VA_ARGS__))
+#define ZO_REQUIRES(...) ZO_CLANG_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define ZO_REQUIRES_SHARED(...) ZO_CLANG_ATTRIBUTE(requires_shared_capability(__VA_ARGS__))
+#define ZO_EXCLUDES(...) ZO_CLANG_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define ZO_ACQUIRE(...) ZO_CLANG_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define ZO_ACQUIRE_SHARED(...) ZO_CLANG_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
+#define ZO_TRY_ACQUIRE(...) ZO_CLANG_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define ZO_RELEASE(...) ZO_CLANG_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define ZO_RELEASE_SHARED(...) ZO_CLANG_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
+#define ZO_RETURN_CAPABILITY(x) ZO_CLANG_ATTRIBUTE(lock_returned(x))
+#define ZO_NOT_ANALYSED ZO_CLANG_ATTRIBUTE(no_thread_safety_analysis)
+
 #if LONG_MAX == 2147483647L
 using ZoInt32 = long;
 using ZoUInt32 = unsigned long;

@@ -339,6 +339,19 @@ bool TryBegin(ZoCritSect& section) {
     return detecting.TakeIfFree(me);
 }
 
+// Only the owner finds itself there, as in Begin.
+int ZoTryBegin(ZoCritSect* section) {
+    std::type_info const& type = typeid(*section);
+    if (type == typeid(ZoCritSect)) return 1;
+    bool const again =
+        (type == typeid(PosixCritSect) && static_cast<PosixCritSect*>(section)->IsMine()) ||
+        (type == typeid(ZoDLDCritSect) && currentRecord != nullptr &&
+         static_cast<ZoDLDCritSect*>(section)->owner.load(std::memory_order_relaxed) ==
+             currentRecord);
+    if (again) section->Begin();
+    return again || TryBegin(*section) ? 1 : 0;
+}
+
 // The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
 // had no record before, so its entry went unnoticed: it gives the second level back.
 void ZoDLDCritSect::EnterWrapped() {

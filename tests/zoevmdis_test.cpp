@@ -61,7 +61,7 @@ TEST(Event, BuildsTextAndDropsThePieceThatDoesNotFit) {
     ZoSimpleEvent event(-7, 4, 0x905);
     EXPECT_STREQ(event.GetMessageText(), "");
     event << 7 << ARROW << -1 << " " << static_cast<short>(-2) << " "
-          << static_cast<unsigned short>(65535) << " " << 4000000000U << " " << -5L << " " << 6UL
+          << static_cast<unsigned short>(65535) << " " << 4000000000U << " " << -5L << " " << 6ULL
           << " " << 1.5F << " " << 0.1 << " " << 'c' << "%d" << UNKNOWN_ERROR << endl;
     event << const_cast<int*>(&marker);
     EXPECT_EQ(event.GetMessageText(),

@@ -12,6 +12,7 @@
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
+#include "zolock.h"
 #include "zotls.h"
 
 using namespace zotest;
@@ -196,7 +197,43 @@ TEST_F(ThreadMgr, AWriterWaitsInTheServerWriterSectionAndLeavesItWhenItIsCancell
     CancelWhen([&] { return waits() && State(manager) == "w0 r1 s1"; },
                [&] { manager.BeginWriter("t", 0); });
     EXPECT_EQ(State(manager), "w0 r1 s0");
+    CancelWhen([&] { return waits() && State(manager) == "w0 r1 s1"; },
+               [&] { ZoWriter(manager, "t", ZoWriter::LessExclusive).Upgrade(); });
+    EXPECT_EQ(State(manager), "w0 r1 s0");
     manager.EndReader("t");
+    EXPECT_TRUE(services.Assertions().empty());
+}
+
+TEST_F(ThreadMgr, ScopesLeaveWhatTheyTook) {
+    for (unsigned long const level : {0UL, 9UL, 12UL}) {
+        ZoThreadMgr manager(nullptr, level);
+        std::string states;
+        auto const look = [&] { states += State(manager) + ", "; };
+        {
+            ZoNamedSection const server(manager, 25);
+            ZoReader const reader(manager);
+            look();
+        }
+        {
+            ZoWriter writer(manager, "t", ZoWriter::LessExclusive);
+            look();
+            writer.Downgrade();
+            writer.Upgrade();
+            look();
+            writer.Upgrade();
+            writer.Downgrade();
+            look();
+            writer.Upgrade();
+        }
+        { ZoWriter(manager).Downgrade(); }
+        { ZoAdmin const admin(manager), again(manager); }
+        look();
+        EXPECT_EQ(states, level == 0   ? "w0 r0 s0, w0 r0 s0, w0 r0 s0, w0 r0 s0, w0 r0 s0, "
+                          : level == 9 ? "w0 r1 s1, w1 r0 s0, w1 r0 s0, w1 r0 s0, w0 r0 s0, "
+                                       : "w0 r1 s1, w0 r1 s1, w1 r0 s1, w0 r1 s1, w0 r0 s0, ");
+    }
+    EXPECT_TRUE(services.Messages().empty());
+    EXPECT_TRUE(services.Assertions().empty());
 }
 
 }  // namespace
