@@ -14,6 +14,7 @@
 #include "library_context.h"
 #include "locking_plan.h"
 #include "object_cache.h"
+#include "picture.h"
 #include "progress.h"
 #include "report.h"
 #include "session.h"
@@ -138,6 +139,8 @@ private:
         outcome.ringFinished = ring.Finished();
         outcome.ringRepeated = ring.Repeated();
         outcome.deadlocksInFile = ReportsInDeadlockFile() - reportsBefore;
+        outcome.picture = options.picture;
+        outcome.pictureDrawn = !options.picture.empty() && DrawLastDeadlock(options.picture);
     }
 
     Options const& options;

@@ -65,6 +65,7 @@ std::optional<Options> ParseOptions(int count, char** words) {
     std::string data = options.data.string();
     std::string database;
     std::string ring;
+    std::string picture;
     std::string flags;
 
     CLI::App app{
@@ -121,6 +122,12 @@ std::optional<Options> ParseOptions(int count, char** words) {
             ->type_name("[N]")
             ->expected(0, 1)
             ->excludes(plain);
+    app.add_option(
+           "--picture", picture,
+           "Draw the deadlock into this file: as SVG if its name ends with .svg (that takes "
+           "Graphviz), else in Graphviz' language")
+        ->type_name("FILE")
+        ->needs(deadlock);
     try {
         app.parse(count, words);
         if (deadlock->count() > 0) {
@@ -146,5 +153,6 @@ std::optional<Options> ParseOptions(int count, char** words) {
     options.detection = !noDetection;
     options.data = data;
     options.database = database;
+    options.picture = picture;
     return options;
 }

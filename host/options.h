@@ -22,7 +22,8 @@ struct Options {
     unsigned grow = 0;                  // more from the middle of the load on
     unsigned shrink = 0;                // fewer from the middle of the work on
     std::chrono::milliseconds rest{0};  // of a client after each batch
-    unsigned ring = 0;  // clients of the deadlock demonstration; 0: the ordinary run
+    unsigned ring = 0;              // clients of the deadlock demonstration; 0: the ordinary run
+    std::filesystem::path picture;  // of that deadlock; empty: none
 };
 
 // Nothing when the command line asked for help, which has been printed. Throws InputError.

@@ -126,6 +126,11 @@ void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
             "report is in deadlock.txt.\n",
             outcome.clients);
     }
+    if (outcome.pictureDrawn) {
+        std::printf("Its picture is in %s.\n", outcome.picture.c_str());
+    } else {
+        verdict.Require(outcome.picture.empty(), outcome.picture.string() + " was not drawn");
+    }
     bool const resolved = outcome.falseAlarms == 1 && *outcome.ringRepeated == 1;
     verdict.Require(resolved, std::to_string(*outcome.ringRepeated) + " clients gave way and " +
                                   std::to_string(outcome.falseAlarms) +

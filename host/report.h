@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,6 +44,8 @@ struct Outcome {
     unsigned deadlocks = 0;           // that the library reported,
     unsigned falseAlarms = 0;         // called off,
     int deadlocksInFile = 0;          // and wrote to deadlock.txt
+    std::filesystem::path picture;    // asked for; empty: none
+    bool pictureDrawn = false;
     unsigned long assertions = 0;
     std::uint64_t complaintCount = 0;
     std::vector<std::string> complaints;  // the first few

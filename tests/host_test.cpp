@@ -262,7 +262,9 @@ TEST_F(HostTest, ResolvesADeadlock) {
     std::size_t reports = 0;
     for (std::size_t const clients : {2U, 5U, 3U}) {
         std::string const n = std::to_string(clients);
-        EXPECT_EQ(Run("--data=. --deadlock " + n), 0) << out << err;
+        EXPECT_EQ(Run("--data=. --picture=ring.dot --deadlock " + n), 0) << out << err;
+        ExpectSaid(out, "Its picture is in ring.dot.");
+        EXPECT_EQ(Count(Contents(folder / "ring.dot"), "held by"), clients);
         ExpectSaid(out, "The ring of " + n + " sections was reported exactly once");
         ExpectSaid(out, "All " + n + " transactions finished");
         ExpectSaid(out, "7 rows in 4 tables");
@@ -282,6 +284,7 @@ TEST_F(HostTest, ResolvesADeadlock) {
     fs::create_directory(folder / "deadlock.txt");
     EXPECT_EQ(Run("--data=. --deadlock"), 1);
     ExpectSaid(out, "FAILED: the ring was reported 1 times, and deadlock.txt has 0 new reports");
+    ExpectRefusal("--picture=ring.dot", "--picture");
 }
 
 // While the test holds the database, transactions wait for it: soon there is a second without an
