@@ -52,14 +52,18 @@
 // which dissolves the ring. A false alarm of a writer is told when it holds its write.
 //
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
-// it. The reports call the base library's log, message and assertion services and the debug
-// listeners on the calling thread, before anything of the level is entered or ended: that of a
-// propagation with the reads held, that of a lowering with the write held as well. These may start
-// and end levels of the same mutex; what is held afterwards decides how the operation goes on. A
-// write that is given up in its lowering report, as by ForceRelease, has been ended. A thread that
-// is cancelled during a report is cancelled only after it; one that is cancelled while it waits to
-// write holds afterwards what it held before it asked, so its clean-up handlers end the levels it
-// had. Only the wait for readers is cut short by a cancellation, not that for another writer.
+// it; where deadlock detection was on when it was made, the system log tells otherwise at level 4:
+// who destroys it, who writes, and how many threads read and wait. A reader that has ended without
+// its ends counts as one that reads; a writer that has, does not. In a child made by fork() nothing
+// is told of a mutex of the parent's. The reports call the base library's log, message and
+// assertion services and the debug listeners on the calling thread, before anything of the level is
+// entered or ended: that of a propagation with the reads held, that of a lowering with the write
+// held as well. These may start and end levels of the same mutex; what is held afterwards decides
+// how the operation goes on. A write that is given up in its lowering report, as by ForceRelease,
+// has been ended. A thread that is cancelled during a report is cancelled only after it; one that
+// is cancelled while it waits to write holds afterwards what it held before it asked, so its
+// clean-up handlers end the levels it had. Only the wait for readers is cut short by a
+// cancellation, not that for another writer.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_
@@ -119,6 +123,7 @@ public:
 private:
     friend class ZoRW_Mutex;
     friend class ZoThreadMgr;
+    friend class Misuse;
 
     ZO_INTERNAL ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
 

@@ -25,9 +25,9 @@
 // is read when a section is made and never again.
 //
 // Who may call: any operation, any thread, except that only the owner calls Exit. A section is
-// destroyed when no thread holds it or waits for it. No operation reports an error: leaving a
-// section that the caller does not own, or more often than it was entered, goes undetected and
-// breaks the section.
+// destroyed when no thread holds it or waits for it. No operation reports an error. Leaving a
+// section that the caller does not own, or more often than it was entered, goes undetected with a
+// POSIX section and breaks it; a detecting section stays as it is and tells (below).
 
 #ifndef KELVARA_INCLUDE_ZOCRITS_H_
 #define KELVARA_INCLUDE_ZOCRITS_H_
@@ -152,6 +152,17 @@ private:
 // section hold it that many milliseconds longer. The key is read once, when the first detecting
 // section is made.
 //
+// A detecting section also tells when it is misused, in one line of the system log at level 4 that
+// names the calling thread, the section and its owner as the reports do:
+//
+//     Exit by a thread that does not own it     nothing changes
+//     destroyed while owned or waited for       it is destroyed; who waits for it never gets it
+//
+// Not told is the destruction of a section whose owner has ended, which was told then, unless it is
+// waited for; and in a child made by fork() that of a section of the parent's. The section of a
+// reader/writer mutex (rw_mutex.h) leaves it to the mutex. A line waits, as GetInfo does, while
+// another thread holds csDLD.
+//
 // Detecting sections are entered and left only while the library context is set up. A thread that
 // is cancelled during a report or a delayed Exit is cancelled only after it. In a child process
 // made by fork() the threads that are not there wait for nothing.
@@ -172,6 +183,8 @@ public:
 
 private:
     friend class WaitForGraph;
+    friend class Misuse;
+    friend class ZoThreadMgr;
     friend void UnchainSection(ZoCritSect* section);
     friend bool TryBegin(ZoCritSect& section);
     friend int ZoTryBegin(ZoCritSect* section);
@@ -187,6 +200,8 @@ private:
     ZO_INTERNAL void EnterWrapped();
     ZO_INTERNAL void EndWait(ZoTLS* me);
     ZO_INTERNAL void WithdrawWait(ZoTLS* me);
+    ZO_INTERNAL bool MayLeave() const;
+    [[gnu::cold]] ZO_INTERNAL bool OwnsUnnoticed() const;
     ZO_INTERNAL void Leave();
 
     ZoCritSect* wrapped;
@@ -195,6 +210,9 @@ private:
     // of Begin, without: only the owner ever finds its own record there.
     std::atomic<ZoTLS*> owner{nullptr};
     PosixCritSect* plain;  // the wrapped section, if it is of this very kind; else null
+    // Decide whether a destruction while it is in use is told.
+    ZoUInt32 generation;  // how many forks lay before it was made
+    bool isPart = false;  // of another lock, which tells
 };
 
 // The section "DeadLockDetectionCS", which guards the wait-for graph: what every thread's record

@@ -37,8 +37,14 @@
 // callers take named sections is their affair.
 //
 // Who may call: brackets, queries and PrintStatus, any thread; an end on the thread of its begin.
-// A manager is made and destroyed while no other thread uses it. Labels name the calling site for
-// the reader of the code and are not used; nor are second indices.
+// A manager is made and destroyed while no other thread uses it. Second indices are not used.
+//
+// Labels name the calling site, for the reader of the code and of the system log: where deadlock
+// detection was on when the manager was made, an end of what the calling thread does not hold, an
+// end with a `lessExclusive` that does not fit, and an index without a section are told there in a
+// line of level 4, with the bracket, its label, what the thread holds and what was expected. The
+// labels of a begin and its end may differ. What is not held stays as it is, and the bracket does
+// the rest of its work: EndWriter leaves ZoCSServerWriter, UpgradeWriter begins its write.
 //
 // No operation reports an error. One that needs a section which is not there (an index without a
 // section, or memory ran out when the manager was made) raises an assertion and locks nothing; so
@@ -56,6 +62,7 @@
 class ZoBase;  // the engine's
 class ZoCritSect;
 class ZoRW_Mutex;
+struct Bracket;
 
 class ZO_API ZO_CAPABILITY("thread manager") ZO_REENTRANT ZoThreadMgr {
 public:
@@ -124,10 +131,17 @@ private:
     ZO_INTERNAL bool UsesMutex() const { return concurrencyLevel > OneCS; }
     ZO_INTERNAL bool SerialisesWriters() const { return concurrencyLevel >= LessExclusiveCommit; }
     ZO_INTERNAL ZoRW_Mutex& Mutex() const;
-    ZO_INTERNAL ZoCritSect& Section(unsigned long index) const;
-    ZO_INTERNAL ZoCritSect& ServerWriter() const;
-    ZO_INTERNAL void BeginWrite(int mode);
-    ZO_INTERNAL void EndWrite(int mode);
+    ZO_INTERNAL ZoUInt32 SlotOf(unsigned long index) const;
+    ZO_INTERNAL bool HasSection(ZoUInt32 slot) const;
+    ZO_INTERNAL ZoCritSect& Section(unsigned long index, Bracket const& bracket,
+                                    char const* label) const;
+    ZO_INTERNAL ZoCritSect& NoSection(unsigned long index, Bracket const& bracket,
+                                      char const* label) const;
+    ZO_INTERNAL void Leave(unsigned long index, Bracket const& bracket, char const* label) const;
+    ZO_INTERNAL int ModeOf(unsigned short lessExclusive) const;
+    ZO_INTERNAL void BeginWrite(int mode, Bracket const& bracket, char const* label);
+    ZO_INTERNAL void EndWrite(int mode, Bracket const& bracket, char const* label);
+    ZO_INTERNAL void End(int mode, Bracket const& bracket, char const* label) const;
 
     ZoRW_Mutex* rwMutex;    // owned; made at every level, by ZoRW_Mutex::Make
     ZoCritSect** sections;  // owned, as are the sections; a slot without a section holds null
@@ -135,6 +149,7 @@ private:
     ZoUInt32 concurrencyLevel;
     ZoInt32 numberOfSections;
     ZoUInt32 disableMask;
+    ZoUInt32 detecting = 0;  // bit i: slot i has a detecting section
 };
 
 // The first manager made since there was none; null before that. It outlives every user.

@@ -12,7 +12,9 @@
 //
 // So a record that was made on first use, or attached once, lives exactly as long as its thread.
 // But the record of a thread that still owns deadlock-detecting sections at that moment is kept for
-// ever: those sections stay taken, and their owner must be nobody else.
+// ever: those sections stay taken, and their owner must be nobody else. A thread whose record goes,
+// at its end or before, while it still reads or writes reader/writer mutexes leaves them read or
+// written for ever; the system log then tells at level 4 which ones, by address, and how deep.
 //
 // Who may call: every function acts on the calling thread's own record. Other threads touch only
 // what deadlock detection needs, under csDLD (zocrits.h): `threadIdentity`, what the thread waits

@@ -11,7 +11,8 @@
 void HandleChaining(ZoSynchroObj* object, int insert);
 
 // Takes `section` out of the chain, and with a detecting section the one it wraps: for a lock that
-// is in the chain itself and releases its inner section as part of its own release.
+// is in the chain itself and releases its inner section as part of its own release. That lock also
+// tells of its own destruction while it is in use, so the section does not.
 void UnchainSection(ZoCritSect* section);
 
 // Cuts every link of the chain. Objects that outlive the library context may be destroyed under the

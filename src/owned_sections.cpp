@@ -1,13 +1,12 @@
 #include "owned_sections.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 #include "chain.h"
+#include "misuse.h"
+#include "rw_record.h"
 #include "thread_life.h"
-#include "zobase.h"
 #include "zocrits.h"
 #include "zotls.h"
 
@@ -18,8 +17,9 @@ namespace {
 // The number of the thread that was introduced last.
 std::atomic<unsigned long> lastNumber{0};
 
-// The records that are kept for ever, the latest first. Never read: it tells a checker of leaks
-// that they are not lost.
+// The records that are kept for ever, the latest first. The list only grows, by read-modify-writes
+// with release order, each of which carries on what those before it released: who reads the head
+// with acquire order sees every link. It also tells a checker of leaks that they are not lost.
 std::atomic<ZoTLS*> keptRecords{nullptr};
 
 // What the reports called the calling thread; null if it had no record.
@@ -43,22 +43,6 @@ struct EndKey {
 };
 EndKey const endKey;
 
-// Names, one after the other, as far as they fit.
-class NameList {
-public:
-    void Add(char const* name) {
-        if (length >= sizeof text) return;
-        char const* const separator = length == 0 ? "" : ", ";
-        length += static_cast<std::size_t>(
-            std::snprintf(text + length, sizeof text - length, "%s%s", separator, name));
-    }
-    char const* Text() const { return text; }
-
-private:
-    char text[1024] = "";
-    std::size_t length = 0;
-};
-
 }  // namespace
 
 void OwnedSections::Introduce() {
@@ -71,13 +55,26 @@ void OwnedSections::RememberName(ZoTLS const* record) {
     identityAtEnd = record->threadIdentity;
 }
 
+void* OwnedSections::Identity() {
+    if (currentRecord != nullptr) return currentRecord->threadIdentity;
+    return identityAtEnd != nullptr ? identityAtEnd : reinterpret_cast<void*>(pthread_self());
+}
+
 bool OwnedSections::LetGo(ZoTLS* record) {
     if (record->ownedSections == 0) return true;
     ZoTLS* latest = keptRecords.load(std::memory_order_relaxed);
     do {
         record->nextKept = latest;
-    } while (!keptRecords.compare_exchange_weak(latest, record, std::memory_order_relaxed));
+    } while (!keptRecords.compare_exchange_weak(latest, record, std::memory_order_release,
+                                                std::memory_order_relaxed));
     return false;
+}
+
+bool OwnedSections::IsKept(ZoTLS const* record) {
+    if (record == nullptr) return false;
+    ZoTLS const* kept = keptRecords.load(std::memory_order_acquire);
+    while (kept != nullptr && kept != record) kept = kept->nextKept;
+    return kept != nullptr;
 }
 
 void OwnedSections::TellAtEnd(void* value) {
@@ -92,8 +89,8 @@ void OwnedSections::TellAtEnd(void* value) {
 
 // The names are collected first: the log is the host's code and is called without a lock.
 void OwnedSections::Tell() {
-    void* const identity =
-        identityAtEnd != nullptr ? identityAtEnd : reinterpret_cast<void*>(self.handle);
+    // Before the chain's lock is entered, which may make a record anew.
+    void* const identity = Identity();
     ZoInt32 unchained = self.owned;
     NameList names;
     if (fscs != nullptr) {
@@ -101,12 +98,11 @@ void OwnedSections::Tell() {
         for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {
             auto const* const section = dynamic_cast<PosixCritSect*>(object);
             if (section == nullptr || !section->IsMine()) continue;
-            names.Add(section->GetName());
+            names.Add("%s", section->GetName());
             --unchained;
         }
         fscs->Exit();
     }
     if (unchained != 0) names.Add("unchained ones");
-    ZoSystemLog()->Printf(4, "ZoThread %p ended and still owns critical sections: %s", identity,
-                          names.Text());
+    Misuse::TellOwnedAtEnd(identity, names);
 }

@@ -42,9 +42,16 @@ public:
     // How reports name the calling thread, whose record this is, for when it ends without it.
     static void RememberName(ZoTLS const* record);
 
+    // How they name the calling thread now: its record's identity, or what RememberName was told;
+    // its handle if it has never had a record.
+    static void* Identity();
+
     // By a thread whose record has no attach left. Afterwards the record may be freed; false: it
     // must be kept for ever, because the thread still owns detecting sections, and it is kept.
     static bool LetGo(ZoTLS* record);
+
+    // Whether `record`, which may be null, is one of those that are kept: its thread has ended.
+    static bool IsKept(ZoTLS const* record);
 
     // Whether the calling thread, which is ending, has its sections still to be told about.
     static bool AreToBeTold() { return self.owned != 0 && self.endIsNoticed; }

@@ -9,6 +9,7 @@
 #include "chain.h"
 #include "checkers.h"
 #include "deadlock_io.h"
+#include "misuse.h"
 #include "rw_fast.h"
 #include "section_try.h"
 #include "trace.h"
@@ -300,6 +301,7 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
+    Misuse::TellDestruction(*this);
     delete exclusive;
     checkers::LockIsGone(readers);
     delete readers;

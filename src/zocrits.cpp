@@ -6,12 +6,14 @@
 #include <new>
 #include <typeinfo>
 
+#include "at_fork.h"
 #include "cancellation.h"
 #include "chain.h"
 #include "checkers.h"
 #include "console_sink.h"
 #include "deadlock_io.h"
 #include "debug_path.h"
+#include "misuse.h"
 #include "owned_sections.h"
 #include "rw_mutex.h"
 #include "rw_record.h"
@@ -232,18 +234,22 @@ ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock co
       wrapped(wrapped),
       plain(wrapped != nullptr && typeid(*wrapped) == typeid(PosixCritSect)
                 ? static_cast<PosixCritSect*>(wrapped)
-                : nullptr) {
+                : nullptr),
+      generation(ForkGeneration()) {
     checkers::AreAtomic(owner);
 }
 
 ZoDLDCritSect::~ZoDLDCritSect() {
     LeaveChain(this);
+    bool const isOwned = owner.load(std::memory_order_relaxed) != nullptr;
+    if (isOwned || waitCount.load(std::memory_order_relaxed) != 0) Misuse::TellDestruction(*this);
     delete wrapped;
 }
 
 void UnchainSection(ZoCritSect* section) {
     if (auto* const detecting = dynamic_cast<ZoDLDCritSect*>(section)) {
         HandleChaining(detecting->wrapped, 0);
+        detecting->isPart = true;
     }
     HandleChaining(section, 0);
 }
@@ -375,7 +381,18 @@ void ZoDLDCritSect::WithdrawWait(ZoTLS* me) {
     waitCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
+// A thread owns the section without its record in `owner` if it had none when it entered, or has
+// freed it since. A wrapped section of the host's cannot be asked; there a thread without a record
+// is believed, as is any while nobody is noted.
+bool ZoDLDCritSect::OwnsUnnoticed() const {
+    if (plain != nullptr) return plain->IsMine();
+    bool const isNoted = owner.load(std::memory_order_relaxed) != nullptr;
+    return isNoted ? currentRecord == nullptr : GetOwningCount() != 0;
+}
+
 void ZoDLDCritSect::Exit() {
+    if (!MayLeave()) [[unlikely]]
+        return Misuse::TellLeave(*this);
     ZoInt32 const left = GetOwningCount() - 1;
     SetOwningCount(left);
     if (left != 0) return;

@@ -3,8 +3,10 @@
 #include <atomic>
 #include <cstdio>
 #include <new>
+#include <typeinfo>
 
 #include "cancellation.h"
+#include "misuse.h"
 #include "rw_fast.h"
 #include "smp_io.h"
 #include "zobase.h"
@@ -43,6 +45,22 @@ constexpr int Writing = 1;
 void Start(ZoRW_Mutex& mutex, int mode) {
     mutex.StartRW(mode, ZoNoLimit);
 }
+
+bool IsDetecting(ZoCritSect const* section) {
+    return section != nullptr && typeid(*section) == typeid(ZoDLDCritSect);
+}
+
+constexpr Bracket beginWriter{"BeginWriter"};
+constexpr Bracket beginAdmin{"BeginAdmin"};
+constexpr Bracket beginSection{"BeginCriticalSection"};
+constexpr Bracket getSection{"GetCriticalSection"};
+constexpr Bracket endReader{"EndReader", "BeginReader"};
+constexpr Bracket endWriter{"EndWriter", "BeginWriter"};
+constexpr Bracket endSerialisedWriter{"EndWriter", "BeginWriter", true};
+constexpr Bracket upgradeWriter{"UpgradeWriter", "BeginWriter with lessExclusive 1"};
+constexpr Bracket downgradeWriter{"DowngradeWriter", "BeginWriter with lessExclusive 0"};
+constexpr Bracket endAdmin{"EndAdmin", "BeginAdmin"};
+constexpr Bracket endSection{"EndCriticalSection", "BeginCriticalSection"};
 
 // Enters a section; leaves it again unless it is kept, as when a wait in the scope is cancelled.
 class SectionHold {
@@ -93,6 +111,9 @@ void ZoThreadMgr::Init() {
     } else if (concurrencyLevel != NoneCS) {
         if (MakeSlots(NamedSlots)) MakeNamedSections();
     }
+    for (ZoInt32 slot = 0; slot < numberOfSections; ++slot) {
+        if (IsDetecting(sections[slot])) detecting |= ZoUInt32{1} << slot;
+    }
     ZoThreadMgr* none = nullptr;
     the_main.compare_exchange_strong(none, this, std::memory_order_acq_rel);
 }
@@ -135,23 +156,46 @@ ZoRW_Mutex& ZoThreadMgr::Mutex() const {
     return *notVeryExclusiveMutex;
 }
 
-ZoCritSect& ZoThreadMgr::Section(unsigned long index) const {
+ZoUInt32 ZoThreadMgr::SlotOf(unsigned long index) const {
+    return concurrencyLevel == OneCS ? 0 : static_cast<ZoUInt32>(index);
+}
+
+bool ZoThreadMgr::HasSection(ZoUInt32 slot) const {
+    return slot < static_cast<ZoUInt32>(numberOfSections) && sections[slot] != nullptr;
+}
+
+ZoCritSect& ZoThreadMgr::Section(unsigned long index, Bracket const& bracket,
+                                 char const* label) const {
+    ZoUInt32 const slot = SlotOf(index);
+    return HasSection(slot) ? *sections[slot] : NoSection(index, bracket, label);
+}
+
+ZoCritSect& ZoThreadMgr::NoSection(unsigned long index, Bracket const& bracket,
+                                   char const* label) const {
     if (concurrencyLevel == NoneCS) return *notVeryCriticalSection;
-    ZoUInt32 const slot = concurrencyLevel == OneCS ? 0 : static_cast<ZoUInt32>(index);
-    if (slot < static_cast<ZoUInt32>(numberOfSections) && sections[slot] != nullptr) {
-        return *sections[slot];
-    }
     CancellationDeferred deferred;
     ZOVA_assert("(this->sections[index] != 0)", "src/zothrdmg", 188);
+    ZoUInt32 const slot = SlotOf(index);
+    bool const isNamed = slot < NamedSlots && sectionNames[slot] != nullptr;
+    if (detecting != 0 && !isNamed) Misuse::TellIndex(this, index, bracket, label);
     return *notVeryCriticalSection;
 }
 
-ZoCritSect& ZoThreadMgr::ServerWriter() const {
-    return Section(ServerWriterIndex);
+// The owner leaves; of anybody else it is told with the bracket, where a section tells without.
+void ZoThreadMgr::Leave(unsigned long index, Bracket const& bracket, char const* label) const {
+    ZoUInt32 const slot = SlotOf(index);
+    if (!HasSection(slot)) return NoSection(index, bracket, label).Exit();
+    ZoCritSect& section = *sections[slot];
+    if ((detecting >> slot & 1) != 0) {
+        auto& detector = static_cast<ZoDLDCritSect&>(section);
+        if (!detector.MayLeave()) [[unlikely]]
+            return Misuse::TellLeave(detector, index, bracket, label);
+    }
+    section.Exit();
 }
 
 ZoCritSect* ZoThreadMgr::GetCriticalSection(unsigned long index, unsigned long) {
-    return &Section(index);
+    return &Section(index, getSection, nullptr);
 }
 
 unsigned long ZoThreadMgr::GetConcurrencyLevel() {
@@ -205,66 +249,76 @@ void ZoThreadMgr::BeginReader(char const*) {
     }
 }
 
-void ZoThreadMgr::EndReader(char const*) {
+void ZoThreadMgr::EndReader(char const* label) {
     if (!UsesMutex()) return;
     if (rwMutex == nullptr || !static_cast<ZoGenRW_Mutex*>(rwMutex)->TryEndRead()) {
-        Mutex().EndRW(Reading);
+        End(Reading, endReader, label);
     }
 }
 
-void ZoThreadMgr::BeginWriter(char const*, unsigned short lessExclusive) {
-    if (UsesMutex()) BeginWrite(SerialisesWriters() && lessExclusive != 0 ? Reading : Writing);
+int ZoThreadMgr::ModeOf(unsigned short lessExclusive) const {
+    return SerialisesWriters() && lessExclusive != 0 ? Reading : Writing;
 }
 
-void ZoThreadMgr::EndWriter(char const*, unsigned short lessExclusive) {
-    if (UsesMutex()) EndWrite(SerialisesWriters() && lessExclusive != 0 ? Reading : Writing);
+void ZoThreadMgr::BeginWriter(char const* label, unsigned short lessExclusive) {
+    if (UsesMutex()) BeginWrite(ModeOf(lessExclusive), beginWriter, label);
 }
 
-void ZoThreadMgr::BeginAdmin(char const*) {
-    if (UsesMutex()) BeginWrite(Writing);
+void ZoThreadMgr::EndWriter(char const* label, unsigned short lessExclusive) {
+    if (!UsesMutex()) return;
+    EndWrite(ModeOf(lessExclusive), SerialisesWriters() ? endSerialisedWriter : endWriter, label);
 }
 
-void ZoThreadMgr::EndAdmin(char const*) {
-    if (UsesMutex()) EndWrite(Writing);
+void ZoThreadMgr::BeginAdmin(char const* label) {
+    if (UsesMutex()) BeginWrite(Writing, beginAdmin, label);
 }
 
-void ZoThreadMgr::BeginWrite(int mode) {
+void ZoThreadMgr::EndAdmin(char const* label) {
+    if (UsesMutex()) EndWrite(Writing, endAdmin, label);
+}
+
+void ZoThreadMgr::BeginWrite(int mode, Bracket const& bracket, char const* label) {
     if (!SerialisesWriters()) {
         Start(Mutex(), mode);
         return;
     }
-    SectionHold serverWriter(ServerWriter());
+    SectionHold serverWriter(Section(ServerWriterIndex, bracket, label));
     Start(Mutex(), mode);
     serverWriter.Keep();
 }
 
-void ZoThreadMgr::EndWrite(int mode) {
-    Mutex().EndRW(mode);
-    if (SerialisesWriters()) ServerWriter().Exit();
+void ZoThreadMgr::EndWrite(int mode, Bracket const& bracket, char const* label) {
+    End(mode, bracket, label);
+    if (SerialisesWriters()) Leave(ServerWriterIndex, bracket, label);
 }
 
-void ZoThreadMgr::UpgradeWriter(char const*) {
+void ZoThreadMgr::End(int mode, Bracket const& bracket, char const* label) const {
+    if (Mutex().EndRW(mode) == ZoRefused) [[unlikely]]
+        Misuse::TellEnd(static_cast<ZoGenRW_Mutex&>(*rwMutex), mode, bracket, label);
+}
+
+void ZoThreadMgr::UpgradeWriter(char const* label) {
     if (!SerialisesWriters()) return;
-    Mutex().EndRW(Reading);
+    End(Reading, upgradeWriter, label);
     Start(Mutex(), Writing);
 }
 
-void ZoThreadMgr::DowngradeWriter(char const*) {
+void ZoThreadMgr::DowngradeWriter(char const* label) {
     if (!SerialisesWriters()) return;
-    Mutex().EndRW(Writing);
+    End(Writing, downgradeWriter, label);
     Start(Mutex(), Reading);
 }
 
-void ZoThreadMgr::BeginCriticalSection(unsigned long index, char const*) {
-    Section(index).Begin();
+void ZoThreadMgr::BeginCriticalSection(unsigned long index, char const* label) {
+    Section(index, beginSection, label).Begin();
 }
 
 void ZoThreadMgr::BeginCriticalSection(unsigned long index, unsigned long, char const* label) {
     BeginCriticalSection(index, label);
 }
 
-void ZoThreadMgr::EndCriticalSection(unsigned long index, char const*) {
-    Section(index).Exit();
+void ZoThreadMgr::EndCriticalSection(unsigned long index, char const* label) {
+    Leave(index, endSection, label);
 }
 
 void ZoThreadMgr::EndCriticalSection(unsigned long index, unsigned long, char const* label) {

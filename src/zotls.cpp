@@ -9,6 +9,7 @@
 
 #include "cancellation.h"
 #include "checkers.h"
+#include "misuse.h"
 #include "owned_sections.h"
 #include "rw_record.h"
 #include "thread_life.h"
@@ -192,13 +193,16 @@ void ZoThreadDetach(void* record) {
     if (record == nullptr) return;
     ZoTLS* const mine = static_cast<ZoTLS*>(record);
     OwnedSections::RememberName(mine);
+    bool const threadEnds = RecordInSlot() != mine;  // the system has cleared the slot
     if (--mine->attachCount == 0) {
-        mine->FreeParts();  // the host's code, which may still enter and leave sections
+        mine->FreeParts();  // the host's code, which may still enter and leave locks
+        Misuse::TellHeldAtEnd(mine, threadEnds);
         if (OwnedSections::LetGo(mine)) delete mine;
         StoreRecord(nullptr);
     } else {
         // As the key's destructor this runs with the slot already cleared: a record that is still
         // attached then is out of reach.
+        if (threadEnds) Misuse::TellHeldAtEnd(mine, threadEnds);
         currentRecord = RecordInSlot();
     }
     if (!OwnedSections::AreToBeTold()) EndingThreads::Leave();

@@ -61,7 +61,8 @@ struct PosixThreadPart {
     void* life;
 };
 
-static_assert(sizeof(ZoCritSect) == SectionSize && sizeof(ZoDLDCritSect) == SectionSize + 3 * P);
+static_assert(sizeof(ZoCritSect) == SectionSize &&
+              sizeof(ZoDLDCritSect) == SectionSize + 3 * P + 8);
 static_assert(sizeof(PosixCritSect) == SectionSize + sizeof(PosixSectionPart));
 static_assert(sizeof(POSIXCondition) == 6 * P + sizeof(PosixConditionPart));
 static_assert(sizeof(ZoTLS) == 8 * P + 8 + 2 * P + 7 * P + 8 && sizeof(ZoTLSItem) == 5 * P);

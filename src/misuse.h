@@ -1,0 +1,91 @@
+// What the library tells in the system log when somebody uses a lock as it must not be used. The
+// texts stand in misuse.cpp and nowhere else.
+//
+//     misuse                                      then
+//     a detecting section is left by a thread     the section stays as it is
+//     that does not own it
+//     a detecting section, or a mutex with one,   it is destroyed
+//     is destroyed while it is held or waited for
+//     a thread ends while it owns sections, or    they stay taken, and the mutex read or written,
+//     reads or writes a mutex                     for ever
+//     a bracket of a thread manager ends what     the bracket does the rest of its work
+//     its thread does not hold
+//     a bracket is given an index without a       it locks nothing
+//     section
+//
+// All but the ended thread's is told where deadlock detection is on. Each is one line of level 4,
+// which names the thread as deadlock reports do: by its record's threadIdentity, or by its handle
+// if it has no record. The functions call the host's log: without a lock of the library's, unless
+// their caller holds one.
+
+#ifndef KELVARA_SRC_MISUSE_H_
+#define KELVARA_SRC_MISUSE_H_
+
+#include <cstddef>
+
+#include "rw_record.h"
+#include "zocrits.h"
+#include "zotypes.h"
+
+class ZoGenRW_Mutex;
+class ZoThreadMgr;
+
+// A bracket of the thread manager.
+struct Bracket {
+    char const* name;
+    char const* expected = "";  // what an end must have had before it, on the same thread
+    bool hasFlag = false;       // it is told by lessExclusive what to end
+};
+
+// Names, one after the other, as far as they fit.
+class NameList {
+public:
+    void Add(char const* format, ...) __attribute__((format(printf, 2, 3)));
+    bool IsEmpty() const { return length == 0; }
+    char const* Text() const { return text; }
+
+private:
+    char text[1024] = "";
+    std::size_t length = 0;
+};
+
+class Misuse {
+public:
+    // Of a section that the calling thread does not own.
+    [[gnu::cold]] static void TellLeave(ZoDLDCritSect& section);
+
+    // By the destructors; the former is asked when the section is owned or waited for, the latter
+    // finds out itself. Nothing is told of what is not in use after all: what an ended thread still
+    // owns, which was told when it ended; in a forked child, what was made in the parent, whose
+    // threads are not there; and a section that is part of a mutex.
+    [[gnu::cold]] static void TellDestruction(ZoDLDCritSect& section);
+    static void TellDestruction(ZoGenRW_Mutex& mutex);
+
+    // At the end of the calling thread, which reports call `thread`.
+    static void TellOwnedAtEnd(void* thread, NameList const& sections);
+    // Nobody finds `record`, the calling thread's, any more. If it holds nothing, nothing is told.
+    // The mutexes may be gone: only their addresses are printed.
+    static void TellHeldAtEnd(ZoTLS const* record, bool threadEnds);
+
+    // The same for a call of EndCriticalSection, or of a bracket that ends with section `index`.
+    [[gnu::cold]] static void TellLeave(ZoDLDCritSect& section, unsigned long index,
+                                        Bracket const& bracket, char const* label);
+    // A bracket was to end a level of `mode`, 0 a read, and the calling thread has none of it.
+    [[gnu::cold]] static void TellEnd(ZoGenRW_Mutex const& mutex, int mode, Bracket const& bracket,
+                                      char const* label);
+    [[gnu::cold]] static void TellIndex(ZoThreadMgr const* manager, unsigned long index,
+                                        Bracket const& bracket, char const* label);
+
+private:
+    static bool IsTold(ZoCritSect const& section);
+    static void TellLeave(ZoDLDCritSect& section, char const* call);
+};
+
+// Only the owner finds its own record in `owner`, so the look needs no lock. A thread that does not
+// may still be the owner.
+inline bool ZoDLDCritSect::MayLeave() const {
+    ZoTLS* const me = currentRecord;
+    return (me != nullptr && owner.load(std::memory_order_relaxed) == me) || OwnsUnnoticed();
+}
+
+#endif  // KELVARA_SRC_MISUSE_H_
