@@ -12,8 +12,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <deque>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -163,7 +166,8 @@ TEST_F(Base, ConfigurationLines) {
         {"\tmode\t=\t0xF0000000 # flags\r", ""},
         {"two words = 5", word},
         {" = 5", word},
-        {"k[1] = 5", word},
+        {"k[1 = 5", word},
+        {"k]1 = 5", word},
         {"k ; = 5", word},
         {"k#1 = 5", word},
         {std::string("n\0l = 5", 7), word},
@@ -196,11 +200,11 @@ TEST_F(Base, ConfigurationLines) {
     }
     WriteConfig(file);
     EXPECT_EQ(
-        expected + "1 60 -268435456 7 2 2 8 9 - - - - ", Printed([] {
-            for (char const* path :
-                 {"top", "debug/csSleepTime", "debug/mode", "debug/still", "deeper/still/\xC3\xA4",
-                  "deeper.still/\xC3\xA4", "base/far", "base/last", "deeper/\xC3\xA4",
-                  "deeper/still/more/\xC3\xA4", "Debug/mode", "debug/Mode"}) {
+        expected + "1 60 -268435456 7 2 2 8 9 - - - - - ", Printed([] {
+            for (char const* path : {"top", "debug/csSleepTime", "debug/mode", "debug/still",
+                                     "deeper/still/\xC3\xA4", "deeper.still/\xC3\xA4", "base/far",
+                                     "base/last", "deeper/\xC3\xA4", "deeper/still/more/\xC3\xA4",
+                                     "deep/r.still/\xC3\xA4", "Debug/mode", "debug/Mode"}) {
                 dprintf(2, "%s ", Lookup(path).c_str());
             }
         }));
@@ -217,6 +221,9 @@ TEST_F(Base, ConfigurationFile) {
     };
     std::string const cannot = ": cannot read the configuration: ";
     EXPECT_EQ(printedBy(nullptr), "");
+    std::filesystem::create_directory(directory + "/zova.ini");
+    EXPECT_EQ(printedBy(nullptr), "zova.ini" + cannot + "Is a directory\n");
+    std::filesystem::remove(directory + "/zova.ini");
     EXPECT_EQ(printedBy("none.ini"), "none.ini" + cannot + "No such file or directory\n");
     EXPECT_EQ(printedBy("."), "." + cannot + "Is a directory\n");
     EXPECT_EQ(printedBy("/dev/zero"), "/dev/zero" + cannot + "File too large\n");
@@ -356,67 +363,61 @@ TEST(BaseServices, AreReplacedAndNullRestoresTheOwn) {
     EXPECT_EQ(ZoDefaultConfiguration(), nullptr);
 }
 
-TEST(BaseLists, DoublyLinked) {
-    static std::string deleted;
+// Random changes of a list, after each of which it must hold what the model holds.
+TEST(BaseLists, AgreeWithTheirModels) {
+    static int alive;
     struct Item final : ZoLinkedListItem {
-        explicit Item(char name) : name(name) {}
-        ~Item() override { deleted += name; }
-        char name;
+        Item() { ++alive; }
+        ~Item() override { --alive; }
     };
-    auto const order = [](ZoLinkedList const& list) {
-        auto const named = [](ZoLinkedListItem* item) { return static_cast<Item*>(item)->name; };
-        std::string forth, back;
-        for (auto* i = list.GetFirst(); i != nullptr; i = i->GetNext()) forth += named(i);
-        for (auto* i = list.GetLast(); i != nullptr; i = i->GetPrev()) back = named(i) + back;
-        EXPECT_EQ(forth, back);
-        return forth;
-    };
-    {
+    std::mt19937 random(1);
+    for (int round = 0; round < 20; ++round) {
         ZoLinkedList list;
-        EXPECT_EQ(list.RemoveFirst(), nullptr);
-        auto* const a = new Item('a');
-        auto* const b = new Item('b');
-        auto* const c = new Item('c');
-        list.InsertLast(a);
-        list.RemoveItem(a);
-        EXPECT_EQ(order(list), "");
-        list.InsertFirst(b);
-        list.InsertLast(c);
-        list.InsertFirst(a);
-        EXPECT_EQ(order(list), "abc");
-        list.RemoveItem(b);
-        EXPECT_EQ(order(list), "ac");
-        list.InsertLast(b);
-        list.DeleteItem(b);
-        EXPECT_EQ(list.RemoveFirst(), a);
-        EXPECT_EQ(order(list), "c");
-        list.InsertLast(a);
-        EXPECT_EQ(deleted, "b");
+        std::deque<ZoLinkedListItem*> model, forth, back;
+        for (int step = 0; step < 100; ++step) {
+            auto const operation = random() % 5;
+            ZoLinkedListItem* const item = operation < 2   ? new Item
+                                           : model.empty() ? nullptr
+                                                           : model[random() % model.size()];
+            if (operation == 0) list.InsertFirst(item), model.push_front(item);
+            if (operation == 1) list.InsertLast(item), model.push_back(item);
+            if (operation == 2 && list.RemoveFirst() != nullptr) {
+                delete model.front();
+                model.pop_front();
+            }
+            if (operation >= 3 && item != nullptr) {
+                if (operation == 3) list.DeleteItem(item);
+                if (operation == 4) list.RemoveItem(item), list.InsertFirst(item);
+                std::erase(model, item);
+                if (operation == 4) model.push_front(item);
+            }
+            forth.clear(), back.clear();
+            for (auto* i = list.GetFirst(); i != nullptr; i = i->GetNext()) forth.push_back(i);
+            for (auto* i = list.GetLast(); i != nullptr; i = i->GetPrev()) back.push_front(i);
+            ASSERT_TRUE(forth == model && back == model);
+            ASSERT_EQ(alive, static_cast<int>(model.size()));
+        }
     }
-    EXPECT_EQ(deleted, "bca");
-}
+    EXPECT_EQ(alive, 0);
 
-TEST(BaseLists, SinglyLinked) {
-    struct Item : ZoSimpleLinkedListItem {
-        int padding[16];
-    };
-    ZoSimpleLinkedList list;  // frees two of these; a leak checker watches
-    auto* const a = new Item;
-    auto* const b = new Item;
-    auto* const c = new Item;
-    list.RemoveItem(a);
-    for (Item* item : {a, b, c}) list.InsertFirst(item);
-    for (int twice = 0; twice < 2; ++twice) list.RemoveItem(b);
-    EXPECT_EQ(list.GetFirst(), c);
-    EXPECT_EQ(c->GetNext(), a);
-    list.RemoveItem(a);
-    EXPECT_EQ(c->GetNext(), nullptr);
-    list.RemoveItem(c);
-    EXPECT_EQ(list.GetFirst(), nullptr);
-    list.InsertFirst(b);
-    list.InsertFirst(a);
-    EXPECT_EQ(a->GetNext(), b);
-    delete c;
+    ZoSimpleLinkedList list;  // frees what is left; a leak checker watches
+    std::deque<ZoSimpleLinkedListItem*> model, found, items(5);
+    for (auto& item : items) item = new ZoSimpleLinkedListItem;
+    for (int step = 0; step < 1000; ++step) {
+        auto* const item = items[random() % items.size()];
+        if (std::erase(model, item) == 0 && step % 2 == 0) {
+            list.InsertFirst(item), model.push_front(item);
+        } else {
+            list.RemoveItem(item);  // also one that is in no list
+            EXPECT_EQ(item->GetNext(), nullptr);
+        }
+        found.clear();
+        for (auto* i = list.GetFirst(); i != nullptr; i = i->GetNext()) found.push_back(i);
+        ASSERT_EQ(found, model);
+    }
+    for (auto* item : items) {
+        if (std::count(model.begin(), model.end(), item) == 0) delete item;
+    }
 }
 
 }  // namespace

@@ -1,19 +1,21 @@
-// A program of hash-table operations, read from bytes and run on a table and on a
-// std::unordered_map at once. The random test feeds it random bytes, the fuzzer what it finds
-// interesting.
+// A program of hash-table operations, read from bytes and run on a table and on a model of its
+// chains at once. The random test feeds it random bytes, the fuzzer what it finds interesting.
 //
 //     RunTableProgram(bytes, size);   // throws std::runtime_error at the first difference
 
 #ifndef KELVARA_TESTS_ZOHASH_MODEL_H_
 #define KELVARA_TESTS_ZOHASH_MODEL_H_
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
+#include <list>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "alloc_fault.h"
@@ -62,20 +64,22 @@ inline constexpr KeyKind keyKinds[] = {
     {"foreign texts", ZoHashTable::ForeignKeys, StringFind},
 };
 
+// What a table should hold, in the order of its chains. Keys are known by their ids.
+struct Item {
+    unsigned id;
+    void* value;
+    bool operator==(Item const&) const = default;
+};
+using Chains = std::vector<std::list<Item>>;
+
 class TableProgram {
 public:
     TableProgram(std::uint8_t const* bytes, std::size_t size)
         : at(bytes),
           end(bytes + size),
           kind(keyKinds[Byte() % std::size(keyKinds)]),
-          keysInUse(Byte() % 2 == 0 ? keyCount : 8) {
-        for (unsigned id = 0; id < keyCount; ++id) {
-            for (Record& record : records[id]) {
-                std::snprintf(record.key, sizeof record.key, "key-%04u", id);
-                record.key[9] = static_cast<char>(id % 7);
-                record.key[12] = static_cast<char>(id % 5);
-            }
-        }
+          keysInUse(keysOfMode[mode = Byte() % std::size(keysOfMode)]) {
+        for (unsigned id = 0; id < keyCount; ++id) SetNumber(id, id);
         // The section is made now: no step's fault shall meet it.
         lock.BeginCriticalSection();
         lock.EndCriticalSection();
@@ -88,26 +92,42 @@ public:
 
     void Run() {
         unsigned long const assertions = ZoAssertCount();
-        while (at != end) {
+        for (unsigned step = 0; at != end; ++step) {
+            if (HasLongChain() && table->nBuckets == 4) Enlarge();
             Step();
-            MUST(table->num == model.size());
+            std::size_t const buckets = model.size();
+            MUST(table->num == count);
             MUST(table->nBuckets == buckets && table->mask == buckets - 1);
             MUST(table->threshold == 4 * buckets && buckets == 1U << (30 - table->shift));
+            if (HasLongChain() || step % 16 == 0) CompareContents();
         }
-        CompareContents(*table);
+        CompareContents();
         MUST(ZoAssertCount() == assertions);
     }
 
 private:
     static constexpr unsigned keyCount = 768;
+    // Many keys, or few for chains that change much and for empty tables, or few of one bucket.
+    enum Mode : unsigned { Many, Few, LongChain, LongChainInWideLines };
+    static constexpr unsigned keysOfMode[] = {keyCount, 8, 9, 12};
 
     unsigned Byte() { return at != end ? *at++ : 0; }
 
+    // The key of an id is made from its number.
+    void SetNumber(unsigned id, unsigned number) {
+        numbers[id] = number;
+        for (Record& record : records[id]) {
+            std::snprintf(record.key, sizeof record.key, "key-%04u", number);
+            record.key[9] = static_cast<char>(number % 7);
+            record.key[12] = static_cast<char>(number % 5);
+        }
+    }
     char const* Key(unsigned id) const {
         if (kind.keySize == ZoHashTable::WordKeys && kind.find != ValuePointerFind) {
             // Two of a pair differ in the upper half alone, which a hash may leave out.
-            std::uintptr_t const upper = std::uintptr_t{id % 2} << (sizeof upper * 4);
-            std::uintptr_t const word = std::uintptr_t{id / 2} * 0x9E3779B1U + upper;
+            unsigned const number = numbers[id];
+            std::uintptr_t const upper = std::uintptr_t{number % 2} << (sizeof upper * 4);
+            std::uintptr_t const word = std::uintptr_t{number / 2} * 0x9E3779B1U + upper;
             return reinterpret_cast<char const*>(word);  // NOLINT(performance-no-int-to-ptr)
         }
         return records[id][0].key + (kind.keySize == 5 ? 4 : 0);
@@ -115,9 +135,31 @@ private:
     void* Value(unsigned id) {
         return &records[id][kind.find == ValuePointerFind ? 0 : Byte() % 4];
     }
+    std::size_t Bucket(unsigned id) const {
+        ZoHashPosition pos;
+        table->Position(Key(id), pos);
+        return pos.hash & table->mask;
+    }
+
+    // Of a long chain the front is found in another way than the rest, and it is a longer one once
+    // the table has held half of what makes it grow.
+    bool HasLongChain() const { return mode >= LongChain && kind.find != ValuePointerFind; }
+    void Enlarge() {
+        MUST(table->SetExpectedSize(1024) == ZoSuccess);
+        for (unsigned id = 0, number = 0; id < keysInUse && number < 60000; ++number) {
+            SetNumber(id, number);
+            if (Bucket(id) == Bucket(0)) ++id;
+        }
+        for (unsigned id = keysInUse; mode == LongChainInWideLines && id < 600; ++id) {
+            SetNumber(id, 60000 + id);
+            MUST(table->InsertValue(Key(id), records[id]) != nullptr);
+        }
+        table->EmptyTable(nullptr);
+        Clear(table->nBuckets);
+    }
 
     // Then it grows no further, for the sake of its chains.
-    bool IsSparse() const { return buckets > 16 + model.size(); }
+    bool IsSparse() const { return model.size() > 16 + count; }
 
     // Calls the table; one of the allocations it makes fails if this step is to have a fault.
     template <class Call>
@@ -128,29 +170,63 @@ private:
         return result;
     }
 
-    void Store(unsigned id, void* value) {
-        bool const isNew = model.insert_or_assign(id, value).second;
-        if (isNew && model.size() / 4 >= buckets && !faultHappened) buckets *= 4;
+    // --- the model's side; `bucket` is the key's before the table was called ---------------------
+
+    void Clear(std::size_t buckets) {
+        model.assign(buckets, {});
+        count = 0;
     }
-    void Erase(unsigned id, bool shrinksWhenEmpty) {
-        if (model.erase(id) != 0 && model.empty() && shrinksWhenEmpty) buckets = 4;
+    // A growth takes every chain from its head and so turns it round.
+    void Grow(std::size_t buckets) {
+        Chains const old = std::exchange(model, Chains(buckets));
+        for (auto const& chain : old) {
+            for (Item const& item : chain) model[Bucket(item.id)].push_front(item);
+        }
     }
+    void Insert(unsigned id, void* value, std::size_t bucket) {
+        model[bucket].push_front({id, value});
+        if (++count / 4 >= model.size() && !faultHappened) Grow(4 * model.size());
+    }
+    // The first of the key; null without one.
+    Item* Find(unsigned id, std::size_t bucket) {
+        for (Item& item : model[bucket]) {
+            if (item.id == id) return &item;
+        }
+        return nullptr;
+    }
+    void Erase(unsigned id, std::size_t bucket, bool shrinksWhenEmpty) {
+        auto& chain = model[bucket];
+        auto const is = [id](Item const& item) { return item.id == id; };
+        chain.erase(std::find_if(chain.begin(), chain.end(), is));
+        if (--count == 0 && shrinksWhenEmpty) Clear(4);
+    }
+    std::vector<Item> InOrder() const {
+        std::vector<Item> items;
+        for (auto const& chain : model) items.insert(items.end(), chain.begin(), chain.end());
+        return items;
+    }
+
+    // --- steps -----------------------------------------------------------------------------------
+
     void Delete(unsigned id, ZoMTObj const* held) {
-        MUST(table->DeleteValue(Key(id), held) == (model.count(id) ? ZoSuccess : ZoNotFound));
-        Erase(id, kind.keySize != ZoHashTable::ForeignKeys);
+        std::size_t const bucket = Bucket(id);
+        bool const present = Find(id, bucket) != nullptr;
+        MUST(table->DeleteValue(Key(id), held) == (present ? ZoSuccess : ZoNotFound));
+        if (present) Erase(id, bucket, kind.keySize != ZoHashTable::ForeignKeys);
     }
 
     // Whether the fault met an insertion's entry: the growth behind it may also meet it, and an
     // entry in the block of a deleted one does not.
-    bool EntryFailed() const { return faultHappened && table->num == model.size(); }
+    bool EntryFailed() const { return faultHappened && table->num == count; }
 
     void Step() {
         unsigned const operation = Byte();
         bool const flag = (operation & 16) != 0;
         unsigned const id = (Byte() * 256 + Byte()) % keysInUse;
-        auto const found = model.find(id);
-        bool const present = found != model.end();
-        void* const stored = present ? found->second : nullptr;
+        std::size_t const bucket = Bucket(id);
+        Item* const found = Find(id, bucket);
+        bool const present = found != nullptr;
+        void* const stored = present ? found->value : nullptr;
         void* const value = Value(id);
         ZoMTObj const* const held = Byte() % 2 != 0 ? &lock : nullptr;
         faultAt = operation >= 192 ? 1 + static_cast<long>(id % 3) : 0;
@@ -163,7 +239,7 @@ private:
                 bool const made =
                     Faulty([&] { return table->InsertValue(Key(id), value); }) != nullptr;
                 MUST(made == (!present && !EntryFailed()));
-                if (made) Store(id, value);
+                if (made) Insert(id, value, bucket);
                 break;
             }
             case 3:
@@ -172,7 +248,12 @@ private:
                     [&] { return table->ChangeValue(Key(id), value, flag, !flag || held, held); });
                 bool const allowed = present ? !flag || held : flag;
                 MUST(result == (!allowed ? ZoNotFound : EntryFailed() ? ZoOutOfMemory : ZoSuccess));
-                if (result == ZoSuccess) Store(id, value);
+                if (result != ZoSuccess) break;
+                if (present) {
+                    found->value = value;
+                } else {
+                    Insert(id, value, bucket);
+                }
                 break;
             }
             case 5:
@@ -180,45 +261,37 @@ private:
                 break;
             case 6:
                 MUST(table->Remove(Key(id)) == stored);
-                Erase(id, true);
+                if (present) Erase(id, bucket, true);
                 break;
             case 7:
             case 8:
                 UsePosition(id, value, present);
                 break;
-            case 9: {
-                ZoHashTable* copy;
-                int const result = Faulty([&] { return table->Clone(copy, held); });
-                MUST((result == ZoSuccess) == (copy != nullptr));
-                MUST(result == (copy != nullptr ? ZoSuccess : ZoOutOfMemory));
-                MUST(copy != nullptr || faultHappened);
-                std::unique_ptr<ZoHashTable> const owned(copy);
-                if (copy != nullptr) CompareContents(*copy);
+            case 9:
+                if (!HasLongChain()) Clone(held);  // a copy has no two entries of one key
                 break;
-            }
             case 10:
                 DeleteWhileIterating();
                 break;
             case 11:
             case 12: {
                 if (IsSparse()) break;
-                unsigned const size = flag ? id * 4 : buckets * 16;
+                std::size_t buckets = model.size();
+                unsigned const size = flag ? id * 4 : static_cast<unsigned>(buckets) * 16;
                 int const result = Faulty(
                     [&] { return flag ? table->SetExpectedSize(size) : table->RebuildTable(); });
                 MUST(result == (faultHappened ? ZoOutOfMemory : ZoSuccess));
                 while (4 * buckets < size && !faultHappened) buckets *= 4;
+                if (buckets != model.size()) Grow(buckets);
                 break;
             }
             case 13:
-                if (id % 64 != 0) break;
-                MUST(table->EmptyTable(held) == ZoSuccess);
-                model.clear();
+                if (id % 64 == 0) Empty(flag, held);
                 break;
             case 14: {
                 ZoHashIterator it;
-                ZoHashEntry* const entry = table->FindEntry(Key(id), it);
-                MUST((entry != nullptr) == present);
-                MUST(it.next == (present ? entry->next : nullptr));
+                MUST((table->FindEntry(Key(id), it) != nullptr) == present);
+                MUST(present || it.next == nullptr);
                 break;
             }
             default:
@@ -233,19 +306,21 @@ private:
         ZoHashEntry* const head = table->buckets[pos.hash & table->mask];
         MUST((pos.prev != nullptr ? pos.prev->next : head) == pos.entry);
         if (!present) MUST(table->Delete(pos) == ZoBadPosition);
+        MUST(ZoHashTable(kind.keySize, kind.find).Create(pos, value) == ZoBadPosition);
         ChangeMeanwhile(id, present && pos.prev != nullptr);
-        if (present) {
+        std::size_t const bucket = Bucket(id);
+        if (present && (!HasLongChain() || Byte() % 8 != 0)) {
             bool const parted = pos.prev != nullptr && pos.prev->next != pos.entry;
             MUST(table->Delete(pos) == (parted ? ZoBadPosition : ZoSuccess));
             if (parted) return;
-            Erase(id, false);
+            Erase(id, bucket, false);
             MUST(table->Delete(pos) == ZoBadPosition);
-        } else {
+        } else {  // perhaps a second one of the key, which counts from now on
             int const result = Faulty([&] { return table->Create(pos, value); });
             MUST(result == (EntryFailed() ? ZoOutOfMemory : ZoSuccess));
             if (result != ZoSuccess) return;
             MUST(pos.entry->value == value);
-            Store(id, value);
+            Insert(id, value, bucket);
         }
         MUST(table->Create(pos, value) == ZoBadPosition);
     }
@@ -253,16 +328,50 @@ private:
     // What may happen to a table between a search and the use of its position.
     void ChangeMeanwhile(unsigned id, bool mayLose) {
         unsigned const change = Byte() % 4, other = (id + 1 + Byte() % 7) % keysInUse;
+        std::size_t const bucket = Bucket(change == 1 ? other : id);
         void* const value = Value(other);
-        if (change == 1 && table->InsertValue(Key(other), value) != nullptr) Store(other, value);
-        if (change == 2 && !IsSparse() && table->RebuildTable() == ZoSuccess) buckets *= 4;
-        if (change == 3 && mayLose && table->Remove(Key(id)) != nullptr) Erase(id, true);
+        if (change == 1 && table->InsertValue(Key(other), value) != nullptr) {
+            Insert(other, value, bucket);
+        }
+        if (change == 2 && !IsSparse() && table->RebuildTable() == ZoSuccess) {
+            Grow(4 * model.size());
+        }
+        if (change == 3 && mayLose && table->Remove(Key(id)) != nullptr) Erase(id, bucket, true);
+    }
+
+    void Clone(ZoMTObj const* held) {
+        ZoHashTable* copy;
+        int const result = Faulty([&] { return table->Clone(copy, held); });
+        MUST(result == (copy != nullptr ? ZoSuccess : ZoOutOfMemory));
+        MUST(copy != nullptr || faultHappened);
+        std::unique_ptr<ZoHashTable> const owned(copy);
+        if (copy == nullptr) return;
+        MUST(copy->GetNum() == count);
+        for (Item const& item : InOrder()) {
+            MUST(copy->GetValueFast(Key(item.id)) == item.value);
+        }
+    }
+
+    void Empty(bool forget, ZoMTObj const* held) {
+        std::vector<ZoHashEntry*> forgotten;
+        ZoHashIterator it;
+        for (auto* e = table->FirstEntry(it); forget && e != nullptr; e = table->NextEntry(it)) {
+            forgotten.push_back(e);
+        }
+        if (forget) {
+            table->EraseBuckets();
+        } else {
+            MUST(table->EmptyTable(held) == ZoSuccess);
+        }
+        for (ZoHashEntry* entry : forgotten) table->DestroyHashEntry(entry);
+        Clear(model.size());
     }
 
     void DeleteWhileIterating() {
         ZoHashIterator it;
         for (ZoHashEntry* e = table->FirstEntry(it); e != nullptr; e = table->NextEntry(it)) {
-            if (Byte() % 16 == 0) Delete(IdOf(*e), nullptr);
+            // Of two with one key the first would go.
+            if (Byte() % 16 == 0 && table->LookUp(Key(IdOf(*e))) == e) Delete(IdOf(*e), nullptr);
         }
     }
 
@@ -270,28 +379,51 @@ private:
         return static_cast<unsigned>((static_cast<Record*>(entry.value) - records[0]) / 4);
     }
 
-    // Every entry of `some` is in the model, once, and under its key.
-    void CompareContents(ZoHashTable const& some) const {
-        std::unordered_map<unsigned, void*> seen;
-        ZoHashIterator it;
-        for (ZoHashEntry* e = some.FirstEntry(it); e != nullptr; e = some.NextEntry(it)) {
-            MUST(some.LookUp(Key(IdOf(*e))) == e);
-            MUST(seen.emplace(IdOf(*e), e->value).second);
+    std::vector<Item> From(ZoHashEntry* entry, ZoHashIterator& it) const {
+        std::vector<Item> items;
+        for (; entry != nullptr; entry = table->NextEntry(it)) {
+            items.push_back({IdOf(*entry), entry->value});
         }
-        MUST(seen == model && some.GetNum() == model.size());
+        return items;
+    }
+
+    void CompareContents() {
+        std::vector<Item> const all = InOrder();
+        ZoHashIterator it;
+        ZoHashEntry* const first = table->FirstEntry(it);
+        MUST(From(first, it) == all);
+        for (Item const& item : all) {
+            Item const* const counts = Find(item.id, Bucket(item.id));
+            MUST(counts != nullptr && table->GetValueFast(Key(item.id)) == counts->value);
+        }
+        std::size_t longest = 0, steps = 0;
+        for (auto const& chain : model) {
+            longest = std::max(longest, chain.size());
+            steps += chain.size() * (chain.size() + 1) / 2;
+        }
+        unsigned long itsLongest;
+        double const average = table->AverageSearch(itsLongest) * static_cast<double>(count);
+        MUST(itsLongest == longest && std::abs(average - static_cast<double>(steps)) < 1e-3);
+        if (all.empty()) return;
+        // An iteration from a found entry on is the rest of the whole one.
+        unsigned const id = all[Byte() % all.size()].id;
+        std::vector<Item> const rest = From(table->FindEntry(Key(id), it), it);
+        MUST(rest.front().id == id && std::equal(rest.rbegin(), rest.rend(), all.rbegin()));
     }
 
     std::uint8_t const* at;
     std::uint8_t const* const end;
     KeyKind const kind;
-    unsigned const keysInUse;  // few, for chains that change much and for empty tables
+    unsigned mode;
+    unsigned const keysInUse;
+    unsigned numbers[keyCount];
     Record records[keyCount][4] = {};
     ZoMTObj lock;
     long faultAt = 0;  // which allocation of this step's calls fails; 0 none
     bool faultHappened = false;
     std::unique_ptr<ZoHashTable> table;
-    std::unordered_map<unsigned, void*> model;
-    ZoUInt32 buckets = 4;  // that the table should have
+    Chains model{4};
+    std::size_t count = 0;
 };
 
 inline void RunTableProgram(std::uint8_t const* bytes, std::size_t size) {

@@ -141,10 +141,13 @@ protected:
 
 // Must be the first use of a system thread in this program.
 TEST_F(Threads, SystemCallsThatFailAreLoggedInOrder) {
-    Scripted thread(&watcher);
+    Scripted refused(&watcher), thread(&watcher);
     failing = EAGAIN;
-    EXPECT_EQ(thread.Start(nullptr), ZoStartFailed);
-    EXPECT_EQ(thread.GetStatus(), 7) << "the stack size was refused";
+    EXPECT_EQ(refused.Start(nullptr), ZoStartFailed);
+    EXPECT_EQ(refused.GetStatus(), 7) << "the stack size was refused";
+    EXPECT_EQ(refused.systemThread.load()->Abort(), ESRCH);
+    EXPECT_EQ(refused.GetStatus(), 6);
+    refused._Finish();
     thread.SetStackSizeCode(0);
     EXPECT_EQ(thread.Start(nullptr), ZoStartFailed);
     EXPECT_EQ(thread.GetStatus(), 6);
@@ -153,12 +156,12 @@ TEST_F(Threads, SystemCallsThatFailAreLoggedInOrder) {
     thread._Finish();
     failing = 0;
     Lines expected;
-    for (char const* text :
-         {"pthread_condattr_init failed", "pthread_cond_init failed",
-          "pthread_mutexattr_init failed", "pthread_mutex_init failed", "pthread_attr_init failed",
-          "pthread_attr_setdetachstate failed", "pthread_attr_setstacksize failed",
-          "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
-          "pthread_attr_destroy failed", "couldnt create thread", "pthread_attr_destroy failed"}) {
+    for (char const* text : {"pthread_condattr_init failed", "pthread_cond_init failed",
+                             "pthread_mutexattr_init failed", "pthread_mutex_init failed",
+                             "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
+                             "pthread_attr_setstacksize failed", "pthread_attr_destroy failed",
+                             "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
+                             "couldnt create thread", "pthread_attr_destroy failed"}) {
         expected.push_back(std::string("4 PosixThread: ") + text + " : 11");
     }
     EXPECT_EQ(services.Log(), expected);
