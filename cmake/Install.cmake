@@ -14,6 +14,15 @@ install(TARGETS zo95Kbs EXPORT zo95Kex
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Base
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zo95Kbs COMPONENT Development)
 
+# gdb looks for the commands beside the library, but trusts only its own folder, which is below /usr.
+install(CODE "
+    set(zo_auto_load ${CMAKE_INSTALL_LIBDIR})
+    if(CMAKE_INSTALL_PREFIX STREQUAL /usr)
+        set(zo_auto_load ${CMAKE_INSTALL_DATADIR}/gdb/auto-load/usr/${CMAKE_INSTALL_LIBDIR})
+    endif()" COMPONENT Tools)
+install(FILES ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/${zo_gdb_script}
+    DESTINATION "\${zo_auto_load}" COMPONENT Tools)
+
 install(EXPORT zo95Kex NAMESPACE zo95Kex:: FILE zo95KexTargets.cmake
     DESTINATION ${zo_package} COMPONENT Development)
 configure_package_config_file(cmake/zo95KexConfig.cmake.in zo95KexConfig.cmake

@@ -30,6 +30,8 @@ g++ -std=c++20 -fPIC -shared -pthread -Wl,-soname,libzo95Kbs.so -I"$prefix/inclu
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zo95Kex.pc)")
 libraries=$(pkg-config --variable=libdir zo95Kex)
+# What gdb loads beside the library, and what draws deadlocks.
+ls "$(realpath "$libraries/libzo95Kex.so")-gdb.py" "$prefix/bin/zo95kex-deadlock"
 for compiler in g++ clang++; do
     for standard in 17 20; do
         place=$work/$compiler$standard

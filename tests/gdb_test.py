@@ -1,0 +1,85 @@
+#!/usr/bin/env python3
+"""gdb_test.py GDB STRIP STUCK LIBRARY: the debugger's commands on a process, on its core, and without
+debug information."""
+
+import contextlib
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+debugger, strip, stuck, library = sys.argv[1:]
+library = pathlib.Path(library).resolve()
+folder = pathlib.Path(tempfile.mkdtemp())
+failed = False
+
+
+def gdb(*words):
+    command = [debugger, "-nx", "-batch", "-iex", f"add-auto-load-safe-path {library.parent}:{folder}", *words]
+    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=folder, timeout=120,
+                          start_new_session=True)
+
+
+def expect(ran, *patterns):
+    global failed
+    for pattern in patterns:
+        if not re.search(pattern, ran.stdout + ran.stderr, re.M):
+            failed = True
+            print(f"FAILED: no match of {pattern} in\n{ran.stdout}{ran.stderr}")
+
+
+@contextlib.contextmanager
+def standing_still(**environment):
+    process = subprocess.Popen([stuck], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, cwd=folder,
+                               env=os.environ | environment)
+    queue = process.stdout.readline().strip()
+    tasks = pathlib.Path(f"/proc/{process.pid}/task")
+    while any("\nState:\tS" not in (task / "status").read_text() for task in tasks.iterdir()):
+        time.sleep(0.01)
+    try:
+        yield str(process.pid), queue
+    finally:
+        process.kill()
+        process.wait()
+
+
+def look(*target, queue):
+    commands = ["zo locks", "zo threads", "zo deadlock", f"zo queue {queue}", "zo queue &csDLD", "print *FirstSynchro"]
+    return gdb(*target, *(word for command in commands for word in ("-ex", command)))
+
+
+# Threads by their order: 1 main, 2 reader, 3 writer, 4 and 5 the plain ring, 6 the worker.
+SEEN = (
+    r'^detecting section "accounts" \w+: thread 3, owning count 2, wait count 2; waiting: thread 2, thread 6$',
+    r'^section "left" \w+: thread 4, owning count 1, wait count 1; waiting: thread 5$',
+    r'^mutex "RW_Mutex" \w+: thread 3 writes or is admitted next, level 0; read by thread 2; waiting: thread 3$',
+    r'^condition "WorkQueue" \w+: value \d+, of queue 0x',
+    r'^detecting section "CS chain" \w+: is available$',
+    r'^Thread 2 .*\n    holds mutex \w+, 1 reads, 0 writes\n'
+    r'    waits to enter detecting section "accounts" \w+, held by thread 3$',
+    r'^Thread 3 .*\n    holds detecting section "accounts" \w+, owning count 2, wait count 2\n'
+    r'(    holds .*RW_Excl.*\n)?    waits to write mutex "RW_Mutex" \w+, read by thread 2$',
+    r'^A ring of 2 threads:\n    Thread 2 .*\n    Thread 3 (.*\n)*Thread 2 .* stands at:\n#0 (.*\n)*.*ZoDLDCritSect::WaitAndTake',
+    r'^A ring of 2 threads:\n    Thread 4 .*\n    Thread 5 (.*\n)*Thread 5 .* stands at:\n#0 ',
+    r'^queue \w+: open, 1 workers, 2 units wait, context 0x0\n    unit \w+ \(anonymous namespace\)::Blocked$',
+    r"^zo: there is no work queue at &csDLD$",
+    r'^\$1 = condition "ResourceWatcher" ',
+)
+
+with standing_still() as (process, queue):
+    expect(look("-p", process, queue=queue), *SEEN)
+    gdb("-p", process, "-ex", "generate-core-file core")
+expect(look(stuck, "core", queue=queue), *SEEN)
+
+shutil.copy(library, folder / "libzo95Kex.so.1")
+subprocess.run([strip, folder / "libzo95Kex.so.1"], check=True)
+shutil.copy(f"{library}-gdb.py", folder / "libzo95Kex.so.1-gdb.py")
+with standing_still(LD_LIBRARY_PATH=str(folder)) as (process, queue):
+    expect(look("-p", process, queue=queue), "^zo: libzo95Kex.so has no debug information here")
+expect(gdb("-ex", f"source {library}-gdb.py", "-ex", "zo locks"), "^zo: there is no process")
+shutil.rmtree(folder)
+sys.exit(failed)
