@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "interrupt.h"
+#include "signals.h"
 #include "zocond.h"
 #include "zothread.h"
 
@@ -106,7 +106,7 @@ void RunClients(unsigned count, std::function<void(unsigned)> const& body,
         ClientsAtWork const atWork;
         everyoneIsThere.set_value();
         while (!roll.WaitATick()) {
-            EndPutOff const putOff;
+            EndDelay const delay;
             tick();
         }
     }

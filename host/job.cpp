@@ -10,7 +10,6 @@
 #include "deadlock_ring.h"
 #include "engine.h"
 #include "host_services.h"
-#include "interrupt.h"
 #include "library_context.h"
 #include "locking_plan.h"
 #include "object_cache.h"
@@ -18,7 +17,7 @@
 #include "progress.h"
 #include "report.h"
 #include "session.h"
-#include "status_request.h"
+#include "signals.h"
 #include "unicode_data.h"
 #include "work_pool.h"
 #include "workload.h"
@@ -157,10 +156,10 @@ private:
 bool RunJob(Options const& options) {
     std::filesystem::path const data = UnicodeDataFile(options.data);
     std::vector<CharacterRecord> const records = ReadUnicodeData(data);
-    HeedStatusRequests();
+    HandleStatusRequests();
     HostServices const services(options.trace);
     LibraryContext const context(options.detection);
-    HeedInterrupts();
+    HandleInterrupts();
     DatabaseFile const database(options.database);
     GetDebugger();  // reads the flags and tells them before anything is traced
     Outcome outcome;

@@ -55,27 +55,45 @@ void RequireAWorkerToStay(Options const& options) {
         "--shrink", "of " + std::to_string(most) + " workers at the most, at least one must stay");
 }
 
-}  // namespace
+// The options as they are declared to CLI11, and what of them must be converted.
+class CommandLine {
+public:
+    CommandLine() {
+        DeclareWork();
+        DeclareDiagnostics();
+        DeclareDatabase();
+        DeclareDeadlock();
+    }
+    void Parse(int count, char** words) { app.parse(count, words); }
+    // Throws CLI::ValidationError when options do not fit each other.
+    Options Checked();
+    std::string Help() const { return app.help(); }
 
-std::optional<Options> ParseOptions(int count, char** words) {
-    Options options;
-    unsigned seconds = static_cast<unsigned>(options.work.count());
-    unsigned rest = 0;
-    bool noDetection = false;
-    std::string data = options.data.string();
-    std::string database;
-    std::string ring;
-    std::string picture;
-    std::string flags;
+private:
+    void DeclareWork();
+    void DeclareDiagnostics();
+    void DeclareDatabase();
+    void DeclareDeadlock();
+    unsigned Ring();
 
     CLI::App app{
         "Runs the SQLite database engine on this library's sections: client threads load the\n"
         "Unicode character data, work on it, and the result is checked.\n"
         "Ends with 0 when the check passed, 1 when it failed, 2 when it could not begin.",
         "zohost"};
-    auto* threads = app.add_option("--threads", options.threads, "Client threads; 1 at level 0")
-                        ->check(CLI::Range(1U, MostClients))
-                        ->capture_default_str();
+    Options options;
+    unsigned seconds = static_cast<unsigned>(options.work.count());
+    unsigned rest = 0;
+    bool noDetection = false;
+    std::string data = options.data.string();
+    std::string database, ring, picture, flags;
+    CLI::Option *threads = nullptr, *plain = nullptr, *trace = nullptr, *deadlock = nullptr;
+};
+
+void CommandLine::DeclareWork() {
+    threads = app.add_option("--threads", options.threads, "Client threads; 1 at level 0")
+                  ->check(CLI::Range(1U, MostClients))
+                  ->capture_default_str();
     app.add_option("--seconds", seconds,
                    "How long the clients work on the loaded records; they finish the pass they are "
                    "in, so 0 means one pass")
@@ -102,52 +120,56 @@ std::optional<Options> ParseOptions(int count, char** words) {
                    "Milliseconds that a client rests after each batch of records it has worked on")
         ->check(CLI::Range(0U, LongestWork * 1000))
         ->capture_default_str();
-    auto* plain = app.add_flag("--no-detection", noDetection,
-                               "Plain sections instead of deadlock-detecting ones");
-    auto* trace =
-        app.add_option(
-               "--trace", flags,
-               "Debug flags, hexadecimal or decimal, whose events are shown on the console: "
-               "0x10000 writers that go on as readers")
-            ->type_name("MODE");
+}
+
+void CommandLine::DeclareDiagnostics() {
+    plain = app.add_flag("--no-detection", noDetection,
+                         "Plain sections instead of deadlock-detecting ones");
+    trace = app.add_option(
+                   "--trace", flags,
+                   "Debug flags, hexadecimal or decimal, whose events are shown on the console: "
+                   "0x10000 writers that go on as readers")
+                ->type_name("MODE");
+}
+
+void CommandLine::DeclareDatabase() {
     app.add_option("--data", data, "UnicodeData.txt, or the folder it is in")
         ->capture_default_str();
     app.add_option("--database", database,
                    "Keep the database in this file, which must be new or empty (default: a "
                    "temporary file)");
-    auto* deadlock =
-        app.add_option("--deadlock", ring,
-                       "Instead of the ordinary work, let N clients (default 3) run into a "
-                       "deadlock, report it and resolve it")
-            ->type_name("[N]")
-            ->expected(0, 1)
-            ->excludes(plain);
+}
+
+void CommandLine::DeclareDeadlock() {
+    deadlock = app.add_option("--deadlock", ring,
+                              "Instead of the ordinary work, let N clients (default 3) run into a "
+                              "deadlock, report it and resolve it")
+                   ->type_name("[N]")
+                   ->expected(0, 1)
+                   ->excludes(plain);
     app.add_option(
            "--picture", picture,
            "Draw the deadlock into this file: as SVG if its name ends with .svg (that takes "
            "Graphviz), else in Graphviz' language")
         ->type_name("FILE")
         ->needs(deadlock);
-    try {
-        app.parse(count, words);
-        if (deadlock->count() > 0) {
-            options.ring = DefaultRing;
-            std::string const given = deadlock->results().front();
-            if (!given.empty() && given != "{}") {  // how CLI11 tells of a value left out
-                std::string const wrong = CLI::Range(2U, MostClients)(ring = given);
-                if (!wrong.empty()) throw CLI::ValidationError("--deadlock", wrong);
-                options.ring = static_cast<unsigned>(std::stoul(given));
-            }
-        }
-        if (trace->count() > 0) options.trace = DebugFlags(flags);
-        RequireAWorkerToStay(options);
-        if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
-    } catch (CLI::CallForHelp const&) {
-        std::cout << app.help();
-        return std::nullopt;
-    } catch (CLI::ParseError const& error) {
-        throw InputError(OnOneLine(error.what()) + " (zohost --help tells the options)");
-    }
+}
+
+// How many clients the deadlock takes; 0 without one.
+unsigned CommandLine::Ring() {
+    if (deadlock->count() == 0) return 0;
+    std::string const given = deadlock->results().front();
+    if (given.empty() || given == "{}") return DefaultRing;  // how CLI11 tells of no value
+    std::string const wrong = CLI::Range(2U, MostClients)(ring = given);
+    if (!wrong.empty()) throw CLI::ValidationError("--deadlock", wrong);
+    return static_cast<unsigned>(std::stoul(given));
+}
+
+Options CommandLine::Checked() {
+    options.ring = Ring();
+    if (trace->count() > 0) options.trace = DebugFlags(flags);
+    RequireAWorkerToStay(options);
+    if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
     options.work = std::chrono::seconds(seconds);
     options.rest = std::chrono::milliseconds(rest);
     options.detection = !noDetection;
@@ -155,4 +177,19 @@ std::optional<Options> ParseOptions(int count, char** words) {
     options.database = database;
     options.picture = picture;
     return options;
+}
+
+}  // namespace
+
+std::optional<Options> ParseOptions(int count, char** words) {
+    CommandLine line;
+    try {
+        line.Parse(count, words);
+        return line.Checked();
+    } catch (CLI::CallForHelp const&) {
+        std::cout << line.Help();
+        return std::nullopt;
+    } catch (CLI::ParseError const& error) {
+        throw InputError(OnOneLine(error.what()) + " (zohost --help tells the options)");
+    }
 }

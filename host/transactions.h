@@ -22,11 +22,11 @@
 
 #include "character_store.h"
 #include "engine.h"
-#include "interrupt.h"
 #include "locking_plan.h"
 #include "object_cache.h"
 #include "section.h"
 #include "session.h"
+#include "signals.h"
 
 class ReadTransaction {
 public:

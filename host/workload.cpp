@@ -4,7 +4,7 @@
 #include <mutex>
 #include <thread>
 
-#include "interrupt.h"
+#include "signals.h"
 #include "transactions.h"
 
 namespace {

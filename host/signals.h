@@ -1,4 +1,4 @@
-// Ending a run early and in order.
+// Signals: ending a run early and in order, and asking how its locks stand.
 //
 // SIGINT (Ctrl-C) and SIGQUIT go through the library's abortion handlers, which ask here:
 //
@@ -10,12 +10,20 @@
 //
 // SIGTERM lets the clients finish the pass they are in, so that the result can still be checked and
 // nothing temporary is left. A second SIGTERM ends the program at once.
+//
+// SIGUSR1 asks for a status report of the locks. The handler only notes it; a thread that may print
+// takes the note and answers.
 
-#ifndef KELVARA_HOST_INTERRUPT_H_
-#define KELVARA_HOST_INTERRUPT_H_
+#ifndef KELVARA_HOST_SIGNALS_H_
+#define KELVARA_HOST_SIGNALS_H_
 
-// By the main thread, once the library is set up, for the rest of the process.
-void HeedInterrupts();
+// By the main thread, for the rest of the process: the first at its beginning, the second once the
+// library is set up. The second throws std::bad_alloc.
+void HandleStatusRequests();
+void HandleInterrupts();
+
+// Whether there was a request for a status report since the last call.
+bool TakeStatusRequest();
 // Whether the run is to end.
 bool WasInterrupted();
 
@@ -39,15 +47,14 @@ public:
     ~ClientsAtWork();
 };
 
-// The process does not end as long as this lives, but an agreed end is only put off: once there is
-// one, the constructor does not return. For steps that use what exit() destroys, and for short
-// ones.
-class EndPutOff {
+// Delays an agreed end of the process until this is gone. Once the end has begun, the constructor
+// does not return. For short steps, and for those that use what exit() destroys.
+class EndDelay {
 public:
-    EndPutOff();
-    EndPutOff(EndPutOff const&) = delete;
-    EndPutOff& operator=(EndPutOff const&) = delete;
-    ~EndPutOff();
+    EndDelay();
+    EndDelay(EndDelay const&) = delete;
+    EndDelay& operator=(EndDelay const&) = delete;
+    ~EndDelay();
 };
 
-#endif  // KELVARA_HOST_INTERRUPT_H_
+#endif  // KELVARA_HOST_SIGNALS_H_

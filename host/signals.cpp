@@ -1,4 +1,4 @@
-#include "interrupt.h"
+#include "signals.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -13,9 +13,10 @@
 namespace {
 
 std::atomic<bool> interrupted{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler sets it");
+std::atomic<bool> statusRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "signal handlers set them");
 
-// What stands in the way of the process's end.
+// Keeps count of what keeps the process from ending.
 class Gate {
 public:
     // Never destroyed: a process that ends at once still has threads that wait here.
@@ -52,11 +53,11 @@ public:
         return nullptr;
     }
 
-    std::mutex ending;  // taken before `mutex`; whoever holds it puts an agreed end off
+    std::mutex ending;  // taken before `mutex`; while it is held, an agreed end is delayed
 
 private:
     std::mutex mutex;                // guards the rest
-    std::condition_variable opened;  // never: who waits for it waits for the end
+    std::condition_variable opened;  // never signalled: a waiter waits for the end of the process
     unsigned transactions = 0;
     bool clientsAtWork = false;
     bool closed = false;
@@ -78,13 +79,24 @@ int RefuseUnlessIdle(void*) {
 
 }  // namespace
 
-void HeedInterrupts() {
+void HandleInterrupts() {
     struct sigaction action = {};
     action.sa_handler = [](int) { interrupted.store(true, std::memory_order_relaxed); };
     action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
     sigaction(SIGTERM, &action, nullptr);
     // Never removed: without handlers the library would end the process unasked.
     if (ZoAddAbortionHandler(RefuseUnlessIdle, nullptr) != 0) throw std::bad_alloc();
+}
+
+void HandleStatusRequests() {
+    struct sigaction action = {};
+    action.sa_handler = [](int) { statusRequested.store(true, std::memory_order_relaxed); };
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGUSR1, &action, nullptr);
+}
+
+bool TakeStatusRequest() {
+    return statusRequested.exchange(false, std::memory_order_relaxed);
 }
 
 bool WasInterrupted() {
@@ -99,11 +111,11 @@ OpenTransaction::~OpenTransaction() {
     Gate::Get().EndTransaction();
 }
 
-EndPutOff::EndPutOff() {
+EndDelay::EndDelay() {
     Gate::Get().ending.lock();
 }
 
-EndPutOff::~EndPutOff() {
+EndDelay::~EndDelay() {
     Gate::Get().ending.unlock();
 }
 
