@@ -49,7 +49,10 @@
 //     a first read that queues behind a writer         not yet: it waits for the section
 //
 // While the message of a report is shown, the thread may end reads and writes and leave sections,
-// which dissolves the ring. A false alarm of a writer is told when it holds its write.
+// which dissolves the ring. But a writer that waits for readers may be in it through those alone
+// that queue behind it: it has nothing to leave then, and the ring stays unless the thread ends in
+// the message (pthread_exit), which gives up the wait. A false alarm of a writer is told when it
+// holds its write.
 //
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
 // it; where deadlock detection was on when it was made, the system log tells otherwise at level 4:
@@ -63,7 +66,8 @@
 // has been ended. A thread that is cancelled during a report is cancelled only after it; one that
 // is cancelled while it waits to write holds afterwards what it held before it asked, so its
 // clean-up handlers end the levels it had. Only the wait for readers is cut short by a
-// cancellation, not that for another writer.
+// cancellation, not that for another writer; one that ends there all the same, in the message of a
+// deadlock report, has lost the reads it gave up.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_
@@ -139,8 +143,7 @@ private:
     ZO_INTERNAL void EndRead(ZoUInt32& holdings);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
     ZO_INTERNAL void QueueToRead();
-    ZO_INTERNAL bool AdmitReaderToWrite(ZoUInt32& holdings);
-    ZO_INTERNAL bool AdmitWriter(bool gaveUpRead);
+    ZO_INTERNAL bool AdmitWriter(ZoUInt32& holdings);
     ZO_INTERNAL void LeaveReaders();
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);

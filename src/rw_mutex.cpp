@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <new>
 #include <typeinfo>
+#include <utility>
 
 #include "cancellation.h"
 #include "chain.h"
@@ -116,19 +117,20 @@ private:
 };
 
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
-// that is cancelled in it opens the gate, leaves the section and, if it gave its read up to get
-// here, is a counted reader again.
+// that is cancelled in it opens the gate, leaves the section and, if it gave reads up to get here,
+// has them in its record again and is a counted reader.
 class PendingWrite {
 public:
-    PendingWrite(ZoCritSect& exclusive, Condition& readers, bool gaveUpRead)
-        : exclusive(exclusive), readers(readers), gaveUpRead(gaveUpRead) {}
+    PendingWrite(ZoCritSect& exclusive, Condition& readers, ZoUInt32& holdings, ZoUInt32 reads)
+        : exclusive(exclusive), readers(readers), holdings(holdings), reads(reads) {}
     PendingWrite(PendingWrite const&) = delete;
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
         if (admitted) return;
-        if (gaveUpRead) checkers::ReadBegins(&readers);
+        holdings = reads;
+        if (reads != 0) checkers::ReadBegins(&readers);
         readers.Lock();
-        ReaderGate(readers.value).GiveUp(gaveUpRead);
+        ReaderGate(readers.value).GiveUp(reads != 0);
         readers.Unlock();
         exclusive.Exit();
     }
@@ -150,24 +152,9 @@ public:
 private:
     ZoCritSect& exclusive;
     Condition& readers;
-    bool const gaveUpRead;
-    bool admitted = false;
-};
-
-// Empties a record for a scope. A reader that waits to write is off the count, so its record must
-// not say that it reads: a deadlock report in the wait may make the thread leave all it holds.
-class RecordSetAside {
-public:
-    explicit RecordSetAside(ZoUInt32& holdings) : holdings(holdings), kept(holdings) {
-        this->holdings = 0;
-    }
-    RecordSetAside(RecordSetAside const&) = delete;
-    RecordSetAside& operator=(RecordSetAside const&) = delete;
-    ~RecordSetAside() { holdings = kept; }
-
-private:
     ZoUInt32& holdings;
-    ZoUInt32 const kept;
+    ZoUInt32 const reads;
+    bool admitted = false;
 };
 
 // What a record, or the lack of one, says.
@@ -375,29 +362,28 @@ void ZoGenRW_Mutex::QueueToRead() {
 }
 
 void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
-    ZoUInt32 const depth = WriteDepth(holdings);
+    ZoUInt32 const before = holdings;
     bool falseAlarm = false;
-    if (depth == 0) {
-        falseAlarm = holdings != 0 ? AdmitReaderToWrite(holdings) : AdmitWriter(false);
+    if (WriteDepth(before) == 0) {
+        falseAlarm = AdmitWriter(holdings);
         checkers::WriteBegins(readers);
         owner.store(identity, std::memory_order_relaxed);
     }
-    CheckWriterLevel(depth, 271);
-    holdings += OneWrite;
+    CheckWriterLevel(WriteDepth(before), 271);
+    holdings = before + OneWrite;
     AddToWriterLevel(1);
     // The host's code in it finds the thread as the writer that it is.
     if (falseAlarm) ReportFalseAlarm();
 }
 
-bool ZoGenRW_Mutex::AdmitReaderToWrite(ZoUInt32& holdings) {
-    RecordSetAside reads(holdings);
-    // Off the count before the wait for the section: its holder may be waiting for this very read.
-    LeaveReaders();
-    return AdmitWriter(true);
-}
-
+// A reader gives its reads up before it waits for the section, whose holder may be waiting for just
+// them. It is off the count then, so its record must not say that it reads: it is in nobody's way,
+// and a deadlock report in the wait may make it leave all that it holds.
+//
 // Counted as waiting only if there is something to wait for.
-bool ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
+bool ZoGenRW_Mutex::AdmitWriter(ZoUInt32& holdings) {
+    ZoUInt32 const reads = std::exchange(holdings, 0);
+    if (reads != 0) LeaveReaders();
     bool const entered = TryBegin(*exclusive);
     if (entered && Gate().Close()) return false;
     AddOne(waitingWriters);
@@ -406,7 +392,7 @@ bool ZoGenRW_Mutex::AdmitWriter(bool gaveUpRead) {
         exclusive->Begin();
         if (Gate().Close()) return false;
     }
-    PendingWrite pending(*exclusive, *readers, gaveUpRead);
+    PendingWrite pending(*exclusive, *readers, holdings, reads);
     if (isDetecting) return pending.WaitForReadersOf(*this);
     pending.WaitForReaders();
     return false;

@@ -62,6 +62,10 @@ public:
     Lines Log() { return Copy(log); }
     Lines Messages() { return Copy(messages); }
     Lines Assertions() { return Copy(assertions); }
+    void Forget() {
+        std::lock_guard<std::mutex> hold(mutex);
+        for (Lines* lines : {&log, &messages, &assertions}) lines->clear();
+    }
     // How often the configuration was asked for `key`.
     int Reads(std::string const& key) {
         std::lock_guard<std::mutex> hold(mutex);
