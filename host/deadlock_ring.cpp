@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "host_services.h"
+#include "locking_plan.h"
 #include "transactions.h"
 #include "zotls.h"
 
@@ -46,9 +48,50 @@ public:
 
     void Run() {
         Appointment appointment(ring.meeting);
+        if (IsReader()) reading.emplace(session.plan, "read on");
         Share const share = Read();
-        held.lock();
+        if (!IsReader()) held.lock();
         appointment.Keep();
+        if (IsWriter()) {
+            WriteAgainstReader(share);
+        } else if (ring.throughReaders) {
+            LeaveAllAndWrite(share);
+        } else {
+            WriteInSections(share);
+        }
+        ++ring.finished;
+    }
+
+    void GiveWay() noexcept override {
+        std::printf("client %u, thread %p, would close the ring: it gives up %s%s%s for now\n",
+                    client + 1, ZoTLS::GetThreadLocalStorage()->threadIdentity,
+                    IsReader() ? "its read" : "\"", IsReader() ? "" : own.Name(),
+                    IsReader() ? "" : "\"");
+        std::fflush(stdout);
+        LeaveOwn();
+        gaveWay = true;
+    }
+
+private:
+    using Share = std::vector<StoredCharacter>;
+
+    bool IsReader() const { return ring.throughReaders && client == 0; }
+    bool IsWriter() const { return ring.throughReaders && client + 1 == ring.sections.size(); }
+
+    void EnterNeighbours() {
+        VictimScope scope(*this);
+        neighbours.lock();
+    }
+
+    void LeaveOwn() {
+        if (IsReader()) {
+            reading.reset();
+        } else {
+            held.unlock();
+        }
+    }
+
+    void WriteInSections(Share const& share) {
         EnterNeighbours();
         std::lock_guard<Section> leaveNeighbours(neighbours, std::adopt_lock);
         if (gaveWay) {
@@ -56,23 +99,21 @@ public:
         } else {
             Write(share);
         }
-        ++ring.finished;
     }
 
-    void GiveWay() noexcept override {
-        std::printf("client %u, thread %p, would close the ring: it gives up \"%s\" for now\n",
-                    client + 1, ZoTLS::GetThreadLocalStorage()->threadIdentity, own.Name());
-        std::fflush(stdout);
-        held.unlock();
-        gaveWay = true;
+    void LeaveAllAndWrite(Share const& share) {
+        EnterNeighbours();
+        neighbours.unlock();
+        if (!gaveWay) LeaveOwn();
+        Write(gaveWay ? Read() : share);
+        if (gaveWay) ++ring.repeated;
     }
 
-private:
-    using Share = std::vector<StoredCharacter>;
-
-    void EnterNeighbours() {
+    // Others may have had the section meanwhile, but not the database.
+    void WriteAgainstReader(Share const& share) {
         VictimScope scope(*this);
-        neighbours.lock();
+        Write(share);
+        if (gaveWay) ++ring.repeated;
     }
 
     // Holds the neighbour's section, which came at last, and takes its own after it. One client
@@ -124,12 +165,16 @@ private:
     Section& own;
     Section& neighbours;
     std::unique_lock<Section> held{own, std::defer_lock};
+    std::optional<ReaderBracket> reading;
     bool gaveWay = false;
 };
 
 DeadlockRing::DeadlockRing(std::vector<CharacterRecord> const& records, Sessions& sessions,
-                           unsigned clients)
-    : records(records), sessions(sessions), meeting(static_cast<std::ptrdiff_t>(clients)) {
+                           unsigned clients, bool throughReaders)
+    : records(records),
+      sessions(sessions),
+      throughReaders(throughReaders),
+      meeting(static_cast<std::ptrdiff_t>(clients)) {
     for (unsigned client = 1; client <= clients; ++client) {
         sections.push_back(
             std::make_unique<Section>("records of client " + std::to_string(client)));

@@ -6,8 +6,11 @@
 // and one after the other finishes. When at last the neighbour's section comes, the client drops
 // what it has read, takes its own section after it and begins its work again.
 //
-// While a client waits for a section it is in no transaction: a writer would wait for it in the
-// manager, where no deadlock report sees it.
+// While a client waits for a section it is in no transaction, so that no writer waits for it in the
+// manager. But that is a ring as well, and the other kind of demonstration: the first client has no
+// section and reads the database all the while, and the last one wants no section but to write.
+// Each of the others leaves its sections before it writes, or it would close another ring. The one
+// that closes the ring ends its read, or gives its section up.
 
 #ifndef KELVARA_HOST_DEADLOCK_RING_H_
 #define KELVARA_HOST_DEADLOCK_RING_H_
@@ -26,7 +29,8 @@
 class DeadlockRing {
 public:
     // `sessions` has one for each client, shared by none.
-    DeadlockRing(std::vector<CharacterRecord> const& records, Sessions& sessions, unsigned clients);
+    DeadlockRing(std::vector<CharacterRecord> const& records, Sessions& sessions, unsigned clients,
+                 bool throughReaders);
 
     // What a client does. Every record is changed once.
     void Run(unsigned client, OperationCounts& counts);
@@ -39,6 +43,7 @@ private:
 
     std::vector<CharacterRecord> const& records;
     Sessions& sessions;
+    bool const throughReaders;
     std::vector<std::unique_ptr<Section>> sections;
     std::barrier<> meeting;
     std::atomic<unsigned> finished{0};

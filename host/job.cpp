@@ -127,7 +127,7 @@ private:
 
     void Deadlock(Workload& workload, Sessions& sessions) {
         int const reportsBefore = ReportsInDeadlockFile();
-        DeadlockRing ring(records, sessions, outcome.clients);
+        DeadlockRing ring(records, sessions, outcome.clients, options.ringThroughReaders);
         Progress progress("deadlock", workload.counts, nullptr);
         RunClients(
             outcome.clients, [&](unsigned client) { ring.Run(client, workload.counts); },
@@ -137,6 +137,7 @@ private:
         outcome.passes = 1;
         outcome.ringFinished = ring.Finished();
         outcome.ringRepeated = ring.Repeated();
+        outcome.ringThroughReaders = options.ringThroughReaders;
         outcome.deadlocksInFile = ReportsInDeadlockFile() - reportsBefore;
         outcome.picture = options.picture;
         outcome.pictureDrawn = !options.picture.empty() && DrawLastDeadlock(options.picture);

@@ -30,9 +30,9 @@
 //
 // 2 before 3: who waits for a turn holds no bracket, so the one whose turn it is gets its write.
 // 4 before 5: a commit and what it means for the cache are one step. SQLite calls nothing of ours
-// with its mutexes held that takes 1 to 4. A wait for the readers to leave is no wait for a section
-// and in no deadlock report; nobody waits for 1 or 2 inside a bracket, so it cannot be part of a
-// ring.
+// with its mutexes held that takes 1 to 4. Nobody waits for 1 or 2 inside a bracket, so a writer's
+// wait for the readers is part of no ring. One kind of the deadlock demonstration breaks that on
+// purpose.
 
 #ifndef KELVARA_HOST_LOCKING_PLAN_H_
 #define KELVARA_HOST_LOCKING_PLAN_H_

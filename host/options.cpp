@@ -46,6 +46,11 @@ void LimitToOneThread(Options& options, bool threadsGiven) {
     options.threads = 1;
 }
 
+void RequireReadersToBeWaitedFor(Options const& options) {
+    if (!options.ringThroughReaders || options.level > ZoThreadMgr::OneCS) return;
+    throw CLI::ValidationError("--readers", "below level 5 no writer waits for readers");
+}
+
 // Units that wait when the last worker ends would wait for ever.
 void RequireAWorkerToStay(Options const& options) {
     unsigned const most = options.workers + options.grow;
@@ -153,6 +158,9 @@ void CommandLine::DeclareDeadlock() {
            "Graphviz), else in Graphviz' language")
         ->type_name("FILE")
         ->needs(deadlock);
+    app.add_flag("--readers", options.ringThroughReaders,
+                 "Make one of them keep reading the database, and another one want to write it")
+        ->needs(deadlock);
 }
 
 // How many clients the deadlock takes; 0 without one.
@@ -168,6 +176,7 @@ unsigned CommandLine::Ring() {
 Options CommandLine::Checked() {
     options.ring = Ring();
     if (trace->count() > 0) options.trace = DebugFlags(flags);
+    RequireReadersToBeWaitedFor(options);
     RequireAWorkerToStay(options);
     if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
     options.work = std::chrono::seconds(seconds);

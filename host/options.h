@@ -24,6 +24,7 @@ struct Options {
     std::chrono::milliseconds rest{0};  // of a client after each batch
     unsigned ring = 0;              // clients of the deadlock demonstration; 0: the ordinary run
     std::filesystem::path picture;  // of that deadlock; empty: none
+    bool ringThroughReaders = false;
 };
 
 // Nothing when the command line asked for help, which has been printed. Throws InputError.

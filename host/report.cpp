@@ -122,9 +122,11 @@ void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
                               " new reports; there should be one");
     if (once) {
         std::printf(
-            "The ring of %u sections was reported exactly once, before the last client waited; the "
+            "The ring of %s was reported exactly once, before the last client waited; the "
             "report is in deadlock.txt.\n",
-            outcome.clients);
+            outcome.ringThroughReaders
+                ? (Number(outcome.clients - 1, "section") + " and a reader").c_str()
+                : Number(outcome.clients, "section").c_str());
     }
     if (outcome.pictureDrawn) {
         std::printf("Its picture is in %s.\n", outcome.picture.c_str());
@@ -138,7 +140,9 @@ void TellDeadlocks(Outcome const& outcome, bool detection, Verdict& verdict) {
     if (resolved) {
         std::printf(
             "One client gave way, so its wait ended after all (the library calls that a false "
-            "alarm); it dropped what it had read and did its work again.\n");
+            "alarm); it %s.\n",
+            outcome.ringThroughReaders ? "finished its work then"
+                                       : "dropped what it had read and did its work again");
     }
     verdict.Require(outcome.ringFinished == outcome.clients,
                     "only " + std::to_string(outcome.ringFinished) + " transactions finished");

@@ -34,9 +34,10 @@ struct Outcome {
     Seconds workTime{0};
     std::optional<unsigned> ringRepeated;  // in the demonstration: clients that began again
     unsigned ringFinished = 0;             // and transactions committed
-    SectionTotals sections;                // before the connections were closed
-    std::size_t sectionsLeft = 0;          // after SQLite ended
-    CacheCounts byCode;                    // look-ups in the object cache
+    bool ringThroughReaders = false;
+    SectionTotals sections;        // before the connections were closed
+    std::size_t sectionsLeft = 0;  // after SQLite ended
+    CacheCounts byCode;            // look-ups in the object cache
     CacheCounts byName;
     bool separated = false;           // whether the manager kept writers apart
     std::uint64_t databaseWaits = 0;  // for SQLite's own lock on the database

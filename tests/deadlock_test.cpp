@@ -372,6 +372,7 @@ void ExpectFree(SectionPointers const& sections, MutexPointers const& mutexes) {
 // the number of a mutex or a section.
 //
 //     r w W s   begins to read, begins and ends to write, enters
+//     o         begins to read many other mutexes
 //     d e v u   of a plan: begins to read, to write less exclusively and to write, upgrades
 //
 // A step that waits is marked with a question mark, one that closes a ring with an exclamation
@@ -380,6 +381,7 @@ void ExpectFree(SectionPointers const& sections, MutexPointers const& mutexes) {
 class Script {
 public:
     explicit Script(Services& services) : services(services) {
+        while (others.size() < 200) others.emplace_back(ZoRW_Mutex::Make(nullptr));
         for (auto& mutex : own)
             mutexes.push_back((mutex.reset(ZoRW_Mutex::Make(nullptr)), mutex.get()));
         for (auto const& section : ownSections) sections.push_back(section.get());
@@ -466,12 +468,16 @@ private:
         if (step == 'r' || step == 'w') mutexes[number]->StartRW(step == 'r' ? 0 : 1, 0);
         if (step == 'W') mutexes[number]->EndRW(1);
         if (step == 's') sections[number]->Begin();
+        if (step == 'o') {
+            for (auto const& other : others) other->StartRW(0, 0);
+        }
         if (step == 'd') plan->BeginReader("");
         if (step == 'e' || step == 'v') plan->BeginWriter("", step == 'e' ? 1 : 0);
         if (step == 'u') plan->UpgradeWriter("");
     }
     void LeaveAll() {
         for (ZoRW_Mutex* mutex : mutexes) mutex->ForceRelease();
+        for (auto const& other : others) other->ForceRelease();
         for (ZoCritSect* section : sections) section->ForceRelease();
     }
     static bool IsWaiting(Actor const& actor) {
@@ -487,6 +493,7 @@ private:
     Services& services;
     ZoThreadMgr* const plan = nullptr;
     std::unique_ptr<ZoRW_Mutex> own[2];
+    std::vector<std::unique_ptr<ZoRW_Mutex>> others;
     Sections const ownSections = MakeSections(2);
     std::vector<ZoRW_Mutex*> mutexes;
     std::vector<ZoCritSect*> sections;
@@ -532,6 +539,7 @@ TEST_F(DeadlockOfReaders, IsReportedInEachOrderOfArrival) {
         {"Ar0 Br1 Aw1? Bw0!", "Bm0A Am1B"},
         {"Ar0 Ar0 Bs0 As0? Bw0!", "Bm0A As0B"},
         {"Ar0 Ar1 Bs0 As0? Bw1!", "Bm1A As0B"},
+        {"Ar0 Bs0 Cs1 As1? Cs0? Bw0!", "Bm0A As1C Cs0B"},
         // Of several readers one leads back: not the one that runs, nor the one that waits for it.
         {"Ar0 Br0 Cr0 Ds0 Bs1 As0? Cs1? Dw0!", "Dm0A As0D"},
         // Two ways lead back: the shorter one is told.
@@ -550,6 +558,7 @@ TEST_F(DeadlockOfReaders, IsReportedInEachOrderOfArrival) {
         // No rings: a reader that runs, one that waits for something else.
         {"Ar0 Bs0 Bw0?", ""},
         {"Ar0 Cs0 As0? Bs1 Bw0?", ""},
+        {"Ao Cr0 Bs0 As0? Bw0?", ""},
         {"Ar0 Aw1 Br1? Cw0?", ""},
     };
     for (Row const& row : rows) {

@@ -215,6 +215,8 @@ TEST_F(HostTest, RefusesWrongOptions) {
     ExpectRefusal("--deadlock 1", "--deadlock");
     ExpectRefusal("--deadlock=3x", "--deadlock");
     ExpectRefusal("--deadlock --no-detection", "--no-detection");
+    ExpectRefusal("--readers", "--deadlock");
+    ExpectRefusal("--deadlock --readers --level=4", "--readers: below level 5");
     ExpectRefusal("--data=nowhere", "nowhere: there is no such data file");
     ExpectRefusal("--data=/dev/null", "/dev/null: the data file is not a regular file");
     ExpectRefusal("--data=. --database=nowhere/kept.db", "nowhere/kept.db: ");
@@ -272,6 +274,18 @@ TEST_F(HostTest, ResolvesADeadlock) {
         EXPECT_EQ(Count(err, " owned by thread "), clients) << err;
         ExpectSaid(err, "log, level 4: Deadlock detected.");
         ExpectSaid(err, "log, level 3: Deadlock: false alarm.");
+        EXPECT_EQ(Count(Contents(folder / "deadlock.txt"), "* ZOVA deadlock log *"), ++reports);
+    }
+    for (char const* const ring : {"2", "3 --level=12", "5", "4 --level=13"}) {
+        EXPECT_EQ(Run(std::string("--data=. --readers --deadlock ") + ring), 0) << out << err;
+        std::string const n(1, ring[0]), sections(1, char(ring[0] - 1));
+        ExpectSaid(out, "The ring of " + sections + " section");
+        ExpectSaid(out, "and a reader was reported exactly once");
+        ExpectSaid(out, "All " + n + " transactions finished");
+        ExpectSaid(out, "7 rows in 4 tables");
+        EXPECT_EQ(Count(err, " write RW_Mutex "), 1U) << err;
+        EXPECT_EQ(Count(err, " read by thread "), 1U) << err;
+        EXPECT_EQ(Count(err, " owned by thread "), std::size_t(sections[0] - '0')) << err;
         EXPECT_EQ(Count(Contents(folder / "deadlock.txt"), "* ZOVA deadlock log *"), ++reports);
     }
     // Who switches the console off has the report in the file only.
