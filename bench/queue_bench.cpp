@@ -7,12 +7,15 @@
 // with threads that loop at it handles the same units as ours does.
 #include <benchmark/benchmark.h>
 #include <concurrentqueue/blockingconcurrentqueue.h>
+#include <tbb/parallel_for.h>
 #include <tbb/task_arena.h>
 #include <tbb/task_group.h>
 
+#include <boost/asio/packaged_task.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <cstddef>
+#include <future>
 #include <latch>
 #include <memory>
 #include <semaphore>
@@ -20,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "zotask.h"
 #include "zowrkque.h"
 
 namespace {
@@ -151,6 +155,70 @@ void ManyInArena(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * Units);
 }
 
+// Calls whose results are collected one by one.
+template <int Workers>
+void Collected(benchmark::State& state) {
+    zotask::Pool pool(Workers);
+    std::vector<zotask::Task<int>> tasks(Units);
+    for (auto _ : state) {
+        int number = 0, sum = 0;
+        for (auto& task : tasks) {
+            task = zotask::Submit(pool, [number] { return number; });
+            ++number;
+        }
+        for (auto& task : tasks) sum += task.Get();
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(state.iterations() * Units);
+}
+
+template <int Workers>
+void CollectedFromAsio(benchmark::State& state) {
+    boost::asio::thread_pool pool(static_cast<std::size_t>(Workers));
+    std::vector<std::future<int>> tasks(Units);
+    for (auto _ : state) {
+        int number = 0, sum = 0;
+        for (auto& task : tasks) {
+            task = boost::asio::post(pool, std::packaged_task<int()>([number] { return number; }));
+            ++number;
+        }
+        for (auto& task : tasks) sum += task.get();
+        benchmark::DoNotOptimize(sum);
+    }
+    state.SetItemsProcessed(state.iterations() * Units);
+}
+
+constexpr int Places = 100'000;
+
+// The calling thread works on the loop too.
+template <int Workers>
+void Loop(benchmark::State& state) {
+    zotask::Pool pool(Workers);
+    std::vector<int> squares(Places);
+    for (auto _ : state) {
+        zotask::ParallelFor(pool, std::size_t{0}, squares.size(), [&squares](std::size_t i) {
+            squares[i] = static_cast<int>(i * i % 7);
+        });
+        benchmark::DoNotOptimize(squares.data());
+    }
+    state.SetItemsProcessed(state.iterations() * Places);
+}
+
+template <int Workers>
+void LoopInArena(benchmark::State& state) {
+    tbb::task_arena arena(Workers + 1);
+    arena.execute([&state] {
+        std::vector<int> squares(Places);
+        for (auto _ : state) {
+            tbb::parallel_for(std::size_t{0}, squares.size(), [&squares](std::size_t i) {
+                squares[i] = static_cast<int>(i * i % 7);
+            });
+            benchmark::DoNotOptimize(squares.data());
+        }
+    });
+    state.SetItemsProcessed(state.iterations() * Places);
+}
+
 template <class Pool>
 void One(benchmark::State& state) {
     Pool pool(1);
@@ -168,6 +236,11 @@ void RegisterMany(std::string const& workers) {
     };
     add("10,000 units, " + workers + "/zo", ManyKept<Ours, Workers>);
     add("10,000 heap units, " + workers + "/zo", Many<Ours, Workers>);
+    add("10,000 calls collected, " + workers + "/zo", Collected<Workers>);
+    add("10,000 calls collected, " + workers + "/boost::asio::thread_pool",
+        CollectedFromAsio<Workers>);
+    add("loop over 100,000, " + workers + "/zo", Loop<Workers>);
+    add("loop over 100,000, " + workers + "/oneTBB parallel_for", LoopInArena<Workers>);
     std::string const blocking = workers + "/moodycamel::BlockingConcurrentQueue";
     add("10,000 units, " + blocking, ManyKept<BlockingQueue, Workers>);
     add("10,000 heap units, " + blocking, Many<BlockingQueue, Workers>);
