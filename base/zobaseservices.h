@@ -29,7 +29,9 @@
 //   a negative number. Only `log` in [base] is a text, a path as it stands, without quotes; there #
 //   and ; begin a comment only after a blank. A line that makes no sense is reported on standard
 //   error and then treated as if it were not there, a section line too; so is a file that cannot be
-//   read or is longer than 1 MiB. A missing zova.ini is fine.
+//   read or is longer than 1 MiB. A missing zova.ini is fine. A section or a key that neither the
+//   library nor the stand-in asks for is reported too, with the known one that is spelt nearly so;
+//   it is kept all the same, for a program that asks for it.
 // - System log: one line an entry, "2001-02-03T04:05:06.789Z 4 text" (time in UTC, level, text with
 //   its line breaks spelled \n), appended to the file `log` in [base], else to standard error.
 //   Processes may share the file.

@@ -3,6 +3,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "zobase.h"
 #include "zobaseservices.h"
@@ -98,12 +100,94 @@ bool HasControlCharacter(std::string_view text) {
     return false;
 }
 
+// --- the known names -----------------------------------------------------------------------------
+
+// What somebody asks for: the library, and the last two the stand-in. Everything else in a file is
+// a slip of the pen, or meant for a program that asks for it itself.
+struct Name {
+    std::string_view section;
+    std::string_view key;
+};
+constexpr Name KnownNames[] = {
+    {"debug", "csSleepTime"}, {"debug", "ZOVAConsole"}, {"debug", "mode"},
+    {"base", "log"},          {"base", "answer"},
+};
+
+constexpr std::size_t LongestKnown = 15;
+
+char InLowerCase(char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// How many characters must be added, dropped or changed to turn one into the other, upper and lower
+// case alike. `known` is a word of KnownNames.
+std::size_t Distance(std::string_view text, std::string_view known) {
+    std::size_t row[LongestKnown + 1];
+    for (std::size_t k = 0; k <= known.size(); ++k) row[k] = k;
+    for (std::size_t t = 0; t < text.size(); ++t) {
+        std::size_t diagonal = std::exchange(row[0], t + 1);
+        for (std::size_t k = 0; k < known.size(); ++k) {
+            bool const same = InLowerCase(text[t]) == InLowerCase(known[k]);
+            std::size_t const changed = diagonal + (same ? 0 : 1);
+            diagonal = row[k + 1];
+            row[k + 1] = std::min({changed, diagonal + 1, row[k] + 1});
+        }
+    }
+    return row[known.size()];
+}
+
+// So near that one may have been meant for the other.
+bool IsSlip(std::size_t distance, std::string_view known) {
+    return distance <= 2 && distance <= known.size() / 2;
+}
+
+std::string QuoteSection(std::string_view section) {
+    return "[" + std::string(section) + "]";
+}
+
+// What is told of a name that nobody knows; empty when it is known.
+
+std::string DescribeUnknownSection(std::string_view section) {
+    Name const* nearest = nullptr;
+    for (Name const& name : KnownNames) {
+        if (name.section == section) return {};
+        if (IsSlip(Distance(section, name.section), name.section)) nearest = &name;
+    }
+    std::string text = "unknown section " + QuoteSection(section);
+    if (nearest != nullptr) text += "; did you mean " + QuoteSection(nearest->section) + "?";
+    return text;
+}
+
+std::string DescribeUnknownKey(std::string_view section, std::string_view key) {
+    bool const inKnownSection = DescribeUnknownSection(section).empty();
+    if (!section.empty() && !inKnownSection) return {};  // the section has been told
+    Name const* nearest = nullptr;
+    std::size_t least = LongestKnown;
+    for (Name const& name : KnownNames) {
+        if (name.section == section && name.key == key) return {};
+        std::size_t const distance = Distance(key, name.key);
+        if (distance >= least || !IsSlip(distance, name.key)) continue;
+        nearest = &name;
+        least = distance;
+    }
+    std::string text =
+        "unknown key " + std::string(key) +
+        (section.empty() ? " before the first section" : " in " + QuoteSection(section));
+    if (nearest != nullptr) {
+        text += "; did you mean " + std::string(nearest->key) + " in " +
+                QuoteSection(nearest->section) + "?";
+    }
+    return text;
+}
+
 // --- the file ------------------------------------------------------------------------------------
 
 class FileConfig final : public ZoConfig {
 public:
     // Takes one line in; returns what is wrong with it, or null. A wrong line changes nothing.
     char const* TakeLine(std::string_view line);
+    // What is told of the name in the line that was taken in last; empty when it is a known one.
+    std::string const& Unknown() const { return unknown; }
 
     int ReadValue(char const* key, int* out, char const* const* sectionPath) override;
     char const* LogPath() const { return logPath.empty() ? nullptr : logPath.c_str(); }
@@ -115,9 +199,11 @@ private:
     std::string section;  // that the next line belongs to
     std::map<std::string, std::map<std::string, int, std::less<>>, std::less<>> sections;
     std::string logPath;
+    std::string unknown;
 };
 
 char const* FileConfig::TakeLine(std::string_view line) {
+    unknown.clear();
     line = Trim(line);
     if (line.empty() || IsCommentMark(line.front())) return nullptr;
     if (line.front() == '[') return TakeSection(line);
@@ -131,6 +217,7 @@ char const* FileConfig::TakeLine(std::string_view line) {
     std::optional<int> const number = ParseNumber(CutComment(value));
     if (!number) return "the value is not a number of 32 bits";
     sections[section].insert_or_assign(std::string(key), *number);
+    unknown = DescribeUnknownKey(section, key);
     return nullptr;
 }
 
@@ -141,6 +228,7 @@ char const* FileConfig::TakeSection(std::string_view line) {
     std::string_view const name = Trim(line.substr(1, end - 1));
     if (!IsName(name)) return "the section is not one word";
     section = name;
+    unknown = DescribeUnknownSection(name);
     return nullptr;
 }
 
@@ -210,6 +298,8 @@ std::unique_ptr<FileConfig> Parse(char const* path, std::string_view text) {
         std::size_t const end = text.find('\n');
         if (char const* const wrong = configuration->TakeLine(text.substr(0, end))) {
             ReportToStandardError("%s:%lu: line ignored: %s", path, number, wrong);
+        } else if (!configuration->Unknown().empty()) {
+            ReportToStandardError("%s:%lu: %s", path, number, configuration->Unknown().c_str());
         }
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     }

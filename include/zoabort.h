@@ -8,7 +8,9 @@
 //
 // When one of the two signals comes, the handlers are called one after the other, in the order of
 // registration, until one returns nonzero. The process then goes on as if the signal had not come;
-// if none does, it ends with exit(0). Each signal that is delivered is asked about once.
+// if none does, it ends with exit(0). Each signal that is delivered is asked about once. Before the
+// exit() the system log is told, at level 3, which signal ends the process and that no handler
+// objected; not where the handlers run inside the signal handler (below).
 //
 // Once the process is ending a signal changes nothing: no handler is asked, and the exit() that is
 // under way decides the status. The library sees an exit() on the thread that loaded it, and on

@@ -14,7 +14,8 @@
 class deadlock_io : public _smp_io {
 public:
     // Opens the file and writes a report's head, its time included. A file that cannot be opened is
-    // told once on `wrapped`, and the report then goes only there.
+    // told once on `wrapped`, and the report then goes only there; the system log tells the path
+    // and the system's reason.
     explicit deadlock_io(_smp_io* wrapped);
     ~deadlock_io() override;
 

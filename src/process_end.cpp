@@ -22,8 +22,12 @@ namespace {
 
 // Guarded by the lock.
 int leavingThreads = 0;
-int putOff = 0;           // signals
-bool exitCalled = false;  // by the library
+struct {
+    int interrupts = 0;
+    int quits = 0;
+    void Add(int signal) { ++(signal == SIGINT ? interrupts : quits); }
+} putOff;                 // signals
+bool exitCalled = false;  // by the library, or about to be
 
 constinit thread_local bool isWatched = false;
 constinit thread_local bool isLeaving = false;
@@ -65,14 +69,15 @@ void BeginLeaving() {
 
 // The key's destructor.
 void EndLeaving(void*) {
-    int again = 0;
+    decltype(putOff) again;
     {
         SignalsBlocked blocked;
         std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
-        if (isLeaving && --leavingThreads == 0) again = std::exchange(putOff, 0);
+        if (isLeaving && --leavingThreads == 0) again = std::exchange(putOff, {});
         isLeaving = false;
     }
-    for (; again > 0; --again) LowLevelHandler(SIGINT);
+    for (; again.interrupts > 0; --again.interrupts) LowLevelHandler(SIGINT);
+    for (; again.quits > 0; --again.quits) LowLevelHandler(SIGQUIT);
 }
 
 struct Watch {
@@ -97,28 +102,26 @@ void ProcessEnd::WatchExit() {
     static_cast<void>(registered);
 }
 
-bool ProcessEnd::PutsSignalOff() {
+bool ProcessEnd::PutsOff(int signal) {
     std::lock_guard<std::mutex> const hold(lock);
     bool const ending = leavingThreads != 0 || exitCalled;
-    if (ending) ++putOff;
+    if (ending) putOff.Add(signal);
     return ending;
 }
 
-void ProcessEnd::Exit() {
-    {
-        std::lock_guard<std::mutex> const hold(lock);
-        if (leavingThreads != 0 || exitCalled) {
-            ++putOff;
-            return;
-        }
-        exitCalled = true;
-        hasCalledExit = true;
+bool ProcessEnd::MayExit(int signal) {
+    std::lock_guard<std::mutex> const hold(lock);
+    if (leavingThreads != 0 || exitCalled) {
+        putOff.Add(signal);
+        return false;
     }
-    std::exit(0);
+    exitCalled = true;
+    hasCalledExit = true;
+    return true;
 }
 
 void ProcessEnd::ForgetAbsentThreads() {
     leavingThreads = isLeaving ? 1 : 0;
-    putOff = 0;
+    putOff = {};
     exitCalled = hasCalledExit;
 }

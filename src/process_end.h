@@ -30,11 +30,12 @@ public:
     // The following two: with SIGQUIT and SIGINT blocked.
     // Whether the process is ending, or may be. A signal has to wait then: LowLevelHandler gets it
     // when it turns out that the process goes on.
-    static bool PutsSignalOff();
-    // exit(0); returns when the signal has to wait. The main thread, should it call exit() itself
-    // later, sleeps until this exit is done, unless the system serialises exit() itself. Other
-    // threads do not, for functions of atexit() may wait for their end.
-    static void Exit();
+    static bool PutsOff(int signal);
+    // Whether the calling thread is to call exit(0); else the signal has to wait, as above. The
+    // main thread, should it call exit() itself from now on, sleeps until that exit is done, unless
+    // the system serialises exit() itself. Other threads do not, for functions of atexit() may wait
+    // for their end.
+    static bool MayExit(int signal);
 
     // In a child, with the lock held.
     static void ForgetAbsentThreads();

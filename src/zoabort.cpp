@@ -15,6 +15,7 @@
 #include "abort_signals.h"
 #include "cancellation.h"
 #include "process_end.h"
+#include "zobase.h"
 #include "zocrits.h"
 #include "zolist.h"
 
@@ -141,26 +142,46 @@ sigset_t maskOfSetUp;
 
 // Posted once for each signal, so that none is lost while an earlier one is being asked about.
 sem_t arrivals;
+// How many of those are interrupts, counted before the post. The asker takes them first, so of an
+// interrupt and a request to quit that come together it may ask about the later one first.
+std::atomic<int> interrupts{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler changes it");
+
+// With a semaphore's post counted.
+int TakeArrival() {
+    if (interrupts.load(std::memory_order_relaxed) == 0) return SIGQUIT;
+    interrupts.fetch_sub(1, std::memory_order_relaxed);
+    return SIGINT;
+}
 
 void InstallSignalHandlers() {
     std::signal(SIGQUIT, LowLevelHandler);
     std::signal(SIGINT, LowLevelHandler);
 }
 
+void TellEnd(int signal) {
+    ZoSystemLog()->Printf(3, "Signal %d (%s) ends the process: no abortion handler objected",
+                          signal, signal == SIGINT ? "SIGINT" : "SIGQUIT");
+}
+
 // Asks the handlers about one signal and does as they say. The two signals stay blocked on this
-// thread to the end of the process, so none interrupts the exit to begin another.
-void AnswerSignal() {
+// thread to the end of the process, so none interrupts the exit to begin another. Inside a signal
+// handler the log must not be called.
+void AnswerSignal(int signal) {
     CancellationDeferred deferred;  // a thread cancelled in a handler would keep the section
     SignalsBlocked blocked;
-    if (ProcessEnd::PutsSignalOff()) return;
-    if (LowLevelAbortionHandler() == 0) ProcessEnd::Exit();
+    if (ProcessEnd::PutsOff(signal)) return;
+    if (LowLevelAbortionHandler() == 0 && ProcessEnd::MayExit(signal)) {
+        if (isAsker) TellEnd(signal);
+        std::exit(0);
+    }
     InstallSignalHandlers();  // in case a handler has changed them
 }
 
 void* AskForEver(void*) {
     isAsker = true;
     for (;;) {
-        if (sem_wait(&arrivals) == 0) AnswerSignal();
+        if (sem_wait(&arrivals) == 0) AnswerSignal(TakeArrival());
     }
 }
 
@@ -169,6 +190,7 @@ void* AskForEver(void*) {
 void StartAsker() {
     if (processWithAsker.load(std::memory_order_relaxed) == getpid()) return;
     if (sem_init(&arrivals, 0, 0) != 0) return;
+    interrupts.store(0, std::memory_order_relaxed);
     sigset_t all;
     sigset_t previous;
     sigfillset(&all);
@@ -349,12 +371,13 @@ int LowLevelAbortionHandler() {
 
 // With a thread to ask the handlers this does only what a signal handler may: atomics that are
 // lock-free, getpid and sem_post. The post fails when two thousand million signals wait already.
-void LowLevelHandler(int) {
+void LowLevelHandler(int signal) {
     int const error = errno;
     if (processWithAsker.load(std::memory_order_acquire) == getpid()) {
+        if (signal == SIGINT) interrupts.fetch_add(1, std::memory_order_relaxed);
         sem_post(&arrivals);
     } else {
-        AnswerSignal();
+        AnswerSignal(signal);
     }
     errno = error;
 }

@@ -1,7 +1,11 @@
 #include "zocrits.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <new>
 #include <typeinfo>
@@ -572,9 +576,17 @@ void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console
     console->flush();
 }
 
+static void TellUnopened(int error) {
+    char folder[4096];
+    ZoSystemLog()->Printf(4, "The deadlock report is not written to %s/deadlock.txt: %s",
+                          getcwd(folder, sizeof folder) != nullptr ? folder : ".",
+                          std::strerror(error));
+}
+
 deadlock_io::deadlock_io(_smp_io* wrapped)
     : wrapped(wrapped), file(std::fopen("deadlock.txt", "a+")) {
     if (file == nullptr) {
+        TellUnopened(errno);
         if (wrapped == nullptr) return;
         wrapped->writeOutput("unable to open deadlock.txt for writing", -1);
         wrapped->flush();

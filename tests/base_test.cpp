@@ -123,8 +123,11 @@ std::string Lookup(std::string const& path) {
     return std::to_string(value);
 }
 
+std::string Remark(int line, std::string const& text) {
+    return "zova.ini:" + std::to_string(line) + ": " + text + "\n";
+}
 std::string Complaint(int line, std::string const& wrong) {
-    return "zova.ini:" + std::to_string(line) + ": line ignored: " + wrong + "\n";
+    return Remark(line, "line ignored: " + wrong);
 }
 
 TEST_F(Base, ConfigurationNumbers) {
@@ -137,8 +140,8 @@ TEST_F(Base, ConfigurationNumbers) {
         " -> -, ; 5 -> -, 0x -> -, - -> -, +-5 -> -, - 5 -> -, 5 6 -> -, 5k -> -, 1A -> -,"
         "0xG -> -, \"5\" -> -, five -> -",
         ',');
-    std::string file, complaints, values;
-    int number = 0;
+    std::string file = "[n]\n", complaints = Remark(1, "unknown section [n]"), values;
+    int number = 1;
     for (std::string const& one : cases) {
         std::size_t const arrow = one.find(" -> ");
         file += "k" + std::to_string(++number) + " = " + one.substr(0, arrow) + "\n";
@@ -148,8 +151,8 @@ TEST_F(Base, ConfigurationNumbers) {
     }
     WriteConfig(file);
     EXPECT_EQ(complaints + values, Printed([number] {
-                  for (int i = 1; i <= number; ++i) {
-                      dprintf(2, "%s\n", Lookup("k" + std::to_string(i)).c_str());
+                  for (int i = 2; i <= number; ++i) {
+                      dprintf(2, "%s\n", Lookup("n/k" + std::to_string(i)).c_str());
                   }
               }));
 }
@@ -157,7 +160,8 @@ TEST_F(Base, ConfigurationNumbers) {
 TEST_F(Base, ConfigurationLines) {
     std::string const word = "the key is not one word";
     std::pair<std::string, std::string> const lines[] = {
-        {"\xEF\xBB\xBFtop = 1\r", ""},
+        {"\xEF\xBB\xBFtop = 1\r", "unknown key top before the first section"},
+        {"node = 2", "unknown key node before the first section; did you mean mode in [debug]?"},
         {"", ""},
         {" \t ; comment", ""},
         {"# [comment]", ""},
@@ -176,8 +180,13 @@ TEST_F(Base, ConfigurationLines) {
         {"[]", "the section is not one word"},
         {"[a b]", "the section is not one word"},
         {"[other] = 5", "something follows the section"},
-        {"still = 7", ""},
-        {"[ deeper.still ] ; comment", ""},
+        {"still = 7", "unknown key still in [debug]"},
+        {"CSsleptime = 7",
+         "unknown key CSsleptime in [debug]; did you mean csSleepTime in [debug]?"},
+        {"anwser = 7", "unknown key anwser in [debug]; did you mean answer in [base]?"},
+        {"[Debugs]", "unknown section [Debugs]; did you mean [debug]?"},
+        {"mod = 7", ""},
+        {"[ deeper.still ] ; comment", "unknown section [deeper.still]"},
         {"\xC3\xA4 = 2", ""},
         {"[debug]", ""},
         {"csSleepTime = 60", ""},
@@ -187,16 +196,19 @@ TEST_F(Base, ConfigurationLines) {
         {"log = a\x01"
          "b",
          "the value is not a path"},
-        {std::string(100'000, ' ') + "far = 8" + std::string(100'000, ' '), ""},
+        {std::string(100'000, ' ') + "far = 8" + std::string(100'000, ' '),
+         "unknown key far in [base]"},
         {std::string(100'000, 'x'), "neither [section] nor key = value"},
-        {"last = 9", ""},
+        {"last = 9", "unknown key last in [base]"},
     };
     std::string file, expected;
     int number = 0;
     for (auto const& [line, complaint] : lines) {
         file += (number == 0 ? "" : "\n") + line;
         ++number;
-        if (!complaint.empty()) expected += Complaint(number, complaint);
+        if (complaint.empty()) continue;
+        bool const isTaken = complaint.starts_with("unknown");
+        expected += isTaken ? Remark(number, complaint) : Complaint(number, complaint);
     }
     WriteConfig(file);
     EXPECT_EQ(
@@ -216,7 +228,8 @@ TEST_F(Base, ConfigurationFile) {
         return Printed([named] {
             if (named != nullptr) setenv("ZOVA_CONFIG", named, 1);
             zotest::OnThreads(8, [](int) { ZoDefaultConfiguration(); });
-            if (ZoDefaultConfiguration() != nullptr) dprintf(2, "%s", Lookup("k").c_str());
+            if (ZoDefaultConfiguration() != nullptr)
+                dprintf(2, "%s", Lookup("base/answer").c_str());
         });
     };
     std::string const cannot = ": cannot read the configuration: ";
@@ -227,9 +240,9 @@ TEST_F(Base, ConfigurationFile) {
     EXPECT_EQ(printedBy("none.ini"), "none.ini" + cannot + "No such file or directory\n");
     EXPECT_EQ(printedBy("."), "." + cannot + "Is a directory\n");
     EXPECT_EQ(printedBy("/dev/zero"), "/dev/zero" + cannot + "File too large\n");
-    WriteConfig("k = 1\nwrong\n");
-    std::ofstream(directory + "/mine.ini") << "k = 2";
-    EXPECT_EQ(printedBy(""), Complaint(2, "neither [section] nor key = value") + "1");
+    WriteConfig("[base]\nanswer = 1\nwrong\n");
+    std::ofstream(directory + "/mine.ini") << "[base]\nanswer = 2";
+    EXPECT_EQ(printedBy(""), Complaint(3, "neither [section] nor key = value") + "1");
     EXPECT_EQ(printedBy("mine.ini"), "2");
 }
 

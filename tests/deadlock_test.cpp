@@ -170,7 +170,10 @@ TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
     Ring ring(services, 2);
     ring.Run();
     EXPECT_EQ(context.console->text, "unable to open deadlock.txt for writing" + ring.Report());
-    EXPECT_EQ(services.Log().size(), 2U);
+    EXPECT_EQ(services.Log().size(), 3U);
+    EXPECT_EQ(services.Log().front(), "4 The deadlock report is not written to " +
+                                          std::filesystem::current_path().string() +
+                                          "/deadlock.txt: Is a directory");
 }
 
 TEST_F(Deadlock, IsLoggedWithoutAConsoleOrASink) {

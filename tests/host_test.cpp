@@ -328,6 +328,7 @@ TEST_F(HostTest, EndsAtOnceWhenInterruptedBetweenTransactions) {
         kill(child, SIGINT);
         EXPECT_EQ(Finish(child), 0) << out << err;
         ExpectSaid(err, "zohost: interrupted; no transaction is open\n");
+        ExpectSaid(err, "log, level 3: Signal 2 (SIGINT) ends the process");
         EXPECT_EQ(Count(out, "All is well."), 0U);
     }
     EXPECT_EQ(Sql("SELECT count(*) FROM pragma_integrity_check WHERE integrity_check = 'ok'"), 1);

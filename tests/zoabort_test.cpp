@@ -41,6 +41,21 @@ namespace {
 void Write(char const* text) {
     if (write(STDERR_FILENO, text, std::strlen(text)) < 0) std::abort();
 }
+
+// The system log, on standard error. Never destroyed: a signal is answered while exit() runs.
+class WrittenLog : public ZoLog {
+    __attribute__((format(printf, 3, 4))) int Printf(int level, char const* format, ...) override {
+        std::va_list values;
+        va_start(values, format);
+        Write((std::to_string(level) + " " + Format(format, values) + "\n").c_str());
+        va_end(values);
+        return 0;
+    }
+};
+ZoLog* const previousLog = ZoSetSystemLog(new WrittenLog);
+
+#define ENDED_BY(signal) "3 Signal " signal " ends the process: no abortion handler objected\n"
+
 int Agree(void* text) {
     Write(static_cast<char const*>(text));
     return 0;
@@ -214,17 +229,18 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
         char const* written;
         void (*body)();
     } const cases[] = {
-        {"first second at exit",
+        {"first second " ENDED_BY("2 (SIGINT)") "at exit",
          [] {
              std::atexit([] { Write("at exit"); });
              Add(Agree, "first ");
              Add(Agree, "second ");
              Send(SIGINT);
          }},
-        {"", [] { Add(nullptr), Send(SIGQUIT); }},
+        {ENDED_BY("3 (SIGQUIT)"), [] { Add(nullptr), Send(SIGQUIT); }},
         // Threads that might have been in exit() have not.
-        {"agreed", [] { OnOtherThread([] { Add(Agree, "agreed"); }), Send(SIGINT); }},
-        {".asked asked ",
+        {"agreed" ENDED_BY("2 (SIGINT)"),
+         [] { OnOtherThread([] { Add(Agree, "agreed"); }), Send(SIGINT); }},
+        {".asked asked " ENDED_BY("3 (SIGQUIT)"),
          [] {
              alarm(60);
              OnOtherThread([] {
@@ -237,8 +253,9 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
              });
              for (;;) pause();
          }},
-        {"", [] { Add(Agree, "torn down"), Remove(Agree), Send(SIGINT); }},
-        {"caught", [] { std::signal(SIGINT, SIG_IGN), Add(Agree, "caught"), Send(SIGINT); }},
+        {ENDED_BY("2 (SIGINT)"), [] { Add(Agree, "torn down"), Remove(Agree), Send(SIGINT); }},
+        {"caught" ENDED_BY("2 (SIGINT)"),
+         [] { std::signal(SIGINT, SIG_IGN), Add(Agree, "caught"), Send(SIGINT); }},
         {"exits removed",
          [] {
              std::atexit([] { Write(Remove(Exit, "exits ") == 0 ? "removed" : "kept"); });
