@@ -116,11 +116,12 @@ public:
     // thread holds what it asked for once it is admitted, with the reads it had.
     void ForceRelease() override;
     // Enters one level; waits until admitted, without limit, whatever `timeout` says. Returns 0.
-    // With an assertion and nothing entered: -1 ("depth < 65535", line 241) when the thread holds
-    // 65,535 levels of that mode; -2030 when its record could not be made.
+    // With an assertion and nothing entered: ZoRefused ("depth < 65535", line 241) when the thread
+    // holds 65,535 levels of that mode; ZoOutOfMemory when its record could not be made.
     int StartRW(int mode, unsigned long timeout) override;
-    // Leaves one level. Returns 0; -1 with an assertion and nothing changed when the thread holds
-    // no level of that mode; -2030 with an assertion when the thread's record could not be made.
+    // Leaves one level. Returns 0; ZoRefused with an assertion and nothing changed when the thread
+    // holds no level of that mode; ZoOutOfMemory with an assertion when the thread's record could
+    // not be made.
     int EndRW(int mode) override;
     void GetInfo(char* buffer, int size) override;
 

@@ -28,12 +28,13 @@ public:
     ~PosixThread() override;
 
     // Cancels the thread. 0, also while the start is under way: the thread then ends before it
-    // calls the owner's operations. ESRCH when there is no thread, or it is past its work: owner's
-    // status 6 and, if that is traced, a debug event of category 0x100000.
+    // calls the owner's operations. ESRCH when there is no thread, or it is past its work: the
+    // owner's status becomes Failed and, if that is traced, a debug event says so.
     int Abort() override;
     // Returns once the new thread is attached, counted in its resource watcher and no longer needs
     // the starter. Without an error the object may be gone by then, if it deletes itself. ZoRefused
-    // with owner's status 7 when the stack size is refused, 6 when no thread could be created.
+    // with the owner's status NotStarted when the stack size is refused, Failed when no thread
+    // could be created.
     int Start(long stackSizeCode) override;
     int Suspend() override;
     int Continue() override;

@@ -27,7 +27,8 @@ public:
     virtual void* GetData() const = 0;
     // The bytes of data in use.
     virtual unsigned long GetDataLen() const = 0;
-    // 0, or -2016 with the length unchanged when the memory is too short. Never grows the buffer.
+    // 0, or ZoBufferTooSmall with the length unchanged when the memory is too short. Never grows
+    // the buffer.
     virtual int SetDataLen(unsigned long length) = 0;
     // Makes room for that many data bytes; what is there and its length stay, addresses may
     // change. The raw buffer's result: 0, or negative and unchanged.

@@ -231,8 +231,8 @@ public:
     void BeginCritSect();
     void ExitCritSect();
 
-    // Adds a registration; the same listener may be registered any number of times. 0, or -2030
-    // when memory ran out: then nothing is registered, and a listener that nothing else holds is
+    // Adds a registration; the same listener may be registered any number of times. 0, or
+    // ZoOutOfMemory: then nothing is registered, and a listener that nothing else holds is
     // deleted.
     int RegisterListener(unsigned long mask, unsigned long type, ZoEventListener* listener);
     // Returns 0 when every listener has been called.
@@ -243,7 +243,7 @@ public:
     // Families: names for event types. The list starts with the library's own ("debugThread" is
     // 0x900) and only grows; of several records with one name or one id the oldest counts.
 
-    // Adds a record, with a copy of `name`. 0, or -2030 when memory ran out. Takes no lock: call it
+    // Adds a record, with a copy of `name`. 0, or ZoOutOfMemory. Takes no lock: call it
     // while no other thread uses the families.
     int AddFamilyRegistration(char const* name, unsigned long id);
     // The id of `name`; a new name gets the next id from 0x20000 on. 0xFFFFFFFF, no type, when

@@ -25,21 +25,21 @@
 // Abort. It cancels the thread: the thread unwinds its stack from its next cancellation point (so
 // Init, Work and Cleanup let a cancellation pass: no noexcept, no catch (...) that keeps it), or
 // ends when the operation it is in returns, cancellation point or not. It then runs none of the
-// remaining steps: no Cleanup, no status 4, no deletion, and its watcher stays counted. From the
-// moment at which status 4 is stored there is nothing left to abort: an abort then fails with
-// status 6, and every step is run.
+// remaining steps: no Cleanup, no status Finished, no deletion, and its watcher stays counted. From
+// the moment at which Finished is stored there is nothing left to abort: an abort then fails with
+// status Failed, and every step is run.
 //
-// Destruction. Nothing waits. An object that is deleted while its thread runs (status 1 or 2) has
-// its thread aborted, and the thread may go on in Init, Work or Cleanup for a while. From then on
-// the library touches the object no more; what the thread still executes of the operation it is in,
-// destructors of its local objects included, must not touch it either. So an owner deletes a
-// running thread's object only
+// Destruction. Nothing waits. An object that is deleted while its thread runs (status Running or
+// Suspended) has its thread aborted, and the thread may go on in Init, Work or Cleanup for a while.
+// From then on the library touches the object no more; what the thread still executes of the
+// operation it is in, destructors of its local objects included, must not touch it either. So an
+// owner deletes a running thread's object only
 //   - when the thread is inside one of the three operations and stays there until it is cancelled
 //     (a thread that is about to be sent into the next one would enter it without an object), and
 //   - when that operation works on things that outlive the object.
-// Otherwise it waits for the end first: for status 4, or for zero on the watcher, after which the
-// thread uses neither the object nor its name. An object made to delete itself is never deleted,
-// finished or aborted from outside without knowing that its thread is still at work.
+// Otherwise it waits for the end first: for status Finished, or for zero on the watcher, after
+// which the thread uses neither the object nor its name. An object made to delete itself is never
+// deleted, finished or aborted from outside without knowing that its thread is still at work.
 //
 // In a forked child there is only the thread that forked. An object whose thread is another one may
 // be destroyed there; an abort finds no thread. A thread that forks inside an operation goes on in
@@ -106,11 +106,12 @@ public:
     virtual void Init(void* argument);
     virtual void Cleanup(void* argument);
 
-    // Starts the thread, when the status is 7, 4 or 5; otherwise does nothing. Returns 0 when the
-    // thread is counted and about to run (an object that deletes itself may be gone) or when there
-    // was nothing to do; ZoOutOfMemory, nothing changed, when no system thread could be made;
-    // ZoStartFailed when it did not start: status 7 when the stack size was refused, 6 when the
-    // thread could not be created, with the reason in the system log.
+    // Starts the thread, when the status is NotStarted, Finished or Aborted; otherwise does
+    // nothing. Returns 0 when the thread is counted and about to run (an object that deletes itself
+    // may be gone) or when there was nothing to do; ZoOutOfMemory, nothing changed, when no system
+    // thread could be made; ZoStartFailed when it did not start: status NotStarted when the stack
+    // size was refused, Failed when the thread could not be created, with the reason in the system
+    // log.
     int Start(void* argument);
     // Cancels the thread, as told above; always 0.
     int Abort();

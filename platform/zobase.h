@@ -20,11 +20,15 @@ class ZoString;
 // extension and `line` a fixed number: together they identify the report to the support desk.
 ZO_BASE_API void ZOVA_assert(char const* text, char const* file, int line);
 
+// The severities that the library gives its entries.
+inline constexpr int ZoLogWarning = 3;
+inline constexpr int ZoLogError = 4;
+
 // The system log.
 class ZO_BASE_API ZoLog {
 public:
     virtual ~ZoLog();
-    // Writes one entry; `level` is its severity, 4 an error, 3 a warning. The result is not used.
+    // Writes one entry; `level` is its severity. The result is not used.
     virtual int Printf(int level, char const* format, ...)
         __attribute__((format(printf, 3, 4))) = 0;
 };

@@ -129,7 +129,7 @@ int Trampoline(void* startRecord) {
 // calls: as soon as the thread has been aborted or has stored its last status, the object may be
 // destroyed.
 int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
-    constexpr ZoUInt32 Entry = 0x100;
+    constexpr TraceArea Steps = TraceArea::ThreadSteps;
     void* const argument = thread->argument;
     char const* const name = thread->name != nullptr ? thread->name : "";
     bool const autoDelete = thread->autoDelete != 0;
@@ -150,27 +150,27 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     }
     ThreadLife::UnlessAborted([] {});
     thread->Init(argument);
-    Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Work started ...");
+    Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Work started ...");
     ThreadLife::UnlessAborted([] {});
     int const result = thread->Work(argument);
     ThreadLife::UnlessAborted([&] { thread->result = result; });
-    Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Work done");
-    Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Result = ", AsPointer(result));
+    Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Work done");
+    Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Result = ", AsPointer(result));
     ThreadLife::UnlessAborted([] {});
     thread->Cleanup(argument);
-    Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Cleanup done");
+    Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Cleanup done");
     CancellationDeferred deferred;  // past the last status every step is run
     ThreadLife::UnlessAborted([&] {
         if (ThreadLife::current != nullptr) ThreadLife::current->state = ThreadLife::Finishing;
         thread->status = ZoThread::Finished;
     });
-    Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, Status set");
-    Trace(Entry, "ZoThread", thread, ",", name, " : Trampoline, ZoThreadDetach done");
+    Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Status set");
+    Trace(Steps, "ZoThread", thread, ",", name, " : Trampoline, ZoThreadDetach done");
     if (autoDelete) {
-        Trace(Entry, "ZoThread ", thread, ",", name, " : Trampoline, delete before...");
+        Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, delete before...");
         void* const address = thread;
         delete thread;
-        Trace(Entry, "ZoThread ", address, " : Trampoline, delete done");
+        Trace(Steps, "ZoThread ", address, " : Trampoline, delete done");
     }
     ZoThreadDetach(nullptr);
     ZoThreadPriority(ZoPriorityHighest);

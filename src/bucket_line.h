@@ -40,9 +40,9 @@ inline EntryTag TagOfNumber(std::uint64_t number) {
 struct FoundInBucket {
     ZoHashEntry* entry;  // null: none
     ZoHashEntry** link;  // what points to the found one: the head, or what precedes it
-    int place;           // of its tag; `untagged`: behind all tags
+    int place;           // of its tag; `Untagged`: behind all tags
 
-    static constexpr int untagged = 7;
+    static constexpr int Untagged = 7;
 };
 
 template <std::size_t capacity>
@@ -60,13 +60,13 @@ public:
             }
         }
         if (GoesOn()) return SearchRest(head, isSought);
-        return {nullptr, nullptr, FoundInBucket::untagged};
+        return {nullptr, nullptr, FoundInBucket::Untagged};
     }
 
     void PushFront(EntryTag tag, ZoHashEntry* entry) {
         // What leaves at the end stays in the chain.
-        std::uint64_t const goesOn = tags >> 48 != 0 ? goesOnBit : 0;
-        tags = goesOn | (tags << 8 & allTags) | tag;
+        std::uint64_t const goesOn = tags >> 48 != 0 ? GoesOnBit : 0;
+        tags = goesOn | (tags << 8 & AllTags) | tag;
         ZoHashEntry* kept[capacity - 1];
         std::memcpy(kept, entries, sizeof kept);
         std::memcpy(entries + 1, kept, sizeof kept);
@@ -78,15 +78,15 @@ public:
         for (int place = 0; place < TagCount(); ++place, head = head->next) {
             if (head == entry) return place;
         }
-        return FoundInBucket::untagged;
+        return FoundInBucket::Untagged;
     }
 
     // A narrow line does not look for the address of another one: that would wait for memory.
     void Remove(int place) {
-        if (place == FoundInBucket::untagged) return;
+        if (place == FoundInBucket::Untagged) return;
         RemoveAddress(place);
         std::uint64_t const before = (std::uint64_t{1} << 8 * place) - 1;
-        tags = (tags & (before | goesOnBit)) | ((tags & allTags) >> 8 & ~before);
+        tags = (tags & (before | GoesOnBit)) | ((tags & AllTags) >> 8 & ~before);
     }
 
     void Clear() { *this = BucketLine(); }
@@ -118,24 +118,24 @@ private:
     template <std::size_t otherCapacity>
     friend class BucketLine;
 
-    static constexpr std::size_t tagCapacity = FoundInBucket::untagged;
-    static_assert(capacity <= tagCapacity);
-    static constexpr std::uint64_t allTags = 0x00FFFFFFFFFFFFFFU;
-    static constexpr std::uint64_t goesOnBit = 0x0100000000000000U;
+    static constexpr std::size_t TagCapacity = FoundInBucket::Untagged;
+    static_assert(capacity <= TagCapacity);
+    static constexpr std::uint64_t AllTags = 0x00FFFFFFFFFFFFFFU;
+    static constexpr std::uint64_t GoesOnBit = 0x0100000000000000U;
 
     bool HasAddress(std::size_t place) const {
-        if constexpr (capacity == tagCapacity) return true;
+        if constexpr (capacity == TagCapacity) return true;
         return place < capacity && entries[place] != nullptr;
     }
-    bool GoesOn() const { return (tags & goesOnBit) != 0; }
-    int TagCount() const { return (static_cast<int>(std::bit_width(tags & allTags)) + 7) / 8; }
+    bool GoesOn() const { return (tags & GoesOnBit) != 0; }
+    int TagCount() const { return (static_cast<int>(std::bit_width(tags & AllTags)) + 7) / 8; }
 
     // The highest bit of each byte that equals the tag. A difference of tags is at most 127, so it
     // takes the bit away from 128 unless it is 0, and nothing from the byte above. In few steps:
     // all of them wait for the line, and a processor has room for so many that wait.
     std::uint64_t PlacesOf(EntryTag tag) const {
-        constexpr std::uint64_t ones = 0x0101010101010101U, bits = 0x80 * ones & allTags;
-        return (bits - (tags ^ tag * ones)) & bits;
+        constexpr std::uint64_t Ones = 0x0101010101010101U, Bits = 0x80 * Ones & AllTags;
+        return (Bits - (tags ^ tag * Ones)) & Bits;
     }
 
     // By an index: nothing could predict a branch that depends on the place.
@@ -148,15 +148,15 @@ private:
     // By masks, for the reason above, and of a comparison the compiler makes a branch.
     void RemoveAddress(int place) {
         if (place >= int{capacity}) return;
-        constexpr std::uintptr_t stays = 0, moves = ~stays;
-        static constexpr std::uintptr_t masks[] = {stays, stays, stays, stays, stays, stays,
-                                                   moves, moves, moves, moves, moves, moves};
-        std::uintptr_t const* const mask = masks + (FoundInBucket::untagged - 1 - place);
+        constexpr std::uintptr_t Stays = 0, Moves = ~Stays;
+        static constexpr std::uintptr_t Masks[] = {Stays, Stays, Stays, Stays, Stays, Stays,
+                                                   Moves, Moves, Moves, Moves, Moves, Moves};
+        std::uintptr_t const* const mask = Masks + (FoundInBucket::Untagged - 1 - place);
         std::uintptr_t words[capacity];
         std::memcpy(words, entries, sizeof words);
         auto const moveUp = [&](int i) { words[i] ^= (words[i] ^ words[i + 1]) & mask[i]; };
         moveUp(0), moveUp(1);
-        if constexpr (capacity == tagCapacity) moveUp(2), moveUp(3), moveUp(4), moveUp(5);
+        if constexpr (capacity == TagCapacity) moveUp(2), moveUp(3), moveUp(4), moveUp(5);
         std::memcpy(entries, words, sizeof words);
         entries[capacity - 1] = nullptr;
     }
@@ -168,10 +168,10 @@ private:
         while (place != 0 && entries[place - 1] == nullptr) --place;
         ZoHashEntry** link = place != 0 ? &entries[place - 1]->next : &head;
         for (; *link != nullptr && !isSought(*link); ++place) link = &(*link)->next;
-        return {*link, link, place < TagCount() ? place : FoundInBucket::untagged};
+        return {*link, link, place < TagCount() ? place : FoundInBucket::Untagged};
     }
 
-    std::uint64_t tags;  // byte i: the tag of entry i, 0 none; the highest byte: goesOnBit
+    std::uint64_t tags;  // byte i: the tag of entry i, 0 none; the highest byte: GoesOnBit
     ZoHashEntry* entries[capacity];
 };
 

@@ -66,7 +66,7 @@ private:
         return reinterpret_cast<Line*>(this)[-1 - static_cast<std::ptrdiff_t>(index)];
     }
 
-    static constexpr std::size_t alignment = alignof(WideLine);
+    static constexpr std::size_t Alignment = alignof(WideLine);
 
     Lines lines;
     void* block;
@@ -77,14 +77,14 @@ inline GrownBuckets* GrownBuckets::Make(ZoUInt32 count, Lines lines) {
                                  : lines == Narrow ? sizeof(NarrowLine)
                                                    : 0;
     std::size_t const each = lineSize + sizeof(void*);
-    constexpr std::size_t more = alignment + sizeof(GrownBuckets);
-    if (count > (SIZE_MAX - more) / each) return nullptr;
-    std::size_t const size = count * each + more;
+    constexpr std::size_t More = Alignment + sizeof(GrownBuckets);
+    if (count > (SIZE_MAX - More) / each) return nullptr;
+    std::size_t const size = count * each + More;
     void* const block = ::operator new(size, std::nothrow);
     if (block == nullptr) return nullptr;
     std::memset(block, 0, size);
-    constexpr std::uintptr_t last = alignment - 1;
-    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + last) & ~last;
+    constexpr std::uintptr_t Last = Alignment - 1;
+    std::uintptr_t const start = (reinterpret_cast<std::uintptr_t>(block) + Last) & ~Last;
     GrownBuckets* const made = reinterpret_cast<GrownBuckets*>(start + count * lineSize);
     made->block = block;
     made->lines = lines;
@@ -94,9 +94,9 @@ inline GrownBuckets* GrownBuckets::Make(ZoUInt32 count, Lines lines) {
 inline GrownBuckets* GrownBuckets::Widened(ZoUInt32 count) {
     GrownBuckets* const wide = Make(count, Wide);
     if (wide == nullptr) return nullptr;
-    constexpr std::size_t distance = 16;
+    constexpr std::size_t Distance = 16;
     for (std::size_t i = count; i-- != 0;) {
-        if (i >= distance) LineAt<NarrowLine>(i - distance).PrefetchLink();
+        if (i >= Distance) LineAt<NarrowLine>(i - Distance).PrefetchLink();
         wide->LineAt<WideLine>(i).Widen(LineAt<NarrowLine>(i), Heads()[i]);
     }
     std::copy_n(Heads(), count, wide->Heads());

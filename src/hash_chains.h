@@ -42,7 +42,7 @@ struct WordKey {
     bool IsOf(ZoHashEntry const* entry) const { return StoredWord(entry) == word; }
     EntryTag Tag() const { return TagOfNumber(word); }
 
-    static constexpr ZoUInt32 fewestBucketsWithLines = 256;
+    static constexpr ZoUInt32 FewestBucketsWithLines = 256;
 
     std::uintptr_t const word;
     ZoUInt32 const hash;
@@ -54,7 +54,7 @@ struct TextKey {
     bool IsOf(ZoHashEntry const* entry) const { return std::strcmp(text, KeyBytes(entry)) == 0; }
     EntryTag Tag() const { return TagOfNumber(hash); }
 
-    static constexpr ZoUInt32 fewestBucketsWithLines = 16;
+    static constexpr ZoUInt32 FewestBucketsWithLines = 16;
 
     char const* const text;
     ZoUInt32 const hash;
@@ -81,8 +81,8 @@ inline bool HasLines(ZoHashTable const& table) {
 }
 
 inline bool TakesLines(ZoHashTable const& table, ZoUInt32 nBuckets) {
-    return (nBuckets >= WordKey::fewestBucketsWithLines && HasWords(table)) ||
-           (nBuckets >= TextKey::fewestBucketsWithLines && HasTexts(table));
+    return (nBuckets >= WordKey::FewestBucketsWithLines && HasWords(table)) ||
+           (nBuckets >= TextKey::FewestBucketsWithLines && HasTexts(table));
 }
 
 inline GrownBuckets::Lines LinesFor(ZoHashTable const& table, ZoUInt32 nBuckets) {
@@ -150,7 +150,7 @@ template <class Key>
     ZoHashEntry** link = &BucketOf(table, key.hash);
     auto const isSought = [key](ZoHashEntry const* entry) { return key.IsOf(entry); };
     // Unlikely: the path of a small table is so short that a jump more would count.
-    if (table.nBuckets >= Key::fewestBucketsWithLines) [[unlikely]] {
+    if (table.nBuckets >= Key::FewestBucketsWithLines) [[unlikely]] {
         auto const found = GrownOf(table).WithLine(
             key.hash & table.mask, [&](auto const& line) __attribute__((always_inline)) {
                 return line.Search(key.Tag(), *link, isSought);
@@ -158,7 +158,7 @@ template <class Key>
         return {found.entry, found.link, key.hash, found.place};
     }
     while (*link != nullptr && !isSought(*link)) link = &(*link)->next;
-    return {*link, link, key.hash, FoundInBucket::untagged};
+    return {*link, link, key.hash, FoundInBucket::Untagged};
 }
 
 // Not inlined into the search for words, which is so short that saving registers would count.
@@ -168,7 +168,7 @@ template <class Key>
     ZoHashEntry* prev = nullptr;
     ZoHashEntry* const entry = table.find(&table, key, hash, nullptr, prev);
     ZoHashEntry** const link = prev != nullptr ? &prev->next : &BucketOf(table, hash);
-    return {entry, link, hash, FoundInBucket::untagged};
+    return {entry, link, hash, FoundInBucket::Untagged};
 }
 
 // Like the table's search function in key mode.
@@ -274,9 +274,9 @@ inline void ShrinkWhenEmpty(ZoHashTable& table) {
 
 // A walk through all buckets calls this for each of them: the entries are scattered in memory.
 inline void PrefetchFurtherEntries(ZoHashTable const& table, ZoUInt32 index) {
-    constexpr ZoUInt32 distance = 8;
-    if (HasLines(table) && index + distance < table.nBuckets) {
-        GrownOf(table).WithLine(index + distance, [](auto& line) { line.PrefetchEntries(); });
+    constexpr ZoUInt32 Distance = 8;
+    if (HasLines(table) && index + Distance < table.nBuckets) {
+        GrownOf(table).WithLine(index + Distance, [](auto& line) { line.PrefetchEntries(); });
     }
 }
 

@@ -10,27 +10,27 @@
 
 #include "hash_entry.h"
 
-inline constexpr ZoUInt32 mixingFactor = 1103515245;
+inline constexpr ZoUInt32 MixingFactor = 1103515245;
 
 // The bits from `shift` upwards choose the bucket; the shift copies the sign in above them.
 inline ZoUInt32 Mix(ZoHashTable const* table, ZoUInt32 word) {
-    ZoInt32 const product = static_cast<ZoInt32>(word * mixingFactor);
+    ZoInt32 const product = static_cast<ZoInt32>(word * MixingFactor);
     return static_cast<ZoUInt32>(product >> (table->shift & 31U));
 }
 
 // Eight steps of h = 9h + c at once. The first character is in the lowest byte. Neighbours are
 // combined to pairs, pairs to fours, fours to one number.
 inline ZoUInt32 AppendEight(ZoUInt32 hash, std::uint64_t characters) {
-    constexpr std::uint64_t bytes = 0x00FF00FF00FF00FFU, pairs = 0x0000FFFF0000FFFFU;
-    constexpr ZoUInt32 toThe2nd = 9 * 9, toThe4th = toThe2nd * toThe2nd;
-    constexpr ZoUInt32 toThe8th = toThe4th * toThe4th;
+    constexpr std::uint64_t Bytes = 0x00FF00FF00FF00FFU, Pairs = 0x0000FFFF0000FFFFU;
+    constexpr ZoUInt32 ToThe2nd = 9 * 9, ToThe4th = ToThe2nd * ToThe2nd;
+    constexpr ZoUInt32 ToThe8th = ToThe4th * ToThe4th;
     // Adds 128 to each character, which makes it unsigned. The last line subtracts the sum of that.
     std::uint64_t const each = characters ^ 0x8080808080808080U;
-    std::uint64_t const two = (each & bytes) * 9 + (each >> 8 & bytes);
-    std::uint64_t const four = (two & pairs) * toThe2nd + (two >> 16 & pairs);
+    std::uint64_t const two = (each & Bytes) * 9 + (each >> 8 & Bytes);
+    std::uint64_t const four = (two & Pairs) * ToThe2nd + (two >> 16 & Pairs);
     ZoUInt32 const eight =
-        static_cast<ZoUInt32>(four) * toThe4th + static_cast<ZoUInt32>(four >> 32);
-    return hash * toThe8th + eight - 128 / 8 * (toThe8th - 1);
+        static_cast<ZoUInt32>(four) * ToThe4th + static_cast<ZoUInt32>(four >> 32);
+    return hash * ToThe8th + eight - 128 / 8 * (ToThe8th - 1);
 }
 
 inline std::uint64_t ReadEight(char const* text) {

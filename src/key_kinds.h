@@ -22,21 +22,21 @@ struct KeyKind {
     ZoHashSearch defaultSearch;
 };
 
-inline constexpr KeyKind textKind{
+inline constexpr KeyKind TextKind{
     [](char const* key, unsigned short) { return std::strlen(key) + 1; },
     [](char* bytes, char const* key, std::size_t length) { std::memcpy(bytes, key, length); },
     [](char const* bytes) { return bytes; },
     StringFind,
 };
 
-inline constexpr KeyKind wordKind{
+inline constexpr KeyKind WordKind{
     [](char const*, unsigned short) { return sizeof(std::uintptr_t); },
     [](char* bytes, char const* key, std::size_t) { std::memcpy(bytes, &key, sizeof key); },
     [](char const* bytes) { return ReadWord<char const*>(bytes); },
     OneDWordFind,
 };
 
-inline constexpr KeyKind surrogateKind{
+inline constexpr KeyKind SurrogateKind{
     [](char const*, unsigned short) { return sizeof(Surrogate); },
     [](char* bytes, char const* key, std::size_t) {
         Surrogate const surrogate = Surrogate::OfRecord(key);
@@ -46,14 +46,14 @@ inline constexpr KeyKind surrogateKind{
     ZoSurrFind,
 };
 
-inline constexpr KeyKind foreignKind{
+inline constexpr KeyKind ForeignKind{
     [](char const*, unsigned short) { return std::size_t{0}; },
     [](char*, char const*, std::size_t) {},
     nullptr,
     ByteArrayFind,
 };
 
-inline constexpr KeyKind byteKind{
+inline constexpr KeyKind ByteKind{
     [](char const*, unsigned short keySize) { return std::size_t{keySize}; },
     [](char* bytes, char const* key, std::size_t length) { std::memcpy(bytes, key, length); },
     [](char const* bytes) { return bytes; },
@@ -63,16 +63,16 @@ inline constexpr KeyKind byteKind{
 inline KeyKind const& KindOf(unsigned short keySize) {
     switch (keySize) {
         case ZoHashTable::StringKeys:
-            return textKind;
+            return TextKind;
         case ZoHashTable::WordKeys:
-            return wordKind;
+            return WordKind;
         case ZoHashTable::SurrogateKeys:
-            return surrogateKind;
+            return SurrogateKind;
         case ZoHashTable::ForeignKeys:
         case 0:
-            return foreignKind;
+            return ForeignKind;
         default:
-            return byteKind;
+            return ByteKind;
     }
 }
 

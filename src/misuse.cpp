@@ -80,7 +80,7 @@ bool Misuse::IsTold(ZoCritSect const& section) {
 void Misuse::TellLeave(ZoDLDCritSect& section, char const* call) {
     CancellationDeferred deferred;
     ZoSystemLog()->Printf(
-        4, "ZoThread %p leaves critical section %s %p owned by %s: nothing changes%s",
+        ZoLogError, "ZoThread %p leaves critical section %s %p owned by %s: nothing changes%s",
         OwnedSections::Identity(), section.GetName(), static_cast<void*>(&section),
         Thread(OwnerOf(section).identity).text, call);
 }
@@ -100,7 +100,7 @@ void Misuse::TellDestruction(ZoDLDCritSect& section) {
     long const waiting = Number(section.waitCount);
     if (waiting == 0 && OwnedSections::IsKept(owner.thread)) return;
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4,
+    ZoSystemLog()->Printf(ZoLogError,
                           "ZoThread %p destroys critical section %s %p owned by %s; "
                           "owning count: %ld; wait count: %ld",
                           OwnedSections::Identity(), section.GetName(),
@@ -120,7 +120,7 @@ void Misuse::TellDestruction(ZoGenRW_Mutex& mutex) {
         Number(mutex.WriterLevel) != 0 && !OwnedSections::IsKept(OwnerOf(section).thread);
     if (reading == 0 && toRead == 0 && toWrite == 0 && !written) return;
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4,
+    ZoSystemLog()->Printf(ZoLogError,
                           "ZoThread %p destroys reader/writer mutex %p written by %s; "
                           "write depth: %ld; threads that read: %d; that wait to read: %ld; "
                           "that wait to write: %ld",
@@ -141,13 +141,13 @@ void Misuse::TellHeldAtEnd(ZoTLS const* record, bool ends) {
     }
     if (held.IsEmpty()) return;
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4, "ZoThread %p %s and still holds reader/writer mutexes: %s",
+    ZoSystemLog()->Printf(ZoLogError, "ZoThread %p %s and still holds reader/writer mutexes: %s",
                           record->threadIdentity, ends ? "ended" : "was detached", held.Text());
 }
 
 void Misuse::TellOwnedAtEnd(void* thread, NameList const& sections) {
-    ZoSystemLog()->Printf(4, "ZoThread %p ended and still owns critical sections: %s", thread,
-                          sections.Text());
+    ZoSystemLog()->Printf(ZoLogError, "ZoThread %p ended and still owns critical sections: %s",
+                          thread, sections.Text());
 }
 
 // --- brackets ------------------------------------------------------------------------------------
@@ -163,7 +163,7 @@ void Misuse::TellEnd(ZoGenRW_Mutex const& mutex, int mode, Bracket const& bracke
     if (bracket.hasFlag && holdings != 0)
         expected = mode == 0 ? "lessExclusive 0" : "lessExclusive 1";
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4,
+    ZoSystemLog()->Printf(ZoLogError,
                           "ZoThread %p ends a %s of reader/writer mutex %p that it does not hold: "
                           "read depth %lu, write depth %lu, written by %s; expected %s; "
                           "nothing changes%s",
@@ -178,7 +178,7 @@ void Misuse::TellEnd(ZoGenRW_Mutex const& mutex, int mode, Bracket const& bracke
 void Misuse::TellIndex(ZoThreadMgr const* manager, unsigned long index, Bracket const& bracket,
                        char const* label) {
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4,
+    ZoSystemLog()->Printf(ZoLogError,
                           "ZoThread %p asks thread manager %p for a critical section that it does "
                           "not have: expected an index of 0 to 14 or 17 to 25; nothing changes%s",
                           OwnedSections::Identity(), static_cast<void const*>(manager),

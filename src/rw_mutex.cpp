@@ -192,7 +192,7 @@ bool WritesLastAndReads(ZoRWRecord const* record) {
 void ReportPropagation() {
     CancellationDeferred deferred;
     static constexpr char text[] = "Implicit propagation reader -> writer.";
-    ZoSystemLog()->Printf(4, text);
+    ZoSystemLog()->Printf(ZoLogError, text);
     unsigned int const answer =
         ZoMessage()->Show(0, ZoStyleQuestion, "%s\n(CANCEL to debug)", text);
     if (answer == ZoAnswerDebug || answer == ZoAnswerAbort) {
@@ -208,7 +208,7 @@ void ReportLowering() {
     unsigned int const answer =
         ZoMessage()->Show(0, ZoStyleNotice, "Implicit lowering writer -> reader.");
     if (answer == ZoAnswerAbort) {
-        Trace(0x10000, "Kelvara RW_Mutex: IMPLICIT LOWERING WRITER->READER");
+        Trace(TraceArea::ImplicitLowering, "Kelvara RW_Mutex: IMPLICIT LOWERING WRITER->READER");
     }
 }
 

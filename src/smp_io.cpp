@@ -21,7 +21,7 @@ char const* const debug_path[2] = {"debug", nullptr};
 
 namespace {
 
-char const* const key_zova_console = "ZOVAConsole";
+char const* const ConsoleKey = "ZOVAConsole";
 
 // The switch: UnreadSwitch until its first use, then 0 for off and anything else for on. Threads
 // that meet it unread at the same moment all read the configuration and store the same number, and
@@ -59,7 +59,7 @@ void _Configure_smp_io() {
     AskingScope asking;
     int value = 0;
     if (ZoConfig* configuration = ZoDefaultConfiguration()) {
-        configuration->ReadValue(key_zova_console, &value, debug_path);
+        configuration->ReadValue(ConsoleKey, &value, debug_path);
     }
     zova_console.store(value, std::memory_order_relaxed);
 }

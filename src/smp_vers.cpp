@@ -12,11 +12,11 @@
 
 namespace {
 
-constexpr ZoUInt32 major_version = ZO_VERSION_MAJOR;
-constexpr ZoUInt32 minor_version = ZO_VERSION_MINOR;
-constexpr ZoUInt32 release_version = ZO_VERSION_RELEASE;
-constexpr ZoUInt32 build_version = ZO_VERSION_BUILD;
-constexpr ZoUInt32 fifth_version = 0;
+constexpr ZoUInt32 MajorVersion = ZO_VERSION_MAJOR;
+constexpr ZoUInt32 MinorVersion = ZO_VERSION_MINOR;
+constexpr ZoUInt32 ReleaseVersion = ZO_VERSION_RELEASE;
+constexpr ZoUInt32 BuildVersion = ZO_VERSION_BUILD;
+constexpr ZoUInt32 FifthVersion = 0;
 
 char const* const DLLname = "zo95Kex";
 char const* const DLLtitle = "Kelvara Extended Algorithms";
@@ -38,9 +38,9 @@ char DLL_version_info[256];
 char const* VersionInfo() {
     static int const length = std::snprintf(
         DLL_version_info, sizeof DLL_version_info, "%s %lu.%lu.%lu.%lu.%lu ", DLLtitle,
-        static_cast<unsigned long>(major_version), static_cast<unsigned long>(minor_version),
-        static_cast<unsigned long>(release_version), static_cast<unsigned long>(build_version),
-        static_cast<unsigned long>(fifth_version));
+        static_cast<unsigned long>(MajorVersion), static_cast<unsigned long>(MinorVersion),
+        static_cast<unsigned long>(ReleaseVersion), static_cast<unsigned long>(BuildVersion),
+        static_cast<unsigned long>(FifthVersion));
     static_cast<void>(length);
     return DLL_version_info;
 }
@@ -48,19 +48,19 @@ char const* VersionInfo() {
 }  // namespace
 
 int ZoCheckDll(int flags) {
-    return CheckZoVersionNumber(major_version, minor_version, release_version, build_version,
-                                fifth_version, flags | 3);
+    return CheckZoVersionNumber(MajorVersion, MinorVersion, ReleaseVersion, BuildVersion,
+                                FifthVersion, flags | 3);
 }
 
 char const* ZoDescribeDll(ZoUInt32* major, ZoUInt32* minor, ZoUInt32* release, ZoUInt32* build,
                           ZoUInt32* fifth, char const** name, char const** dateTime,
                           char const** platform, ZoUInt32* compilerNum, char const** compilerName,
                           char const** comment) {
-    *major = major_version;
-    *minor = minor_version;
-    *release = release_version;
-    *build = build_version;
-    *fifth = fifth_version;
+    *major = MajorVersion;
+    *minor = MinorVersion;
+    *release = ReleaseVersion;
+    *build = BuildVersion;
+    *fifth = FifthVersion;
     *name = DLLname;
     *dateTime = DLLdateTime;
     *platform = "unknown";

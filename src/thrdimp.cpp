@@ -39,7 +39,7 @@ __attribute__((format(printf, 1, 0))) void Report(char const* format, int error)
     CancellationDeferred deferred;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"  // literals of this file
-    ZoSystemLog()->Printf(4, format, error);
+    ZoSystemLog()->Printf(ZoLogError, format, error);
 #pragma GCC diagnostic pop
 }
 
@@ -213,7 +213,7 @@ int PosixThread::Abort() {
     bool started = false;
     int const error = Cancel(started);
     if (error == 0) return 0;
-    Trace(0x100000, "Couldn't terminate thread ", this, " ", error);
+    Trace(TraceArea::FailedAborts, "Couldn't terminate thread ", this, " ", error);
     MarkAbortFailed(started);
     lastError = error;
     return error;

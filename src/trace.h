@@ -1,6 +1,7 @@
 // Tracing, as the library's own code does it.
 //
-//     Trace(0x800000, "ZoThread::Work ", this);    // one line, ended for the caller
+//     Trace(TraceArea::ThreadMethods, "ZoThread::Work ", this);    // one line, ended for the
+//     caller
 //
 // The flags are tested afresh for each line. A missing debugger or dispatcher is tracing switched
 // off. Listeners run on the calling thread before Trace returns, so a caller holds no lock that a
@@ -11,20 +12,29 @@
 
 #include "zoevmdis.h"
 
-inline bool TraceIsOn(ZoUInt32 category) {
+// What the library traces, each area a bit of the configuration key "mode". docs/hosting.md lists
+// them for the people who set it.
+enum class TraceArea : ZoUInt32 {
+    ThreadSteps = 0x100,         // the steps of a started thread's life
+    ImplicitLowering = 0x10000,  // a writer that ends its last write level while it still reads
+    FailedAborts = 0x100000,     // a thread that could not be cancelled, because it had ended
+    ThreadMethods = 0x800000,    // the methods of thread objects
+};
+
+inline bool TraceIsOn(TraceArea area) {
     smp_debug const* const debugger = GetDebugger();
     return debugger != nullptr &&
-           (debugger->current.load(std::memory_order_relaxed) & category) != 0;
+           (debugger->current.load(std::memory_order_relaxed) & static_cast<ZoUInt32>(area)) != 0;
 }
 
-// Streams `pieces` and endl into a debug event of `category` and dispatches it, if that trace is
-// on. A pointer that is not text is written as an address.
+// Streams `pieces` and endl into a debug event of the area and dispatches it, if that trace is on.
+// A pointer that is not text is written as an address.
 template <class... Piece>
-void Trace(ZoUInt32 category, Piece... pieces) {
-    if (!TraceIsOn(category)) return;
+void Trace(TraceArea area, Piece... pieces) {
+    if (!TraceIsOn(area)) return;
     ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
     if (dispatcher == nullptr) return;
-    ZoDebugEvent event(category);
+    ZoDebugEvent event(static_cast<ZoUInt32>(area));
     (event << ... << pieces) << endl;
     dispatcher->Dispatch(&event);
 }

@@ -507,7 +507,7 @@ void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
     WriteReport(me, wanted);
     char description[1024];
     Describe(wanted, description, sizeof description);
-    ZoSystemLog()->Printf(4, "Deadlock detected.\n%s", description);
+    ZoSystemLog()->Printf(ZoLogError, "Deadlock detected.\n%s", description);
     unsigned int const answer =
         ZoMessage()->Show(0, ZoStyleQuestion, "Deadlock detected.\n(CANCEL to debug)");
     if (AnswerWantsDebugger(answer)) {
@@ -528,7 +528,7 @@ bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
 
 void ReportFalseAlarm() {
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(3, "Deadlock: false alarm.\n");
+    ZoSystemLog()->Printf(ZoLogWarning, "Deadlock: false alarm.\n");
     unsigned int const answer = ZoMessage()->Show(0, ZoStyleNotice, "Deadlock: false alarm.\n");
     if (AnswerWantsDebugger(answer)) {
         ZOVA_assert("(0 && \"deadlock : false alarm\")", "src/zocrits", 385);

@@ -524,7 +524,7 @@ ZoEventMessageDispatcher* ZoEventMessageDispatcher::SetDispatcher(
 
 namespace {
 
-char const* const mode = "mode";
+char const* const ModeKey = "mode";
 
 // How far the configuration of the switches has come: first the flags, then, as soon as there is a
 // dispatcher, the console listener. The thread that takes it from a step that is due to
@@ -535,11 +535,11 @@ constexpr int FlagsAreDue = 0;
 constexpr int ListenerIsDue = 1;
 constexpr int BeingConfigured = 2;
 constexpr int IsConfigured = 3;
-std::atomic<int> Configured{FlagsAreDue};
+std::atomic<int> configured{FlagsAreDue};
 
 void ReadFlags(smp_debug& debugger, ZoConfig& configuration) {
     int value = 0;
-    bool const found = configuration.ReadValue(mode, &value, debug_path) == 0;
+    bool const found = configuration.ReadValue(ModeKey, &value, debug_path) == 0;
     ZoUInt32 const flags = found ? static_cast<ZoUInt32>(value) : 0;
     debugger.current.store(flags, std::memory_order_relaxed);
     debugger.saved.store(flags, std::memory_order_relaxed);
@@ -569,12 +569,12 @@ void RegisterConsoleListener(ZoEventMessageDispatcher& dispatcher) {
 // of their own.
 template <class Work>
 void DoStep(int due, int next, Work work) {
-    if (!Configured.compare_exchange_strong(due, BeingConfigured, std::memory_order_acquire))
+    if (!configured.compare_exchange_strong(due, BeingConfigured, std::memory_order_acquire))
         return;
     CancellationDeferred deferred;
     work();
     int state = BeingConfigured;
-    Configured.compare_exchange_strong(state, next, std::memory_order_release);
+    configured.compare_exchange_strong(state, next, std::memory_order_release);
 }
 
 void ConfigureFlags() {
@@ -589,7 +589,7 @@ void ConfigureFlags() {
 
 // Kept out of GetDebugger, whose usual way must not pay for it.
 [[gnu::noinline, gnu::cold]] void ConfigureDebugger() {
-    if (Configured.load(std::memory_order_relaxed) == FlagsAreDue) ConfigureFlags();
+    if (configured.load(std::memory_order_relaxed) == FlagsAreDue) ConfigureFlags();
     ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
     if (dispatcher == nullptr) return;
     DoStep(ListenerIsDue, IsConfigured, [&] { RegisterConsoleListener(*dispatcher); });
@@ -603,7 +603,7 @@ smp_debug::smp_debug(long initial) {
     current.store(start, std::memory_order_relaxed);
     saved.store(start, std::memory_order_relaxed);
     checkers::AreAtomic(current, saved);
-    Configured.store(FlagsAreDue, std::memory_order_release);
+    configured.store(FlagsAreDue, std::memory_order_release);
 }
 
 smp_debug::~smp_debug() = default;
@@ -618,7 +618,7 @@ void smp_debug::Disable() {
 }
 
 smp_debug* GetDebugger() {
-    if (Configured.load(std::memory_order_acquire) < BeingConfigured) ConfigureDebugger();
+    if (configured.load(std::memory_order_acquire) < BeingConfigured) ConfigureDebugger();
     return Load(smp_debugger);
 }
 

@@ -13,9 +13,9 @@ using namespace hash_chains;
 
 namespace {
 
-constexpr ZoUInt32 initialShift = 28;
+constexpr ZoUInt32 InitialShift = 28;
 // One step further the threshold would not fit its 32 bits.
-constexpr ZoUInt32 smallestShift = 2;
+constexpr ZoUInt32 SmallestShift = 2;
 
 // Holds the section of the caller's lock object, if there is one.
 class TableLock {
@@ -62,7 +62,7 @@ void ZoHashTable::InitTable() {
     buckets = initialBuckets;
     nBuckets = 4;
     threshold = 16;
-    shift = initialShift;
+    shift = InitialShift;
     mask = 3;
 }
 
@@ -223,7 +223,7 @@ int ZoHashTable::RebuildTable() {
 }
 
 int ZoHashTable::_RebuildTable(unsigned long steps) {
-    if (steps > (shift - smallestShift) / 2) return ZoOutOfMemory;
+    if (steps > (shift - SmallestShift) / 2) return ZoOutOfMemory;
     ZoUInt32 const bits = static_cast<ZoUInt32>(2 * steps);
     ZoUInt32 const oldCount = nBuckets;
     ZoHashEntry** const oldBuckets = buckets;

@@ -14,7 +14,7 @@ ZoExtendedBase::~ZoExtendedBase() = default;
 namespace {
 
 void TraceMethod(char const* text, ZoThread* thread) {
-    Trace(0x800000, text, thread);
+    Trace(TraceArea::ThreadMethods, text, thread);
 }
 
 // systemThreadUses counts the uses in its low half, but for this bit, which is set while the system

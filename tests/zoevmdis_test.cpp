@@ -289,26 +289,26 @@ TEST(DebugSwitches, ComeWithoutADispatcher) {
     for (int twice = 0; twice < 2; ++twice) EXPECT_EQ(GetDebugger()->current, 0x100U);
     EXPECT_EQ(diagnostics.Printed(), "DEBUG LEVEL --> 0x100\n");
     ZoEventMessageDispatcher::SetDispatcher(dispatcher);
-    for (int twice = 0; twice < 2; ++twice) Trace(0x100, "once");
+    for (int twice = 0; twice < 2; ++twice) Trace(TraceArea::ThreadSteps, "once");
     EXPECT_EQ(diagnostics.Printed(), "once\n\nonce\n\n");
     EXPECT_EQ(diagnostics.services.Reads("mode"), 1);
 }
 
 TEST(DebugSwitches, TraceOnlyWhileTheirBitIsSet) {
-    Trace(0x800000, "no debugger");
+    Trace(TraceArea::ThreadMethods, "no debugger");
     Diagnostics diagnostics;
     diagnostics.services.Configure("mode", static_cast<int>(0x80800000));
     smp_debug& switches = *GetDebugger();
     diagnostics.Printed();
     ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::SetDispatcher(nullptr);
-    Trace(0x800000, "no dispatcher");
+    Trace(TraceArea::ThreadMethods, "no dispatcher");
     ZoEventMessageDispatcher::SetDispatcher(dispatcher);
-    Trace(0x100, "off");
-    Trace(0x800000, "ZoThread::Work ", static_cast<void*>(&diagnostics));
+    Trace(TraceArea::ThreadSteps, "off");
+    Trace(TraceArea::ThreadMethods, "ZoThread::Work ", static_cast<void*>(&diagnostics));
     switches.Disable();
-    Trace(0x800000, "disabled");
+    Trace(TraceArea::ThreadMethods, "disabled");
     switches.Enable();
-    Trace(0x800000, "on");
+    Trace(TraceArea::ThreadMethods, "on");
     EXPECT_EQ(diagnostics.Printed(), "ZoThread::Work " + Pointer(&diagnostics) + "\n\non\n\n");
     switches.Disable();
     switches.Disable();  // forgets the flags
@@ -321,7 +321,7 @@ TEST(DebugSwitches, AreConfiguredByOneThreadAlone) {
         Diagnostics diagnostics;
         diagnostics.services.Configure("mode", 0x100);
         OnThreads(4, [](int) { EXPECT_EQ(GetDebugger(), smp_debugger); });
-        Trace(0x100, "once");
+        Trace(TraceArea::ThreadSteps, "once");
         ASSERT_EQ(diagnostics.Printed(), "DEBUG LEVEL --> 0x100\nonce\n\n");
         ASSERT_EQ(diagnostics.services.Reads("mode"), 1);
     }
