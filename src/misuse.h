@@ -13,10 +13,10 @@
 //     a bracket is given an index without a       it locks nothing
 //     section
 //
-// All but the ended thread's is told where deadlock detection is on. Each is one line, an error, and
-// names the thread as deadlock reports do: by its record's threadIdentity, or by its handle if it
-// has no record. The functions call the host's log: without a lock of the library's, unless their
-// caller holds one.
+// All but the ended thread's is told where deadlock detection is on. Each is one line, an error,
+// and names the thread as deadlock reports do: by its record's threadIdentity, or by its handle if
+// it has no record. The functions call the host's log: without a lock of the library's, unless
+// their caller holds one.
 
 #ifndef KELVARA_SRC_MISUSE_H_
 #define KELVARA_SRC_MISUSE_H_
