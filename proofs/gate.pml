@@ -7,6 +7,7 @@
 // fault: NO_LOCK           a cancelled writer opens the gate without the condition's lock
 // fault: STAYS_CLOSED      a cancelled writer leaves the gate closed
 // fault: MADE_QUIET        a cancelled writer makes the gate quiet
+// fault: NOT_SIGNALLED     a reader that leaves with the lock does not wake the writer
 //
 // Threads read or ask to write; a writer may be cancelled in its wait for the readers. A writer
 // that finds all the others done destroys the mutex at once: a thread that touches it afterwards
@@ -80,7 +81,9 @@ inline EndRead() {
        :: atomic { !closed -> TOUCH }
        fi;
 #endif
+#ifndef NOT_SIGNALLED
        atomic { TOUCH; if :: left && sleeping -> signalled = true :: else fi };
+#endif
        Unlock()
     od
 }
@@ -98,6 +101,8 @@ active [WRITERS] proctype Writer() {
     bool last = false;
     bool admitted = false;
     bool gaveUp = false;
+    bool cancelled;         // in its wait, if there is one
+    if :: cancelled = true :: cancelled = false fi;
     if
     :: StartRead(); EndRead(); gaveUp = true  // a reader that asks to write
     :: true
@@ -116,7 +121,7 @@ active [WRITERS] proctype Writer() {
         :: atomic { count != 0 -> TOUCH; sleeping = true; signalled = false; lock = false };
            if
            :: atomic { signalled && !lock -> TOUCH; lock = true; sleeping = false }
-           :: atomic { !lock -> TOUCH; lock = true; sleeping = false }; break   // cancelled
+           :: atomic { cancelled && !lock -> TOUCH; lock = true; sleeping = false }; break
            fi
         od;
         Unlock()
