@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <new>
@@ -102,8 +103,8 @@ bool HasControlCharacter(std::string_view text) {
 
 // --- the known names -----------------------------------------------------------------------------
 
-// What somebody asks for: the library, and the last two the stand-in. Everything else in a file is
-// a slip of the pen, or meant for a program that asks for it itself.
+// All that is asked for: by the library in [debug], by the stand-in in [base]. Everything else in a
+// file is a slip of the pen, or meant for a program that asks for it itself.
 struct Name {
     std::string_view section;
     std::string_view key;
@@ -114,6 +115,9 @@ constexpr Name KnownNames[] = {
 };
 
 constexpr std::size_t LongestKnown = 15;
+static_assert(std::all_of(std::begin(KnownNames), std::end(KnownNames), [](Name const& name) {
+    return name.section.size() <= LongestKnown && name.key.size() <= LongestKnown;
+}));
 
 char InLowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
