@@ -62,7 +62,7 @@ ZO_BASE_API ZoConfig* ZoSetDefaultConfig(ZoConfig* configuration);
 // Called by ZOVA_assert in place of its own report.
 using ZoAssertHandler = void (*)(char const* text, char const* file, int line);
 ZO_BASE_API ZoAssertHandler ZoSetAssertHandler(ZoAssertHandler handler);
-// How many assertions the stand-in has been told of so far, whoever handled them.
+// How many assertions were raised so far, handled by the stand-in or by a handler.
 ZO_BASE_API unsigned long ZoAssertCount();
 
 // Called by CheckZoVersionNumber in place of its own answer.

@@ -1,4 +1,4 @@
-// How the cost of one operation grows with what there is already.
+// How the cost of an operation grows with the number of objects.
 #include <benchmark/benchmark.h>
 
 #include <atomic>

@@ -1,7 +1,7 @@
 // Character records as objects in a database: a table for each general category.
 //
-// A store belongs to one connection and is used by whoever has that connection's turn, inside a
-// transaction of theirs.
+// A store belongs to one connection and is used by the thread that has that connection's turn,
+// inside a transaction of theirs.
 
 #ifndef KELVARA_HOST_CHARACTER_STORE_H_
 #define KELVARA_HOST_CHARACTER_STORE_H_

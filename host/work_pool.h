@@ -1,5 +1,5 @@
-// A work queue as zohost uses it: whoever has a piece of work waits until some worker has done it,
-// and gets its result through the library's concurrent calculations.
+// A work queue as zohost uses it: a thread that has a piece of work waits until a worker has done
+// it, and gets its result through the library's concurrent calculations.
 //
 //     WorkPool pool(2);
 //     int const found = pool.Run([&] { return LookUp(batch); });

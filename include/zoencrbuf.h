@@ -1,4 +1,4 @@
-// The encryption buffer: bytes with room in front of them that whoever processes the data may use
+// The encryption buffer: bytes with room in front of them that the processor of the data may use
 // for a header of its own. The buffer ciphers nothing and holds no keys.
 //
 //     ZoEncryptionBuffer buffer(nullptr, 16, 100, ZoRawBufferOwnAndGrow);

@@ -34,7 +34,7 @@
 // Shrinking. A worker that ends on DecreaseThreadCount is counted until it is done with the queue.
 // Units that are waiting when the last worker ends, or are appended while that worker is still
 // counted, wait until a worker is added or the queue is terminated; units appended later, without
-// workers, overtake them. So whoever takes the last worker off lets the queue run empty first.
+// workers, overtake them. So let the queue run empty before the last worker is taken off.
 //
 // Who may call: everything but Destroy, any thread, a unit's Handle on a worker thread included.
 // The lock of the queue is the mutex of its condition "WorkQueue", which is not recursive. It is
@@ -158,10 +158,10 @@ private:
 //     none                       CalculateConcurrently    -
 //     open                       -                        CalculateResult, once a result is stored
 //
-// Each thread has at most one open. SetResult is called once for a calculation, by whoever finishes
-// it, on any thread: CalculateResult may delete the result object as soon as a result is stored, so
-// of several units that share it only the last one to finish stores a result. All others are called
-// by the thread that calculates.
+// Each thread has at most one open. SetResult is called once for a calculation, by the thread that
+// finishes it, on any thread: CalculateResult may delete the result object as soon as a result is
+// stored, so of several units that share it only the last one to finish stores a result. All others
+// are called by the thread that calculates.
 class ZO_API ZoConcurrencyHelper {
 public:
     // Opens a calculation. One that is open already is reported as the assertion "res == 0" and

@@ -36,7 +36,7 @@ public:
 // Never null.
 ZO_BASE_API ZoLog* ZoSystemLog();
 
-// Shows a message to whoever operates the engine and brings back the answer.
+// Shows a message to the operator of the engine and returns the answer.
 class ZO_BASE_API ZoMessageService {
 public:
     virtual int Reserved() { return 0; }  // never called

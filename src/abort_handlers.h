@@ -1,4 +1,4 @@
-// The abortion handlers' inner workings, for the tests and for fork().
+// The internal interface of the abortion handlers, for the tests and for fork().
 
 #ifndef KELVARA_SRC_ABORT_HANDLERS_H_
 #define KELVARA_SRC_ABORT_HANDLERS_H_

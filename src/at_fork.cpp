@@ -12,8 +12,8 @@ std::atomic<ZoUInt32> forkGeneration{0};
 
 namespace {
 
-// In the one order of locks. Only here does a thread hold several of the last line; nobody takes
-// anything under one of those, so their order among themselves is free.
+// In the order of docs/locking.md. Only here does a thread hold several locks of the last line. No
+// lock is taken under one of those, so their order among themselves is free.
 void BeforeFork() {
     AbortionAtFork::BlockSignals();
     do {

@@ -1,13 +1,13 @@
 // What the library does around fork(), from the moment it is loaded.
 //
-// A child gets the memory as it is when it is forked, but of the threads only the one that forks.
-// A lock that another thread holds at that moment is never let go in the child, a count of other
-// threads never falls, and what such a lock guards may be half changed. So the forking thread holds
+// A child gets the memory as it is when it is forked, but only the thread that forks. A lock that
+// another thread holds at that moment is never released in the child, a count of other threads
+// never falls, and what such a lock guards may be half changed. So the forking thread holds
 // the library's process-wide locks over the fork (at_fork.cpp), and the child counts only its own
 // thread. It does not hold csDLD and the chain's lock: they may be held as long as the message of a
-// deadlock report is open, and whoever answers it may want to fork. The child makes those free, and
-// what they guard can be used at every moment (wait_graph.cpp). Objects are too many for either:
-// they remember the process that they were made in.
+// deadlock report is open, and the thread that answers it may fork. The child makes those free, and
+// what they guard can be used at every moment (wait_graph.cpp). There are too many objects for
+// that: each remembers the process that it was made in.
 
 #ifndef KELVARA_SRC_AT_FORK_H_
 #define KELVARA_SRC_AT_FORK_H_
@@ -27,7 +27,7 @@ inline ZoUInt32 ForkGeneration() {
 // The process that something was made in.
 class ProcessOfOrigin {
 public:
-    // False in a child that was forked later: threads that used the thing then are not there.
+    // False in a child that was forked later: threads that used it before are absent.
     bool IsThis() const { return generation == ForkGeneration(); }
     void BecomeThis() { generation = ForkGeneration(); }
 

@@ -1,15 +1,14 @@
-// The short way into one bucket of a grown hash table.
+// An index of one bucket of a grown hash table, in one cache line.
 //
-// A chain may be several entries long, and in a large table each step along it waits for memory. A
-// line has a tag, seven bits made from the key, of each of the chain's first seven entries, and the
-// addresses of the first ones: up to seven in a wide line, three in a narrow one. A search looks at
-// all tags at once, in one cache line, and at hardly any entry but the one it finds; what precedes
-// that one stands in the line too. Only an entry without an address is walked to.
+// A chain may have several entries, and in a large table each step along it is a cache miss. A line
+// holds tags of the chain's first seven entries, seven bits made from each key, and the addresses
+// of the first ones: up to seven in a wide line, three in a narrow one. A search compares all tags
+// at once and reads hardly any entry but the one it finds; the predecessor's address is in the line
+// too. The chain is walked only to entries without an address.
 //
-// What always holds: the tags are those of the chain's first entries, in its order, and unless the
-// line goes on, there are no other entries. The addresses are those of the first entries that have
-// tags: of all in a wide line, in a narrow one of at most three. The owner tells the line each
-// change of the chain:
+// Invariant: the tags are those of the chain's first entries, in its order. Unless GoesOn, there
+// are no other entries. The addresses are those of the first entries with tags: of all in a wide
+// line, of at most three in a narrow one. The owner reports each change of the chain to the line:
 //
 //     line.PushFront(tag, entry);                 // entry became the chain's head
 //     line.Remove(line.PlaceOf(entry, head));     // entry leaves the chain
@@ -31,7 +30,8 @@
 // Seven bits, and never 0.
 using EntryTag = std::uint64_t;
 
-// The golden ratio's part of 2^64: the upper bits of the product depend on all of the number.
+// A multiplicative hash with 2^64 divided by the golden ratio: the upper bits of the product depend
+// on all bits of the number.
 inline EntryTag TagOfNumber(std::uint64_t number) {
     EntryTag const upper = (number * 0x9E3779B97F4A7C15U) >> 57;
     return upper + (upper == 0 ? 1 : 0);
@@ -39,8 +39,8 @@ inline EntryTag TagOfNumber(std::uint64_t number) {
 
 struct FoundInBucket {
     ZoHashEntry* entry;  // null: none
-    ZoHashEntry** link;  // what points to the found one: the head, or what precedes it
-    int place;           // of its tag; `Untagged`: behind all tags
+    ZoHashEntry** link;  // what points to the found one: the head, or its predecessor
+    int place;           // of its tag; `Untagged`: it is behind all tags
 
     static constexpr int Untagged = 7;
 };
@@ -48,7 +48,7 @@ struct FoundInBucket {
 template <std::size_t capacity>
 class alignas(8 + 8 * capacity) BucketLine {
 public:
-    // The first entry of the chain that `isSought` accepts; all those of one key have one tag.
+    // The first entry of the chain that `isSought` accepts. Entries with one key have one tag.
     template <class IsSought>
     [[gnu::always_inline]] FoundInBucket Search(EntryTag tag, ZoHashEntry*& head,
                                                 IsSought isSought) const {
@@ -64,7 +64,7 @@ public:
     }
 
     void PushFront(EntryTag tag, ZoHashEntry* entry) {
-        // What leaves at the end stays in the chain.
+        // An entry whose tag is pushed out stays in the chain.
         std::uint64_t const goesOn = tags >> 48 != 0 ? GoesOnBit : 0;
         tags = goesOn | (tags << 8 & AllTags) | tag;
         ZoHashEntry* kept[capacity - 1];
@@ -81,7 +81,7 @@ public:
         return FoundInBucket::Untagged;
     }
 
-    // A narrow line does not look for the address of another one: that would wait for memory.
+    // A narrow line does not fetch the address of a further entry: that would be a cache miss.
     void Remove(int place) {
         if (place == FoundInBucket::Untagged) return;
         RemoveAddress(place);
@@ -91,7 +91,7 @@ public:
 
     void Clear() { *this = BucketLine(); }
 
-    // Makes an empty line that of the chain which a narrower one is of.
+    // Fills an empty line for the chain of a narrower line.
     template <std::size_t otherCapacity>
     void Widen(BucketLine<otherCapacity> const& other, ZoHashEntry* head) {
         static_assert(otherCapacity < capacity);
@@ -105,13 +105,13 @@ public:
         }
     }
 
-    // Asks for the memory of the entries.
+    // Prefetches the entries.
     void PrefetchEntries() const {
         for (std::size_t i = 0; i < std::min(capacity, std::size_t{4}); ++i)
             __builtin_prefetch(entries[i]);
     }
 
-    // Asks for the memory of the last entry that has an address.
+    // Prefetches the last entry that has an address.
     void PrefetchLink() const { __builtin_prefetch(entries[capacity - 1]); }
 
 private:
@@ -130,22 +130,24 @@ private:
     bool GoesOn() const { return (tags & GoesOnBit) != 0; }
     int TagCount() const { return (static_cast<int>(std::bit_width(tags & AllTags)) + 7) / 8; }
 
-    // The highest bit of each byte that equals the tag. A difference of tags is at most 127, so it
-    // takes the bit away from 128 unless it is 0, and nothing from the byte above. In few steps:
-    // all of them wait for the line, and a processor has room for so many that wait.
+    // Sets the highest bit of each byte that equals the tag. A difference of tags is at most 127:
+    // subtracted from 128 it clears that bit unless it is 0, and borrows nothing from the byte
+    // above. The steps are few because all of them wait for the line, and a processor keeps only so
+    // many waiting instructions.
     std::uint64_t PlacesOf(EntryTag tag) const {
         constexpr std::uint64_t Ones = 0x0101010101010101U, Bits = 0x80 * Ones & AllTags;
         return (Bits - (tags ^ tag * Ones)) & Bits;
     }
 
-    // By an index: nothing could predict a branch that depends on the place.
+    // An index instead of a branch: the place is unpredictable.
     ZoHashEntry** LinkTo(unsigned place, ZoHashEntry*& head) const {
         ZoHashEntry* const before = entries[place - (place != 0 ? 1 : 0)];
         ZoHashEntry** const links[] = {&head, &before->next};
         return links[place != 0 ? 1 : 0];
     }
 
-    // By masks, for the reason above, and of a comparison the compiler makes a branch.
+    // Masks instead of branches: the place is unpredictable, and a compiler turns a comparison into
+    // a branch.
     void RemoveAddress(int place) {
         if (place >= int{capacity}) return;
         constexpr std::uintptr_t Stays = 0, Moves = ~Stays;
@@ -161,7 +163,7 @@ private:
         entries[capacity - 1] = nullptr;
     }
 
-    // Among those that have no address here.
+    // Walks the entries that have no address in the line.
     template <class IsSought>
     [[gnu::noinline]] FoundInBucket SearchRest(ZoHashEntry*& head, IsSought isSought) const {
         int place = std::min(TagCount(), int{capacity});

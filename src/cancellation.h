@@ -1,13 +1,13 @@
-// Putting off the cancellation of the calling thread.
+// Deferring the cancellation of the calling thread.
 
 #ifndef KELVARA_SRC_CANCELLATION_H_
 #define KELVARA_SRC_CANCELLATION_H_
 
 #include <pthread.h>
 
-// Puts it off for a scope. For steps that pass cancellation points while a section is held (a
-// thread that vanished there would take the section with it), that must not end half-way, or that
-// run in a destructor, through which a cancellation cannot unwind.
+// Defers it for a scope. For steps that pass cancellation points while a section is held (a thread
+// that is cancelled there would never release it), that must not end half-way, or that run in a
+// destructor, through which a cancellation cannot unwind.
 class CancellationDeferred {
 public:
     CancellationDeferred() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous); }

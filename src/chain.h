@@ -20,7 +20,7 @@ void UnchainSection(ZoCritSect* section);
 void ForgetChain();
 
 // Takes `object` out if chaining is on: the first act of every destructor that has something to
-// destroy, so that no walk of the chain meets an object half gone.
+// destroy, so that no walk of the chain meets a half-destroyed object.
 inline void LeaveChain(ZoSynchroObj* object) {
     if (suppress_chaining == 0) HandleChaining(object, 0);
 }

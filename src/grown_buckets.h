@@ -1,15 +1,14 @@
-// The memory of a grown hash table: the heads of its buckets' chains, and what stands in front of
-// them in the same block.
+// The memory of a grown hash table: the heads of its buckets' chains, and in front of them, in the
+// same block, a line for each bucket (bucket_line.h), for the kinds of keys that have lines.
 //
-// For some kinds of keys that is a line a bucket, the larger part of the memory. A table that has
-// just grown has one entry a bucket: its lines are narrow. Half way to its next growth another
-// block, with wide lines, takes the first one's place.
+// The lines are the larger part of the memory. A table that has just grown has one entry a bucket:
+// its lines are narrow. Half way to the next growth a block with wide lines replaces the first.
 //
 //     entries a bucket    lines     bytes a bucket, with its head, on 64 bits
 //     1 to 2              narrow    40
 //     2 to 4              wide      72
 //
-// And here a table keeps the blocks of some erased entries.
+// A table also keeps here its free list: the blocks of some erased entries.
 //
 //     GrownBuckets* const grown = GrownBuckets::Make(count, GrownBuckets::Narrow);
 //     table.buckets = grown->Heads();
@@ -31,12 +30,12 @@ class GrownBuckets {
 public:
     enum Lines : ZoUInt32 { None, Narrow, Wide };
 
-    // So many empty buckets; null when memory ran out.
+    // A block of `count` empty buckets; null when memory ran out.
     static GrownBuckets* Make(ZoUInt32 count, Lines lines);
-    // Wide lines of the same chains, with all that is kept here; null when memory ran out. The
-    // block that has the narrow ones is still to be freed.
+    // A block with wide lines for the same chains, and the free list; null when memory ran out. The
+    // caller frees this block.
     GrownBuckets* Widened(ZoUInt32 count);
-    // Frees the block; no entry.
+    // Frees the block, but no entry.
     void Free() { ::operator delete(block); }
 
     static GrownBuckets& Of(ZoHashEntry** heads) {
@@ -54,9 +53,9 @@ public:
         return lines == Wide ? work(LineAt<WideLine>(index)) : work(LineAt<NarrowLine>(index));
     }
 
-    // --- blocks of erased entries --------------------------------------------------------------
+    // --- free list -----------------------------------------------------------------------------
 
-    ZoHashEntry* spares;  // a chain of entries that are in no bucket
+    ZoHashEntry* spares;  // erased entries, linked by `next`
     ZoUInt32 nSpares;
 
 private:

@@ -6,9 +6,9 @@
 #include "cancellation.h"
 #include "zosleep.h"
 
-// One wait, a turn for each look that found nothing. It yields the processor first. A yield lets
-// only threads of the same or a higher real-time priority run, so one that goes on sleeps a little:
-// the other thread may have a lower one. No cancellation point.
+// One wait, with a turn for each failed test. The first turns yield the processor. A yield lets
+// only threads of the same or a higher real-time priority run, and the other thread may have a
+// lower one, so later turns sleep a little. No cancellation point.
 class Patience {
 public:
     static constexpr int Yields = 100;

@@ -1,11 +1,11 @@
-// Whether the process is ending, so that the library calls exit() only when nobody else does.
+// Whether the process is ending, so that the library calls exit() only when no other thread does.
 //
 // Two threads in exit() at once may crash, and a signal that comes while the process ends changes
 // nothing. exit() begins with the destructors of the calling thread's thread_local objects, and so
 // does the end of a thread; but only the latter goes on to the destructors of the thread's keys. So
 // a watched thread is `leaving` from the one to the other: as long as one is, it may be in exit(),
-// and signals are put off. If it is not, the end of that state hands them out again; if it is, that
-// never comes.
+// and signals are deferred. If it is not in exit(), the end of that state delivers them; if it is,
+// that state never ends.
 //
 //     calling thread               leaving from
 //     watched                      the destructor of an object that WatchCallingThread makes: after

@@ -30,8 +30,8 @@ constexpr int UnreadSwitch = 0xF000;
 std::atomic<int> zova_console{UnreadSwitch};
 [[maybe_unused]] int const isMarked = checkers::AreAtomic(zova_console);
 
-// Whether the calling thread is asking the configuration. That may write to the console itself:
-// for this thread the console is off meanwhile, or each write would ask again.
+// Whether the calling thread is asking the configuration. The configuration may write to the
+// console itself: the console is off for this thread meanwhile, or each write would ask again.
 constinit thread_local bool isAsking = false;
 
 class AskingScope {
@@ -53,7 +53,7 @@ std::atomic_ref<smp_io*> TheConsole() {
 
 }  // namespace
 
-// Stored once, when it is known: other threads write meanwhile as the switch stood.
+// Stores the switch once, when it is known: until then it stays as it was for other threads.
 void _Configure_smp_io() {
     if (isAsking) return;
     AskingScope asking;
@@ -95,7 +95,7 @@ void _smp_io::flush() {
     if (ConsoleIsOn()) std::fflush(stderr);
 }
 
-// --- who uses a sink ---------------------------------------------------------------------------
+// --- the users of a sink -----------------------------------------------------------------------
 
 namespace {
 

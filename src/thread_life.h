@@ -22,7 +22,7 @@
 //
 // The lock also decides between an abort and the thread's next access to its thread object: an
 // abort that was accepted is seen by UnlessAborted, and an access that was begun is over before the
-// abort is accepted. So whoever has aborted a thread may destroy the object.
+// abort is accepted. So a thread that has aborted another one may destroy its object.
 class ThreadLife {
 public:
     // Idle -> Starting -> Running -> Finishing -> Ended. Starting: on the way, handle not known.
@@ -41,9 +41,9 @@ public:
         if (references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
     }
 
-    // In a child, about a thread of the parent: it is not there, and may have left the lock taken.
+    // In a child, for a thread of the parent: it is absent, and may have left the lock taken.
     bool IsAbsent() const { return !process.IsThis(); }
-    // In a child: the thread that forked goes on there; who tried to abort it does not.
+    // In a child: the thread that forked goes on there; a thread that tried to abort it does not.
     static void ForgetAbsentThreads() {
         if (current == nullptr) return;
         new (&current->mutex) std::mutex;
@@ -66,8 +66,8 @@ public:
         pthread_exit(PTHREAD_CANCELED);
     }
 
-    // Wakes a starter that has looked at its record long enough. By the new thread, after it has
-    // set the record's flag.
+    // Wakes a starter that sleeps in AwaitStarted. By the new thread, after it has set the record's
+    // flag.
     void SayStarted() {
         { std::lock_guard<std::mutex> const hold(mutex); }
         started.notify_one();
@@ -95,12 +95,12 @@ private:
     ProcessOfOrigin process;
 };
 
-// The threads that nobody waits for any more but that still release their per-thread record, which
-// needs the library context. Its tear-down waits for them: whoever has seen a watcher at zero or a
-// queue destroyed may tear down at once.
+// Threads that are believed to be gone but still release their per-thread record, which needs the
+// library context. The tear-down of the context waits for them: it may begin as soon as a watcher
+// is at zero or a queue destroyed.
 class EndingThreads {
 public:
-    // By a system thread that is about to let others believe that it is gone.
+    // By a system thread, before it tells others that it is gone.
     static void Enter();
     // By the key's destructor, once the record is released; also where the thread has not entered.
     static void Leave();

@@ -21,8 +21,8 @@ class DefaultLogic final : public ConditionLogic {};
 // Every new condition's logic until its owner installs another.
 DefaultLogic defaultLogic;
 
-// Calls an operation of a condition's logic: that of nearly all conditions without the detour
-// through its table, which also lets the compiler merge it with what stands around it.
+// Calls an operation of a condition's logic. The default logic, which nearly all conditions have,
+// is called directly, so that the compiler can inline it.
 template <class Operation>
 auto WithLogic(ConditionLogic* logic, Operation operation) {
     return logic == &defaultLogic ? operation(defaultLogic) : operation(*logic);
@@ -104,7 +104,7 @@ void Condition::GetInfo(char* buffer, int size) {
 
 namespace {
 
-// Holds a mutex for a scope; also lets go of it when a wait in the scope is cancelled.
+// Holds a mutex for a scope; a cancelled wait in the scope releases it.
 class MutexHold {
 public:
     explicit MutexHold(pthread_mutex_t& mutex) : mutex(&mutex) { pthread_mutex_lock(&mutex); }
@@ -136,11 +136,11 @@ timespec DeadlineAfter(ZoUInt32 milliseconds) {
 
 }  // namespace
 
-// A thread that sleeps, for a scope with the mutex held at both ends, also when the sleep is
+// A sleeping thread. The mutex is held when a Sleeper is made and destroyed, also when the sleep is
 // cancelled.
 //
 // Each sleeper has a POSIX condition variable to itself. With three and more sleepers on one, glibc
-// before 2.41 may lose a signal (its bug 25847): nobody wakes although one should.
+// before 2.41 may lose a signal (its bug 25847): no waiter wakes although one should.
 class POSIXCondition::Sleeper {
 public:
     explicit Sleeper(POSIXCondition& of) : of(of), sharing(!of.conditionIsTaken) {
@@ -211,8 +211,8 @@ POSIXCondition::POSIXCondition(char const* name, ChainLock const& held)
     pthread_cond_init(&condition, &conditionAttributes);
 }
 
-// The system waits for those who still sleep on a condition that is destroyed. They would be
-// threads of the parent if this is a child.
+// pthread_cond_destroy waits for threads that still sleep on the variable. In a child they would be
+// threads of the parent, so there it is not called.
 POSIXCondition::~POSIXCondition() {
     LeaveChain(this);
     pthread_mutex_destroy(&mutex);
@@ -260,8 +260,8 @@ void POSIXCondition::SafeSignal() {
     firstSleeper->Wake();
 }
 
-// In a child: those that slept in the parent are not there, nor are their stacks, and a signal must
-// not go to one of them.
+// In a child: the sleepers of the parent are absent, as are their stacks. No signal may go to one
+// of them.
 void POSIXCondition::SafeForgetAbsentSleepers() {
     pthread_cond_init(&condition, &conditionAttributes);
     conditionIsTaken = false;

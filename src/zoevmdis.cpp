@@ -77,7 +77,7 @@ int ZoSimpleEvent::Print(char const* piece, int count) {
 
 namespace {
 
-// Holds every number that fits an event's text; of a longer one only the length counts.
+// Large enough for every number that fits an event's text. Of a longer one only the length is used.
 constexpr int NumberSize = 256;
 
 __attribute__((format(printf, 2, 3))) ZoSimpleEvent& PrintFormatted(ZoSimpleEvent& event,
@@ -223,13 +223,12 @@ void Take(ZoEventListener* listener) {
     listener->refCount.fetch_add(1, std::memory_order_relaxed);
 }
 
-// Acquire and release order, so that whoever deletes the listener has all its other users behind
-// it.
+// Acquire and release order: every use of the listener happens before its deletion.
 void GiveBack(ZoEventListener* listener) {
     if (listener->refCount.fetch_sub(1, std::memory_order_acq_rel) == 1) delete listener;
 }
 
-// Keeps a listener alive for a scope, and deletes it at the end if nobody else holds it by then.
+// Holds a reference to a listener for a scope; the last reference deletes it.
 class ListenerHold {
 public:
     explicit ListenerHold(ZoEventListener* listener) : listener(listener) { Take(listener); }
@@ -241,7 +240,7 @@ private:
     ZoEventListener* listener;
 };
 
-// Takes a chain apart and puts it together in the other direction.
+// Reverses a chain.
 ZoListenerRegistration* Reversed(ZoListenerRegistration* chain) {
     ZoListenerRegistration* reversed = nullptr;
     while (chain != nullptr) {
@@ -264,8 +263,8 @@ ZoListenerRegistration::ZoListenerRegistration(unsigned long mask, unsigned long
     Take(listener);
 }
 
-// The rest goes one by one, each cut off before it is deleted: a chain may be longer than the stack
-// is deep.
+// Deletes the chain without recursion, each registration cut off before it is deleted: a chain may
+// be longer than the stack is deep.
 ZoListenerRegistration::~ZoListenerRegistration() {
     ZoListenerRegistration* rest = Reversed(next);
     while (rest != nullptr) {
@@ -526,11 +525,11 @@ namespace {
 
 char const* const ModeKey = "mode";
 
-// How far the configuration of the switches has come: first the flags, then, as soon as there is a
-// dispatcher, the console listener. The thread that takes it from a step that is due to
-// BeingConfigured does that step, and nobody waits for it: the work calls the configuration, the
-// dispatcher and the console, any of which may ask for the debugger itself, or may be held by a
-// thread that does. Release order of the end of a step publishes the flags.
+// The state of the configuration: first the flags are read, then, as soon as there is a dispatcher,
+// the console listener is registered. The thread that moves the state from a due step to
+// BeingConfigured does that step. No thread waits for it: the step calls the configuration, the
+// dispatcher and the console, each of which may ask for the debugger itself or be held by a thread
+// that does. The release order of the end of a step publishes the flags.
 constexpr int FlagsAreDue = 0;
 constexpr int ListenerIsDue = 1;
 constexpr int BeingConfigured = 2;
@@ -565,8 +564,8 @@ void RegisterConsoleListener(ZoEventMessageDispatcher& dispatcher) {
     }
 }
 
-// Does one step, if it is due. The end fails when new switches were made meanwhile: they want steps
-// of their own.
+// Does one step, if it is due. The second exchange fails when new switches were made meanwhile:
+// they need steps of their own.
 template <class Work>
 void DoStep(int due, int next, Work work) {
     if (!configured.compare_exchange_strong(due, BeingConfigured, std::memory_order_acquire))
@@ -587,7 +586,7 @@ void ConfigureFlags() {
     });
 }
 
-// Kept out of GetDebugger, whose usual way must not pay for it.
+// Not inlined, so that the fast path of GetDebugger stays short.
 [[gnu::noinline, gnu::cold]] void ConfigureDebugger() {
     if (configured.load(std::memory_order_relaxed) == FlagsAreDue) ConfigureFlags();
     ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();

@@ -39,12 +39,12 @@ public:
 constinit ZoDecreaseThreadCount _dec;
 constexpr ZoWorkUnit* decreaseThreadCount = &_dec;
 
-// How often a worker looks for a unit, letting others run in between, before it sleeps: a unit that
-// comes meanwhile saves the worker a sleep and the appender the waking of it.
+// How often a worker looks for a unit, yielding in between, before it sleeps. A unit that comes
+// meanwhile saves the worker a sleep and the appender a wake-up.
 constexpr int Looks = 8;
 
-// The places of some units in the list, one after the other; deleting it leaves the units alone.
-// There is one allocation, and one change of the list, for so many units.
+// A block of the list with places for many units, in order, so that there is one allocation and one
+// change of the list for all of them. Deleting it leaves the units alone.
 class ZoQueueItem final : public ZoLinkedListItem {
 public:
     static constexpr int Places = 256;
@@ -74,7 +74,7 @@ private:
     ZoWorkUnit* units[Places];
 };
 
-// For a few instructions at a time; a holder passes no cancellation point.
+// A lock that is held for a few instructions. The holder passes no cancellation point.
 class BriefLock {
 public:
     BriefLock() { checkers::AreAtomic(held); }
@@ -107,8 +107,8 @@ private:
 class WorkersWatcher final : public ZoResourceWatcher {
 public:
     bool IsMade() const { return condition != nullptr; }
-    // Whether there is none, in the order of events: what the workers that are gone saw before they
-    // took the count down, the caller sees afterwards.
+    // Whether there is no worker. If so, the caller sees everything that the workers did before
+    // they took the count down.
     bool AreGone() const {
         if (Counter() >= 1) return false;
         int const count = condition->Lock();
@@ -154,15 +154,15 @@ public:
     // False when memory ran out; the queue is then good for deletion only.
     bool IsMade() const { return condition != nullptr && workers.IsMade(); }
 
-    // With the lock held.
-    // Returns whether there are news for a waiter; what became of the append goes to `result`.
+    // With the lock held. Returns SafeHasWorkOrEnd; the result of the append goes to `result`.
     bool SafeAppend(ZoWorkUnit* unit, int& result);
-    bool SafeHasNews();
+    // Whether a waiter has a unit to take, or the queue is terminated.
+    bool SafeHasWorkOrEnd();
 
 private:
     struct Taken {
         ZoWorkUnit* unit;  // null: there was none to take
-        bool later;        // whether looking again may help
+        bool mayRetry;     // a unit may come soon: look again
     };
 
     int _IncreaseThreadCount();
@@ -173,7 +173,7 @@ private:
     ZoWorkUnit* AwaitAndTake();
     ZoWorkUnit* SafeTakeFirst();
     int SafeLength();
-    void SafeCountPassedOn();
+    void SafeCountLeftBehind();
     bool IsTerminated() const { return terminated.load(std::memory_order_relaxed) != 0; }
     void BeginTermination();
 
@@ -184,31 +184,31 @@ private:
         ZoLinkedList items;
     };
     Condition* condition;
-    // Goes from 0 to 1 without the lock, by itself, so a relaxed order is enough: whoever sets it
-    // takes the lock afterwards, to signal, and nobody waits without having tested it under the
-    // lock. So a waiter has either seen it, or is signalled and then sees it.
+    // Set to 1 without the lock. Relaxed order is enough: the setter takes the lock afterwards, to
+    // signal, and a waiter tests it under the lock before it sleeps. So a waiter has either seen
+    // it, or is signalled and then sees it.
     std::atomic<int> terminated;
     WorkersWatcher workers;
     void* const context;
 
-    // Those who append and those who take need not wait for each other. Appending is done under the
-    // lock of the queue, at the end of the last item. Taking is done under `taking`, from the first
-    // item, as far as its places are used. To take the first item away, or to find out which item
-    // is the first, both locks are held, the queue's outside. The two sides write to different
-    // lines of the processors' caches; what was allocated next, the condition as a rule, is kept
-    // apart too.
+    // Appenders and workers do not wait for each other. An appender holds the queue's lock and adds
+    // to the last item. A worker holds `taking` and takes from the first item, up to its last used
+    // place. Removing the first item, or finding out which item is the first, takes both locks, the
+    // queue's first. The two sides write to different cache lines; the padding also separates them
+    // from the next allocation, usually the condition.
     [[maybe_unused]] char apart[64];
     BriefLock taking;
     ZoQueueItem* first = nullptr;  // in items; null until a worker has looked; guarded by taking
     int taken = 0;                 // of the first item's places, never all; guarded by taking
     int ready = 0;                 // how many of those had a unit the last time; guarded by taking
-    int passedOn = 0;  // news left behind, not yet counted in condition; guarded by taking
+    int leftBehind =
+        0;  // times a worker left units, not yet counted in condition; guarded by taking
     [[maybe_unused]] char apartFromTheNext[64];
     ProcessOfOrigin const process;
 };
 
 int ZoWorkQueueImplLogic::SafeTest(int*) {
-    return queue->SafeHasNews() ? 0 : 1;
+    return queue->SafeHasWorkOrEnd() ? 0 : 1;
 }
 
 int ZoWorkQueueImplLogic::SafeSetApp(int*, void* unit, void* result) {
@@ -269,10 +269,10 @@ int ZoWorkQueueImpl::Append(ZoWorkUnit* unit) {
     return result;
 }
 
-// Once the unit is in the list, or handled, it is not the queue's to touch.
+// The unit must not be touched once it is in the list or has been handled: it may be gone.
 bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
-    // In this order: the workers of a terminated queue leave it, and then the unit is refused. The
-    // caller handles it only if there were none.
+    // The order matters. The workers of a terminated queue leave it, and then the unit is refused:
+    // the caller handles it only if there were no workers before.
     bool const nobody = workers.AreGone();
     if (IsTerminated()) {
         result = ZoRefused;
@@ -280,14 +280,14 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     }
     if (nobody) {
         unit->Handle(this);
-        return SafeHasNews();
+        return SafeHasWorkOrEnd();
     }
     auto* item = static_cast<ZoQueueItem*>(items.GetLast());
     if (item == nullptr || item->IsFull()) {
         item = new (std::nothrow) ZoQueueItem;
         if (item == nullptr) {
             result = ZoOutOfMemory;
-            return SafeHasNews();
+            return SafeHasWorkOrEnd();
         }
         items.InsertLast(item);
     }
@@ -296,8 +296,8 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     return true;
 }
 
-// No unit waits for a worker that sleeps. While nobody changes the queue under its lock, this
-// holds: of the workers asleep, as many as units are waiting, or all of them, have been signalled.
+// No unit waits while a worker sleeps. Invariant, whenever the queue's lock is free: of the
+// sleeping workers, as many as there are waiting units, or all of them, have been signalled.
 //   - An append adds a unit and signals one that is asleep, in one hold of the lock.
 //   - A worker falls asleep only if no unit is waiting, which it finds out in the same hold.
 //   - A worker that is woken takes a unit in the hold in which it wakes up, or there is none left.
@@ -308,7 +308,7 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
 ZoWorkUnit* ZoWorkQueueImpl::Next() {
     while (!IsTerminated()) {
         Taken got = TakeReady();
-        for (int look = 1; look < Looks && got.later; ++look) {
+        for (int look = 1; look < Looks && got.mayRetry; ++look) {
             ZoYieldProcessor();
             got = TakeReady();
         }
@@ -318,15 +318,15 @@ ZoWorkUnit* ZoWorkQueueImpl::Next() {
     return nullptr;
 }
 
-// Leaves the last place of an item to AwaitAndTake, which may take the item away. So whoever takes
-// from an item here knows that it is full only if there are units left in it.
+// Leaves the last place of an item to AwaitAndTake, which may remove the item. So an item from
+// which a unit is taken here still has units in it whenever it is full.
 ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
     std::lock_guard<BriefLock> const hold(taking);
     if (IsTerminated() || first == nullptr) return {nullptr, false};
     if (!SafeIsReady()) return {nullptr, true};
     if (taken == ZoQueueItem::Places - 1) return {nullptr, false};
     ZoWorkUnit* const unit = first->At(taken++);
-    if (SafeIsReady()) ++passedOn;
+    if (SafeIsReady()) ++leftBehind;
     return {unit, false};
 }
 
@@ -340,8 +340,8 @@ bool ZoWorkQueueImpl::SafeIsReady() {
 ZoWorkUnit* ZoWorkQueueImpl::AwaitAndTake() {
     condition->WaitForCondition(1, ZoNoLimit);
     ZoWorkUnit* const unit = IsTerminated() ? nullptr : SafeTakeFirst();
-    SafeCountPassedOn();
-    bool const more = SafeHasNews();
+    SafeCountLeftBehind();
+    bool const more = SafeHasWorkOrEnd();
     condition->Unlock();
     if (more) condition->SetCondition();
     return unit;
@@ -368,7 +368,7 @@ void ZoWorkQueueImpl::SafeTurnOver() {
     }
 }
 
-bool ZoWorkQueueImpl::SafeHasNews() {
+bool ZoWorkQueueImpl::SafeHasWorkOrEnd() {
     if (IsTerminated()) return true;
     std::lock_guard<BriefLock> const hold(taking);
     if (first == nullptr) return items.GetFirst() != nullptr;  // no unit of that one is taken yet
@@ -384,12 +384,12 @@ int ZoWorkQueueImpl::SafeLength() {
     return length;
 }
 
-// The value of the condition counts how often a worker left news behind, whether or not another one
-// slept that had to be told.
-void ZoWorkQueueImpl::SafeCountPassedOn() {
+// The condition's value counts how often a worker left units behind, whether or not a sleeping
+// worker had to be woken for them.
+void ZoWorkQueueImpl::SafeCountLeftBehind() {
     std::lock_guard<BriefLock> const hold(taking);
-    AddToValue(&condition->value, passedOn);
-    passedOn = 0;
+    AddToValue(&condition->value, leftBehind);
+    leftBehind = 0;
 }
 
 int ZoWorkQueueImpl::Length() {
@@ -413,17 +413,18 @@ int ZoWorkQueueImpl::IncreaseThreadCount() {
     return _IncreaseThreadCount();
 }
 
-// The lock keeps whoever asks how many workers there are before it appends waiting.
+// The worker is started under the lock: an appender that checks the count of workers must wait for
+// it.
 int ZoWorkQueueImpl::_IncreaseThreadCount() {
     CancellationDeferred deferred;
     condition->Lock();
     SafeStartWorker();
-    SafeCountPassedOn();
+    SafeCountLeftBehind();
     return condition->Unlock();
 }
 
-// A worker that has been started is its own and may be gone already. One that has not is of no use
-// to anybody.
+// A worker that has been started deletes itself and may be gone already. One that could not be
+// started is deleted here.
 void ZoWorkQueueImpl::SafeStartWorker() {
     ZoQueueWorker* const worker = new (std::nothrow) ZoQueueWorker(this);
     if (worker == nullptr) return;

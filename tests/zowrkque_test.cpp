@@ -209,7 +209,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
                 delete unit;
             }
         });
-        if (end == Drained) {  // nobody appends any more: whoever sleeps now sleeps on
+        if (end == Drained) {  // no more appends: a worker that sleeps now sleeps on
             Await([&] { return queue->Length() == 0; });
         }
         queue.reset();

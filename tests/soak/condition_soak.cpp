@@ -1,7 +1,7 @@
 // Puts threads to sleep and wakes them, through conditions and work queues, many million times, and
 // looks whether a wake-up is lost.
 //
-//     condition_soak [WAITS [NOTE]]      the NOTE is for whoever looks at the list of processes
+//     condition_soak [WAITS [NOTE]]      the NOTE shows in the list of processes
 //
 // The scenarios run in turn, each for a share of the waits, until there were so many or SIGINT or
 // SIGTERM ends the run. A lane of a scenario is a condition or a queue, its waiters, and a driver.
