@@ -2,25 +2,40 @@
 #include <benchmark/benchmark.h>
 #include <boost/thread/shared_mutex.hpp>
 
+#include <atomic>
+#include <chrono>
+#include <limits>
 #include <memory>
 #include <shared_mutex>
 #include <string>
+#include <thread>
 
 #include "hot_owner.h"
 #include "rw_mutex.h"
+#include "zocrits.h"
 
 namespace {
 
-class Ours {
+// With deadlock detection it is seen by that.
+template <bool Detecting>
+class Mutex {
 public:
+    Mutex() {
+        *ZoGetDeadLockDetectionEnabled() = Detecting ? 1 : 0;
+        mutex.reset(ZoRW_Mutex::Make(nullptr));
+        *ZoGetDeadLockDetectionEnabled() = 0;
+    }
     void BeginRead() { mutex->StartRW(0, ZoNoLimit); }
     void EndRead() { mutex->EndRW(0); }
     void BeginWrite() { mutex->StartRW(1, ZoNoLimit); }
     void EndWrite() { mutex->EndRW(1); }
 
 private:
-    std::unique_ptr<ZoRW_Mutex> mutex{ZoRW_Mutex::Make(nullptr)};
+    std::unique_ptr<ZoRW_Mutex> mutex;
 };
+
+using Ours = Mutex<false>;
+using Seen = Mutex<true>;
 
 template <class Mutex>
 class Peer {
@@ -104,6 +119,35 @@ struct Writing {
     Subject& subject;
 };
 
+// A write that has to wait: each time a thread reads when it is asked for, and ends its read only
+// when the writer sleeps, or soon will.
+template <class Subject>
+void WriteAgainstReader(benchmark::State& state) {
+    Subject subject;
+    std::atomic<long> asked{0}, reading{0};
+    std::thread reader([&] {
+        for (long round = 1;; ++round) {
+            while (asked.load(std::memory_order_acquire) < round) std::this_thread::yield();
+            if (asked.load(std::memory_order_relaxed) == std::numeric_limits<long>::max()) break;
+            subject.BeginRead();
+            reading.store(round, std::memory_order_release);
+            auto const end = std::chrono::steady_clock::now() + std::chrono::microseconds(20);
+            while (std::chrono::steady_clock::now() < end) {
+            }
+            subject.EndRead();
+        }
+    });
+    long round = 0;
+    for (auto _ : state) {
+        asked.store(++round, std::memory_order_release);
+        while (reading.load(std::memory_order_acquire) < round) std::this_thread::yield();
+        subject.BeginWrite();
+        subject.EndWrite();
+    }
+    asked.store(std::numeric_limits<long>::max(), std::memory_order_release);
+    reader.join();
+}
+
 template <class Subject>
 void RegisterHot(std::string const& who) {
     RegisterOnProcessors("writer against a hot writer", who, [](auto& state, int processors) {
@@ -132,6 +176,15 @@ BENCHMARK(NestedReads)->Name("nested read, end/zo");
 BENCHMARK(Reads<Standard>)->Name("nested read, end/std::shared_mutex");
 BENCHMARK(Writes<Ours>)->Name("write, end/zo");
 BENCHMARK(Writes<Standard>)->Name("write, end/std::shared_mutex");
+BENCHMARK(Reads<Seen>)->Name("first read, end/detected")->ThreadRange(1, 2)->UseRealTime();
+BENCHMARK(Writes<Seen>)->Name("write, end/detected");
+BENCHMARK(WriteAgainstReader<Seen>)->Name("write against a reader, detected/zo")->UseRealTime();
+BENCHMARK(WriteAgainstReader<Ours>)
+    ->Name("write against a reader, detected/undetected")
+    ->UseRealTime();
+BENCHMARK(WriteAgainstReader<Standard>)
+    ->Name("write against a reader, detected/std::shared_mutex")
+    ->UseRealTime();
 BENCHMARK(MostlyReads<Ours>)->Name("95 % reads/zo")->Threads(2)->UseRealTime();
 BENCHMARK(MostlyReads<Standard>)->Name("95 % reads/std::shared_mutex")->Threads(2)->UseRealTime();
 BENCHMARK(MostlyReads<Boost>)->Name("95 % reads/boost::shared_mutex")->Threads(2)->UseRealTime();
