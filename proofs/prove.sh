@@ -9,6 +9,7 @@
 set -uo pipefail
 cd "$(dirname "$0")" || exit 1
 export work=../build/proofs
+export depth=2000000
 
 lines() { sed -nE "s|^// $1: *||p" "$2.pml"; }
 
@@ -24,7 +25,7 @@ verify() {
         cd "$folder" || exit 1
         spin -a "$@" "$model.pml" &&
             ${CC:-cc} -w -O1 -DSAFETY -DCOLLAPSE -DMEMLIM=4000 -o pan pan.c &&
-            ./pan -m1000000
+            ./pan -m"$depth"
     ) >"$folder/log" 2>&1
     echo "$folder/log"
 }
@@ -69,7 +70,10 @@ prove() {
     local model=$1 options last start count
     while read -ra options; do
         check "$model" "${options[@]}"
-    done < <(lines check "$model"; [ -z "$large" ] || lines large "$model")
+    done < <(lines check "$model")
+    while [ -n "$large" ] && read -ra options; do
+        depth=10000000 check "$model" "${options[@]}"
+    done < <(lines large "$model")
     start=$(now)
     count=$(lines fault "$model" | wc -l)
     last=$(lines check "$model" | tail -n 1)
