@@ -140,7 +140,7 @@ std::size_t Distance(std::string_view text, std::string_view known) {
     return row[known.size()];
 }
 
-// So near that one may have been meant for the other.
+// So near that one may have been meant for the other. The known names differ by more than that.
 bool IsSlip(std::size_t distance, std::string_view known) {
     return distance <= 2 && distance <= known.size() / 2;
 }
@@ -166,13 +166,9 @@ std::string DescribeUnknownKey(std::string_view section, std::string_view key) {
     bool const inKnownSection = DescribeUnknownSection(section).empty();
     if (!section.empty() && !inKnownSection) return {};  // the section has been told
     Name const* nearest = nullptr;
-    std::size_t least = LongestKnown;
     for (Name const& name : KnownNames) {
         if (name.section == section && name.key == key) return {};
-        std::size_t const distance = Distance(key, name.key);
-        if (distance >= least || !IsSlip(distance, name.key)) continue;
-        nearest = &name;
-        least = distance;
+        if (IsSlip(Distance(key, name.key), name.key)) nearest = &name;
     }
     std::string text =
         "unknown key " + std::string(key) +
