@@ -6,6 +6,7 @@
 #include "cancellation.h"
 #include "chain.h"
 #include "checkers.h"
+#include "ending_threads.h"
 #include "smp_io.h"
 #include "thrdimp.h"
 #include "thread_entry.h"

@@ -4,6 +4,8 @@
 
 #include "abort_handlers.h"
 #include "console_sink.h"
+#include "current_thread.h"
+#include "ending_threads.h"
 #include "process_end.h"
 #include "thread_life.h"
 #include "wait_graph.h"
@@ -21,11 +23,13 @@ void BeforeFork() {
     } while (!AbortionAtFork::Lock());
     ProcessEnd::lock.lock();
     LockConsole();
+    LockRecordKey();
     EndingThreads::Lock();
 }
 
 void AfterFork() {
     EndingThreads::Unlock();
+    UnlockRecordKey();
     UnlockConsole();
     ProcessEnd::lock.unlock();
     AbortionAtFork::Unlock();

@@ -1,15 +1,20 @@
-// The sink of a console front, shared by the threads that write to it.
+// The sink of a console, shared by the threads that write to it.
 
 #ifndef KELVARA_SRC_CONSOLE_SINK_H_
 #define KELVARA_SRC_CONSOLE_SINK_H_
 
 #include "smp_io.h"
 
-class deadlock_io;
+// A sink that a SinkScope installs. It lives as long as the scope, and until the last thread that
+// fetched it meanwhile has used it.
+class ScopedSink : public _smp_io {
+private:
+    friend class SinkUse;
+    friend class SinkScope;
+    long users = 1;  // the scope, and the threads that use the sink; guarded by the console's lock
+};
 
-// A front's sink for one use. A sink is the host's code and is called without any lock; the one
-// that is not there for good, a deadlock report's, stays alive until the last thread that fetched
-// it has used it.
+// A console's sink for one use. A sink is the host's code and is called without any lock.
 class SinkUse {
 public:
     explicit SinkUse(smp_io const& stream);
@@ -22,23 +27,23 @@ public:
 
 private:
     _smp_io* sink;
-    deadlock_io* report;  // the sink, if it is a report's
+    ScopedSink* scoped;  // the sink, if it is the one of a scope
 };
 
-// Puts a new deadlock_io around a console's sink for a scope. Reports follow each other, so there
-// is one at a time.
-class LoggedConsole {
+// Replaces a console's sink for a scope by `own`, which it owns; null replaces nothing. A scope may
+// begin inside another one, on the same thread. Two threads must not have scopes at once.
+class SinkScope {
 public:
-    explicit LoggedConsole(smp_io& console);
-    LoggedConsole(LoggedConsole const&) = delete;
-    LoggedConsole& operator=(LoggedConsole const&) = delete;
-    ~LoggedConsole();
+    SinkScope(smp_io& console, ScopedSink* own);
+    SinkScope(SinkScope const&) = delete;
+    SinkScope& operator=(SinkScope const&) = delete;
+    ~SinkScope();
 
 private:
     smp_io& console;
-    _smp_io* const saved;
-    deadlock_io* const log;
-    deadlock_io* outer = nullptr;  // the report that this one interrupts, begun in its sink
+    _smp_io* saved = nullptr;
+    ScopedSink* const own;
+    ScopedSink* outer = nullptr;  // of the scope around this one
 };
 
 // Hold the console's lock over a fork.

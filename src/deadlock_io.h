@@ -5,13 +5,14 @@
 
 #include <cstdio>
 
+#include "console_sink.h"
 #include "smp_io.h"
 #include "wait_graph.h"
 
 // A console sink that appends everything to "deadlock.txt" in the current directory and passes it
 // on to the sink it wraps. It lives for one report, or until the last thread that wrote to the
 // console meanwhile is done with it (console_sink.h).
-class deadlock_io : public _smp_io {
+class deadlock_io : public ScopedSink {
 public:
     // Opens the file and writes a report's head, its time included. A file that cannot be opened is
     // told once on `wrapped`, and the report then goes only there; the system log tells the path
@@ -26,10 +27,6 @@ public:
 private:
     _smp_io* wrapped;  // not owned
     FILE* file;        // null when it could not be opened
-
-    friend class SinkUse;
-    friend class LoggedConsole;
-    long users = 1;  // the report and whoever uses the sink right now; guarded by consoleLock
 };
 
 // Writes the chain of waits that begins with thread `me` wanting `section`, a line a thread and an

@@ -1,8 +1,8 @@
-// The section path of the library's configuration keys.
+// The section of the library's configuration keys, as ReadValue takes it.
 
 #ifndef KELVARA_SRC_DEBUG_PATH_H_
 #define KELVARA_SRC_DEBUG_PATH_H_
 
-extern char const* const debug_path[2];
+inline constexpr char const* debug_path[] = {"debug", nullptr};
 
 #endif  // KELVARA_SRC_DEBUG_PATH_H_

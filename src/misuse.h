@@ -23,7 +23,7 @@
 
 #include <cstddef>
 
-#include "rw_record.h"
+#include "current_thread.h"
 #include "zocrits.h"
 #include "zotypes.h"
 

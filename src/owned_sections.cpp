@@ -4,9 +4,9 @@
 #include <cstdint>
 
 #include "chain.h"
+#include "current_thread.h"
+#include "ending_threads.h"
 #include "misuse.h"
-#include "rw_record.h"
-#include "thread_life.h"
 #include "zocrits.h"
 #include "zotls.h"
 

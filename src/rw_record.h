@@ -1,24 +1,12 @@
-// The calling thread's record, and its records of reader/writer mutexes, as the library's own hot
-// paths reach them: without a call where that is possible.
+// The calling thread's records of reader/writer mutexes, as the library's own hot paths reach them.
 
 #ifndef KELVARA_SRC_RW_RECORD_H_
 #define KELVARA_SRC_RW_RECORD_H_
 
 #include <new>
 
+#include "current_thread.h"
 #include "zotls.h"
-
-// What the key's slot holds for the calling thread. One load, where asking the key is a call into
-// the system library; the initial-exec model fixes its distance from the thread's base. Unlike the
-// slot it is kept while the key's destructor destroys the record, so that what the destruction
-// calls finds this record and makes no second one.
-[[gnu::tls_model("initial-exec")]] extern constinit thread_local ZoTLS* currentRecord;
-
-// The calling thread's record, made if there is none; null when that fails.
-inline ZoTLS* CurrentThread() {
-    ZoTLS* const record = currentRecord;
-    return record != nullptr ? record : ZoTLS::GetThreadLocalStorage();
-}
 
 // The parts of `holdings`.
 constexpr ZoUInt32 OneRead = 1;

@@ -11,13 +11,10 @@
 #include "cancellation.h"
 #include "checkers.h"
 #include "console_sink.h"
-#include "deadlock_io.h"
 #include "debug_path.h"
 #include "zobase.h"
 
 smp_io* smp_console = nullptr;
-
-char const* const debug_path[2] = {"debug", nullptr};
 
 namespace {
 
@@ -99,10 +96,10 @@ void _smp_io::flush() {
 
 namespace {
 
-// Guards the sink of every front against LoggedConsole, and the users of a report's sink. Held for
-// a few instructions and never while a sink is called.
+// Guards the sink of every console against a SinkScope, and the users of a scope's sink. Held for a
+// few instructions and never while a sink is called.
 std::mutex consoleLock;
-deadlock_io* reportSink = nullptr;  // the sink of the report in progress; guarded by consoleLock
+ScopedSink* scopedSink = nullptr;  // the sink of the innermost scope; guarded by consoleLock
 
 }  // namespace
 
@@ -117,37 +114,36 @@ void UnlockConsole() {
 SinkUse::SinkUse(smp_io const& stream) {
     std::lock_guard<std::mutex> hold(consoleLock);
     sink = stream.sink;
-    report = sink != nullptr && sink == reportSink ? reportSink : nullptr;
-    if (report != nullptr) ++report->users;
+    scoped = sink != nullptr && sink == scopedSink ? scopedSink : nullptr;
+    if (scoped != nullptr) ++scoped->users;
 }
 
 SinkUse::~SinkUse() {
-    if (report == nullptr) return;
+    if (scoped == nullptr) return;
     {
         std::lock_guard<std::mutex> hold(consoleLock);
-        if (--report->users != 0) return;
+        if (--scoped->users != 0) return;
     }
-    CancellationDeferred deferred;  // closing the file is a cancellation point
-    delete report;
+    CancellationDeferred deferred;  // closing a file is a cancellation point
+    delete scoped;
 }
 
-LoggedConsole::LoggedConsole(smp_io& console)
-    : console(console), saved(console.sink), log(new (std::nothrow) deadlock_io(saved)) {
-    if (log == nullptr) return;
+SinkScope::SinkScope(smp_io& console, ScopedSink* own) : console(console), own(own) {
+    if (own == nullptr) return;
     std::lock_guard<std::mutex> hold(consoleLock);
-    console.sink = log;
-    outer = std::exchange(reportSink, log);
+    saved = std::exchange(console.sink, own);
+    outer = std::exchange(scopedSink, own);
 }
 
-LoggedConsole::~LoggedConsole() {
-    if (log == nullptr) return;
+SinkScope::~SinkScope() {
+    if (own == nullptr) return;
     {
         std::lock_guard<std::mutex> hold(consoleLock);
         console.sink = saved;
-        reportSink = outer;
-        if (--log->users != 0) return;
+        scopedSink = outer;
+        if (--own->users != 0) return;
     }
-    delete log;
+    delete own;
 }
 
 // --- the front ---------------------------------------------------------------------------------

@@ -95,22 +95,4 @@ private:
     ProcessOfOrigin process;
 };
 
-// Threads that are believed to be gone but still release their per-thread record, which needs the
-// library context. The tear-down of the context waits for them: it may begin as soon as a watcher
-// is at zero or a queue destroyed.
-class EndingThreads {
-public:
-    // By a system thread, before it tells others that it is gone.
-    static void Enter();
-    // By the key's destructor, once the record is released; also where the thread has not entered.
-    static void Leave();
-    static void WaitForNone();
-
-    // The number's lock, and that of the creation of the record key, over a fork.
-    static void Lock();
-    static void Unlock();
-    // In a child, with the lock held: only the thread that forked may still be counted.
-    static void ForgetAbsentThreads();
-};
-
 #endif  // KELVARA_SRC_THREAD_LIFE_H_

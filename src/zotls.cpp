@@ -9,10 +9,11 @@
 
 #include "cancellation.h"
 #include "checkers.h"
+#include "current_thread.h"
+#include "ending_threads.h"
 #include "misuse.h"
 #include "owned_sections.h"
 #include "rw_record.h"
-#include "thread_life.h"
 #include "wait_graph.h"
 #include "zobase.h"
 #include "zocond.h"
@@ -37,14 +38,6 @@ pthread_mutex_t keyCreation = PTHREAD_MUTEX_INITIALIZER;
 // that still reads NoKey looks again under the lock.
 std::atomic<pthread_key_t> ZoTLSkey{NoKey};
 [[maybe_unused]] int const isMarked = checkers::AreAtomic(ZoTLSkey);
-
-// How many threads have entered EndingThreads, and the lock that guards the number.
-pthread_mutex_t endingLock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t nobodyEnding = PTHREAD_COND_INITIALIZER;
-int endingThreads = 0;
-
-// Whether the calling thread has entered.
-constinit thread_local bool isEnding = false;
 
 pthread_key_t Key() {
     return ZoTLSkey.load(std::memory_order_acquire);
@@ -93,44 +86,12 @@ ZoTLS* MakeRecord() {
 
 }  // namespace
 
-// Only a thread whose end the key's destructor sees may enter: it has a record, and ends.
-void EndingThreads::Enter() {
-    if (ThreadLife::current == nullptr || RecordInSlot() == nullptr) return;
-    isEnding = true;
-    pthread_mutex_lock(&endingLock);
-    ++endingThreads;
-    pthread_mutex_unlock(&endingLock);
-}
-
-void EndingThreads::Leave() {
-    if (!isEnding) return;
-    isEnding = false;
-    pthread_mutex_lock(&endingLock);
-    if (--endingThreads == 0) pthread_cond_broadcast(&nobodyEnding);
-    pthread_mutex_unlock(&endingLock);
-}
-
-void EndingThreads::WaitForNone() {
-    CancellationDeferred deferred;  // the lock is not left to a cancelled thread
-    pthread_mutex_lock(&endingLock);
-    while (endingThreads != 0) pthread_cond_wait(&nobodyEnding, &endingLock);
-    pthread_mutex_unlock(&endingLock);
-}
-
-void EndingThreads::Lock() {
+void LockRecordKey() {
     pthread_mutex_lock(&keyCreation);
-    pthread_mutex_lock(&endingLock);
 }
 
-void EndingThreads::Unlock() {
-    pthread_mutex_unlock(&endingLock);
+void UnlockRecordKey() {
     pthread_mutex_unlock(&keyCreation);
-}
-
-// Who waits for none in the parent is absent too; the condition is made anew without it.
-void EndingThreads::ForgetAbsentThreads() {
-    endingThreads = isEnding ? 1 : 0;
-    pthread_cond_init(&nobodyEnding, nullptr);
 }
 
 ZoTLS::ZoTLS()

@@ -1,0 +1,187 @@
+#include "deadlock_io.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "cancellation.h"
+#include "rw_mutex.h"
+#include "zobase.h"
+#include "zocrits.h"
+
+// The assertions here keep the file in which the report stood first.
+
+namespace {
+
+bool AnswerWantsDebugger(unsigned int answer) {
+    return answer == ZoAnswerDebug || answer == ZoAnswerAbort;
+}
+
+// A console of nobody: what is written to it reaches the log file of a report alone.
+class SilentConsole : public smp_io {
+public:
+    SilentConsole() {
+        delete sink;
+        sink = nullptr;
+    }
+};
+
+// The ring, in words and traces, to `console` and to the log file at once.
+void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) {
+    SinkScope const logged(console, new (std::nothrow) deadlock_io(console.sink));
+    DeadlockDetectionMakeMessage(me, wanted, &console);
+    ZoTLSPrepareStackTrace(&console);
+    ZoTLSStackTrace(me, &console);
+    // A sink of the host may have left a section meanwhile, so the chain may break off.
+    WaitForGraph::Holder next = WaitForGraph::HolderOf(wanted, me);
+    while (next.thread != nullptr && next.thread != me) {
+        ZoTLSStackTrace(next.thread, &console);
+        console << endl;
+        if (next.waitsFor.IsNone()) break;
+        next = WaitForGraph::HolderOf(next.waitsFor, me);
+    }
+    console.flush();
+    ZoTLSTerminateStackTrace();
+}
+
+void WriteReport(ZoTLS* me, Wait const& wanted) {
+    if (smp_io* const console = GetConsole()) return WriteReport(me, wanted, *console);
+    SilentConsole silent;
+    WriteReport(me, wanted, silent);
+}
+
+void Describe(Wait const& wanted, char* buffer, int size) {
+    if (wanted.section != nullptr) {
+        wanted.section->GetInfo(buffer, size);
+    } else {
+        wanted.readersOf->GetInfo(buffer, size);
+    }
+}
+
+void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
+    CancellationDeferred deferred;
+    WriteReport(me, wanted);
+    char description[1024];
+    Describe(wanted, description, sizeof description);
+    ZoSystemLog()->Printf(ZoLogError, "Deadlock detected.\n%s", description);
+    unsigned int const answer =
+        ZoMessage()->Show(0, ZoStyleQuestion, "Deadlock detected.\n(CANCEL to debug)");
+    if (AnswerWantsDebugger(answer)) {
+        ZOVA_assert("(0 && \"deadlock detected\")", "src/zocrits", 365);
+    }
+}
+
+}  // namespace
+
+// The host's code in the report may leave sections and end reads of this thread, so the wait is
+// announced after it.
+bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
+    bool const closesRing = WaitForGraph::LeadsTo(wanted, me);
+    if (closesRing) ReportDeadlock(me, wanted);
+    WaitForGraph::Announce(me, wanted);
+    return closesRing;
+}
+
+void ReportFalseAlarm() {
+    CancellationDeferred deferred;
+    ZoSystemLog()->Printf(ZoLogWarning, "Deadlock: false alarm.\n");
+    unsigned int const answer = ZoMessage()->Show(0, ZoStyleNotice, "Deadlock: false alarm.\n");
+    if (AnswerWantsDebugger(answer)) {
+        ZOVA_assert("(0 && \"deadlock : false alarm\")", "src/zocrits", 385);
+    }
+}
+
+void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console) {
+    DeadlockDetectionMakeMessage(me, Wait{.section = section}, console);
+}
+
+namespace {
+
+// What one who waits for a section, or one who waits to write, wants and from whom.
+void TellWanted(Wait const& wait, char const* forSection, char const* toWrite, smp_io& console) {
+    if (wait.section != nullptr) {
+        console << forSection << wait.section->GetName() << " " << static_cast<void*>(wait.section)
+                << " owned by ";
+    } else {
+        console << toWrite << wait.readersOf->GetName() << " " << static_cast<void*>(wait.readersOf)
+                << " read by ";
+    }
+}
+
+}  // namespace
+
+void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console) {
+    *console << "ZoThread " << me->threadIdentity;
+    TellWanted(wanted, " wants critical section ", " wants to write ", *console);
+    WaitForGraph::Holder holder = WaitForGraph::HolderOf(wanted, me);
+    while (holder.thread != nullptr) {
+        *console << "thread " << holder.identity << endl;
+        if (holder.thread == me) break;
+        *console << "ZoThread " << holder.identity;
+        if (holder.waitsFor.IsNone()) break;
+        TellWanted(holder.waitsFor, " is waiting for ", " is waiting to write ", *console);
+        holder = WaitForGraph::HolderOf(holder.waitsFor, me);
+    }
+    if (holder.thread == nullptr) {
+        *console << "nobody !!!!";
+    } else if (holder.thread != me) {
+        *console << " is waiting for "
+                 << "nothing !!!";
+    }
+    *console << endl;
+    console->flush();
+}
+
+namespace {
+
+void TellUnopened(int error) {
+    char folder[4096];
+    ZoSystemLog()->Printf(ZoLogError, "The deadlock report is not written to %s/deadlock.txt: %s",
+                          getcwd(folder, sizeof folder) != nullptr ? folder : ".",
+                          std::strerror(error));
+}
+
+}  // namespace
+
+// --- the log file ------------------------------------------------------------------------------
+
+deadlock_io::deadlock_io(_smp_io* wrapped)
+    : wrapped(wrapped), file(std::fopen("deadlock.txt", "a+")) {
+    if (file == nullptr) {
+        TellUnopened(errno);
+        if (wrapped == nullptr) return;
+        wrapped->writeOutput("unable to open deadlock.txt for writing", -1);
+        wrapped->flush();
+        return;
+    }
+    std::time_t const now = std::time(nullptr);
+    char date[32] = "";  // 26 bytes are needed
+    ctime_r(&now, date);
+    std::fputs("******** ZOVA deadlock log ********\n", file);
+    std::fputs(date, file);
+    std::fputs("\n******** traces ********\n", file);
+}
+
+deadlock_io::~deadlock_io() {
+    if (file != nullptr) std::fclose(file);
+}
+
+void deadlock_io::writeOutput(char const* text, int length) {
+    if (file != nullptr) {
+        if (length == -1) {
+            std::fputs(text, file);
+        } else {
+            std::fwrite(text, 1, static_cast<std::size_t>(length), file);
+        }
+    }
+    if (wrapped != nullptr) wrapped->writeOutput(text, length);
+}
+
+void deadlock_io::flush() {
+    if (file != nullptr) std::fflush(file);
+    if (wrapped != nullptr) wrapped->flush();
+}
