@@ -6,6 +6,7 @@
 
 #include "check.h"
 #include "clients.h"
+#include "contention.h"
 #include "database_file.h"
 #include "deadlock_ring.h"
 #include "engine.h"
@@ -75,6 +76,7 @@ public:
             outcome.separated = plan.SeparatesWriters();
             outcome.databaseWaits = Engine::Waits() - waitsBefore;
             TellTable(outcome, workload.counts);
+            TellContention(stdout);
             plan.PrintStatus();
         }
         ReaderBracket const reader(plan, "check");
@@ -95,6 +97,7 @@ private:
         if (!TakeStatusRequest()) return;
         EraseProgressBar();
         plan.PrintStatus();
+        TellContention(stderr);
     }
 
     void Load(Workload& workload, WorkPool& pool) {

@@ -126,6 +126,7 @@ public:
     void GetInfo(char* buffer, int size) override;
 
 private:
+    friend class Contention;
     friend class ZoRW_Mutex;
     friend class ZoThreadMgr;
     friend class Misuse;

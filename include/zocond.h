@@ -34,8 +34,11 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include "zosyncob.h"
 #include "zotypes.h"
+#include "zowaits.h"
 
 class ChainLock;
 
@@ -114,7 +117,9 @@ public:
     int SetConditionApp(void* first, void* second) override;
 
 private:
+    friend class Contention;
     friend class ZoResourceWatcher;
+    friend class ZoWorkQueueImpl;
     class Sleeper;
 
     ZO_INTERNAL POSIXCondition(char const* name, ChainLock const& held);
@@ -135,6 +140,8 @@ private:
     // Of those that nobody has woken yet, in the order of their coming.
     Sleeper* firstSleeper = nullptr;
     Sleeper* lastSleeper = nullptr;
+    ZoWaitFigures figures;
+    std::atomic<ZoQueueFigures*> queueFigures{nullptr};  // of the queue whose condition this is
 };
 
 // Counts the users of a resource.

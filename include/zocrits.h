@@ -38,6 +38,7 @@
 
 #include "zosyncob.h"
 #include "zotypes.h"
+#include "zowaits.h"
 
 class ChainLock;
 class ZoTLS;
@@ -108,6 +109,7 @@ public:
 
 private:
     friend class ZoDLDCritSect;
+    friend class Contention;
     friend class OwnedSections;
     friend bool TryBegin(ZoCritSect& section);
     friend int ZoTryBegin(ZoCritSect* section);
@@ -126,6 +128,8 @@ private:
     pthread_mutex_t mutex;
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
     std::atomic<unsigned long> ownerNumber;  // the owner's number in this process
+    ZoWaitFigures figures;                   // of those who blocked in Begin
+    bool isWrapped = false;                  // in a detecting section, which tells of it
 };
 
 // A section that finds a deadlock before it blocks.
@@ -182,6 +186,7 @@ public:
     int WouldDeadLock(ZoTLS* me);
 
 private:
+    friend class Contention;
     friend class WaitForGraph;
     friend class Misuse;
     friend class ZoThreadMgr;

@@ -56,6 +56,7 @@ public:
     char const* GetName() const { return name; }
 
 private:
+    friend class Contention;
     friend void ForgetChain();
     friend class OwnedSections;
     friend void HandleChaining(ZoSynchroObj* object, int insert);

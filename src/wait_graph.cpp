@@ -153,6 +153,12 @@ WaitForGraph::Holder WaitForGraph::OwnerOf(ZoDLDCritSect const* section) {
     return SafeHolder(RecordOfOwner(section));
 }
 
+void* WaitForGraph::IdentityOfOwner(ZoDLDCritSect const* section) {
+    std::lock_guard<std::mutex> const hold(recordsLock);
+    ZoTLS const* const owner = RecordOfOwner(section);
+    return owner != nullptr ? owner->threadIdentity : nullptr;
+}
+
 WaitForGraph::Holder WaitForGraph::HolderOf(Wait const& wanted, ZoTLS const* target) {
     if (wanted.section != nullptr) return OwnerOf(wanted.section);
     std::lock_guard<std::mutex> const hold(recordsLock);

@@ -85,6 +85,9 @@ public:
     // from whom the shortest chain of waits leads to `target`.
     static Holder HolderOf(Wait const& wanted, ZoTLS const* target);
 
+    // The same owner's identity alone, or null; without csDLD.
+    static void* IdentityOfOwner(ZoDLDCritSect const* section);
+
     // Whether a chain of waits that begins at `thread`, or at those who keep `wanted` from being
     // had, comes to `target`. A target that runs is known as a reader only if it is the caller.
     static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target);

@@ -13,6 +13,7 @@
 #include "checkers.h"
 #include "condition_value.h"
 #include "patience.h"
+#include "wait_figures.h"
 
 namespace {
 
@@ -204,7 +205,8 @@ POSIXCondition::POSIXCondition(char const* name) : POSIXCondition(name, ChainLoc
 
 POSIXCondition::POSIXCondition(char const* name, ChainLock const& held)
     : Condition(name, held), generation(ForkGeneration()) {
-    checkers::AreAtomic(mutex);
+    checkers::AreAtomic(mutex, queueFigures);
+    FiguresAreAtomic(figures);
     pthread_mutexattr_init(&mutexAttributes);
     pthread_mutex_init(&mutex, &mutexAttributes);
     pthread_condattr_init(&conditionAttributes);
@@ -276,6 +278,7 @@ bool POSIXCondition::SafeMustWait() {
 int POSIXCondition::SafeSleep(unsigned long milliseconds) {
     if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
     Sleeper self(*this);
+    MeasuredWait const wait(figures);
     do {
         if (milliseconds >= ZoNoLimit) {
             self.Sleep(nullptr);

@@ -17,6 +17,7 @@
 #include "rw_mutex.h"
 #include "section_try.h"
 #include "smp_io.h"
+#include "wait_figures.h"
 #include "wait_graph.h"
 #include "zobase.h"
 #include "zosleep.h"
@@ -122,6 +123,7 @@ PosixCritSect::PosixCritSect(char const* name) : PosixCritSect(name, ChainLock()
 PosixCritSect::PosixCritSect(char const* name, ChainLock const& held)
     : ZoCritSect(name, held), owner(NoThread), ownerNumber(0) {
     checkers::AreAtomic(owner, ownerNumber, mutex);
+    FiguresAreAtomic(figures);
     pthread_mutexattr_init(&attributes);
     pthread_mutex_init(&mutex, &attributes);
 }
@@ -175,7 +177,10 @@ bool PosixCritSect::TakeIfFree() {
 void PosixCritSect::WaitAndTake() {
     if (TakeAtGrowingDistances([this] { return IsFree() && TakeIfFree(); })) return;
     waitCount.fetch_add(1, std::memory_order_relaxed);
-    pthread_mutex_lock(&mutex);
+    {
+        MeasuredWait const wait(figures);
+        pthread_mutex_lock(&mutex);
+    }
     waitCount.fetch_sub(1, std::memory_order_relaxed);
     Own();
 }
@@ -231,6 +236,7 @@ ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock co
                 : nullptr),
       generation(ForkGeneration()) {
     checkers::AreAtomic(owner);
+    if (plain != nullptr) plain->isWrapped = true;
 }
 
 ZoDLDCritSect::~ZoDLDCritSect() {

@@ -8,6 +8,7 @@
 #include "checkers.h"
 #include "condition_value.h"
 #include "patience.h"
+#include "wait_figures.h"
 #include "zobase.h"
 #include "zocond.h"
 #include "zolist.h"
@@ -172,8 +173,10 @@ private:
     Taken TakeReady();
     ZoWorkUnit* AwaitAndTake();
     ZoWorkUnit* SafeTakeFirst();
+    ZoWorkUnit* SafeTake();
     int SafeLength();
     void SafeCountLeftBehind();
+    void SafeNoteLength();
     bool IsTerminated() const { return terminated.load(std::memory_order_relaxed) != 0; }
     void BeginTermination();
 
@@ -191,6 +194,12 @@ private:
     WorkersWatcher workers;
     void* const context;
 
+    // For SafeNoteLength; guarded by condition.
+    ZoQueueFigures figures;
+    unsigned long appended = 0;       // units, in all; wraps, as what is compared with it does
+    unsigned long takenSeen = 0;      // what `takenInAll` was the last time
+    unsigned long lengthToNote = 32;  // from which on it looks again
+
     // Appenders and workers do not wait for each other. An appender holds the queue's lock and adds
     // to the last item. A worker holds `taking` and takes from the first item, up to its last used
     // place. Removing the first item, or finding out which item is the first, takes both locks, the
@@ -203,6 +212,7 @@ private:
     int ready = 0;                 // how many of those had a unit the last time; guarded by taking
     int leftBehind =
         0;  // times a worker left units, not yet counted in condition; guarded by taking
+    std::atomic<unsigned long> takenInAll{0};  // written with taking held
     [[maybe_unused]] char apartFromTheNext[64];
     ProcessOfOrigin const process;
 };
@@ -230,9 +240,13 @@ ZoWorkQueueImpl::ZoWorkQueueImpl(int threadCount, void* context)
       condition(Condition::MakeCondition("WorkQueue")),
       terminated(0),
       context(context) {
-    checkers::AreAtomic(terminated);
+    checkers::AreAtomic(terminated, takenInAll, figures.refused, figures.aborted,
+                        figures.greatestLength);
     if (!IsMade()) return;
     condition->logic = &logic;
+    if (auto* const posix = dynamic_cast<POSIXCondition*>(condition)) {
+        posix->queueFigures.store(&figures, std::memory_order_release);
+    }
     for (int i = 0; i < threadCount; ++i) _IncreaseThreadCount();
 }
 
@@ -275,6 +289,7 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     // the caller handles it only if there were no workers before.
     bool const nobody = workers.AreGone();
     if (IsTerminated()) {
+        AddTo(figures.refused, 1);
         result = ZoRefused;
         return true;
     }
@@ -293,7 +308,20 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
     }
     unit->HandledParallel();
     item->Add(unit);
+    ++appended;
+    if (appended - takenSeen >= lengthToNote) [[unlikely]]
+        SafeNoteLength();
     return true;
+}
+
+// What workers take they count on their own cache line, which appending leaves alone. So the length
+// is looked at only when it may be greater than ever, and never while it is short.
+void ZoWorkQueueImpl::SafeNoteLength() {
+    takenSeen = takenInAll.load(std::memory_order_relaxed);
+    unsigned long const length = appended - takenSeen;
+    if (length < lengthToNote) return;
+    lengthToNote = length + 1;
+    RaiseTo(figures.greatestLength, length);
 }
 
 // No unit waits while a worker sleeps. Invariant, whenever the queue's lock is free: of the
@@ -325,9 +353,15 @@ ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
     if (IsTerminated() || first == nullptr) return {nullptr, false};
     if (!SafeIsReady()) return {nullptr, true};
     if (taken == ZoQueueItem::Places - 1) return {nullptr, false};
-    ZoWorkUnit* const unit = first->At(taken++);
+    ZoWorkUnit* const unit = SafeTake();
     if (SafeIsReady()) ++leftBehind;
     return {unit, false};
+}
+
+// The next unit, which there is, of the first item; with `taking` held.
+ZoWorkUnit* ZoWorkQueueImpl::SafeTake() {
+    takenInAll.store(takenInAll.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return first->At(taken++);
 }
 
 // Whether the first item has a unit to take; with `taking` held. Looks at the appenders' side only
@@ -351,7 +385,7 @@ ZoWorkUnit* ZoWorkQueueImpl::SafeTakeFirst() {
     std::lock_guard<BriefLock> const hold(taking);
     if (first == nullptr) first = static_cast<ZoQueueItem*>(items.GetFirst());
     if (first == nullptr || !SafeIsReady()) return nullptr;
-    ZoWorkUnit* const unit = first->At(taken++);
+    ZoWorkUnit* const unit = SafeTake();
     if (taken == ZoQueueItem::Places) SafeTurnOver();
     return unit;
 }
@@ -405,7 +439,10 @@ void ZoWorkQueueImpl::BeginTermination() {
 int ZoWorkQueueImpl::Terminate() {
     BeginTermination();
     ConditionHold const hold(condition);
-    while (ZoWorkUnit* const unit = SafeTakeFirst()) unit->Aborted(this);
+    while (ZoWorkUnit* const unit = SafeTakeFirst()) {
+        AddTo(figures.aborted, 1);
+        unit->Aborted(this);
+    }
     return ZoSuccess;
 }
 

@@ -58,11 +58,12 @@ SEEN = (
     r'^section "left" \w+: thread 4, owning count 1, wait count 1; waiting: thread 5$',
     r'^mutex "RW_Mutex" \w+: thread 3 writes or is admitted next, level 0; read by thread 2; waiting: thread 3$',
     r'^condition "WorkQueue" \w+: value \d+, of queue 0x',
+    r'^condition "slept" \w+: value 0; 1 waits before, \d+\.\d ms in all, \d+\.\d ms at most$',
     r'^detecting section "CS chain" \w+: is available$',
     r'^Thread 2 .*\n    holds mutex \w+, 1 reads, 0 writes\n'
-    r'    waits to enter detecting section "accounts" \w+, held by thread 3$',
+    r'    waits to enter detecting section "accounts" \w+, held by thread 3, since \d\d:',
     r'^Thread 3 .*\n    holds detecting section "accounts" \w+, owning count 2, wait count 2\n'
-    r'(    holds .*RW_Excl.*\n)?    waits to write mutex "RW_Mutex" \w+, read by thread 2$',
+    r'(    holds .*RW_Excl.*\n)?    waits to write mutex "RW_Mutex" \w+, read by thread 2, since \d\d:',
     r'^A ring of 2 threads:\n    Thread 2 .*\n    Thread 3 (.*\n)*Thread 2 .* stands at:\n#0 (.*\n)*.*ZoDLDCritSect::WaitAndTake',
     r'^A ring of 2 threads:\n    Thread 4 .*\n    Thread 5 (.*\n)*Thread 5 .* stands at:\n#0 ',
     r'^queue \w+: open, 1 workers, 2 units wait, context 0x0\n    unit \w+ \(anonymous namespace\)::Blocked$',

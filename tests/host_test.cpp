@@ -308,13 +308,15 @@ TEST_F(HostTest, ReportsItsLocksAndRefusesAnInterruptWhileATransactionIsOpen) {
     Sql("BEGIN IMMEDIATE");
     AwaitText(child, "out", "s, 0 a second");
     kill(child, SIGUSR1);
-    AwaitText(child, "err", "ZoCSTheOnlyOne");
+    AwaitText(child, "err", "where threads slept");
     kill(child, SIGINT);
     AwaitText(child, "err", "not interrupted");
     Sql("COMMIT");
     EXPECT_EQ(Finish(child), 0) << out << err;
     EXPECT_EQ(Count(err, "ZoThread Status Report for Manager ("), 2U) << err;
     ExpectSaid(err, "zohost: not interrupted, because a transaction is open");
+    EXPECT_LT(out.find("locks that threads waited for"), out.find("where threads slept"));
+    EXPECT_EQ(Count(err, "locks that threads waited for"), 1U);
     ExpectSaid(out, "A signal ended the run early");
     ExpectSaid(out, "All is well.");
 }

@@ -11,6 +11,7 @@
 
 #include "_zothrd.h"
 #include "rw_mutex.h"
+#include "zocond.h"
 #include "zocrits.h"
 #include "zowrkque.h"
 
@@ -43,6 +44,7 @@ int main() {
     ZoCritSect* const accounts = ZoCritSect::Make("accounts");
     ZoCritSect* const left = ZoCritSect::MakeImplementation("left");
     ZoCritSect* const right = ZoCritSect::MakeImplementation("right");
+    Condition::MakeCondition("slept")->WaitForCondition(0, 5);
     std::barrier meeting(4);
 
     std::thread reader([&] {

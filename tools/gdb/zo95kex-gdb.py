@@ -14,6 +14,8 @@ the library, and gdb has to be told once that it may trust that folder:
     echo 'add-auto-load-safe-path /opt/engine/lib' >>~/.config/gdb/gdbinit
 """
 
+import time
+
 import gdb
 import gdb.printing
 
@@ -80,6 +82,7 @@ class Thread:
         try:
             self.handle = int.from_bytes(thread.handle(), "little")
             self.record = gdb.parse_and_eval("'zotls.cpp'::currentRecord")
+            self.waiting_since = int(gdb.parse_and_eval("'contention.cpp'::waitingSince"))
         except gdb.error as error:
             raise gdb.GdbError(f"zo: gdb cannot tell the threads' own variables here: {error}") from error
         self.sleeps_at = self.find_sleep()
@@ -174,9 +177,9 @@ class Process:
     def find_wait(self, thread):
         if int(thread.record) != 0:
             if int(thread.record["waitingFor"]) != 0:
-                return Wait(self.object_at(thread.record["waitingFor"]), "enter")
+                return Wait(thread, self.object_at(thread.record["waitingFor"]), "enter")
             if int(thread.record["readersWait"]["mutex"]) != 0:
-                return Wait(self.object_at(thread.record["readersWait"]["mutex"]), "write")
+                return Wait(thread, self.object_at(thread.record["readersWait"]["mutex"]), "write")
         if thread.sleeps_at is None:
             return None
         return next((wait for entry in self.objects if (wait := entry.sleep_of(thread)) is not None), None)
@@ -215,8 +218,9 @@ class Owner:
 
 
 class Wait:
-    def __init__(self, entry, purpose):
+    def __init__(self, thread, entry, purpose):
         self.entry, self.purpose = entry, purpose
+        self.since = thread.waiting_since
 
     def holders(self):
         return self.entry.holders(self.purpose)
@@ -224,7 +228,12 @@ class Wait:
     def __str__(self):
         holders = ", ".join(thread.short() for thread in self.holders()) or "no thread"
         by = "read by" if self.purpose == "write" else "held by"
-        return f"to {self.purpose} {self.entry.title()}" + (f", {by} {holders}" if self.purpose != "pass" else "")
+        told = f"to {self.purpose} {self.entry.title()}"
+        if self.purpose != "pass":
+            told += f", {by} {holders}"
+        if self.since != 0:
+            told += time.strftime(", since %H:%M:%S on %Y-%m-%d", time.localtime(self.since))
+        return told
 
 
 class Object:
@@ -258,9 +267,23 @@ class Object:
     def holders(self, purpose):
         return []
 
+    def contention(self):
+        return ""
+
     def waiters(self):
         return [thread for thread in self.process.threads
                 if (wait := self.process.wait_of(thread)) is not None and wait.entry.address == self.address]
+
+
+# The figures of waits that are over, as one text; empty without any.
+def told_waits(*parts):
+    figures = [part["figures"] for part in parts]
+    waits = sum(number(part["waits"]) for part in figures)
+    if waits == 0:
+        return ""
+    total = sum(number(part["nanoseconds"]) for part in figures) / 1e6
+    longest = max(number(part["longest"]) for part in figures) / 1e6
+    return f"; {waits} waits before, {total:.1f} ms in all, {longest:.1f} ms at most"
 
 
 class Section(Object):
@@ -283,11 +306,14 @@ class Plain(Section):
     def state(self):
         return "is available" if self.owner().is_nobody else f"{self.owner()}, {self.counts()}"
 
+    def contention(self):
+        return told_waits(self.value)
+
     def is_used(self):
         return not self.owner().is_nobody
 
     def sleep_of(self, thread):
-        return Wait(self, "enter") if thread.sleeps_in(self.value) else None
+        return Wait(thread, self, "enter") if thread.sleeps_in(self.value) else None
 
     def holders(self, purpose):
         return [self.owner().thread] if self.owner().thread is not None else []
@@ -299,9 +325,13 @@ class Detecting(Plain):
     def owner(self):
         return Owner(self.process.by_record, number(self.value["owner"]), {0})
 
+    def contention(self):
+        plain = self.value["plain"]
+        return told_waits(plain.dereference()) if int(plain) != 0 else ""
+
     def sleep_of(self, thread):
         wrapped = self.value["wrapped"]
-        return Wait(self, "enter") if int(wrapped) != 0 and thread.sleeps_in(complete(wrapped)) else None
+        return Wait(thread, self, "enter") if int(wrapped) != 0 and thread.sleeps_in(complete(wrapped)) else None
 
 
 class Mutex(Object):
@@ -319,13 +349,18 @@ class Mutex(Object):
             told.append("read by " + ", ".join(thread.short() for thread in readers))
         return "; ".join(told) or "is available"
 
+    def contention(self):
+        entry = self.exclusive()
+        parts = [entry.value["plain"].dereference() if isinstance(entry, Detecting) else entry.value]
+        return told_waits(*parts, complete(self.value["readers"]))
+
     def is_used(self):
         return self.state() != "is available"
 
     def sleep_of(self, thread):
         if sleeps_in_condition(thread, complete(self.value["readers"])):
-            return Wait(self, "write")
-        return Wait(self, "enter") if self.exclusive().sleep_of(thread) is not None else None
+            return Wait(thread, self, "write")
+        return Wait(thread, self, "enter") if self.exclusive().sleep_of(thread) is not None else None
 
     def holders(self, purpose):
         if purpose == "write":
@@ -348,8 +383,11 @@ class ConditionObject(Object):
             told += f", of queue {hexadecimal(int(complete(logic)['queue']))}"
         return told
 
+    def contention(self):
+        return told_waits(self.value)
+
     def sleep_of(self, thread):
-        return Wait(self, "pass") if sleeps_in_condition(thread, self.value) else None
+        return Wait(thread, self, "pass") if sleeps_in_condition(thread, self.value) else None
 
 
 def sleeps_in_condition(thread, value):
@@ -431,7 +469,7 @@ class ZoLocks(ZoCommand):
         rows = [(entry, entry.waiters()) for entry in process.objects]
         rows.sort(key=lambda row: (-len(row[1]), not row[0].is_used(), row[0].name))
         for entry, waiters in rows:
-            line = f"{entry.title()}: {entry.state()}"
+            line = f"{entry.title()}: {entry.state()}{entry.contention()}"
             if waiters:
                 line += "; waiting: " + ", ".join(thread.short() for thread in waiters)
             yield line
