@@ -53,7 +53,9 @@
 
 #include "zobase.h"
 
+// Installs another system log.
 ZO_BASE_API ZoLog* ZoSetSystemLog(ZoLog* log);
+// Installs another message service.
 ZO_BASE_API ZoMessageService* ZoSetMessageService(ZoMessageService* service);
 // The stand-in's own configuration counts as null here: it is absent where there is no file, and a
 // setter should not be what reads the file. DefaultConfig gives it to who wants to pass on to it.

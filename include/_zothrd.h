@@ -51,6 +51,7 @@ public:
     // The platform's system thread for `owner`, owned by the caller; null when memory ran out.
     static _Thread* MakeSysThread(ZoThread* owner);
 
+    // Not started. `owner` is not owned and outlives it.
     explicit _Thread(ZoThread* owner);
     _Thread(_Thread const&) = delete;
     _Thread& operator=(_Thread const&) = delete;

@@ -93,6 +93,7 @@ public:
     ~ZoRW_Mutex() override;
 
     void ForceRelease() override;
+    // One level more or less, `mode` 0 reading and anything else writing; here: nothing, returns 0.
     virtual int StartRW(int mode, unsigned long timeout);
     virtual int EndRW(int mode);
     // Writes one line, at most `size` bytes, the terminating NUL included. A null buffer is left

@@ -28,6 +28,7 @@
 
 class ZoString;
 
+// A sink: writes to standard error.
 class ZO_API _smp_io {
 public:
     _smp_io();
@@ -42,7 +43,7 @@ public:
     virtual void flush();
 };
 
-// Every insertion returns the stream, so insertions chain.
+// A front. Every insertion returns the stream, so insertions chain.
 class ZO_API smp_io {
 public:
     // Makes and owns an _smp_io. When memory ran out the stream discards everything.
@@ -52,6 +53,7 @@ public:
     // Destroys the sink it holds then.
     virtual ~smp_io();
 
+    // Each hands its argument to the sink, a number as its decimal digits.
     virtual smp_io& operator<<(char const* text);
     virtual smp_io& operator<<(ZoString const& text);
     virtual smp_io& operator<<(int number);

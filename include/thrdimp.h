@@ -23,6 +23,7 @@ class ThreadLife;
 // A detached POSIX thread.
 class ZO_API PosixThread : public _Thread {
 public:
+    // For MakeSysThread; see _Thread.
     explicit PosixThread(ZoThread* owner);
     // The thread, if it runs, runs on.
     ~PosixThread() override;

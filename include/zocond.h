@@ -68,6 +68,7 @@ public:
     // out. `name` is kept, not copied.
     static Condition* MakeCondition(char const* name);
 
+    // With the value 0 and the default logic. `name` is kept, not copied.
     explicit Condition(char const* name);
     ~Condition() override;
 
@@ -104,8 +105,10 @@ protected:
     ZO_INTERNAL Condition(char const* name, ChainLock const& held);
 };
 
+// A condition over a POSIX mutex and condition variables: what MakeCondition makes.
 class ZO_API POSIXCondition : public Condition {
 public:
+    // As Condition.
     explicit POSIXCondition(char const* name);
     ~POSIXCondition() override;
 

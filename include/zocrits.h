@@ -46,6 +46,7 @@ class ZoTLS;
 // A complete class: the dummy section, which never blocks and never counts.
 class ZO_API ZO_CAPABILITY("section") ZO_REENTRANT ZoCritSect : public ZoSynchroObj {
 public:
+    // As the table above says. `name` is kept, not copied.
     static ZoCritSect* Make(char const* name);
     static ZoCritSect* MakeLight(char const* name);
     static ZoCritSect* MakeDummy(char const* name);
@@ -74,6 +75,7 @@ protected:
     // How many threads are blocked in Begin. For GetInfo only.
     std::atomic<ZoInt32> waitCount{0};
 
+    // In relaxed order: the section orders its owners.
     void SetOwningCount(ZoInt32 count) { owningCount.store(count, std::memory_order_relaxed); }
     ZoInt32 GetOwningCount() const { return owningCount.load(std::memory_order_relaxed); }
 };
@@ -100,6 +102,7 @@ ZO_API int ZoTryBegin(ZoCritSect* section) ZO_TRY_ACQUIRE(1, section);
 // thread of the parent owned stays taken, and those that waited for it stay counted.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
+    // Free. `name` is kept, not copied.
     explicit PosixCritSect(char const* name);
     ~PosixCritSect() override;
 

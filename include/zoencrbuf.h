@@ -16,6 +16,7 @@
 #include "zorawbuf.h"
 #include "zotypes.h"
 
+// What a buffer offers.
 class ZO_API ZoEncryptionBufferInterface {
 public:
     ZoEncryptionBufferInterface();
@@ -35,6 +36,7 @@ public:
     virtual int EnsureCapacity(unsigned long length) = 0;
 };
 
+// One over a raw buffer of the base library.
 class ZO_API ZoEncryptionBuffer : public ZoEncryptionBufferInterface {
 public:
     // `buffer`, of dataOffset + dataLength bytes, and `behavior` are as ZoRawBuffer takes them.

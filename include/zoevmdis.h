@@ -42,6 +42,7 @@ class ZoLogDestination;
 // Something to tell. Short-lived, usually on the stack of its producer.
 class ZO_API ZoEvent {
 public:
+    // Of one class and family; masks and types are 32-bit values.
     ZoEvent(int code, unsigned long mask, unsigned long type);
     ZoEvent(ZoEvent const&) = delete;
     ZoEvent& operator=(ZoEvent const&) = delete;
@@ -60,6 +61,7 @@ public:
 // a shorter piece after it may still fit. Building one allocates nothing.
 class ZO_API ZoSimpleEvent : public ZoEvent {
 public:
+    // With no text.
     ZoSimpleEvent(int code, unsigned long mask, unsigned long type);
     ~ZoSimpleEvent() override;
 
@@ -109,6 +111,7 @@ ZO_API ZoSimpleEvent& UNKNOWN_ERROR(ZoSimpleEvent& event);  // "unknown error"
 // Base for the host's events whose text lives on the heap; the library makes none.
 class ZO_API ZoLoggableEvent : public ZoEvent {
 public:
+    // With no text.
     ZoLoggableEvent(int code, unsigned long mask, unsigned long type);
     ~ZoLoggableEvent() override;
 
@@ -130,6 +133,7 @@ protected:
 // Of several bits the lowest mask and the lowest group win; without any, mask 0 and no type.
 class ZO_API ZoDebugEvent : public ZoSimpleEvent {
 public:
+    // With no text.
     explicit ZoDebugEvent(unsigned long category);
     ~ZoDebugEvent() override;
 };
@@ -162,6 +166,7 @@ public:
     std::atomic<int> refCount{0};
 };
 
+// Base of listeners that register themselves.
 class ZO_API ZoGenericListener : public ZoEventListener {
 public:
     ZoGenericListener();
@@ -192,9 +197,9 @@ public:
     // deleted with its last count.
     ~ZoListenerRegistration();
 
-    ZoUInt32 mask;
-    ZoUInt32 type;  // as registered, level included
-    ZoEventListener* listener;
+    ZoUInt32 mask;                 // as registered
+    ZoUInt32 type;                 // as registered, level included
+    ZoEventListener* listener;     // counted once
     ZoListenerRegistration* next;  // the next under the same type key; owned
 };
 
@@ -228,6 +233,7 @@ public:
     // Destroys the dispatcher at `address` without freeing its memory; with null, deletes this one.
     virtual void CallDestructor(void* address);
 
+    // Enters and leaves the section "EventDispatcher".
     void BeginCritSect();
     void ExitCritSect();
 
@@ -270,6 +276,7 @@ private:
     ZoCritSect* lock;           // "EventDispatcher"
 };
 
+// What GetDispatcher returns.
 extern ZO_API ZoEventMessageDispatcher* eventDispatcher;
 
 // --- debug switches ----------------------------------------------------------------------------
@@ -309,6 +316,7 @@ ZO_API smp_debug* GetDebugger();
 // as GetDebugger.
 ZO_API smp_debug* Debugger(smp_debug* debugger);
 
+// What GetDebugger returns.
 extern ZO_API smp_debug* smp_debugger;
 
 // --- hooks of the host -------------------------------------------------------------------------
@@ -321,10 +329,12 @@ public:
     ZoQaSemaphore& operator=(ZoQaSemaphore const&) = delete;
     virtual ~ZoQaSemaphore();
 
+    // The host's; never called here.
     virtual int Reserved1() = 0;
     virtual int Reserved2() = 0;
     virtual int Reserved3() = 0;
 
+    // The one installed; null when there is none.
     static ZoQaSemaphore* GetSemaphore();
     // Returns the previous one; frees nothing.
     static ZoQaSemaphore* SetSemaphore(ZoQaSemaphore* semaphore);

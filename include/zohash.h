@@ -58,10 +58,11 @@ class ZoMTObj;
 // comes from `operator new`; a key word is read with memcpy.
 class ZoHashEntry {
 public:
+    // The next entry of the same bucket; null at the last.
     ZoHashEntry* GetNext() const { return next; }
 
     ZoHashEntry* next;  // the next entry of the same bucket
-    void* value;
+    void* value;        // the caller's
 };
 
 // The state of an iteration: nothing to set up, FirstEntry or FindEntry does. The entry returned
@@ -80,8 +81,8 @@ public:
     ZoHashTable* table;  // null once used
     ZoHashEntry* entry;  // null when the key was not found
     ZoHashEntry* prev;   // the entry before it; after a miss the chain's last
-    char const* key;
-    ZoUInt32 hash;
+    char const* key;     // the key argument of the search
+    ZoUInt32 hash;       // of the key
 };
 
 // A search function, in one of two modes.
@@ -121,6 +122,7 @@ ZO_API ZoHashEntry* ZoSurrFind(ZoHashTable const* table, char const* key, unsign
 
 class ZO_API ZoHashTable {
 public:
+    // Key sizes that stand for kinds of keys, as the table above says.
     static constexpr unsigned short StringKeys = 0xFFFF;
     static constexpr unsigned short WordKeys = 0xFFFE;
     static constexpr unsigned short SurrogateKeys = 0xFFFD;
@@ -226,6 +228,7 @@ public:
     // longer the one behind its predecessor.
     int Delete(ZoHashPosition& pos);
 
+    // The number of entries.
     unsigned long GetNum() const { return num; }
 
     // Search functions read these and the chains; nobody but the table changes either, not even for

@@ -48,9 +48,11 @@ public:
         if (made == nullptr) throw std::bad_alloc();
     }
 
+    // As Begin.
     void lock() ZO_ACQUIRE() ZO_NOT_ANALYSED { section->Begin(); }
     // False: another thread holds the section, or seemed to. See ZoTryBegin (zocrits.h).
     bool try_lock() ZO_TRY_ACQUIRE(true) ZO_NOT_ANALYSED { return ZoTryBegin(section.get()) != 0; }
+    // As Exit.
     void unlock() ZO_RELEASE() ZO_NOT_ANALYSED { section->Exit(); }
 
     // The section itself, for GetInfo and the like.
@@ -68,11 +70,13 @@ public:
         if (mutex == nullptr) throw std::bad_alloc();
     }
 
+    // As StartRW and EndRW; the shared ones read, the others write.
     void lock() ZO_ACQUIRE() ZO_NOT_ANALYSED { mutex->StartRW(1, ZoNoLimit); }
     void unlock() ZO_RELEASE() ZO_NOT_ANALYSED { mutex->EndRW(1); }
     void lock_shared() ZO_ACQUIRE_SHARED() ZO_NOT_ANALYSED { mutex->StartRW(0, ZoNoLimit); }
     void unlock_shared() ZO_RELEASE_SHARED() ZO_NOT_ANALYSED { mutex->EndRW(0); }
 
+    // The mutex itself, for GetInfo and the like.
     ZoRW_Mutex& Get() const { return *mutex; }
 
 private:
@@ -83,6 +87,7 @@ private:
 template <class Lock>
 class ZO_SCOPED_CAPABILITY ZoHold {
 public:
+    // Takes it; the end of the scope leaves it.
     explicit ZoHold(Lock& lock) ZO_ACQUIRE(lock) : held(lock) { Take(lock); }
     ZoHold(ZoHold const&) = delete;
     ZoHold& operator=(ZoHold const&) = delete;
@@ -107,6 +112,7 @@ private:
 template <class Lock>
 class ZO_SCOPED_CAPABILITY ZoSharedHold {
 public:
+    // Takes it; the end of the scope leaves it.
     explicit ZoSharedHold(Lock& lock) ZO_ACQUIRE_SHARED(lock) : held(lock) { lock.lock_shared(); }
     ZoSharedHold(ZoSharedHold const&) = delete;
     ZoSharedHold& operator=(ZoSharedHold const&) = delete;
@@ -121,6 +127,7 @@ private:
 // A reader of the database.
 class ZO_SCOPED_CAPABILITY ZoReader {
 public:
+    // BeginReader; the end of the scope is EndReader. `label` outlives it.
     explicit ZoReader(ZoThreadMgr& manager, char const* label = "") ZO_ACQUIRE_SHARED(manager)
         : manager(manager), label(label) {
         manager.BeginReader(label);
@@ -138,8 +145,10 @@ private:
 // readers go on beside it until it upgrades. It ends as what it is by then.
 class ZO_SCOPED_CAPABILITY ZoWriter {
 public:
+    // What the writer begins as.
     enum Mode : unsigned short { Exclusive = 0, LessExclusive = 1 };
 
+    // BeginWriter; the end of the scope is EndWriter. `label` outlives it.
     explicit ZoWriter(ZoThreadMgr& manager, char const* label = "", Mode mode = Exclusive)
         ZO_ACQUIRE(manager)
         : manager(manager), label(label), mode(mode) {
@@ -181,6 +190,7 @@ private:
 // An administrator of the database.
 class ZO_SCOPED_CAPABILITY ZoAdmin {
 public:
+    // BeginAdmin; the end of the scope is EndAdmin. `label` outlives it.
     explicit ZoAdmin(ZoThreadMgr& manager, char const* label = "") ZO_ACQUIRE(manager)
         : manager(manager), label(label) {
         manager.BeginAdmin(label);
@@ -198,6 +208,7 @@ private:
 // it.
 class ZoNamedSection {
 public:
+    // Enters it; the end of the scope leaves it. `label` outlives it.
     ZoNamedSection(ZoThreadMgr& manager, unsigned long index, char const* label = "")
         : manager(manager), index(index), label(label) {
         manager.BeginCriticalSection(index, label);

@@ -49,8 +49,10 @@ private:
     std::atomic<ZoCritSect*> myCS{nullptr};
 };
 
+// Holds an object's section for a scope.
 class ZO_API ZO_SCOPED_CAPABILITY ZoAutoSync {
 public:
+    // BeginCriticalSection; the end of the scope is EndCriticalSection.
     explicit ZoAutoSync(ZoMTObj* object) ZO_ACQUIRE(object);
     ZoAutoSync(ZoAutoSync const&) = delete;
     ZoAutoSync& operator=(ZoAutoSync const&) = delete;

@@ -53,6 +53,7 @@ public:
     // Gives up whatever the calling thread holds of this object; here, and in conditions, nothing.
     virtual void ForceRelease();
 
+    // As given.
     char const* GetName() const { return name; }
 
 private:

@@ -60,6 +60,7 @@ namespace zotask {
 // What Get throws when the call has not run and will not.
 class ZO_API Cancelled : public std::exception {
 public:
+    // "the task was cancelled"
     char const* what() const noexcept override { return "the task was cancelled"; }
 };
 
@@ -233,6 +234,7 @@ class Task {
 public:
     Task() = default;
 
+    // Whether there is no call to collect.
     bool IsEmpty() const { return call == nullptr; }
     // Whether Get would return, or throw, without waiting or running the call.
     bool HasEnded() const { return call->HasEnded(); }
@@ -446,6 +448,8 @@ public:
         return working;
     }
 
+    // The queue, for Submit, ParallelFor and units of the host's; its workers are the pool's
+    // affair.
     ZoWorkQueue& Queue() { return *queue; }
     operator ZoWorkQueue&() { return *queue; }
 

@@ -66,6 +66,7 @@ struct Bracket;
 
 class ZO_API ZO_CAPABILITY("thread manager") ZO_REENTRANT ZoThreadMgr {
 public:
+    // The levels that have names.
     static ZoUInt32 const NoneCS = 0;
     static ZoUInt32 const OneCS = 4;
     static ZoUInt32 const AllCS = 9;
@@ -85,6 +86,7 @@ public:
     // Writes the state of the mutex and of every section to the console; nothing at level NoneCS.
     virtual void PrintStatus();
 
+    // As given to the constructor, 32 bits.
     unsigned long GetConcurrencyLevel();
     unsigned long GetDisableMask();
 
@@ -106,6 +108,7 @@ public:
     // by ZoCritSect::Make.
     ZoCritSect* MakeTheCritSect(unsigned long bits, char const* name, unsigned short light);
 
+    // Takes and ends a read of the mutex.
     void BeginReader(char const* label) ZO_ACQUIRE_SHARED();
     void EndReader(char const* label) ZO_RELEASE_SHARED();
     // `lessExclusive` counts from LessExclusiveCommit on: non-zero takes, or ends, a read only. An
@@ -119,6 +122,7 @@ public:
     void BeginAdmin(char const* label) ZO_ACQUIRE();
     void EndAdmin(char const* label) ZO_RELEASE();
 
+    // Enters and leaves the section of that index.
     void BeginCriticalSection(unsigned long index, char const* label);
     void BeginCriticalSection(unsigned long index, unsigned long ignored, char const* label);
     void EndCriticalSection(unsigned long index, char const* label);

@@ -83,6 +83,7 @@ enum ZoThreadPriorityValue : int {
 
 class ZO_API ZoThread {
 public:
+    // The status, as the table above says.
     static constexpr ZoInt32 Running = 1;
     static constexpr ZoInt32 Suspended = 2;
     static constexpr ZoInt32 Finished = 4;
@@ -135,6 +136,7 @@ public:
     // and can no longer be aborted.
     void _Finish();
 
+    // The status, and the result of Work, 0 before it has returned.
     ZoInt32 GetStatus() const { return status; }
     int GetResult() const { return result; }
 
@@ -154,9 +156,10 @@ public:
 
 protected:
     std::atomic<_Thread*> systemThread;  // owned; of the last start; null before
-    std::atomic<ZoInt32> status;
-    std::atomic<int> result;  // of Work; 0 before
-    void* argument;
+    std::atomic<ZoInt32> status;         // one of the constants above
+    std::atomic<int> result;             // of Work; 0 before
+    void* argument;                      // of the last Start
+    // As given.
     char const* name;
     char const* text;
     ZoThreadPriorityValue pendingPriority;

@@ -41,8 +41,8 @@ struct ZoTLSItem;
 
 // What a thread holds of one reader/writer mutex. A thread has at most one for each mutex.
 struct ZoRWRecord : ZoSimpleLinkedListItem {
-    ZoRW_Mutex const* mutex = nullptr;
-    ZoUInt32 holdings = 0;  // read depth in the low 16 bits, write depth in the high 16
+    ZoRW_Mutex const* mutex = nullptr;  // whose levels these are
+    ZoUInt32 holdings = 0;              // read depth in the low 16 bits, write depth in the high 16
 
     // Notes of a walk through the wait-for graph (src/wait_graph.h).
     ZoTLS* thread = nullptr;           // whose record it is
@@ -101,7 +101,7 @@ private:
 
 // What `itemArray` points at: 20 bytes on the 32-bit build.
 struct ZoTLSItem {
-    void* words[5];
+    void* words[5];  // the host's
 };
 
 // The record that belongs to no thread; non-null marks that the library context is set up.

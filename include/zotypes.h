@@ -56,6 +56,7 @@
 #define ZO_RETURN_CAPABILITY(x) ZO_CLANG_ATTRIBUTE(lock_returned(x))
 #define ZO_NOT_ANALYSED ZO_CLANG_ATTRIBUTE(no_thread_safety_analysis)
 
+// A word in memory: exactly 32 bits.
 #if LONG_MAX == 2147483647L
 using ZoInt32 = long;
 using ZoUInt32 = unsigned long;

@@ -98,7 +98,7 @@ public:
     void HandledParallel();
 
 protected:
-    ZoResult* resultObject;
+    ZoResult* resultObject;  // as given; not owned
 };
 
 class ZO_API ZoWorkQueue {
@@ -142,6 +142,7 @@ public:
 // A worker of a queue, made and started by the queue and deleted by itself.
 class ZO_API ZoQueueWorker : public ZoThread {
 public:
+    // Not started.
     explicit ZoQueueWorker(ZoWorkQueueImpl* queue);
     ~ZoQueueWorker() override;
 

@@ -9,6 +9,7 @@
 #ifndef KELVARA_PLATFORM_ZOBASE_H_
 #define KELVARA_PLATFORM_ZOBASE_H_
 
+// Marks what the base library exports.
 #define ZO_BASE_API __attribute__((visibility("default")))
 
 // Types of the engine that the library only passes on.
@@ -70,6 +71,7 @@ public:
 // Called with a pointer of all bits set, which asks for the default configuration. May be null.
 ZO_BASE_API ZoConfig* DefaultConfig(ZoConfig* which);
 
+// The default configuration; null when there is none.
 inline ZoConfig* ZoDefaultConfiguration() {
     return DefaultConfig(reinterpret_cast<ZoConfig*>(~0UL));
 }

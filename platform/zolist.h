@@ -22,6 +22,7 @@ public:
     ZoLinkedListItem& operator=(ZoLinkedListItem const&) = delete;
     virtual ~ZoLinkedListItem();
 
+    // The neighbours in its list; null at the ends.
     ZoLinkedListItem* GetNext() const { return next; }
     ZoLinkedListItem* GetPrev() const { return prev; }
 
@@ -31,6 +32,7 @@ private:
     ZoLinkedListItem* prev = nullptr;
 };
 
+// Owns its items.
 class ZO_BASE_API ZoLinkedList {
 public:
     ZoLinkedList() = default;
@@ -39,6 +41,7 @@ public:
     // Deletes the items that are left, first to last.
     virtual ~ZoLinkedList();
 
+    // The ends; null when the list is empty.
     ZoLinkedListItem* GetFirst() const { return first; }
     ZoLinkedListItem* GetLast() const { return last; }
 
@@ -62,6 +65,7 @@ private:
 // what is left in it back with `operator delete` and runs no destructor.
 class ZO_BASE_API ZoSimpleLinkedListItem {
 public:
+    // The item behind it; null at the end.
     ZoSimpleLinkedListItem* GetNext() const { return next; }
 
 private:
@@ -78,6 +82,7 @@ public:
     // Frees the items that are left.
     ~ZoSimpleLinkedList();
 
+    // Null when the list is empty.
     ZoSimpleLinkedListItem* GetFirst() const { return first; }
 
     // `item` is in no list; the list owns it from here on.

@@ -16,6 +16,7 @@ enum ZoRawBufferBehavior {
 
 class ZO_BASE_API ZoRawBuffer {
 public:
+    // `buffer` of `length` bytes, treated as `behavior` says.
     ZoRawBuffer(void* buffer, unsigned long length, ZoRawBufferBehavior behavior);
     ZoRawBuffer(ZoRawBuffer const&) = delete;
     ZoRawBuffer& operator=(ZoRawBuffer const&) = delete;
