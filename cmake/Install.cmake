@@ -1,7 +1,7 @@
 # What `cmake --install` puts where, in four components: Runtime (the library), Base (the stand-in of
 # the base library, for programs without an engine), Development (headers, the package for CMake's
-# find_package, files for pkg-config) and Tools (from host/). Everything finds its neighbours from its own place, so an
-# installed tree may be moved.
+# find_package, files for pkg-config) and Tools (with commands for gdb). Everything finds its
+# neighbours from its own place, so an installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
 set(zo_package ${CMAKE_INSTALL_LIBDIR}/cmake/zo95Kex)
