@@ -31,12 +31,13 @@
 
 class ZoSynchroObj;
 
+// What an object is. A detecting section is Detecting, a plain one Section.
 enum class ZoSynchroKind { Other, Section, Detecting, Mutex, Condition, Queue };
 
 struct ZoContention {
     ZoSynchroObj const* object;  // may be gone by the time the figures are looked at
-    ZoSynchroKind kind;
-    char name[64];  // cut to 63 bytes
+    ZoSynchroKind kind;          // what it is
+    char name[64];               // cut to 63 bytes
     // Of the thread that has the section or writes, at that moment; null: none has. The identity of
     // its record (zotls.h), or of a plain section's owner the handle (pthread_t).
     void* owner;
@@ -57,12 +58,15 @@ ZO_API void ZoResetContention();
 
 // Kept by each object that threads wait for. Changed by the library only.
 struct ZoWaitFigures {
+    // As in ZoContention.
     std::atomic<unsigned long long> waits{0};
     std::atomic<unsigned long long> nanoseconds{0};
     std::atomic<unsigned long long> longest{0};
 };
 
+// Kept by each queue. Changed by the library only.
 struct ZoQueueFigures {
+    // As in ZoContention.
     std::atomic<unsigned long long> refused{0};
     std::atomic<unsigned long long> aborted{0};
     std::atomic<unsigned long long> greatestLength{0};
