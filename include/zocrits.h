@@ -182,6 +182,8 @@ public:
     void ForceRelease() override;
     void Begin() ZO_ACQUIRE() override;
     void Exit() ZO_RELEASE() override;
+    // Names the section that the owner waits for. Of an owner that waits for the readers of a mutex
+    // it tells nothing: that mutex's own GetInfo does.
     void GetInfo(char* buffer, int size) override;
 
     // 1 when the owner of this section waits, directly or through a chain, for the thread whose

@@ -474,6 +474,7 @@ private:
         if (step == 'o') {
             for (auto const& other : others) other->StartRW(0, 0);
         }
+        if (plan == nullptr) return;
         if (step == 'd') plan->BeginReader("");
         if (step == 'e' || step == 'v') plan->BeginWriter("", step == 'e' ? 1 : 0);
         if (step == 'u') plan->UpgradeWriter("");
