@@ -13,14 +13,15 @@ void LowLevelHandler(int);
 
 // The steps of a fork, on the thread that forks.
 struct AbortionAtFork {
-    static void BlockSignals();
+    // Blocks the signals. Enters the section of the facility whose handler forks, if one does.
+    static void Begin();
     // Enters the facility's section, if there is a facility.
     static void Enter();
     // Takes the facility's lock. False, and nothing done, when there was no facility to enter but
     // is one now.
     static bool Lock();
     static void Unlock();
-    // Undoes Enter and BlockSignals.
+    // Undoes Enter and Begin.
     static void Leave();
     // In the child, before Leave.
     static void ForgetAbsentThreads();

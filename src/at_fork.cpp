@@ -17,7 +17,7 @@ namespace {
 // In the order of docs/locking.md. Only here does a thread hold several locks of the last line. No
 // lock is taken under one of those, so their order among themselves is free.
 void BeforeFork() {
-    AbortionAtFork::BlockSignals();
+    AbortionAtFork::Begin();
     do {
         AbortionAtFork::Enter();
     } while (!AbortionAtFork::Lock());

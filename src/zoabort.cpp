@@ -68,8 +68,9 @@ struct Facility {
 std::mutex facilityLock;
 Facility* facility = nullptr;
 
-// The calling thread is inside a handler, and so holds abortCS already.
-thread_local bool insideHandler = false;
+// The facility that is asking the calling thread's handler, null outside of one. The thread holds
+// its section already, unless the handler has made it leave all its sections.
+constinit thread_local Facility* asking = nullptr;
 
 Facility* PinFacility() {
     std::lock_guard<std::mutex> lock(facilityLock);
@@ -101,7 +102,7 @@ Facility* EnterFacility(Facility* (*find)()) {
 // A thread that is inside no handler leaves the section completely. It holds one level, except
 // after it has asked handlers (see AskHandlers), when it may hold any number.
 void LeaveFacility(Facility* entered) {
-    if (insideHandler) {
+    if (asking != nullptr) {
         entered->abortCS->Exit();
     } else {
         entered->abortCS->ForceRelease();
@@ -121,6 +122,7 @@ public:
 
     explicit operator bool() const { return entered != nullptr; }
     Facility* operator->() const { return entered; }
+    Facility* Get() const { return entered; }
 
 private:
     SignalsBlocked blocked;
@@ -290,9 +292,9 @@ int AskHandlers(Hold& hold) {
     while (result == 0 && hold->nextItem != nullptr) {
         AbortItem const* const item = static_cast<AbortItem*>(hold->nextItem);
         hold->nextItem = item->GetNext();
-        insideHandler = true;
+        asking = hold.Get();
         result = item->handler(item->argument);
-        insideHandler = false;
+        asking = nullptr;
         hold->abortCS->Begin();
     }
     return result;
@@ -300,8 +302,11 @@ int AskHandlers(Hold& hold) {
 
 }  // namespace
 
-void AbortionAtFork::BlockSignals() {
+// A thread that is inside a handler enters the section of the facility that asks once the handler
+// has returned, in the child too. By then the facility may be torn down and not be found any more.
+void AbortionAtFork::Begin() {
     maskBeforeFork = BlockAbortSignals();
+    if (asking != nullptr) asking->abortCS->Begin();
 }
 
 void AbortionAtFork::Enter() {
@@ -322,6 +327,7 @@ void AbortionAtFork::Unlock() {
 void AbortionAtFork::Leave() {
     sigset_t const previous = maskBeforeFork;
     if (heldForFork != nullptr) LeaveFacility(heldForFork);
+    if (asking != nullptr) asking->abortCS->Exit();
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
@@ -351,7 +357,7 @@ int ZoAddAbortionHandler(int (*handler)(void*), void* argument) {
     } else {
         delete item;  // somebody has released more references than were taken
     }
-    return insideHandler ? 1 : 0;
+    return asking != nullptr ? 1 : 0;
 }
 
 int ZoRemoveAbortionHandler(int (*handler)(void*), void* argument) {

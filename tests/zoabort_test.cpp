@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -16,9 +17,11 @@
 #include <thread>
 #include <vector>
 
+#include "_zothrd.h"
 #include "abort_handlers.h"
 #include "alloc_fault.h"
 #include "services.h"
+#include "zosyncob.h"
 
 using namespace zotest;
 
@@ -207,6 +210,41 @@ void ForkedByAHandler() {
     Send(SIGINT);
 }
 
+// A handler that has given up its locks forks while another thread, which has torn the facility
+// down, still holds its section.
+void ForkedByAHandlerWithoutItsLocks() {
+    static pthread_t const forker = pthread_self();
+    static std::atomic<bool> isFree{false}, isTornDown{false}, forks{false};
+    static pid_t child = -1;
+    ___ZoExtendedContext(1);  // the chain through which locks are given up
+    Add([](void*) {
+        if (pthread_equal(forker, pthread_self()) != 0) {
+            ReleaseAllSynchronizationObjects();
+            isFree = true;
+            Await([] { return isTornDown.load(); });
+            forks = true;
+            child = fork();
+            if (child == 0) alarm(60);
+        } else {
+            DropAllReferences();
+            isTornDown = true;
+            Await([] { return forks.load(); });
+            for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+        }
+        return 0;
+    });
+    std::thread other([] {
+        Await([] { return isFree.load(); });
+        LowLevelAbortionHandler();
+    });
+    LowLevelAbortionHandler();
+    if (child == 0) _exit(0);
+    other.join();
+    int status = -1;
+    waitpid(child, &status, 0);
+    _exit(status == 0 ? 0 : 1);
+}
+
 // Signals, and time for an answer to them.
 void Interrupt() {
     Write(".");
@@ -274,6 +312,7 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
         {"", ForkedWhileAHandlerRuns},
         {"", ForkedDuringTheFirstSetUp},
         {"", ForkedByAHandler},
+        {"", ForkedByAHandlerWithoutItsLocks},
     };
     for (auto const& one : cases) {
         if (threadSanitizer && one.body == OnThreadOfForkedChild) continue;
