@@ -62,15 +62,6 @@ class ZoResourceWatcher;
 class ZoSynchroObj;
 class _Thread;
 
-// Nothing but a virtual destructor: a base for objects that are destroyed through a base pointer.
-class ZO_API ZoExtendedBase {
-public:
-    ZoExtendedBase() = default;
-    ZoExtendedBase(ZoExtendedBase const&) = delete;
-    ZoExtendedBase& operator=(ZoExtendedBase const&) = delete;
-    virtual ~ZoExtendedBase();
-};
-
 // Priorities have no effect on this platform.
 enum ZoThreadPriorityValue : int {
     ZoPriorityUnchanged = -3,  // in a thread object: no change is pending

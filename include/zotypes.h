@@ -67,6 +67,15 @@ using ZoUInt32 = unsigned int;
 
 static_assert(sizeof(ZoInt32) == 4 && sizeof(ZoUInt32) == 4, "a stored word has 32 bits");
 
+// Nothing but a virtual destructor: a base for objects that are destroyed through a base pointer.
+class ZO_API ZoExtendedBase {
+public:
+    ZoExtendedBase() = default;
+    ZoExtendedBase(ZoExtendedBase const&) = delete;
+    ZoExtendedBase& operator=(ZoExtendedBase const&) = delete;
+    virtual ~ZoExtendedBase();
+};
+
 // A limit that callers pass as 4294967295, or as -1 converted to `unsigned long`: no limit.
 inline constexpr ZoUInt32 ZoNoLimit = 0xFFFFFFFFU;
 

@@ -14,7 +14,6 @@
 #include "debug_path.h"
 #include "misuse.h"
 #include "owned_sections.h"
-#include "rw_mutex.h"
 #include "section_try.h"
 #include "smp_io.h"
 #include "wait_figures.h"

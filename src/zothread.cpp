@@ -9,8 +9,6 @@
 #include "zobase.h"
 #include "zosyncob.h"
 
-ZoExtendedBase::~ZoExtendedBase() = default;
-
 namespace {
 
 void TraceMethod(char const* text, ZoThread* thread) {

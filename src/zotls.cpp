@@ -17,7 +17,6 @@
 #include "wait_graph.h"
 #include "zobase.h"
 #include "zocond.h"
-#include "zothread.h"
 
 static_assert(std::is_trivially_destructible_v<ZoRWRecord>, "the list frees records as memory");
 static_assert(std::is_trivially_destructible_v<ZoTLSItem>);
@@ -93,6 +92,8 @@ void LockRecordKey() {
 void UnlockRecordKey() {
     pthread_mutex_unlock(&keyCreation);
 }
+
+ZoExtendedBase::~ZoExtendedBase() = default;
 
 ZoTLS::ZoTLS()
     : cond(nullptr),
