@@ -16,7 +16,7 @@ namespace {
 
 // In the order of docs/locking.md. Only here does a thread hold several locks of the last line. No
 // lock is taken under one of those, so their order among themselves is free.
-void BeforeFork() {
+void BeforeFork() ZO_NOT_ANALYSED {
     AbortionAtFork::Begin();
     do {
         AbortionAtFork::Enter();
@@ -27,7 +27,7 @@ void BeforeFork() {
     EndingThreads::Lock();
 }
 
-void AfterFork() {
+void AfterFork() ZO_NOT_ANALYSED {
     EndingThreads::Unlock();
     UnlockRecordKey();
     UnlockConsole();

@@ -4,14 +4,14 @@
 
 #include "cancellation.h"
 #include "current_thread.h"
+#include "mutex.h"
 #include "thread_life.h"
 
 namespace {
 
-// How many threads have entered, and the lock that guards the number.
-pthread_mutex_t endingLock = PTHREAD_MUTEX_INITIALIZER;
+constinit Mutex endingLock;
 pthread_cond_t nobodyEnding = PTHREAD_COND_INITIALIZER;
-int endingThreads = 0;
+int endingThreads ZO_GUARDED_BY(endingLock) = 0;  // how many threads have entered
 
 // Whether the calling thread has entered.
 constinit thread_local bool isEnding = false;
@@ -22,36 +22,35 @@ constinit thread_local bool isEnding = false;
 void EndingThreads::Enter() {
     if (ThreadLife::current == nullptr || currentRecord == nullptr) return;
     isEnding = true;
-    pthread_mutex_lock(&endingLock);
+    MutexHold const hold(endingLock);
     ++endingThreads;
-    pthread_mutex_unlock(&endingLock);
 }
 
 void EndingThreads::Leave() {
     if (!isEnding) return;
     isEnding = false;
-    pthread_mutex_lock(&endingLock);
+    MutexHold const hold(endingLock);
     if (--endingThreads == 0) pthread_cond_broadcast(&nobodyEnding);
-    pthread_mutex_unlock(&endingLock);
 }
 
 void EndingThreads::WaitForNone() {
     CancellationDeferred deferred;  // the lock is not left to a cancelled thread
-    pthread_mutex_lock(&endingLock);
-    while (endingThreads != 0) pthread_cond_wait(&nobodyEnding, &endingLock);
-    pthread_mutex_unlock(&endingLock);
+    MutexHold const hold(endingLock);
+    while (endingThreads != 0) {
+        pthread_cond_wait(&nobodyEnding, endingLock.Plain().native_handle());
+    }
 }
 
-void EndingThreads::Lock() {
-    pthread_mutex_lock(&endingLock);
+void EndingThreads::Lock() ZO_NOT_ANALYSED {
+    endingLock.lock();
 }
 
-void EndingThreads::Unlock() {
-    pthread_mutex_unlock(&endingLock);
+void EndingThreads::Unlock() ZO_NOT_ANALYSED {
+    endingLock.unlock();
 }
 
 // A waiter of the parent is absent too, so the condition is made anew.
-void EndingThreads::ForgetAbsentThreads() {
+void EndingThreads::ForgetAbsentThreads() ZO_NOT_ANALYSED {
     endingThreads = isEnding ? 1 : 0;
     pthread_cond_init(&nobodyEnding, nullptr);
 }

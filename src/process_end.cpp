@@ -16,7 +16,7 @@
 #include "abort_signals.h"
 #include "cancellation.h"
 
-std::mutex ProcessEnd::lock;
+constinit Mutex ProcessEnd::lock;
 
 namespace {
 
@@ -59,7 +59,7 @@ void BeginLeaving() {
     SignalsBlocked blocked;
     bool late = false;
     {
-        std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
+        MutexHold const hold(ProcessEnd::lock);
         late = exitCalled && !hasCalledExit && IsMainThread() && !ExitIsSerialised();
         if (!isLeaving) ++leavingThreads;
         isLeaving = true;
@@ -72,7 +72,7 @@ void EndLeaving(void*) {
     decltype(putOff) again;
     {
         SignalsBlocked blocked;
-        std::lock_guard<std::mutex> const hold(ProcessEnd::lock);
+        MutexHold const hold(ProcessEnd::lock);
         if (isLeaving && --leavingThreads == 0) again = std::exchange(putOff, {});
         isLeaving = false;
     }
@@ -103,14 +103,14 @@ void ProcessEnd::WatchExit() {
 }
 
 bool ProcessEnd::PutsOff(int signal) {
-    std::lock_guard<std::mutex> const hold(lock);
+    MutexHold const hold(lock);
     bool const ending = leavingThreads != 0 || exitCalled;
     if (ending) putOff.Add(signal);
     return ending;
 }
 
 bool ProcessEnd::MayExit(int signal) {
-    std::lock_guard<std::mutex> const hold(lock);
+    MutexHold const hold(lock);
     if (leavingThreads != 0 || exitCalled) {
         putOff.Add(signal);
         return false;

@@ -18,7 +18,7 @@
 #ifndef KELVARA_SRC_PROCESS_END_H_
 #define KELVARA_SRC_PROCESS_END_H_
 
-#include <mutex>
+#include "mutex.h"
 
 class ProcessEnd {
 public:
@@ -42,7 +42,7 @@ public:
 
     // Guards what is known of the end. Taken with SIGQUIT and SIGINT blocked, held for a few
     // instructions, and over a fork.
-    static std::mutex lock;
+    static Mutex lock;
 };
 
 #endif  // KELVARA_SRC_PROCESS_END_H_

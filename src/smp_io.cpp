@@ -4,7 +4,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -12,6 +11,7 @@
 #include "checkers.h"
 #include "console_sink.h"
 #include "debug_path.h"
+#include "mutex.h"
 #include "zobase.h"
 
 smp_io* smp_console = nullptr;
@@ -98,21 +98,22 @@ namespace {
 
 // Guards the sink of every console against a SinkScope, and the users of a scope's sink. Held for a
 // few instructions and never while a sink is called.
-std::mutex consoleLock;
-ScopedSink* scopedSink = nullptr;  // the sink of the innermost scope; guarded by consoleLock
+constinit Mutex consoleLock;
+// The sink of the innermost scope.
+ScopedSink* scopedSink ZO_GUARDED_BY(consoleLock) = nullptr;
 
 }  // namespace
 
-void LockConsole() {
+void LockConsole() ZO_NOT_ANALYSED {
     consoleLock.lock();
 }
 
-void UnlockConsole() {
+void UnlockConsole() ZO_NOT_ANALYSED {
     consoleLock.unlock();
 }
 
 SinkUse::SinkUse(smp_io const& stream) {
-    std::lock_guard<std::mutex> hold(consoleLock);
+    MutexHold const hold(consoleLock);
     sink = stream.sink;
     scoped = sink != nullptr && sink == scopedSink ? scopedSink : nullptr;
     if (scoped != nullptr) ++scoped->users;
@@ -121,7 +122,7 @@ SinkUse::SinkUse(smp_io const& stream) {
 SinkUse::~SinkUse() {
     if (scoped == nullptr) return;
     {
-        std::lock_guard<std::mutex> hold(consoleLock);
+        MutexHold const hold(consoleLock);
         if (--scoped->users != 0) return;
     }
     CancellationDeferred deferred;  // closing a file is a cancellation point
@@ -130,7 +131,7 @@ SinkUse::~SinkUse() {
 
 SinkScope::SinkScope(smp_io& console, ScopedSink* own) : console(console), own(own) {
     if (own == nullptr) return;
-    std::lock_guard<std::mutex> hold(consoleLock);
+    MutexHold const hold(consoleLock);
     saved = std::exchange(console.sink, own);
     outer = std::exchange(scopedSink, own);
 }
@@ -138,7 +139,7 @@ SinkScope::SinkScope(smp_io& console, ScopedSink* own) : console(console), own(o
 SinkScope::~SinkScope() {
     if (own == nullptr) return;
     {
-        std::lock_guard<std::mutex> hold(consoleLock);
+        MutexHold const hold(consoleLock);
         console.sink = saved;
         scopedSink = outer;
         if (--own->users != 0) return;

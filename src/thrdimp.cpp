@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstring>
-#include <mutex>
 #include <new>
 
 #include "cancellation.h"
@@ -82,7 +81,7 @@ struct PosixStartRecord : StartRecord {
 class RunningThread {
 public:
     explicit RunningThread(PosixStartRecord const& record) : life(record.life) {
-        std::lock_guard<std::mutex> const hold(life->mutex);
+        MutexHold const hold(life->mutex);
         record.systemThread->handle = pthread_self();
         life->state = ThreadLife::Running;
         ThreadLife::current = life;
@@ -92,7 +91,7 @@ public:
     RUNS_WHILE_UNWOUND ~RunningThread() {
         ThreadLife::current = nullptr;
         {
-            std::lock_guard<std::mutex> const hold(life->mutex);
+            MutexHold const hold(life->mutex);
             life->state = ThreadLife::Ended;
         }
         life->Release();
@@ -152,7 +151,7 @@ PosixThread::~PosixThread() {
     if (life == nullptr) return;
     ZoInt32 const status = owner->status;
     if (status != ZoThread::NotStarted && status != ZoThread::Failed && !life->IsAbsent()) {
-        std::lock_guard<std::mutex> const hold(life->mutex);
+        MutexHold const hold(life->mutex);
         if (life->HandleIsValid()) pthread_detach(handle);
     }
     life->Release();
@@ -161,7 +160,7 @@ PosixThread::~PosixThread() {
 int PosixThread::Start(long stackSizeCode) {
     if (life == nullptr) return FailToCreate(ENOMEM);
     {
-        std::lock_guard<std::mutex> const hold(life->mutex);
+        MutexHold const hold(life->mutex);
         owner->status = ZoThread::NotStarted;
         life->state = ThreadLife::Starting;
         handle = NoThread;
@@ -197,7 +196,7 @@ int PosixThread::Start(long stackSizeCode) {
 }
 
 void PosixThread::LeaveIdle() {
-    std::lock_guard<std::mutex> const hold(life->mutex);
+    MutexHold const hold(life->mutex);
     life->state = ThreadLife::Idle;
     life->aborted = false;
 }
@@ -227,7 +226,7 @@ void PosixThread::MarkAbortFailed(bool started) {
         owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
         return;
     }
-    std::lock_guard<std::mutex> const hold(life->mutex);
+    MutexHold const hold(life->mutex);
     if (started != (life->state != ThreadLife::Idle)) return;
     owner->status.compare_exchange_strong(aborted, ZoThread::Failed);
 }
@@ -238,7 +237,7 @@ int PosixThread::Cancel(bool& started) {
         owner->status = ZoThread::Aborted;
         return ESRCH;
     }
-    std::lock_guard<std::mutex> const hold(life->mutex);
+    MutexHold const hold(life->mutex);
     started = life->state != ThreadLife::Idle;
     owner->status = ZoThread::Aborted;
     if (!life->CanBeAborted()) return ESRCH;
@@ -266,7 +265,7 @@ int PosixThread::Giveup() {
 
 bool PosixThread::IsCallingThread() {
     if (!IsUsable(life)) return false;
-    std::lock_guard<std::mutex> const hold(life->mutex);
+    MutexHold const hold(life->mutex);
     return life->HandleIsValid() && pthread_equal(handle, pthread_self()) != 0;
 }
 

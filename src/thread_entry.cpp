@@ -66,7 +66,7 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     thread->Cleanup(argument);
     Trace(Steps, "ZoThread ", thread, ",", name, " : Trampoline, Cleanup done");
     CancellationDeferred deferred;  // past the last status every step is run
-    ThreadLife::UnlessAborted([&] {
+    ThreadLife::UnlessAborted([&]() ZO_NOT_ANALYSED {
         if (ThreadLife::current != nullptr) ThreadLife::current->state = ThreadLife::Finishing;
         thread->status = ZoThread::Finished;
     });

@@ -12,6 +12,7 @@
 
 #include "at_fork.h"
 #include "cancellation.h"
+#include "mutex.h"
 
 // One life of one thread, from before its creation until both the system thread object and the
 // thread itself are gone; each holds a reference.
@@ -46,12 +47,12 @@ public:
     // In a child: the thread that forked goes on there; a thread that tried to abort it does not.
     static void ForgetAbsentThreads() {
         if (current == nullptr) return;
-        new (&current->mutex) std::mutex;
+        new (&current->mutex) Mutex;
         current->process.BecomeThis();
     }
 
-    bool HandleIsValid() const { return state == Running || state == Finishing; }
-    bool CanBeAborted() const { return state == Starting || state == Running; }
+    bool HandleIsValid() const ZO_REQUIRES(mutex) { return state == Running || state == Finishing; }
+    bool CanBeAborted() const ZO_REQUIRES(mutex) { return state == Starting || state == Running; }
 
     // Does `step`, an access to the thread object, with the lock held. An aborted thread ends here
     // instead, whatever its cancellation state. A thread that no system thread started just does
@@ -60,7 +61,7 @@ public:
     static void UnlessAborted(Step step) {
         if (current == nullptr) return step();
         {
-            std::lock_guard<std::mutex> const hold(current->mutex);
+            MutexHold const hold(current->mutex);
             if (!current->aborted) return step();
         }
         pthread_exit(PTHREAD_CANCELED);
@@ -69,20 +70,20 @@ public:
     // Wakes a starter that sleeps in AwaitStarted. By the new thread, after it has set the record's
     // flag.
     void SayStarted() {
-        { std::lock_guard<std::mutex> const hold(mutex); }
+        { MutexHold const hold(mutex); }
         started.notify_one();
     }
     // Sleeps until `isStarted`, which reads that flag. No cancellation point.
     template <class Predicate>
     void AwaitStarted(Predicate isStarted) {
         CancellationDeferred deferred;
-        std::unique_lock<std::mutex> hold(mutex);
+        std::unique_lock<std::mutex> hold(mutex.Plain());
         started.wait(hold, isStarted);
     }
 
-    std::mutex mutex;      // guards what follows, and the system thread's handle
-    State state = Idle;    // changed by the starter, then by the thread
-    bool aborted = false;  // an abort has been accepted
+    Mutex mutex;                              // guards what follows, and the system thread's handle
+    State state ZO_GUARDED_BY(mutex) = Idle;  // changed by the starter, then by the thread
+    bool aborted ZO_GUARDED_BY(mutex) = false;  // an abort has been accepted
 
     // The calling thread's life; null for a thread that no system thread started.
     static constinit thread_local ThreadLife* current;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <new>
 
+#include "mutex.h"
 #include "owned_sections.h"
 #include "rw_record.h"
 #include "zosyncob.h"
@@ -14,7 +15,7 @@ namespace {
 
 // The records' lock: guards the records of other threads against being freed while they are read,
 // and the notes that a walk makes in them.
-constinit std::mutex recordsLock;
+constinit Mutex recordsLock;
 
 // The threads whose waits are announced, the latest first. Guarded by csDLD.
 ZoTLS* firstWaiting = nullptr;
@@ -149,7 +150,7 @@ WaitForGraph::Holder WaitForGraph::SafeHolder(ZoTLS* thread) {
 }
 
 WaitForGraph::Holder WaitForGraph::OwnerOf(ZoDLDCritSect const* section) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
+    MutexHold const hold(recordsLock);
     return SafeHolder(RecordOfOwner(section));
 }
 
@@ -161,18 +162,18 @@ void* WaitForGraph::IdentityOfOwner(ZoDLDCritSect const* section) {
 
 WaitForGraph::Holder WaitForGraph::HolderOf(Wait const& wanted, ZoTLS const* target) {
     if (wanted.section != nullptr) return OwnerOf(wanted.section);
-    std::lock_guard<std::mutex> const hold(recordsLock);
+    MutexHold const hold(recordsLock);
     return SafeHolder(Walk(target).FirstStepFrom(wanted));
 }
 
 bool WaitForGraph::LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
+    MutexHold const hold(recordsLock);
     Walk walk(const_cast<ZoTLS const*>(target));
     return walk.FirstStepFrom(WaitOf(const_cast<ZoTLS const*>(thread))) != nullptr;
 }
 
 bool WaitForGraph::LeadsTo(Wait const& wanted, ZoTLS const* target) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
+    MutexHold const hold(recordsLock);
     Walk walk(target);
     if (wanted.section == nullptr) return walk.FirstStepFrom(wanted) != nullptr;
     ZoTLS const* const owner = RecordOfOwner(wanted.section);
@@ -207,7 +208,7 @@ void WaitForGraph::Clear(ZoTLS* thread) {
 }
 
 void WaitForGraph::LetWalksPass() {
-    std::lock_guard<std::mutex> const pass(recordsLock);
+    MutexHold const pass(recordsLock);
 }
 
 int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
@@ -222,7 +223,7 @@ int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
 // notes of a walk, which the next walk makes anew; the words of the graph are changed one at a
 // time, and so are the links of the chain and of the list of waiting threads.
 void WaitForGraph::ForgetAbsentThreads() {
-    new (&recordsLock) std::mutex;
+    new (&recordsLock) Mutex;
     FreeUnlessMine(csDLD);
     FreeUnlessMine(fscs);
     ZoTLS* const me = currentRecord;

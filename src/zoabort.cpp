@@ -8,12 +8,12 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 
 #include "abort_handlers.h"
 #include "abort_signals.h"
 #include "cancellation.h"
+#include "mutex.h"
 #include "process_end.h"
 #include "zobase.h"
 #include "zocrits.h"
@@ -32,6 +32,10 @@ struct AbortItem : ZoLinkedListItem {
     int (*handler)(void*);
     void* argument;
 };
+
+// Guards `facility` and the pins of every facility, and what set-up does once. Held for a few
+// instructions or a system call, and taken last.
+constinit Mutex facilityLock;
 
 // One life of the facility, from the first reference to the last. `abortCS` guards the fields below
 // it and is held while handlers run.
@@ -60,20 +64,17 @@ struct Facility {
     bool tornDown = false;
     ZoLinkedListItem* nextItem = nullptr;  // whom to ask after the handler that is running
 
-    int pins = 1;  // guarded by facilityLock
+    int pins ZO_GUARDED_BY(facilityLock) = 1;
 };
 
-// Guards `facility` and the pins of every facility, and what set-up does once. Held for a few
-// instructions or a system call, and taken last.
-std::mutex facilityLock;
-Facility* facility = nullptr;
+Facility* facility ZO_GUARDED_BY(facilityLock) = nullptr;
 
 // The facility that is asking the calling thread's handler, null outside of one. The thread holds
 // its section already, unless the handler has made it leave all its sections.
 constinit thread_local Facility* asking = nullptr;
 
 Facility* PinFacility() {
-    std::lock_guard<std::mutex> lock(facilityLock);
+    MutexHold const lock(facilityLock);
     if (facility != nullptr) ++facility->pins;
     return facility;
 }
@@ -81,14 +82,14 @@ Facility* PinFacility() {
 void Unpin(Facility* pinned) {
     bool last = false;
     {
-        std::lock_guard<std::mutex> lock(facilityLock);
+        MutexHold const lock(facilityLock);
         last = --pinned->pins == 0;
     }
     if (last) delete pinned;
 }
 
 // Pins the facility that `find` pins and enters its section; null when `find` finds none.
-Facility* EnterFacility(Facility* (*find)()) {
+Facility* EnterFacility(Facility* (*find)()) ZO_NOT_ANALYSED {
     for (;;) {
         Facility* const found = find();
         if (found == nullptr) return nullptr;
@@ -101,7 +102,7 @@ Facility* EnterFacility(Facility* (*find)()) {
 
 // A thread that is inside no handler leaves the section completely. It holds one level, except
 // after it has asked handlers (see AskHandlers), when it may hold any number.
-void LeaveFacility(Facility* entered) {
+void LeaveFacility(Facility* entered) ZO_NOT_ANALYSED {
     if (asking != nullptr) {
         entered->abortCS->Exit();
     } else {
@@ -232,7 +233,7 @@ Facility* MakeFacility() {
 // Makes `made` the facility unless another thread was first. Whoever finds a facility finds the
 // signals caught as well.
 bool SetUp(Facility* made) {
-    std::lock_guard<std::mutex> lock(facilityLock);
+    MutexHold const lock(facilityLock);
     if (facility != nullptr) return false;
     facility = made;
     ++made->pins;
@@ -265,7 +266,7 @@ int ReleaseReference() {
     if (left != 0) return left;
     hold->tornDown = true;
     hold->nextItem = nullptr;
-    std::lock_guard<std::mutex> lock(facilityLock);
+    MutexHold const lock(facilityLock);
     facility = nullptr;
     --hold->pins;  // that of the references; the hold has one of its own
     return 0;
@@ -286,7 +287,7 @@ AbortItem* FindItem(ZoLinkedList const* list, int (*handler)(void*), void* argum
 //
 // A handler may also make its thread leave all its sections. So the section is entered anew after
 // each: one level more if it is still held, which nobody could notice in between; else its return.
-int AskHandlers(Hold& hold) {
+int AskHandlers(Hold& hold) ZO_NOT_ANALYSED {
     int result = 0;
     hold->nextItem = hold->abortList->GetFirst();
     while (result == 0 && hold->nextItem != nullptr) {
@@ -313,14 +314,14 @@ void AbortionAtFork::Enter() {
     heldForFork = EnterFacility(PinFacility);
 }
 
-bool AbortionAtFork::Lock() {
+bool AbortionAtFork::Lock() ZO_NOT_ANALYSED {
     facilityLock.lock();
     if (facility == heldForFork) return true;
     facilityLock.unlock();
     return false;
 }
 
-void AbortionAtFork::Unlock() {
+void AbortionAtFork::Unlock() ZO_NOT_ANALYSED {
     facilityLock.unlock();
 }
 

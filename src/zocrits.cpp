@@ -194,7 +194,7 @@ void PosixCritSect::Exit() {
 }
 
 // Counts the levels beforehand: after the last one another thread may destroy the section.
-void PosixCritSect::ForceRelease() {
+void PosixCritSect::ForceRelease() ZO_NOT_ANALYSED {
     if (!IsMine()) return;
     for (ZoInt32 level = GetOwningCount(); level != 0; --level) Exit();
 }
@@ -359,7 +359,7 @@ int ZoTryBegin(ZoCritSect* section) {
 
 // The wrapped section is entered once, whatever the depth. A thread that comes here as its owner
 // had no record before, so its entry went unnoticed: it gives the second level back.
-void ZoDLDCritSect::EnterWrapped() {
+void ZoDLDCritSect::EnterWrapped() ZO_NOT_ANALYSED {
     wrapped->Begin();
     if (GetOwningCount() != 0) wrapped->Exit();
 }
@@ -407,7 +407,7 @@ void ZoDLDCritSect::Exit() {
 
 // The owner is cleared first: once the wrapped section is left, the next owner writes it. A walk
 // that still sees the old one sees a thread that runs.
-void ZoDLDCritSect::Leave() {
+void ZoDLDCritSect::Leave() ZO_NOT_ANALYSED {
     if (ZoTLS* const me = owner.load(std::memory_order_relaxed)) --me->ownedSections;
     owner.store(nullptr, std::memory_order_relaxed);
     if (plain != nullptr) {

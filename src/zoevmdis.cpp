@@ -414,11 +414,11 @@ void ZoEventMessageDispatcher::CallDestructor(void* address) {
     }
 }
 
-void ZoEventMessageDispatcher::BeginCritSect() {
+void ZoEventMessageDispatcher::BeginCritSect() ZO_NOT_ANALYSED {
     if (lock != nullptr) lock->Begin();
 }
 
-void ZoEventMessageDispatcher::ExitCritSect() {
+void ZoEventMessageDispatcher::ExitCritSect() ZO_NOT_ANALYSED {
     if (lock != nullptr) lock->Exit();
 }
 

@@ -23,7 +23,7 @@ ZoSynchroObj::~ZoSynchroObj() {
 
 void ZoSynchroObj::ForceRelease() {}
 
-void HandleChaining(ZoSynchroObj* object, int insert) {
+void HandleChaining(ZoSynchroObj* object, int insert) ZO_NOT_ANALYSED {
     if (fscs != nullptr) fscs->Begin();
     if (insert != 0) {
         object->prev = nullptr;
@@ -50,7 +50,7 @@ void ForgetChain() {
     }
 }
 
-void ReleaseAllSynchronizationObjects() {
+void ReleaseAllSynchronizationObjects() ZO_NOT_ANALYSED {
     if (fscs != nullptr) fscs->Begin();
     for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {
         object->ForceRelease();

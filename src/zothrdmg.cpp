@@ -182,7 +182,8 @@ ZoCritSect& ZoThreadMgr::NoSection(unsigned long index, Bracket const& bracket,
 }
 
 // The owner leaves; of anybody else it is told with the bracket, where a section tells without.
-void ZoThreadMgr::Leave(unsigned long index, Bracket const& bracket, char const* label) const {
+void ZoThreadMgr::Leave(unsigned long index, Bracket const& bracket,
+                        char const* label) const ZO_NOT_ANALYSED {
     ZoUInt32 const slot = SlotOf(index);
     if (!HasSection(slot)) return NoSection(index, bracket, label).Exit();
     ZoCritSect& section = *sections[slot];
@@ -309,7 +310,7 @@ void ZoThreadMgr::DowngradeWriter(char const* label) {
     Start(Mutex(), Reading);
 }
 
-void ZoThreadMgr::BeginCriticalSection(unsigned long index, char const* label) {
+void ZoThreadMgr::BeginCriticalSection(unsigned long index, char const* label) ZO_NOT_ANALYSED {
     Section(index, beginSection, label).Begin();
 }
 
