@@ -155,7 +155,7 @@ WaitForGraph::Holder WaitForGraph::OwnerOf(ZoDLDCritSect const* section) {
 }
 
 void* WaitForGraph::IdentityOfOwner(ZoDLDCritSect const* section) {
-    std::lock_guard<std::mutex> const hold(recordsLock);
+    MutexHold const hold(recordsLock);
     ZoTLS const* const owner = RecordOfOwner(section);
     return owner != nullptr ? owner->threadIdentity : nullptr;
 }
