@@ -26,8 +26,11 @@ public:
     _smp_io* operator->() const { return sink; }
 
 private:
-    _smp_io* sink;
-    ScopedSink* scoped;  // the sink, if it is the one of a scope
+    _smp_io* Fetch(smp_io const& stream);
+    bool IsLast();  // whether the scope is over and this its sink's last use, which ends
+
+    ScopedSink* scoped = nullptr;  // the sink, if it is the one of a scope
+    _smp_io* const sink;
 };
 
 // Replaces a console's sink for a scope by `own`, which it owns; null replaces nothing. A scope may
@@ -40,6 +43,9 @@ public:
     ~SinkScope();
 
 private:
+    void Install();
+    bool Remove();  // whether no thread uses the sink any more
+
     smp_io& console;
     _smp_io* saved = nullptr;
     ScopedSink* const own;

@@ -20,21 +20,22 @@ constinit Mutex ProcessEnd::lock;
 
 namespace {
 
-// Guarded by the lock.
-int leavingThreads = 0;
-struct {
+struct Signals {
     int interrupts = 0;
     int quits = 0;
     void Add(int signal) { ++(signal == SIGINT ? interrupts : quits); }
-} putOff;                 // signals
-bool exitCalled = false;  // by the library, or about to be
+};
+
+int leavingThreads ZO_GUARDED_BY(ProcessEnd::lock) = 0;
+Signals deferred ZO_GUARDED_BY(ProcessEnd::lock);
+bool exitCalled ZO_GUARDED_BY(ProcessEnd::lock) = false;  // by the library, or about to be
 
 constinit thread_local bool isWatched = false;
 constinit thread_local bool isLeaving = false;
 constinit thread_local bool hasCalledExit = false;  // for the library
 
 [[noreturn]] void SleepForEver() {
-    CancellationDeferred deferred;
+    CancellationDeferred noCancellation;
     for (;;) pause();
 }
 
@@ -69,11 +70,11 @@ void BeginLeaving() {
 
 // The key's destructor.
 void EndLeaving(void*) {
-    decltype(putOff) again;
+    Signals again;
     {
         SignalsBlocked blocked;
         MutexHold const hold(ProcessEnd::lock);
-        if (isLeaving && --leavingThreads == 0) again = std::exchange(putOff, {});
+        if (isLeaving && --leavingThreads == 0) again = std::exchange(deferred, {});
         isLeaving = false;
     }
     for (; again.interrupts > 0; --again.interrupts) LowLevelHandler(SIGINT);
@@ -105,14 +106,14 @@ void ProcessEnd::WatchExit() {
 bool ProcessEnd::PutsOff(int signal) {
     MutexHold const hold(lock);
     bool const ending = leavingThreads != 0 || exitCalled;
-    if (ending) putOff.Add(signal);
+    if (ending) deferred.Add(signal);
     return ending;
 }
 
 bool ProcessEnd::MayExit(int signal) {
     MutexHold const hold(lock);
     if (leavingThreads != 0 || exitCalled) {
-        putOff.Add(signal);
+        deferred.Add(signal);
         return false;
     }
     exitCalled = true;
@@ -120,8 +121,8 @@ bool ProcessEnd::MayExit(int signal) {
     return true;
 }
 
-void ProcessEnd::ForgetAbsentThreads() {
+void ProcessEnd::ForgetAbsentThreads() ZO_NOT_ANALYSED {
     leavingThreads = isLeaving ? 1 : 0;
-    putOff = {};
+    deferred = {};
     exitCalled = hasCalledExit;
 }

@@ -112,39 +112,46 @@ void UnlockConsole() ZO_NOT_ANALYSED {
     consoleLock.unlock();
 }
 
-SinkUse::SinkUse(smp_io const& stream) {
+// Functions beside the constructors and destructors, into which Clang's analysis does not look.
+_smp_io* SinkUse::Fetch(smp_io const& stream) {
     MutexHold const hold(consoleLock);
-    sink = stream.sink;
-    scoped = sink != nullptr && sink == scopedSink ? scopedSink : nullptr;
+    scoped = stream.sink != nullptr && stream.sink == scopedSink ? scopedSink : nullptr;
     if (scoped != nullptr) ++scoped->users;
+    return stream.sink;
 }
 
+bool SinkUse::IsLast() {
+    MutexHold const hold(consoleLock);
+    return scoped != nullptr && --scoped->users == 0;
+}
+
+SinkUse::SinkUse(smp_io const& stream) : sink(Fetch(stream)) {}
+
 SinkUse::~SinkUse() {
-    if (scoped == nullptr) return;
-    {
-        MutexHold const hold(consoleLock);
-        if (--scoped->users != 0) return;
-    }
+    if (scoped == nullptr || !IsLast()) return;
     CancellationDeferred deferred;  // closing a file is a cancellation point
     delete scoped;
 }
 
-SinkScope::SinkScope(smp_io& console, ScopedSink* own) : console(console), own(own) {
-    if (own == nullptr) return;
+void SinkScope::Install() {
     MutexHold const hold(consoleLock);
     saved = std::exchange(console.sink, own);
     outer = std::exchange(scopedSink, own);
 }
 
+bool SinkScope::Remove() {
+    MutexHold const hold(consoleLock);
+    console.sink = saved;
+    scopedSink = outer;
+    return --own->users == 0;
+}
+
+SinkScope::SinkScope(smp_io& console, ScopedSink* own) : console(console), own(own) {
+    if (own != nullptr) Install();
+}
+
 SinkScope::~SinkScope() {
-    if (own == nullptr) return;
-    {
-        MutexHold const hold(consoleLock);
-        console.sink = saved;
-        scopedSink = outer;
-        if (--own->users != 0) return;
-    }
-    delete own;
+    if (own != nullptr && Remove()) delete own;
 }
 
 // --- the front ---------------------------------------------------------------------------------
