@@ -110,8 +110,8 @@ struct Name {
     std::string_view key;
 };
 constexpr Name KnownNames[] = {
-    {"debug", "csSleepTime"}, {"debug", "ZOVAConsole"}, {"debug", "mode"},
-    {"base", "log"},          {"base", "answer"},
+    {"debug", "csSleepTime"}, {"debug", "csStacks"}, {"debug", "ZOVAConsole"},
+    {"debug", "mode"},        {"base", "log"},       {"base", "answer"},
 };
 
 constexpr std::size_t LongestKnown = 15;

@@ -156,8 +156,8 @@ private:
 // and writes, which dissolves the ring. It must not enter a section that another thread may hold.
 //
 // The configuration key "csSleepTime" in section "debug" makes the last Exit of every detecting
-// section hold it that many milliseconds longer. The key is read once, when the first detecting
-// section is made.
+// section hold it that many milliseconds longer. The key "csStacks" adds the call stack of each
+// thread to a report. Both are read once, when the first detecting section is made.
 //
 // A detecting section also tells when it is misused, in one line of the system log at level 4 that
 // names the calling thread, the section and its owner as the reports do:

@@ -58,6 +58,15 @@ struct ZoReadersWait {
     ZoReadersWait* next = nullptr;  // in the walk's table
 };
 
+// Where a thread stood when it last announced a wait; guarded by csDLD.
+struct ZoCallStack {
+    static constexpr int Most = 32;
+
+    ZoInt32 kernelThread = 0;  // as the system numbers its threads
+    ZoInt32 count = 0;         // of frames; 0: stacks are not kept (configuration key "csStacks")
+    void* frames[Most];
+};
+
 class ZO_API ZoTLS {
 public:
     // An empty record that belongs to no thread.
@@ -92,6 +101,7 @@ public:
     unsigned long long walk;  // the number of the last one that came by
     ZoTLS* nextToVisit;
     ZoTLS* firstStep;  // where the way from the walk's beginning to this record begins
+    ZoCallStack callStack;
 
 private:
     friend void ZoThreadDetach(void* record);
@@ -126,8 +136,9 @@ ZO_API ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex);
 // Drops the calling thread's record for `mutex`. 0 when it was there, 1 when there was none.
 ZO_API int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex);
 
-// Called before, for each thread of, and after the trace section of a deadlock report. On this
-// platform they write nothing.
+// Called before, for each thread of, and after the trace section of a deadlock report, with csDLD
+// held. The second tells where the thread stands, if the configuration key "csStacks" in section
+// "debug" is set: its number and name in the system, and a line a frame. The others write nothing.
 ZO_API void ZoTLSPrepareStackTrace(smp_io* console);
 ZO_API void ZoTLSStackTrace(ZoTLS* thread, smp_io* console);
 ZO_API void ZoTLSTerminateStackTrace();

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <new>
 
+#include "call_stack.h"
 #include "cancellation.h"
 #include "rw_mutex.h"
 #include "zobase.h"
@@ -39,7 +40,8 @@ void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) {
     // A sink of the host may have left a section meanwhile, so the chain may break off.
     WaitForGraph::Holder next = WaitForGraph::HolderOf(wanted, me);
     while (next.thread != nullptr && next.thread != me) {
-        ZoTLSStackTrace(next.thread, &console);
+        // The record of a thread that waits for nothing may be freed at any moment.
+        if (!next.waitsFor.IsNone()) ZoTLSStackTrace(next.thread, &console);
         console << endl;
         if (next.waitsFor.IsNone()) break;
         next = WaitForGraph::HolderOf(next.waitsFor, me);
@@ -80,6 +82,7 @@ void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
 // The host's code in the report may leave sections and end reads of this thread, so the wait is
 // announced after it.
 bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
+    CallStacks::Keep(me);
     bool const closesRing = WaitForGraph::LeadsTo(wanted, me);
     if (closesRing) ReportDeadlock(me, wanted);
     WaitForGraph::Announce(me, wanted);

@@ -1,6 +1,9 @@
 #include "thread_entry.h"
 
+#include <pthread.h>
+
 #include <cstdint>
+#include <cstring>
 
 #include "cancellation.h"
 #include "checkers.h"
@@ -24,6 +27,14 @@ ZoResourceWatcher* CountIn(ZoResourceWatcher* watcher) {
     return watcher != nullptr && watcher->IncrementCounter() >= 0 ? watcher : nullptr;
 }
 
+// Every tool shows the thread by it. The system keeps 15 characters; a thread without a name of its
+// own keeps that of the process.
+void NameSystemThread(char const* name) {
+    char kept[16] = "";
+    std::strncpy(kept, name, sizeof kept - 1);
+    if (kept[0] != '\0') pthread_setname_np(pthread_self(), kept);
+}
+
 }  // namespace
 
 int Trampoline(void* startRecord) {
@@ -43,6 +54,7 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     {
         CancellationDeferred deferred;  // the starter waits for it
         ZoThreadAttach(nullptr);
+        if (ThreadLife::current != nullptr) NameSystemThread(name);
         watcher = CountIn(thread->resourceWatcher);
         thread->SetThreadPriority();
         thread->SetThreadPriorityBoost();

@@ -6,6 +6,7 @@
 #include <typeinfo>
 
 #include "at_fork.h"
+#include "call_stack.h"
 #include "cancellation.h"
 #include "chain.h"
 #include "checkers.h"
@@ -222,10 +223,15 @@ void ReadDelayOnce() {
     doSleep.store(milliseconds, std::memory_order_relaxed);
 }
 
+void ReadKeysOnce() {
+    ReadDelayOnce();
+    CallStacks::ReadKeyOnce();
+}
+
 }  // namespace
 
 ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped)
-    : ZoDLDCritSect(name, wrapped, (ReadDelayOnce(), ChainLock())) {}
+    : ZoDLDCritSect(name, wrapped, (ReadKeysOnce(), ChainLock())) {}
 
 ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock const& held)
     : ZoCritSect(name, held),

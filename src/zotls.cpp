@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "call_stack.h"
 #include "cancellation.h"
 #include "checkers.h"
 #include "current_thread.h"
@@ -203,6 +204,8 @@ int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex) {
 
 void ZoTLSPrepareStackTrace(smp_io*) {}
 
-void ZoTLSStackTrace(ZoTLS*, smp_io*) {}
+void ZoTLSStackTrace(ZoTLS* thread, smp_io* console) {
+    CallStacks::Tell(thread, *console);
+}
 
 void ZoTLSTerminateStackTrace() {}

@@ -288,6 +288,13 @@ TEST_F(HostTest, ResolvesADeadlock) {
         EXPECT_EQ(Count(err, " owned by thread "), std::size_t(sections[0] - '0')) << err;
         EXPECT_EQ(Count(Contents(folder / "deadlock.txt"), "* ZOVA deadlock log *"), ++reports);
     }
+    Write("stacks.ini", "[debug]\ncsStacks = 1\n");
+    setenv("ZOVA_CONFIG", "stacks.ini", 1);
+    EXPECT_EQ(Run("--data=. --picture=ring.dot --deadlock"), 0) << out << err;
+    EXPECT_EQ(Count(err, " \"client\"\n    at "), 3U) << err;
+    EXPECT_EQ(Count(err, "    at DeadlockRing::Run+0x"), 3U) << err;
+    EXPECT_GE(Count(err, " in libzo95Kex.so.1\n"), 3U) << err;
+    EXPECT_EQ(Count(Contents(folder / "ring.dot"), "DeadlockRing::Run+0x"), 3U);
     // Who switches the console off has the report in the file only.
     Write("quiet.ini", "[debug]\nZOVAConsole = 0\n");
     setenv("ZOVA_CONFIG", "quiet.ini", 1);

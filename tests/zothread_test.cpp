@@ -74,8 +74,8 @@ struct Script {
 
 class Scripted : public ZoThread {
 public:
-    explicit Scripted(ZoResourceWatcher* watcher, int autoDelete = 0)
-        : ZoThread("scripted", "text", autoDelete) {
+    explicit Scripted(ZoResourceWatcher* watcher, int autoDelete = 0, char const* name = "scripted")
+        : ZoThread(name, "text", autoDelete) {
         SetResourceWatcher(watcher);
     }
     int Work(void* script) override { return static_cast<Script*>(script)->work(); }
@@ -235,7 +235,7 @@ TEST_F(Threads, TraceLinesToTheByte) {
 }
 
 TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
-    Scripted thread(&watcher);
+    Scripted thread(&watcher, 0, "scripted at length");
     EXPECT_EQ(thread.GetOSThreadInfo(nullptr, nullptr, nullptr), ZoRefused);
     EXPECT_EQ(thread.Suspend() + thread.Continue() + thread.Giveup() + thread.Abort(), 0);
     EXPECT_EQ(thread.GetStatus(), 7);
@@ -249,6 +249,9 @@ TEST_F(Threads, RunTheirOperationsAndCanBeStartedAgain) {
     script.work = [&] {
         Await([&] { return go.load(); });
         EXPECT_EQ(thread.Giveup(), 0);
+        char name[16];
+        pthread_getname_np(pthread_self(), name, sizeof name);
+        EXPECT_STREQ(name, "scripted at len");
         order += "w";
         return 42;
     };
