@@ -63,6 +63,7 @@ public:
     }
 
     void GiveWay() noexcept override {
+        if (ring.stays) return;
         std::printf("client %u, thread %p, would close the ring: it gives up %s%s%s for now\n",
                     client + 1, ZoTLS::GetThreadLocalStorage()->threadIdentity,
                     IsReader() ? "its read" : "\"", IsReader() ? "" : own.Name(),
@@ -170,10 +171,11 @@ private:
 };
 
 DeadlockRing::DeadlockRing(std::vector<CharacterRecord> const& records, Sessions& sessions,
-                           unsigned clients, bool throughReaders)
+                           unsigned clients, bool throughReaders, bool stays)
     : records(records),
       sessions(sessions),
       throughReaders(throughReaders),
+      stays(stays),
       meeting(static_cast<std::ptrdiff_t>(clients)) {
     for (unsigned client = 1; client <= clients; ++client) {
         sections.push_back(

@@ -30,7 +30,7 @@ class DeadlockRing {
 public:
     // `sessions` has one for each client, shared by none.
     DeadlockRing(std::vector<CharacterRecord> const& records, Sessions& sessions, unsigned clients,
-                 bool throughReaders);
+                 bool throughReaders, bool stays);
 
     // What a client does. Every record is changed once.
     void Run(unsigned client, OperationCounts& counts);
@@ -44,6 +44,7 @@ private:
     std::vector<CharacterRecord> const& records;
     Sessions& sessions;
     bool const throughReaders;
+    bool const stays;  // nobody gives way, and no client ends
     std::vector<std::unique_ptr<Section>> sections;
     std::barrier<> meeting;
     std::atomic<unsigned> finished{0};

@@ -130,7 +130,8 @@ private:
 
     void Deadlock(Workload& workload, Sessions& sessions) {
         int const reportsBefore = ReportsInDeadlockFile();
-        DeadlockRing ring(records, sessions, outcome.clients, options.ringThroughReaders);
+        DeadlockRing ring(records, sessions, outcome.clients, options.ringThroughReaders,
+                          options.ringStays);
         Progress progress("deadlock", workload.counts, nullptr);
         RunClients(
             outcome.clients, [&](unsigned client) { ring.Run(client, workload.counts); },

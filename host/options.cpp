@@ -158,6 +158,10 @@ void CommandLine::DeclareDeadlock() {
            "Graphviz), else in Graphviz' language")
         ->type_name("FILE")
         ->needs(deadlock);
+    app.add_flag("--stay", options.ringStays,
+                 "Let nobody resolve it: the process hangs until it is killed, for a debugger to "
+                 "look at")
+        ->needs(deadlock);
     app.add_flag("--readers", options.ringThroughReaders,
                  "Make one of them keep reading the database, and another one want to write it")
         ->needs(deadlock);

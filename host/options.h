@@ -24,6 +24,7 @@ struct Options {
     std::chrono::milliseconds rest{0};  // of a client after each batch
     unsigned ring = 0;              // clients of the deadlock demonstration; 0: the ordinary run
     std::filesystem::path picture;  // of that deadlock; empty: none
+    bool ringStays = false;         // nobody resolves it: for a debugger to look at
     bool ringThroughReaders = false;
 };
 

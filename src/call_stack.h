@@ -1,8 +1,8 @@
 // The call stacks in a deadlock report, which the configuration key "csStacks" in section "debug"
 // switches on.
 //
-// A thread that announces a wait keeps its own stack in its record; whoever finds a ring tells those
-// of its threads. Both happen with csDLD held, and neither allocates.
+// A thread that announces a wait keeps its own stack in its record; whoever finds a ring tells
+// those of its threads. Both happen with csDLD held, and neither allocates.
 
 #ifndef KELVARA_SRC_CALL_STACK_H_
 #define KELVARA_SRC_CALL_STACK_H_
