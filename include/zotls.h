@@ -43,6 +43,7 @@ struct ZoTLSItem;
 struct ZoRWRecord : ZoSimpleLinkedListItem {
     ZoRW_Mutex const* mutex = nullptr;  // whose levels these are
     ZoUInt32 holdings = 0;              // read depth in the low 16 bits, write depth in the high 16
+    ZoInt32 admissions = 0;             // under way; the record is kept until they are over
 
     // Notes of a walk through the wait-for graph (src/wait_graph.h).
     ZoTLS* thread = nullptr;           // whose record it is

@@ -317,6 +317,7 @@ int ZoGenRW_Mutex::Start(int mode) {
     ZoRWRecord* const record = FindOrMakeRwRecord(me, this);
     if (record == nullptr) return WithoutRecord(236);
     if (DepthOf(record, mode) == DeepestNesting) return TooDeep();
+    AdmissionUnderWay const admission(me, record);
     if (mode == 0) {
         StartRead(record->holdings);
     } else {

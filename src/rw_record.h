@@ -57,19 +57,42 @@ inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
     return AddSpareRwRecord(me, mutex, 0);
 }
 
-// Takes `record`, one of `me`, out and makes it the spare record, of which there is none.
+// The two below empty a record of `me`. While an admission is under way, within which the host's
+// code in a message may begin and end a read, they leave it where it is.
+
+// Takes `record` out and makes it the spare record, of which there is none.
 inline void MakeSpareRwRecord(ZoTLS* me, ZoRWRecord* record) {
-    record->mutex = nullptr;
     record->holdings = 0;
+    if (record->admissions != 0) [[unlikely]]
+        return;
+    record->mutex = nullptr;
     me->spareRwRecord = record;
     me->rwRecords.RemoveItem(record);
 }
 
-// Takes `record`, one of `me`, out and keeps it as the spare one, or frees it.
+// Takes `record` out and keeps it as the spare one, or frees it.
 inline void DropRwRecord(ZoTLS* me, ZoRWRecord* record) {
-    if (me->spareRwRecord == nullptr) return MakeSpareRwRecord(me, record);
+    if (me->spareRwRecord == nullptr || record->admissions != 0)
+        return MakeSpareRwRecord(me, record);
     me->rwRecords.RemoveItem(record);
     delete record;
 }
+
+// An admission, for a scope: keeps the record, and drops it if nothing is held in the end.
+class AdmissionUnderWay {
+public:
+    AdmissionUnderWay(ZoTLS* me, ZoRWRecord* record) : me(me), record(record) {
+        ++record->admissions;
+    }
+    AdmissionUnderWay(AdmissionUnderWay const&) = delete;
+    AdmissionUnderWay& operator=(AdmissionUnderWay const&) = delete;
+    ~AdmissionUnderWay() {
+        if (--record->admissions == 0 && record->holdings == 0) DropRwRecord(me, record);
+    }
+
+private:
+    ZoTLS* const me;
+    ZoRWRecord* const record;
+};
 
 #endif  // KELVARA_SRC_RW_RECORD_H_
