@@ -22,6 +22,7 @@
 #define KELVARA_SRC_MISUSE_H_
 
 #include <cstddef>
+#include <typeinfo>
 
 #include "current_thread.h"
 #include "zocrits.h"
@@ -53,6 +54,9 @@ class Misuse {
 public:
     // Of a section that the calling thread does not own.
     [[gnu::cold]] static void TellLeave(ZoDLDCritSect& section);
+
+    // Whether the calling thread does not own `section`, which knows that: it detects.
+    static bool IsLeft(ZoCritSect const& section);
 
     // By the destructors; the former is asked when the section is owned or waited for, the latter
     // finds out itself. Nothing is told of what is not in use after all: what an ended thread still
@@ -86,6 +90,11 @@ private:
 inline bool ZoDLDCritSect::MayLeave() const {
     ZoTLS* const me = currentRecord;
     return (me != nullptr && owner.load(std::memory_order_relaxed) == me) || OwnsUnnoticed();
+}
+
+inline bool Misuse::IsLeft(ZoCritSect const& section) {
+    return typeid(section) == typeid(ZoDLDCritSect) &&
+           !static_cast<ZoDLDCritSect const&>(section).MayLeave();
 }
 
 #endif  // KELVARA_SRC_MISUSE_H_

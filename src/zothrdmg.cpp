@@ -62,14 +62,15 @@ constexpr Bracket downgradeWriter{"DowngradeWriter", "BeginWriter with lessExclu
 constexpr Bracket endAdmin{"EndAdmin", "BeginAdmin"};
 constexpr Bracket endSection{"EndCriticalSection", "BeginCriticalSection"};
 
-// Enters a section; leaves it again unless it is kept, as when a wait in the scope is cancelled.
+// Enters a section; leaves it again unless it is kept, as when a wait in the scope is cancelled, or
+// the host has left it in the message of a deadlock report.
 class SectionHold {
 public:
     explicit SectionHold(ZoCritSect& section) : section(&section) { section.Begin(); }
     SectionHold(SectionHold const&) = delete;
     SectionHold& operator=(SectionHold const&) = delete;
     ~SectionHold() {
-        if (section != nullptr) section->Exit();
+        if (section != nullptr && !Misuse::IsLeft(*section)) section->Exit();
     }
     void Keep() { section = nullptr; }
 

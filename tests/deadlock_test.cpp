@@ -303,6 +303,31 @@ TEST_F(Deadlock, AThreadThatEndsInItsWaitLeavesTheGraph) {
     ring.sections[0]->Begin();
     EXPECT_EQ(NumberAfter(InfoOf(ring.sections[0].get()), "wait count: "), 0);
     ring.sections[0]->Exit();
+
+    // A bracket that is given up then does not leave once more what the host has left.
+    ZoThreadMgr plan(nullptr, ZoThreadMgr::LessExclusiveCommit);
+    ZoCritSect* const books = plan.GetCriticalSection(9, 0);
+    ZoTLS* const me = ZoTLS::GetThreadLocalStorage();
+    services.Forget();
+    services.onMessage = [&](std::string const&) -> unsigned int {
+        plan.GetCriticalSection(25, 0)->ForceRelease();
+        books->ForceRelease();
+        pthread_exit(nullptr);
+    };
+    std::atomic<bool> owned{false};
+    plan.BeginReader("");
+    std::thread writer([&] {
+        books->Begin();
+        owned = true;
+        Await([&] { return ThreadWaitsForThread(me, ZoTLS::GetThreadLocalStorage()) == 1; });
+        plan.BeginWriter("", 0);
+    });
+    Await([&] { return owned.load(); });
+    books->Begin();
+    writer.join();
+    books->Exit();
+    plan.EndReader("");
+    EXPECT_EQ(services.Log().size(), 1U) << services.Log().back();
 }
 
 // Threads that own a section for a moment and end, while others read their records through it.
