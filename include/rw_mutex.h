@@ -48,6 +48,9 @@
 //     a writer that reads as well                      not as a reader: it owns the section
 //     a first read that queues behind a writer         not yet: it waits for the section
 //
+// One wait may close several rings, because a writer waits for all readers. A report tells one; the
+// next one is reported when the thread has left what the last line of that report names.
+//
 // While the message of a report is shown, the thread may end reads and writes and leave sections,
 // which dissolves the ring. But a writer that waits for readers may be in it through those alone
 // that queue behind it: it has nothing to leave then, and the ring stays unless the thread ends in

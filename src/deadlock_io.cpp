@@ -11,6 +11,7 @@
 #include "call_stack.h"
 #include "cancellation.h"
 #include "rw_mutex.h"
+#include "rw_record.h"
 #include "zobase.h"
 #include "zocrits.h"
 
@@ -77,14 +78,40 @@ void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
     }
 }
 
+// The wait of the thread that waits for `me` on the ring that a report tells.
+Wait LastOfRing(ZoTLS* me, Wait const& wanted) {
+    Wait last = wanted;
+    WaitForGraph::Holder holder = WaitForGraph::HolderOf(wanted, me);
+    while (holder.thread != nullptr && holder.thread != me) {
+        last = holder.waitsFor;
+        holder = WaitForGraph::HolderOf(last, me);
+    }
+    return last;
+}
+
+// Whether the calling thread keeps others waiting so.
+bool Holds(ZoTLS* me, Wait const& wait) {
+    if (wait.section != nullptr) return WaitForGraph::OwnerOf(wait.section).thread == me;
+    ZoRWRecord const* const record = FindRwRecord(me, wait.readersOf);
+    return record != nullptr && IsCountedReader(record->holdings);
+}
+
 }  // namespace
 
 // The host's code in the report may leave sections and end reads of this thread, so the wait is
 // announced after it.
+//
+// A wait on whose way a writer waits for readers may close several rings, and a report tells one.
+// If that is dissolved, by leaving what its last thread waits for, the next one is told.
 bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
     CallStacks::Keep(me);
-    bool const closesRing = WaitForGraph::LeadsTo(wanted, me);
-    if (closesRing) ReportDeadlock(me, wanted);
+    bool closesRing = false;
+    for (bool isDissolved = true; isDissolved && WaitForGraph::LeadsTo(wanted, me);) {
+        closesRing = true;
+        Wait const last = LastOfRing(me, wanted);
+        ReportDeadlock(me, wanted);
+        isDissolved = !Holds(me, last);
+    }
     WaitForGraph::Announce(me, wanted);
     return closesRing;
 }
