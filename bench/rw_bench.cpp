@@ -85,14 +85,15 @@ void Writes(benchmark::State& state) {
     }
 }
 
-// Each thread writes every twentieth time.
-template <class Subject>
+// Each thread writes one time in `every`.
+template <class Subject, int every>
 void MostlyReads(benchmark::State& state) {
     static long data = 0;
     Subject& subject = Shared<Subject>();
-    int turn = 10 * state.thread_index();
+    int turn = every / 2 * state.thread_index();
     for (auto _ : state) {
-        if (++turn % 20 == 0) {
+        if (++turn == every) {
+            turn = 0;
             subject.BeginWrite();
             benchmark::DoNotOptimize(++data);
             subject.EndWrite();
@@ -185,9 +186,25 @@ BENCHMARK(WriteAgainstReader<Ours>)
 BENCHMARK(WriteAgainstReader<Standard>)
     ->Name("write against a reader, detected/std::shared_mutex")
     ->UseRealTime();
-BENCHMARK(MostlyReads<Ours>)->Name("95 % reads/zo")->Threads(2)->UseRealTime();
-BENCHMARK(MostlyReads<Standard>)->Name("95 % reads/std::shared_mutex")->Threads(2)->UseRealTime();
-BENCHMARK(MostlyReads<Boost>)->Name("95 % reads/boost::shared_mutex")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Ours, 1000>)->Name("1 write in 1000/zo")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Standard, 1000>)
+    ->Name("1 write in 1000/std::shared_mutex")
+    ->Threads(2)
+    ->UseRealTime();
+BENCHMARK(MostlyReads<Ours, 100>)->Name("1 write in 100/zo")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Standard, 100>)
+    ->Name("1 write in 100/std::shared_mutex")
+    ->Threads(2)
+    ->UseRealTime();
+BENCHMARK(MostlyReads<Ours, 20>)->Name("95 % reads/zo")->Threads(2)->UseRealTime();
+BENCHMARK(MostlyReads<Standard, 20>)
+    ->Name("95 % reads/std::shared_mutex")
+    ->Threads(2)
+    ->UseRealTime();
+BENCHMARK(MostlyReads<Boost, 20>)
+    ->Name("95 % reads/boost::shared_mutex")
+    ->Threads(2)
+    ->UseRealTime();
 
 int const registered = [] {
     RegisterHot<Ours>("zo");

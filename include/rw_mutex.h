@@ -18,10 +18,13 @@
 // Writers are preferred: while one waits for the readers to leave, nobody begins to read. A thread
 // that holds the mutex already never waits for another read, even then.
 //
-// No read takes a lock while no writer is about: a first read and the end of a last one are one
-// atomic update of a word that the readers share, a nested one changes the thread's own record
-// only. A write takes the exclusive section and, unless a write went before it, one update of that
-// word; the first read after a write passes the section.
+// No read takes a lock while no writer is about. A nested read changes the thread's own record
+// only. A first read and the end of a last one do so too in a mutex that is read much more often
+// than it is written: there the thread sets a mark in its record (src/read_marks.h), of which it
+// has four. Otherwise they are one atomic update each of a word that the readers share. A write
+// takes the exclusive section and, unless a write went before it, one update of that word; if marks
+// may be set it also looks through the records of all threads. The first read after a write passes
+// the section.
 //
 // What a thread holds stands in its own record (zotls.h): the read depth and the write depth, each
 // at most 65,535; a deeper level is refused. A thread may end its levels in any order, but two
@@ -84,6 +87,17 @@ class ChainLock;
 class Condition;
 class ReaderGate;
 class ZoCritSect;
+class ZoTLS;
+struct ZoRWRecord;
+
+// What decides whether a mutex accepts marked reads (src/mark_policy.h).
+struct ZoMarkHistory {
+    // Counted reads since the last write, in units of what a thread reads between two looks.
+    std::atomic<ZoUInt32> looks{0};
+    // The rest belongs to the thread that holds the exclusive section.
+    ZoUInt32 markedReads = 0;  // as the marks' numbers of reads added up when a writer last looked
+    ZoUInt32 credit = 0;       // what marks have saved beyond their cost, in nanoseconds
+};
 
 // The interface, with harmless defaults: it accepts every call and locks nothing.
 class ZO_API ZoRW_Mutex : public ZoSynchroObj {
@@ -144,13 +158,16 @@ private:
     ZO_INTERNAL bool TryEndRead();
     ZO_INTERNAL int Start(int mode);
     ZO_INTERNAL int End(int mode);
-    ZO_INTERNAL void StartRead(ZoUInt32& holdings);
-    ZO_INTERNAL void StartWrite(ZoUInt32& holdings, void* identity);
-    ZO_INTERNAL void EndRead(ZoUInt32& holdings);
+    ZO_INTERNAL bool TryEnterCounted(ZoTLS* me);
+    ZO_INTERNAL bool TryLeaveCounted();
+    ZO_INTERNAL void StartRead(ZoTLS* me, ZoRWRecord& record);
+    ZO_INTERNAL void StartWrite(ZoRWRecord& record, void* identity);
+    ZO_INTERNAL void EndRead(ZoRWRecord& record);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
     ZO_INTERNAL void QueueToRead();
-    ZO_INTERNAL bool AdmitWriter(ZoUInt32& holdings);
-    ZO_INTERNAL void LeaveReaders();
+    ZO_INTERNAL bool AdmitWriter(ZoRWRecord& record);
+    ZO_INTERNAL void LeaveReaders(ZoRWRecord& record);
+    ZO_INTERNAL int CountReaders() const;
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
 
@@ -168,6 +185,7 @@ private:
     std::atomic<ZoInt32> waitingWriters;
     // Whether deadlock detection sees who waits for the readers: it was on when the mutex was made.
     bool const isDetecting;
+    ZoMarkHistory markHistory;
 };
 
 #endif  // KELVARA_INCLUDE_RW_MUTEX_H_

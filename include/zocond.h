@@ -121,6 +121,7 @@ public:
 
 private:
     friend class Contention;
+    friend class ZoGenRW_Mutex;
     friend class ZoResourceWatcher;
     friend class ZoWorkQueueImpl;
     class Sleeper;

@@ -27,6 +27,9 @@
 #ifndef KELVARA_INCLUDE_ZOTLS_H_
 #define KELVARA_INCLUDE_ZOTLS_H_
 
+#include <atomic>
+#include <cstdint>
+
 #include "zolist.h"
 #include "zotypes.h"
 
@@ -39,6 +42,24 @@ class ZoTLS;
 class smp_io;
 struct ZoTLSItem;
 
+// Says that a thread reads a reader/writer mutex without being in the mutex's count
+// (src/read_marks.h). Changed by its own thread; read by threads that are to write.
+struct ZoReadMark {
+    std::atomic<std::uintptr_t> mutex{0};  // the mutex's address; its lowest bit is set while read
+    std::atomic<ZoUInt32> reads{0};        // how often that mutex was read with this mark
+};
+
+// The marks of one thread, in lines of the processor's cache that no other thread's data share.
+struct ZoReadMarks {
+    ZoReadMark marks[4];
+    ZoInt32 untilLook = 64;  // counted reads until the thread next asks whether marks would pay
+    // In the list of all threads' marks; guarded by the marks' lock.
+    ZoReadMarks* next = nullptr;
+    ZoReadMarks** link = nullptr;  // what points at this; null: in no list
+    bool isAbandoned = false;      // the thread has ended and left a mark set
+    char apart[64];                // keeps the next block of the heap out of these lines
+};
+
 // What a thread holds of one reader/writer mutex. A thread has at most one for each mutex.
 struct ZoRWRecord : ZoSimpleLinkedListItem {
     ZoRW_Mutex const* mutex = nullptr;  // whose levels these are
@@ -48,6 +69,8 @@ struct ZoRWRecord : ZoSimpleLinkedListItem {
     // Notes of a walk through the wait-for graph (src/wait_graph.h).
     ZoTLS* thread = nullptr;           // whose record it is
     ZoRWRecord* nextReader = nullptr;  // of another waiting thread that reads the same mutex
+
+    ZoReadMark* mark = nullptr;  // set while the thread reads with it; null: it is counted
 };
 
 // A thread's wait for the readers of a mutex to leave.
@@ -103,6 +126,8 @@ public:
     ZoTLS* nextToVisit;
     ZoTLS* firstStep;  // where the way from the walk's beginning to this record begins
     ZoCallStack callStack;
+
+    ZoReadMarks readMarks;
 
 private:
     friend void ZoThreadDetach(void* record);

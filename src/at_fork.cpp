@@ -7,6 +7,7 @@
 #include "current_thread.h"
 #include "ending_threads.h"
 #include "process_end.h"
+#include "read_marks.h"
 #include "thread_life.h"
 #include "wait_graph.h"
 
@@ -25,9 +26,11 @@ void BeforeFork() ZO_NOT_ANALYSED {
     LockConsole();
     LockRecordKey();
     EndingThreads::Lock();
+    ReadMarks::Lock();
 }
 
 void AfterFork() ZO_NOT_ANALYSED {
+    ReadMarks::Unlock();
     EndingThreads::Unlock();
     UnlockRecordKey();
     UnlockConsole();
@@ -41,6 +44,7 @@ void AfterForkInChild() {
     WaitForGraph::ForgetAbsentThreads();
     ThreadLife::ForgetAbsentThreads();
     EndingThreads::ForgetAbsentThreads();
+    ReadMarks::ForgetAbsentThreads();
     ProcessEnd::ForgetAbsentThreads();
     AbortionAtFork::ForgetAbsentThreads();
     AfterFork();

@@ -113,7 +113,7 @@ void Misuse::TellDestruction(ZoDLDCritSect& section) {
 void Misuse::TellDestruction(ZoGenRW_Mutex& mutex) {
     if (!mutex.IsComplete() || !IsTold(*mutex.exclusive)) return;
     auto const& section = static_cast<ZoDLDCritSect const&>(*mutex.exclusive);
-    int const reading = mutex.Gate().Count();
+    int const reading = mutex.CountReaders();
     long const toRead = Number(mutex.waitingReaders);
     long const toWrite = Number(mutex.waitingWriters);
     bool const written =

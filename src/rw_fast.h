@@ -6,6 +6,7 @@
 #define KELVARA_SRC_RW_FAST_H_
 
 #include "checkers.h"
+#include "read_marks.h"
 #include "rw_gate.h"
 #include "rw_mutex.h"
 #include "rw_record.h"
@@ -29,10 +30,13 @@ inline bool ZoGenRW_Mutex::TryStartRead() {
         record->holdings += OneRead;
         return true;
     }
-    if (me->spareRwRecord == nullptr || !Gate().TryEnter()) [[unlikely]]
+    if (me->spareRwRecord == nullptr) [[unlikely]]
+        return false;
+    ZoReadMark* const mark = ReadMarks::TrySet(me->readMarks, this, Gate());
+    if (mark == nullptr && !TryEnterCounted(me)) [[unlikely]]
         return false;
     checkers::ReadBegins(readers);
-    AddSpareRwRecord(me, this, OneRead);
+    AddSpareRwRecord(me, this, OneRead, mark);
     return true;
 }
 
@@ -48,8 +52,12 @@ inline bool ZoGenRW_Mutex::TryEndRead() {
         record->holdings = left;
         return true;
     }
+    if (me->spareRwRecord != nullptr) [[unlikely]]
+        return false;
     checkers::ReadEnds(readers);
-    if (me->spareRwRecord != nullptr || !Gate().TryLeave()) [[unlikely]] {
+    if (record->mark != nullptr) [[likely]] {
+        ReadMarks::TakeBack(*record->mark, this);
+    } else if (!TryLeaveCounted()) [[unlikely]] {
         checkers::ReadBegins(readers);
         return false;
     }

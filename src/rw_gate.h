@@ -2,7 +2,8 @@
 //
 // It is the value of the mutex's condition `readers`:
 //
-//     bits 0-28   the count: threads that are counted as readers
+//     bits 0-27   the count: threads that are counted as readers
+//     bit 28      marks: threads that are not counted may read with a mark (read_marks.h)
 //     bit 29      quiet: nobody has entered since a write
 //     bit 30      closed: readers enter with the section held, and leave with the condition's lock
 //                 held
@@ -13,6 +14,11 @@
 //     closed + quiet    written again, or free    queues, opens   -                 goes on
 //     closed, count n   write pending, or written queues          leaves by lock    queues
 //
+// The bit for marks stands beside any of these but the quiet one. A mutex accepts marks while it is
+// set and the gate is open, so the step that closes the gate also ends the acceptance. The bit
+// stays set behind a closed gate: it says that marks may be out, and a write ends with it cleared
+// only because the writer has found none (read_marks.h). A cancelled writer leaves it as it is.
+//
 // "Queues" and every write go through the exclusive section, whose holder alone does what stands
 // below the line:
 //
@@ -20,6 +26,7 @@
 //     TryEnter            a reader, while the gate is open
 //     TryLeave            a counted reader, while the gate is open
 //     LeaveLocked         a counted reader, with the condition's lock, if the gate is closed
+//     AcceptMarks         a counted reader; nothing unless the gate is open
 //     -----------------------------------------------------------------------------------------
 //     Enter               a reader that queued
 //     Close               a writer
@@ -29,9 +36,9 @@
 // A write leaves the gate closed, unless the writer goes on as a reader: the next write has nothing
 // to change, and readers, who come in numbers or not at all, have one of them open it.
 //
-// Invariant: a thread that holds the section and sees a quiet gate is alone. Nobody is counted,
-// nobody can enter without the section, and whoever was counted before has nothing more to do with
-// the mutex. So the word is that thread's, and a plain store is enough to change it.
+// Invariant: a thread that holds the section and sees a quiet gate is alone. Nobody is counted or
+// has a mark, nobody can enter without the section, and whoever was counted before has nothing more
+// to do with the mutex. So the word is that thread's, and a plain store is enough to change it.
 //
 // Invariant: while the gate is open, whoever has or wants the condition's lock is counted or holds
 // the section. So a writer may take an open gate's count of 0 as it is: nobody who has left still
@@ -63,15 +70,36 @@
 #include <atomic>
 
 class ReaderGate {
+    static constexpr int Marks = 0x10000000;
+    static constexpr int Quiet = 0x20000000;
+    static constexpr int Closed = 0x40000000;
+
 public:
     explicit ReaderGate(int& word) : word(word) {}
 
-    int Count() const { return word.load(std::memory_order_acquire) & (Quiet - 1); }
+    // Of a free gate.
+    static constexpr int FirstWord(bool acceptsMarks) { return acceptsMarks ? Marks : 0; }
+
+    int Count() const { return word.load(std::memory_order_acquire) & (Marks - 1); }
+
+    // Acquire order as in TryEnter: what was written before the gate was opened comes before the
+    // marked read.
+    bool AcceptsMarks() const {
+        return (word.load(std::memory_order_acquire) & (Marks | Closed)) == Marks;
+    }
+    bool MarksMayBeOut() const { return (word.load(std::memory_order_acquire) & Marks) != 0; }
 
     // The word is read before it is tried: beside other readers a try with a guessed count fails
     // more often than not, and a failed one is as dear as one that succeeds.
     bool TryEnter() const { return TryStep(1, std::memory_order_acquire); }
     bool TryLeave() const { return TryStep(-1, std::memory_order_release); }
+
+    void AcceptMarks() const {
+        int before = word.load(std::memory_order_relaxed);
+        while ((before & (Marks | Closed)) == 0 &&
+               !word.compare_exchange_weak(before, before | Marks, std::memory_order_relaxed)) {
+        }
+    }
 
     // With the condition's lock held, for the two below: a waiting writer tests the count with the
     // same lock. Only a counted reader that has seen the gate closed in this hold leaves so.
@@ -81,9 +109,9 @@ public:
     // What follows is for the thread that holds the section.
 
     // Counts one reader, and opens a quiet gate for those that come after it.
-    void Enter() const {
+    void Enter(bool acceptMarks) const {
         if (IsQuiet()) {
-            word.store(1, std::memory_order_release);
+            word.store(acceptMarks ? Marks + 1 : 1, std::memory_order_release);
         } else {
             word.fetch_add(1, std::memory_order_relaxed);
         }
@@ -100,15 +128,12 @@ public:
         word.fetch_sub(Closed - (isReader ? 1 : 0), std::memory_order_relaxed);
     }
 
-    // Ends the write that Close began. `isReader`: the writer goes on as one.
+    // Ends the write that Close began, with no mark left. `isReader`: the writer goes on as one.
     void EndWrite(bool isReader) const {
         word.store(isReader ? 1 : Closed | Quiet, std::memory_order_release);
     }
 
 private:
-    static constexpr int Quiet = 0x20000000;
-    static constexpr int Closed = 0x40000000;
-
     bool IsQuiet() const { return word.load(std::memory_order_relaxed) == (Closed | Quiet); }
 
     bool TryStep(int step, std::memory_order order) const {

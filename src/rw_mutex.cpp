@@ -10,7 +10,9 @@
 #include "chain.h"
 #include "checkers.h"
 #include "deadlock_io.h"
+#include "mark_policy.h"
 #include "misuse.h"
+#include "read_marks.h"
 #include "rw_fast.h"
 #include "section_try.h"
 #include "trace.h"
@@ -52,7 +54,7 @@ namespace {
 class ReaderCounter final : public ConditionLogic {
 public:
     void SafeSet(int* value) override { ReaderGate(*value).LeaveLocked(); }
-    void SafeClear(int* value) override { ReaderGate(*value).Enter(); }
+    void SafeClear(int* value) override { ReaderGate(*value).Enter(false); }
     int SafeTest(int* value) override { return ReaderGate(*value).Count() != 0 ? 1 : 0; }
     int SafeSetApp(int* value, void*, void*) override {
         if (!ReaderGate(*value).IsClosed()) return 0;
@@ -98,9 +100,9 @@ public:
 
     // In one hold of csDLD: looks for a ring, unless the last reader has just gone. Whether a
     // deadlock was reported.
-    bool Announce(ZoRW_Mutex& mutex, ReaderGate const& gate) {
+    bool Announce(ZoRW_Mutex& mutex, ReaderGate const& gate, MarksWithdrawal const& marks) {
         GraphLock lock;
-        if (gate.Count() == 0) return false;
+        if (gate.Count() == 0 && !marks.MarksAreOut()) return false;
         bool const reported = AnnounceWait(currentRecord, {.readersOf = &mutex});
         announced = true;
         return reported;
@@ -121,8 +123,13 @@ private:
 // has them in its record again and is a counted reader.
 class PendingWrite {
 public:
-    PendingWrite(ZoCritSect& exclusive, Condition& readers, ZoUInt32& holdings, ZoUInt32 reads)
-        : exclusive(exclusive), readers(readers), holdings(holdings), reads(reads) {}
+    PendingWrite(ZoCritSect& exclusive, Condition& readers, ZoWaitFigures& figures,
+                 ZoUInt32& holdings, ZoUInt32 reads)
+        : exclusive(exclusive),
+          readers(readers),
+          figures(figures),
+          holdings(holdings),
+          reads(reads) {}
     PendingWrite(PendingWrite const&) = delete;
     PendingWrite& operator=(PendingWrite const&) = delete;
     ~PendingWrite() {
@@ -130,28 +137,37 @@ public:
         holdings = reads;
         if (reads != 0) checkers::ReadBegins(&readers);
         readers.Lock();
-        ReaderGate(readers.value).GiveUp(reads != 0);
+        Gate().GiveUp(reads != 0);
         readers.Unlock();
         exclusive.Exit();
     }
 
-    void WaitForReaders() {
-        readers.WaitForCondition(0, ZoNoLimit);
-        admitted = true;
+    void WaitForReadersOf(ZoRW_Mutex& mutex, ZoMarkHistory& history) {
+        MarksWithdrawal marks(&mutex, Gate().MarksMayBeOut(), history);
+        Sleep(marks);
     }
     // The same, seen by deadlock detection. Whether a deadlock was reported.
-    bool WaitForReadersOf(ZoRW_Mutex& mutex) {
+    bool WaitSeenForReadersOf(ZoRW_Mutex& mutex, ZoMarkHistory& history) {
+        MarksWithdrawal marks(&mutex, Gate().MarksMayBeOut(), history);
         AnnouncedWrite announced;
-        bool const reported = announced.Announce(mutex, ReaderGate(readers.value));
-        readers.WaitForCondition(0, ZoNoLimit);
-        announced.Withdraw();
-        admitted = true;
+        bool const reported = announced.Announce(mutex, Gate(), marks);
+        Sleep(marks);
         return reported;
     }
 
 private:
+    ReaderGate Gate() const { return ReaderGate(readers.value); }
+
+    // New readers of either kind stay out, so the two waits may come one after the other.
+    void Sleep(MarksWithdrawal& marks) {
+        marks.WaitForNone(figures);
+        readers.WaitForCondition(0, ZoNoLimit);
+        admitted = true;
+    }
+
     ZoCritSect& exclusive;
     Condition& readers;
+    ZoWaitFigures& figures;  // of the readers' condition
     ZoUInt32& holdings;
     ZoUInt32 const reads;
     bool admitted = false;
@@ -226,7 +242,7 @@ Condition* MakeReaders() {
     if (condition == nullptr) return nullptr;
     HandleChaining(condition, 0);
     condition->logic = &readerLogic;
-    condition->value = 0;
+    condition->value = ReaderGate::FirstWord(MarkPolicy::CurrentMode() == MarkPolicy::Always);
     checkers::LockIsMade(condition);
     return condition;
 }
@@ -289,6 +305,7 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
     Misuse::TellDestruction(*this);
+    if (readers != nullptr && Gate().MarksMayBeOut()) ReadMarks::Forget(this);
     delete exclusive;
     checkers::LockIsGone(readers);
     delete readers;
@@ -319,9 +336,9 @@ int ZoGenRW_Mutex::Start(int mode) {
     if (DepthOf(record, mode) == DeepestNesting) return TooDeep();
     AdmissionUnderWay const admission(me, record);
     if (mode == 0) {
-        StartRead(record->holdings);
+        StartRead(me, *record);
     } else {
-        StartWrite(record->holdings, me->threadIdentity);
+        StartWrite(*record, me->threadIdentity);
     }
     return ZoSuccess;
 }
@@ -338,7 +355,7 @@ int ZoGenRW_Mutex::End(int mode) {
     }
     // From here on the mutex may be left to another thread, which may destroy it.
     if (mode == 0) {
-        EndRead(record->holdings);
+        EndRead(*record);
     } else {
         EndWrite(record->holdings);
     }
@@ -346,10 +363,24 @@ int ZoGenRW_Mutex::End(int mode) {
     return ZoSuccess;
 }
 
-void ZoGenRW_Mutex::StartRead(ZoUInt32& holdings) {
-    if (holdings == 0 && !Gate().TryEnter()) QueueToRead();
-    if (holdings == 0) checkers::ReadBegins(readers);
-    holdings += OneRead;
+bool ZoGenRW_Mutex::TryEnterCounted(ZoTLS* me) {
+    ReaderGate const gate = Gate();
+    if (!gate.TryEnter()) return false;
+    MarkPolicy::ReadWasCounted(*me, markHistory, gate);
+    return true;
+}
+
+bool ZoGenRW_Mutex::TryLeaveCounted() {
+    return Gate().TryLeave();
+}
+
+void ZoGenRW_Mutex::StartRead(ZoTLS* me, ZoRWRecord& record) {
+    if (record.holdings == 0) {
+        record.mark = ReadMarks::TrySet(me->readMarks, this, Gate());
+        if (record.mark == nullptr && !TryEnterCounted(me)) QueueToRead();
+        checkers::ReadBegins(readers);
+    }
+    record.holdings += OneRead;
 }
 
 void ZoGenRW_Mutex::QueueToRead() {
@@ -358,20 +389,20 @@ void ZoGenRW_Mutex::QueueToRead() {
         OneLessAtEnd waiting(waitingReaders);
         exclusive->Begin();
     }
-    Gate().Enter();
+    Gate().Enter(MarkPolicy::AcceptsAtOnce(markHistory));
     exclusive->Exit();
 }
 
-void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
-    ZoUInt32 const before = holdings;
+void ZoGenRW_Mutex::StartWrite(ZoRWRecord& record, void* identity) {
+    ZoUInt32 const before = record.holdings;
     bool falseAlarm = false;
     if (WriteDepth(before) == 0) {
-        falseAlarm = AdmitWriter(holdings);
+        falseAlarm = AdmitWriter(record);
         checkers::WriteBegins(readers);
         owner.store(identity, std::memory_order_relaxed);
     }
     CheckWriterLevel(WriteDepth(before), 271);
-    holdings = before + OneWrite;
+    record.holdings = before + OneWrite;
     AddToWriterLevel(1);
     // The host's code in it finds the thread as the writer that it is.
     if (falseAlarm) ReportFalseAlarm();
@@ -382,9 +413,9 @@ void ZoGenRW_Mutex::StartWrite(ZoUInt32& holdings, void* identity) {
 // and a deadlock report in the wait may make it leave all that it holds.
 //
 // Counted as waiting only if there is something to wait for.
-bool ZoGenRW_Mutex::AdmitWriter(ZoUInt32& holdings) {
-    ZoUInt32 const reads = std::exchange(holdings, 0);
-    if (reads != 0) LeaveReaders();
+bool ZoGenRW_Mutex::AdmitWriter(ZoRWRecord& record) {
+    ZoUInt32 const reads = std::exchange(record.holdings, 0);
+    if (reads != 0) LeaveReaders(record);
     bool const entered = TryBegin(*exclusive);
     if (entered && Gate().Close()) return false;
     AddOne(waitingWriters);
@@ -393,23 +424,27 @@ bool ZoGenRW_Mutex::AdmitWriter(ZoUInt32& holdings) {
         exclusive->Begin();
         if (Gate().Close()) return false;
     }
-    PendingWrite pending(*exclusive, *readers, holdings, reads);
-    if (isDetecting) return pending.WaitForReadersOf(*this);
-    pending.WaitForReaders();
+    PendingWrite pending(*exclusive, *readers, static_cast<POSIXCondition*>(readers)->figures,
+                         record.holdings, reads);
+    if (isDetecting) return pending.WaitSeenForReadersOf(*this, markHistory);
+    pending.WaitForReadersOf(*this, markHistory);
     return false;
 }
 
-void ZoGenRW_Mutex::LeaveReaders() {
+void ZoGenRW_Mutex::LeaveReaders(ZoRWRecord& record) {
     checkers::ReadEnds(readers);
+    if (record.mark != nullptr) {
+        return ReadMarks::TakeBack(*std::exchange(record.mark, nullptr), this);
+    }
     // Between the two a writer that gives up may open the gate.
     while (!Gate().TryLeave() && readers->SetConditionApp(nullptr, nullptr) == 0) {
     }
 }
 
-void ZoGenRW_Mutex::EndRead(ZoUInt32& holdings) {
-    ZoUInt32 const left = holdings - OneRead;
-    if (left == 0) LeaveReaders();
-    holdings = left;
+void ZoGenRW_Mutex::EndRead(ZoRWRecord& record) {
+    ZoUInt32 const left = record.holdings - OneRead;
+    if (left == 0) LeaveReaders(record);
+    record.holdings = left;
 }
 
 void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
@@ -448,6 +483,10 @@ void ZoGenRW_Mutex::ForceRelease() {
     for (ZoUInt32 level = WriteDepth(holdings); level != 0; --level) EndRW(1);
 }
 
+int ZoGenRW_Mutex::CountReaders() const {
+    return Gate().Count() + (Gate().MarksMayBeOut() ? ReadMarks::Count(this) : 0);
+}
+
 void ZoGenRW_Mutex::GetInfo(char* buffer, int size) {
     if (buffer == nullptr || size <= 0) return;
     char exclusiveText[256];
@@ -455,7 +494,7 @@ void ZoGenRW_Mutex::GetInfo(char* buffer, int size) {
     std::snprintf(buffer, static_cast<std::size_t>(size),
                   "Owner:%p; Wx:#%ld; Rx:cond-val: %d; Cond:%s, wait_rd #%ld, wait_wr #%ld",
                   owner.load(std::memory_order_relaxed),
-                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), Gate().Count(),
+                  static_cast<long>(WriterLevel.load(std::memory_order_relaxed)), CountReaders(),
                   exclusiveText, static_cast<long>(waitingReaders.load(std::memory_order_relaxed)),
                   static_cast<long>(waitingWriters.load(std::memory_order_relaxed)));
 }

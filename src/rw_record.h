@@ -40,11 +40,13 @@ inline ZoRWRecord* FindRwRecord(ZoTLS const* me, ZoRW_Mutex const* mutex) {
 }
 
 // Makes the spare record, which there is, one for `mutex`, which had none.
-inline ZoRWRecord* AddSpareRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex, ZoUInt32 holdings) {
+inline ZoRWRecord* AddSpareRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex, ZoUInt32 holdings,
+                                    ZoReadMark* mark) {
     ZoRWRecord* const record = me->spareRwRecord;
     me->spareRwRecord = nullptr;
     record->mutex = mutex;
     record->holdings = holdings;
+    record->mark = mark;
     me->rwRecords.InsertFirst(record);
     return record;
 }
@@ -54,7 +56,7 @@ inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
     if (ZoRWRecord* const found = FindRwRecord(me, mutex)) return found;
     if (me->spareRwRecord == nullptr) me->spareRwRecord = new (std::nothrow) ZoRWRecord;
     if (me->spareRwRecord == nullptr) return nullptr;
-    return AddSpareRwRecord(me, mutex, 0);
+    return AddSpareRwRecord(me, mutex, 0, nullptr);
 }
 
 // The two below empty a record of `me`. While an admission is under way, within which the host's

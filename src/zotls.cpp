@@ -14,6 +14,7 @@
 #include "ending_threads.h"
 #include "misuse.h"
 #include "owned_sections.h"
+#include "read_marks.h"
 #include "rw_record.h"
 #include "wait_graph.h"
 #include "zobase.h"
@@ -81,6 +82,7 @@ ZoTLS* MakeRecord() {
         delete record;  // nobody could ever find it
         return nullptr;
     }
+    ReadMarks::Join(record->readMarks);
     return record;
 }
 
@@ -160,7 +162,9 @@ void ZoThreadDetach(void* record) {
     if (--mine->attachCount == 0) {
         mine->FreeParts();  // the host's code, which may still enter and leave locks
         Misuse::TellHeldAtEnd(mine, threadEnds);
-        if (OwnedSections::LetGo(mine)) delete mine;
+        // Both, and each keeps what it still needs.
+        bool const leavesNoMark = ReadMarks::Leave(mine->readMarks);
+        if (OwnedSections::LetGo(mine) && leavesNoMark) delete mine;
         StoreRecord(nullptr);
     } else {
         // As the key's destructor this runs with the slot already cleared: a record that is still

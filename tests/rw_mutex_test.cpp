@@ -386,11 +386,11 @@ TEST_P(RwMutex, ACancelledWriterOpensTheGate) {
                        if (held != 0) mutex->StartRW(Read, 0);
                        mutex->StartRW(Write, 0);
                    });
-        EXPECT_EQ(readers.value, 1);
+        EXPECT_EQ(Counted(mutex.get()), 1);
         EXPECT_EQ(readers.SetConditionApp(nullptr, nullptr), 0);
-        EXPECT_EQ(readers.value, 1);
+        EXPECT_EQ(Counted(mutex.get()), 1);
         mutex->EndRW(Read);
-        EXPECT_EQ(readers.value, 0);
+        EXPECT_EQ(Counted(mutex.get()), 0);
     }
 }
 

@@ -1,0 +1,221 @@
+// Marked reads: when they are used, what they show, and what becomes of them where a thread, a
+// process or the kernel does not do its part. That no reader is overlooked and no writer left
+// asleep is tested here on a bare loop and by the mutex's own tests, which run with marks as well.
+
+#include "read_marks.h"
+
+#include <gtest/gtest.h>
+#include <linux/membarrier.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <memory>
+
+#include "cancelled.h"
+#include "mark_policy.h"
+#include "rw_mutex.h"
+#include "services.h"
+#include "watchdog.h"
+
+using namespace zotest;
+
+namespace {
+
+constexpr int Read = 0;
+constexpr int Write = 1;
+
+std::atomic<int> barriers{0}, registrations{0};
+std::atomic<bool> refused{false};
+
+}  // namespace
+
+// The system call by which the library reaches membarrier.
+extern "C" long __real_syscall(long number, ...);
+extern "C" long __wrap_syscall(long number, ...) {
+    std::va_list arguments;
+    va_start(arguments, number);
+    int const command = va_arg(arguments, int);
+    va_end(arguments);
+    if (number == SYS_membarrier) {
+        ++(command == MEMBARRIER_CMD_PRIVATE_EXPEDITED ? barriers : registrations);
+        if (refused) {
+            errno = EPERM;
+            return -1;
+        }
+    }
+    return __real_syscall(number, command, 0, 0);
+}
+
+namespace {
+
+class Marks : public testing::Test {
+protected:
+    explicit Marks(MarkPolicy::Mode mode = MarkPolicy::Always) {
+        MarkPolicy::SetMode(mode);
+        mutex.reset(ZoRW_Mutex::Make(nullptr));
+    }
+    ~Marks() override {
+        refused = false;
+        MarkPolicy::SetMode(MarkPolicy::WhereItPays);
+    }
+
+    static long Number(ZoRW_Mutex& of, char const* key) {
+        char text[256];
+        of.GetInfo(text, sizeof text);
+        return NumberAfter(text, key);
+    }
+    static long Readers(ZoRW_Mutex& of) { return Number(of, "cond-val: "); }
+    static long Waiting(ZoRW_Mutex& of) { return Number(of, "wait_wr #"); }
+    static void Pause(int steps) {
+        while (steps > 0) std::atomic_ref<int>(steps).fetch_sub(1, std::memory_order_relaxed);
+    }
+    static void Do(ZoRW_Mutex& with, int mode) {
+        with.StartRW(mode, 0);
+        with.EndRW(mode);
+    }
+    // How many barriers a write needs.
+    int Barriers() {
+        int const before = barriers;
+        Do(*mutex, Write);
+        return barriers - before;
+    }
+
+    Watchdog watchdog;
+    Services services;
+    Context context{false};
+    std::unique_ptr<ZoRW_Mutex> mutex;
+};
+
+class MarksWhereTheyPay : public Marks {
+protected:
+    MarksWhereTheyPay() : Marks(MarkPolicy::WhereItPays) {}
+};
+
+TEST_F(MarksWhereTheyPay, AreAcceptedAfterManyReadsAndAsLongAsTheyPay) {
+    if (MarkPolicy::CurrentMode() == MarkPolicy::Never) GTEST_SKIP() << "no membarrier";
+    for (int turn = 0; turn < 10'000; ++turn) {
+        Do(*mutex, turn % 20 == 0 ? Write : Read);
+    }
+    EXPECT_EQ(Barriers(), 0) << "a mix with many writes";
+    auto const read = [&](int times) {
+        for (int i = 0; i < times; ++i) Do(*mutex, Read);
+    };
+    read(100'000);
+    EXPECT_EQ(Barriers(), 1);
+    EXPECT_EQ(Barriers(), 0) << "nobody has read in between";
+    read(10);
+    EXPECT_EQ(Barriers(), 1) << "marks have paid for more than one withdrawal";
+    int wasted = 0;
+    for (int i = 0; i < 20; ++i) {
+        read(10);
+        wasted += Barriers();
+    }
+    EXPECT_LE(wasted, 8);
+    read(10);
+    EXPECT_EQ(Barriers(), 0) << "they pay no more";
+}
+
+// A thread has four marks. All its reads keep a writer out alike, in whatever order they end.
+TEST_F(Marks, AThreadHasAFew) {
+    constexpr std::size_t Mutexes = 6;
+    std::unique_ptr<ZoRW_Mutex> of[Mutexes];
+    for (auto& one : of) one.reset(ZoRW_Mutex::Make(nullptr));
+    for (std::size_t first = 0; first < Mutexes; ++first) {
+        int marked = 0;
+        for (auto& one : of) Do(*one, Read);  // after a write the first one is counted
+        for (auto& one : of) one->StartRW(Read, 0);
+        for (auto& one : of) {
+            EXPECT_EQ(Readers(*one), 1);
+            marked += ReadMarks::Count(one.get());
+        }
+        EXPECT_EQ(marked, 4);
+        for (std::size_t i = 0; i < Mutexes; ++i) {
+            auto& one = of[(first + i) % Mutexes];
+            std::thread writer(Do, std::ref(*one), Write);
+            Await([&] { return Waiting(*one) == 1; });
+            EXPECT_EQ(Readers(*one), 1);
+            one->EndRW(Read);
+            writer.join();
+            EXPECT_EQ(Readers(*one), 0);
+        }
+    }
+}
+
+// As one that ends with a counted read: the mutex is read for as long as it lives.
+TEST_F(Marks, AThreadThatEndsWithOneReadsOn) {
+    std::thread([&] { mutex->StartRW(Read, 0); }).join();
+    EXPECT_EQ(Readers(*mutex), 1);
+    CancelWhen([&] { return Waiting(*mutex) == 1; }, [&] { mutex->StartRW(Write, 0); });
+    EXPECT_EQ(Readers(*mutex), 1);
+    ZoRW_Mutex const* const address = mutex.get();
+    mutex.reset();
+    EXPECT_EQ(ReadMarks::Count(address), 0);
+}
+
+// The threads of the parent are not there, nor what they read; the kernel is asked anew.
+TEST_F(Marks, AChildHasItsOwn) {
+    std::atomic<bool> reads{false}, over{false};
+    std::thread reader([&] {
+        mutex->StartRW(Read, 0);
+        reads = true;
+        Await([&] { return over.load(); });
+        mutex->EndRW(Read);
+    });
+    Await([&] { return reads.load(); });
+    for (bool const without : {false, true}) {
+        int const before = registrations;
+        EXPECT_TRUE(ChildSucceeds([&] {
+            bool const right = registrations == before + 1 && Readers(*mutex) == 0;
+            Do(*mutex, Write);
+            Do(*mutex, Read);
+            mutex->StartRW(Read, 0);
+            bool const marked = ReadMarks::Count(mutex.get()) == 1;
+            mutex->EndRW(Read);
+            _exit(right && marked != without ? 0 : 1);
+        }));
+        refused = true;
+    }
+    over = true;
+    reader.join();
+}
+
+TEST_F(Marks, AreGivenUpWhenTheKernelRefuses) {
+    Do(*mutex, Read);
+    refused = true;
+    Do(*mutex, Write);
+    EXPECT_EQ(services.Log(),
+              Services::Lines{"4 RW_Mutex: membarrier failed : 1; reads are counted "
+                              "from now on."});
+    mutex->StartRW(Read, 0);
+    EXPECT_EQ(ReadMarks::Count(mutex.get()), 0);
+    EXPECT_EQ(Readers(*mutex), 1);
+    mutex->EndRW(Read);
+}
+
+// Readers that do nothing else meet writers that come in bursts. Without the barrier a writer
+// overlooks a mark that is still on its way; with a wrong order at the end it sleeps for ever.
+TEST_F(Marks, NoReaderIsOverlooked) {
+    long left = 0, right = 0;
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        for (long i = 0; !over; ++i) {
+            mutex->StartRW(Read, 0);
+            ASSERT_EQ(left, right);
+            mutex->EndRW(Read);
+        }
+    });
+    for (int i = 0; i < 20'000; ++i) {
+        mutex->StartRW(Write, 0);
+        ++left;
+        Pause(i % 64);
+        ++right;
+        mutex->EndRW(Write);
+        Pause(i % 512);
+        watchdog.Progress();
+    }
+    over = true;
+    reader.join();
+}
+
+}  // namespace
