@@ -24,6 +24,9 @@
 // that still release their per-thread record: after a queue's Destroy, or at a watcher's zero, the
 // context may be torn down at once.
 //
+// When there is no memory for the two sections or the record, set-up makes nothing: there is no
+// context, and it may be set up again. Any other object that cannot be made is absent.
+//
 // A forked child has the context of its parent, the chain complete and free, and may tear it down.
 // No thread forks during set-up or tear-down. fork() does not wait for who walks the chain or holds
 // csDLD: a deadlock report may be waiting for its answer.

@@ -135,10 +135,12 @@ private:
     [[gnu::cold]] ZO_INTERNAL void SafeForgetAbsentSleepers();
     [[gnu::cold]] ZO_INTERNAL int SafeSleep(unsigned long milliseconds);
 
-    pthread_mutex_t mutex;  // guards value, what follows it here, and every call of logic
-    pthread_mutexattr_t mutexAttributes;
-    pthread_cond_t condition;  // of one sleeper at a time; a further one brings its own
-    pthread_condattr_t conditionAttributes;
+    pthread_mutex_t mutex =
+        PTHREAD_MUTEX_INITIALIZER;  // guards value, what follows it here, and every call of logic
+    pthread_mutexattr_t mutexAttributes{};
+    pthread_cond_t condition =
+        PTHREAD_COND_INITIALIZER;  // of one sleeper at a time; a further one brings its own
+    pthread_condattr_t conditionAttributes{};
     bool conditionIsTaken = false;
     ZoUInt32 generation;  // of the process whose threads sleep; see src/at_fork.h
     // Of those that nobody has woken yet, in the order of their coming.

@@ -127,8 +127,8 @@ private:
     [[gnu::always_inline]] inline void Own();
     [[gnu::cold]] ZO_INTERNAL void WaitAndTake();
 
-    pthread_mutexattr_t attributes;
-    pthread_mutex_t mutex;
+    pthread_mutexattr_t attributes{};
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
     std::atomic<unsigned long> ownerNumber;  // the owner's number in this process
     ZoWaitFigures figures;                   // of those who blocked in Begin

@@ -2,9 +2,11 @@
 
 #include <new>
 
+#include "at_fork.h"
 #include "chain.h"
 #include "ending_threads.h"
 #include "smp_io.h"
+#include "zobase.h"
 #include "zocrits.h"
 #include "zoevmdis.h"
 #include "zointrlk.h"
@@ -14,23 +16,39 @@
 
 namespace {
 
-void SetUp() {
-    FirstSynchro = nullptr;
+template <class Object>
+void Destroy(Object*& object) {
+    delete object;
+    object = nullptr;
+}
+
+// What the context cannot be without: its locks, and the mark that it is set up.
+bool MakeCore() {
     fscs = ZoCritSect::Make("CS chain");
     csDLD = ZoMakeCritSectCritSect();
     __defTLS = new (std::nothrow) ZoTLS;
+    return fscs != nullptr && csDLD != nullptr && __defTLS != nullptr;
+}
+
+void DestroyCore() {
+    Destroy(__defTLS);
+    suppress_chaining = 1;
+    Destroy(csDLD);
+    Destroy(fscs);
+}
+
+void SetUp() {
+    if (int const error = ForkHandlersError()) {
+        ZoSystemLog()->Printf(ZoLogError, "pthread_atfork failed : %d", error);
+    }
+    FirstSynchro = nullptr;
+    if (!MakeCore()) return DestroyCore();
     smp_console = new (std::nothrow) smp_io;
     smp_debugger = new (std::nothrow) smp_debug(-1);
     suppress_chaining = 0;
     interlockedObject = ZoInterlocked::Make();
     eventDispatcher = new (std::nothrow) ZoEventMessageDispatcher;
     qaSemaphore = nullptr;
-}
-
-template <class Object>
-void Destroy(Object*& object) {
-    delete object;
-    object = nullptr;
 }
 
 void TearDown() {
@@ -41,9 +59,7 @@ void TearDown() {
     Destroy(smp_console);
     Destroy(__defTLS);
     ForgetChain();
-    suppress_chaining = 1;
-    Destroy(csDLD);
-    Destroy(fscs);
+    DestroyCore();
 }
 
 }  // namespace

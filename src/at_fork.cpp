@@ -51,6 +51,10 @@ void AfterForkInChild() {
 }
 
 // When the library is loaded: later, a child could be forked while another thread registers them.
-[[maybe_unused]] int const registered = pthread_atfork(BeforeFork, AfterFork, AfterForkInChild);
+int const registrationError = pthread_atfork(BeforeFork, AfterFork, AfterForkInChild);
 
 }  // namespace
+
+int ForkHandlersError() {
+    return registrationError;
+}

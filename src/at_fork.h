@@ -24,6 +24,10 @@ inline ZoUInt32 ForkGeneration() {
     return forkGeneration.load(std::memory_order_relaxed);
 }
 
+// 0, or why the handlers could not be registered: a child then gets the library's locks and counts
+// as other threads left them.
+int ForkHandlersError();
+
 // The process that something was made in.
 class ProcessOfOrigin {
 public:

@@ -81,6 +81,7 @@ struct PosixStartRecord : StartRecord {
 class RunningThread {
 public:
     explicit RunningThread(PosixStartRecord const& record) : life(record.life) {
+        if (!IsCreatedDetached(*record.systemThread)) pthread_detach(pthread_self());
         MutexHold const hold(life->mutex);
         record.systemThread->handle = pthread_self();
         life->state = ThreadLife::Running;
@@ -98,6 +99,14 @@ public:
     }
 
 private:
+    // False where the attributes could not be made so, which is no reason to keep the thread's
+    // stack.
+    static bool IsCreatedDetached(PosixThread const& thread) {
+        int state = PTHREAD_CREATE_JOINABLE;
+        pthread_attr_getdetachstate(&thread.attributes, &state);
+        return state == PTHREAD_CREATE_DETACHED;
+    }
+
     ThreadLife* life;
 };
 

@@ -195,7 +195,7 @@ private:
     }
 
     POSIXCondition& of;
-    pthread_cond_t own;
+    pthread_cond_t own = PTHREAD_COND_INITIALIZER;
     bool const sharing;
     bool waiting = false, woken = false;
     Sleeper *before = nullptr, *behind = nullptr;

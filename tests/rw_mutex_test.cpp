@@ -253,21 +253,6 @@ TEST_P(RwMutex, StandsInTheChainAlone) {
     EXPECT_STREQ(WordOf<ZoSynchroObj>(mutex.get(), 2)->GetName(), "EventDispatcher");
 }
 
-TEST_P(RwMutex, IsMadeWholeOrNotAtAll) {
-    NEEDS_ALLOC_FAULTS();
-    ZoSynchroObj* const first = FirstSynchro;
-    ZoTLS::GetThreadLocalStorage();
-    long const failures = FailEachAllocation([&](AllocFault const& fault) {
-        int result = 5;
-        std::unique_ptr<ZoRW_Mutex> made(ZoRW_Mutex::Make(&result));
-        EXPECT_EQ(made == nullptr, fault.Happened());
-        EXPECT_EQ(result, fault.Happened() ? -1 : 0);
-        made.reset();
-        EXPECT_EQ(FirstSynchro, first);
-    });
-    EXPECT_EQ(failures, GetParam() ? 4 : 3);
-}
-
 TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
     NEEDS_ALLOC_FAULTS();
     auto const fails = [&](int result, char const* line) {

@@ -19,7 +19,6 @@
 
 #include "_zothrd.h"
 #include "abort_handlers.h"
-#include "alloc_fault.h"
 #include "services.h"
 #include "zosyncob.h"
 
@@ -448,15 +447,6 @@ TEST(AbortHandlers, ReferencesAreCounted) {
     std::thread([] { EXPECT_EQ(AbortHandlerInitialization(1), 4); }).join();
     DropAllReferences();
     EXPECT_STRNE(FirstSynchro->GetName(), "AbortionHandler");
-
-    FailEachAllocation([](AllocFault const& fault) {
-        int const result = Add(Refuse);
-        EXPECT_TRUE(result == 0 || (result == ZoOutOfMemory && fault.Happened()));
-        bool const added = result == 0 && !fault.Happened();
-        EXPECT_EQ(LowLevelAbortionHandler(), added ? 7 : 0);
-        EXPECT_EQ(AbortHandlerInitialization(0), added ? 2 : 1);
-        DropAllReferences();
-    });
 }
 
 TEST(AbortHandlers, RemovingWaitsForTheHandlerThatRuns) {

@@ -15,7 +15,6 @@
 #include <thread>
 #include <utility>
 
-#include "alloc_fault.h"
 #include "cancelled.h"
 #include "services.h"
 #include "trace.h"
@@ -168,39 +167,6 @@ TEST(Dispatcher, ReleasesListenersOnce) {
     EXPECT_FALSE(IsCancelled([] { Dispatcher().CallDestructor(nullptr); }));
     EXPECT_EQ(deleted, 2);
     ZoEventMessageDispatcher::SetDispatcher(nullptr);
-}
-
-TEST(Dispatcher, LivesWithoutMemory) {
-    NEEDS_ALLOC_FAULTS();
-    Diagnostics diagnostics;
-    int deleted = 0, calls = 0;
-    // No registration, then no table entry; and for a family no record, then no name.
-    for (int const nth : {1, 2}) {
-        auto* const refused = new Listener(Ignore, [&] { ++deleted; });
-        {
-            AllocFault const fault(nth);
-            EXPECT_EQ(Dispatcher().RegisterListener(2, 0x800, refused), -2030);
-        }
-        EXPECT_EQ(deleted, nth) << "nobody holds it";
-        AllocFault const fault(nth);
-        EXPECT_EQ(Dispatcher().GetEventFamilyId("new"), NoFamily);
-    }
-    EXPECT_EQ(Dispatcher().TypeRequested(2, 0x800), 0);
-    EXPECT_EQ(Dispatcher().GetEventFamilyId("new"), 0x20000UL);
-    // Whatever allocation fails while it is made, a dispatcher can be used and destroyed.
-    Listener held([&](ZoEvent const*) { ++calls; });
-    held.refCount = 1;
-    long const failures = FailEachAllocation([&](AllocFault const&) {
-        calls = 0;
-        ZoEventMessageDispatcher poor;
-        int const result = poor.RegisterListener(1, 0x900, &held);
-        ZoDebugEvent const event(0x100000);
-        EXPECT_EQ(poor.Dispatch(&event), 0);
-        EXPECT_EQ(calls, result == 0 ? 1 : 0);
-        EXPECT_EQ(held.refCount, calls + 1);
-    });
-    EXPECT_GE(failures, 2 * 26);
-    EXPECT_EQ(held.refCount, 1);
 }
 
 TEST(Dispatcher, KeepsFamilies) {

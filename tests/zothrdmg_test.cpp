@@ -8,7 +8,6 @@
 #include <optional>
 #include <utility>
 
-#include "alloc_fault.h"
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
@@ -166,28 +165,6 @@ TEST_F(ThreadMgr, TheFirstManagerIsTheMainOne) {
     ZoThreadMgr third;
     second.reset();
     EXPECT_EQ(MainThreadMgr(), &third);
-}
-
-// Whatever could not be made is missed at the call that needs it, and by nothing else.
-TEST_F(ThreadMgr, LivesWithWhatCouldBeMade) {
-    NEEDS_ALLOC_FAULTS();
-    ZoTLS::GetThreadLocalStorage();
-    for (auto const& [level, pieces] : {std::pair{4UL, 5}, {12UL, 28}}) {
-        long const failures = FailEachAllocation([&, level = level](AllocFault const& fault) {
-            std::optional<ZoThreadMgr> manager;
-            manager.emplace(nullptr, level);
-            if (!fault.Happened()) return;
-            std::size_t const before = services.Assertions().size();
-            for (Stop const& stop : Tour) stop.step(*manager);
-            for (auto const& [slot, name] : Table) {
-                manager->BeginCriticalSection(static_cast<unsigned long>(slot), "t");
-                manager->EndCriticalSection(static_cast<unsigned long>(slot), "t");
-            }
-            manager->PrintStatus();
-            EXPECT_GT(services.Assertions().size(), before);
-        });
-        EXPECT_EQ(failures, pieces);
-    }
 }
 
 TEST_F(ThreadMgr, AWriterWaitsInTheServerWriterSectionAndLeavesItWhenItIsCancelled) {

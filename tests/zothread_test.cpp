@@ -29,38 +29,24 @@
 
 using namespace zotest;
 
-// The linker puts these in front of the system's functions. While `failing` is an error number, the
-// calling thread's calls fail with it.
+// The linker puts this in front of the system's function.
 namespace {
-thread_local int failing = 0;
 thread_local std::size_t stackSize = 0;
 
-#ifdef __clang__  // not instrumented: Clang's ThreadSanitizer calls some before it is ready itself
+#ifdef __clang__  // not instrumented: Clang's ThreadSanitizer calls it before it is ready itself
 #define NOT_INSTRUMENTED __attribute__((disable_sanitizer_instrumentation))
 #else
 #define NOT_INSTRUMENTED
 #endif
+}  // namespace
 // Keeps the size that the library asks for: Clang's ThreadSanitizer then raises it through the same
 // function.
-NOT_INSTRUMENTED std::size_t SeenFirst(std::size_t size) {
+extern "C" int __real_pthread_attr_setstacksize(pthread_attr_t*, std::size_t);
+extern "C" NOT_INSTRUMENTED int __wrap_pthread_attr_setstacksize(pthread_attr_t* attributes,
+                                                                 std::size_t size) {
     if (stackSize == 0) stackSize = size;
-    return size;
+    return __real_pthread_attr_setstacksize(attributes, size);
 }
-}  // namespace
-#define WRAP(name, parameters, arguments)                                \
-    extern "C" int __real_pthread_##name parameters;                     \
-    extern "C" NOT_INSTRUMENTED int __wrap_pthread_##name parameters {   \
-        return failing != 0 ? failing : __real_pthread_##name arguments; \
-    }
-WRAP(condattr_init, (pthread_condattr_t * a), (a))
-WRAP(cond_init, (pthread_cond_t * c, pthread_condattr_t const* a), (c, a))
-WRAP(mutexattr_init, (pthread_mutexattr_t * a), (a))
-WRAP(mutex_init, (pthread_mutex_t * m, pthread_mutexattr_t const* a), (m, a))
-WRAP(attr_init, (pthread_attr_t * a), (a))
-WRAP(attr_setdetachstate, (pthread_attr_t * a, int state), (a, state))
-WRAP(attr_destroy, (pthread_attr_t * a), (a))
-WRAP(attr_setstacksize, (pthread_attr_t * a, std::size_t size), (a, SeenFirst(size)))
-WRAP(create, (pthread_t * t, pthread_attr_t const* a, void* (*f)(void*), void* x), (t, a, f, x))
 
 namespace {
 
@@ -139,34 +125,6 @@ protected:
     std::atomic<int> inside{0};
 };
 
-// Must be the first use of a system thread in this program.
-TEST_F(Threads, SystemCallsThatFailAreLoggedInOrder) {
-    Scripted refused(&watcher), thread(&watcher);
-    failing = EAGAIN;
-    EXPECT_EQ(refused.Start(nullptr), ZoStartFailed);
-    EXPECT_EQ(refused.GetStatus(), 7) << "the stack size was refused";
-    EXPECT_EQ(refused.systemThread.load()->Abort(), ESRCH);
-    EXPECT_EQ(refused.GetStatus(), 6);
-    refused._Finish();
-    thread.SetStackSizeCode(0);
-    EXPECT_EQ(thread.Start(nullptr), ZoStartFailed);
-    EXPECT_EQ(thread.GetStatus(), 6);
-    EXPECT_EQ(thread.Start(nullptr), 0) << "a failed one is left alone";
-    EXPECT_EQ(thread.systemThread.load()->Abort(), ESRCH);
-    thread._Finish();
-    failing = 0;
-    Lines expected;
-    for (char const* text : {"pthread_condattr_init failed", "pthread_cond_init failed",
-                             "pthread_mutexattr_init failed", "pthread_mutex_init failed",
-                             "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
-                             "pthread_attr_setstacksize failed", "pthread_attr_destroy failed",
-                             "pthread_attr_init failed", "pthread_attr_setdetachstate failed",
-                             "couldnt create thread", "pthread_attr_destroy failed"}) {
-        expected.push_back(std::string("4 PosixThread: ") + text + " : 11");
-    }
-    EXPECT_EQ(services.Log(), expected);
-}
-
 TEST_F(Threads, HaveTheStackSizeOfTheirCode) {
     Script script;
     for (auto const& [code, size] :
@@ -179,19 +137,6 @@ TEST_F(Threads, HaveTheStackSizeOfTheirCode) {
         watcher.WaitForZero(0);
         EXPECT_EQ(thread.GetStatus(), 4);
     }
-}
-
-TEST_F(Threads, WithoutMemoryAreNotStarted) {
-    NEEDS_ALLOC_FAULTS();
-    Script script;
-    long const faults = FailEachAllocation([&](AllocFault const& fault) {
-        Scripted thread(nullptr);
-        int const result = thread.Start(&script);
-        EXPECT_EQ(result, fault.Happened() ? ZoOutOfMemory : 0);
-        EXPECT_TRUE(!fault.Happened() || thread.GetStatus() == 7);
-        Await([&] { return result != 0 || thread.GetStatus() == 4; });
-    });
-    EXPECT_EQ(faults, 2);  // the system thread and its life
 }
 
 TEST_F(Threads, TraceLinesToTheByte) {

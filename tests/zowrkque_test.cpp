@@ -17,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "alloc_fault.h"
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
@@ -350,43 +349,6 @@ TEST_F(WorkQueue, AChildDestroysItsParentsQueue) {
     destroyed.count_down();
     terminator.join();
     EXPECT_EQ(aborted, 2);
-    busy.End();
-}
-
-TEST_F(WorkQueue, OutOfMemory) {
-    NEEDS_ALLOC_FAULTS();
-    int complete = 0;
-    long const faults = FailEachAllocation([&](AllocFault const& fault) {
-        auto const queue = Make(2);
-        if (!queue) return;
-        complete = queue->ThreadCount();
-        EXPECT_GE(complete, fault.Happened() ? 1 : 2);
-    });
-    EXPECT_GE(faults, 5);
-    EXPECT_EQ(complete, 2);
-
-    ZoConcurrencyHelper::CalculateConcurrently();
-    std::atomic<unsigned short>& parallel = ZoConcurrencyHelper::GetResultObject()->parallel;
-    std::deque<Unit> units(1000);
-    auto const queue = Make(1);
-    Busy busy(queue);
-    int queued = 0, result = ZoSuccess;
-    {
-        AllocFault const fault(1);  // there is room for some units until the queue allocates
-        do {
-            parallel = 0;
-            result = queue->Append(&units.at(static_cast<std::size_t>(queued)));
-        } while (result == ZoSuccess && ++queued > 0);
-    }
-    EXPECT_EQ(result, ZoOutOfMemory);
-    EXPECT_EQ(parallel, 0);
-    EXPECT_EQ(queue->Length(), queued);
-    EXPECT_EQ(ZoConcurrencyHelper::CalculateResult(7), ZoNoResult);  // does not wait
-    FailEachAllocation([](AllocFault const& fault) {
-        ZoConcurrencyHelper::CalculateConcurrently();
-        EXPECT_EQ(ZoConcurrencyHelper::IsConcurrent(), fault.Happened() ? 0 : 1);
-        ZoConcurrencyHelper::CalculateResult(0);
-    });
     busy.End();
 }
 
