@@ -81,6 +81,7 @@
 #include <atomic>
 
 #include "zosyncob.h"
+#include "zotls.h"
 #include "zotypes.h"
 
 class ChainLock;
@@ -89,15 +90,6 @@ class ReaderGate;
 class ZoCritSect;
 class ZoTLS;
 struct ZoRWRecord;
-
-// What decides whether a mutex accepts marked reads (src/mark_policy.h).
-struct ZoMarkHistory {
-    // Counted reads since the last write, in units of what a thread reads between two looks.
-    std::atomic<ZoUInt32> looks{0};
-    // The rest belongs to the thread that holds the exclusive section.
-    ZoUInt32 markedReads = 0;  // as the marks' numbers of reads added up when a writer last looked
-    ZoUInt32 credit = 0;       // what marks have saved beyond their cost, in nanoseconds
-};
 
 // The interface, with harmless defaults: it accepts every call and locks nothing.
 class ZO_API ZoRW_Mutex : public ZoSynchroObj {

@@ -60,6 +60,15 @@ struct ZoReadMarks {
     char apart[64];                // keeps the next block of the heap out of these lines
 };
 
+// What decides whether a mutex accepts marked reads (src/mark_policy.h).
+struct ZoMarkHistory {
+    // Counted reads since the last write, in units of what a thread reads between two looks.
+    std::atomic<ZoUInt32> looks{0};
+    // The rest belongs to the thread that holds the exclusive section.
+    ZoUInt32 markedReads = 0;  // as the marks' numbers of reads added up when a writer last looked
+    ZoUInt32 credit = 0;       // what marks have saved beyond their cost, in nanoseconds
+};
+
 // What a thread holds of one reader/writer mutex. A thread has at most one for each mutex.
 struct ZoRWRecord : ZoSimpleLinkedListItem {
     ZoRW_Mutex const* mutex = nullptr;  // whose levels these are

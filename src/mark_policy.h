@@ -27,7 +27,6 @@
 #include <atomic>
 
 #include "rw_gate.h"
-#include "rw_mutex.h"
 #include "zotls.h"
 
 class MarkPolicy {

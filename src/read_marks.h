@@ -54,7 +54,6 @@
 #include <cstdint>
 
 #include "rw_gate.h"
-#include "rw_mutex.h"
 #include "schedule_point.h"
 #include "zotls.h"
 #include "zowaits.h"

@@ -65,6 +65,7 @@ inline ZoRWRecord* FindOrMakeRwRecord(ZoTLS* me, ZoRW_Mutex const* mutex) {
 // Takes `record` out and makes it the spare record, of which there is none.
 inline void MakeSpareRwRecord(ZoTLS* me, ZoRWRecord* record) {
     record->holdings = 0;
+    record->mark = nullptr;
     if (record->admissions != 0) [[unlikely]]
         return;
     record->mutex = nullptr;

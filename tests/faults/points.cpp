@@ -102,7 +102,11 @@ void Delay() {
     chance ^= chance >> 17;
     chance ^= chance << 5;
     if (chance % 4 == 0) sched_yield();
-    if (chance % 64 == 1) usleep(chance / 64 % 200);
+    if (chance % 64 != 1) return;
+    int previous = 0;  // the sleep is a cancellation point, which the call need not be
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    usleep(chance / 64 % 200);
+    pthread_setcancelstate(previous, nullptr);
 }
 
 // At the first call, while the libraries are being loaded.
