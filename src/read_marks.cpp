@@ -202,7 +202,7 @@ void ReadMarks::ForgetAbsentThreads() {
     for (MarksWithdrawal* writer = firstWithdrawal; writer != nullptr; writer = writer->next) {
         if (writer->thread != currentRecord) Unlink(writer);
     }
-    MarksWithdrawal::Announce();
+    MarksWithdrawal::SafeAnnounce();
     if (MarkPolicy::CurrentMode() != MarkPolicy::Never && !Register()) {
         MarkPolicy::SetMode(MarkPolicy::Never);
     }
@@ -210,8 +210,7 @@ void ReadMarks::ForgetAbsentThreads() {
 
 // --- a writer ----------------------------------------------------------------------------------
 
-// Brings `announced` up to date, with the marks' lock held.
-void MarksWithdrawal::Announce() {
+void MarksWithdrawal::SafeAnnounce() {
     std::uintptr_t now = 0;
     if (firstWithdrawal != nullptr) {
         now = firstWithdrawal->next == nullptr ? firstWithdrawal->mutex : SeveralWriters;
@@ -226,7 +225,8 @@ MarksWithdrawal::MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMar
     {
         Hold const hold;
         LinkFirst(firstWithdrawal, this);
-        Announce();
+        SafeAnnounce();
+        isAnnounced = true;
     }
     SchedulePoint();
     PassBarrierInAllThreads();
@@ -238,7 +238,7 @@ MarksWithdrawal::MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMar
 }
 
 MarksWithdrawal::~MarksWithdrawal() {
-    if (IsAnnounced()) {
+    if (isAnnounced) {
         Hold const hold;
         SafeLeave();
     }
@@ -246,13 +246,13 @@ MarksWithdrawal::~MarksWithdrawal() {
 }
 
 bool MarksWithdrawal::MarksAreOut() const {
-    if (!IsAnnounced()) return false;
+    if (!isAnnounced) return false;
     Hold const hold;
     return SafeLook(mutex).marks != 0;
 }
 
 void MarksWithdrawal::WaitForNone(ZoWaitFigures& figures) {
-    if (!IsAnnounced()) return;
+    if (!isAnnounced) return;
     Hold const hold;
     if (SafeLook(mutex).marks != 0) SafeSleep(figures);
     SafeLeave();
@@ -265,6 +265,7 @@ void MarksWithdrawal::SafeSleep(ZoWaitFigures& figures) {
 }
 
 void MarksWithdrawal::SafeLeave() {
+    isAnnounced = false;
     Unlink(this);
-    Announce();
+    SafeAnnounce();
 }

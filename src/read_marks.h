@@ -110,9 +110,11 @@ public:
     // In a child, with the lock held: only the calling thread is there.
     static void ForgetAbsentThreads();
 
-private:
-    friend class MarksWithdrawal;
+    // Which writers may sleep for marks: 0 none, one of this mutex, or SeveralWriters. Changed
+    // under the marks' lock. Every reader looks at it, so it has a cache line to itself.
+    static std::atomic<std::uintptr_t> announced;
 
+private:
     // The mark that was used for this mutex before, or else one that is not set.
     static ZoReadMark* FreeMark(ZoReadMarks& mine, std::uintptr_t address) {
         ZoReadMark& first = mine.marks[0];
@@ -125,10 +127,6 @@ private:
         mark.reads.store(mark.reads.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
     [[gnu::cold]] static void WakeWriters(std::uintptr_t mutex, std::uintptr_t waited);
-
-    // Which writers may sleep for marks: 0 none, one of this mutex, or SeveralWriters. Changed
-    // under the marks' lock. Every reader looks at it, so it has a cache line to itself.
-    static std::atomic<std::uintptr_t> announced;
 };
 
 // A writer's dealing with the marks of its mutex, for a scope with the exclusive section held and
@@ -151,16 +149,18 @@ public:
     std::uintptr_t const mutex;
     ZoTLS* const thread;
     pthread_cond_t woken = PTHREAD_COND_INITIALIZER;
-    MarksWithdrawal* next = nullptr;   // guarded by the marks' lock
-    MarksWithdrawal** link = nullptr;  // changed by its own thread, with the marks' lock held
+    // In the list of announced writers; guarded by the marks' lock.
+    MarksWithdrawal* next = nullptr;
+    MarksWithdrawal** link = nullptr;
+
+    // Brings `announced` up to date, with the marks' lock held.
+    static void SafeAnnounce();
 
 private:
-    friend class ReadMarks;
-
-    static void Announce();
-    bool IsAnnounced() const { return link != nullptr; }
     void SafeLeave();
     void SafeSleep(ZoWaitFigures& figures);
+
+    bool isAnnounced = false;
 };
 
 #endif  // KELVARA_SRC_READ_MARKS_H_
