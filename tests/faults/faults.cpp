@@ -456,6 +456,7 @@ void HashTable() {
 
 std::atomic<int> asked{0};
 int Refuse(void*) {
+    points::Outlive();  // the thread that asks may get a record afterwards
     ++asked;
     return 1;
 }
@@ -581,13 +582,12 @@ void UseEverything() {
 
 // --- a fork in the middle ------------------------------------------------------------------------
 
-// Forks while another thread stands at a point. That may hold a lock that fork() waits for: it is
-// kept for so long at most. Lives as long as the process.
+// Forks once while another thread stands at a point. That may hold a lock that fork() waits for: it
+// is kept for so long at most. The thread that forks may get a record, as each that uses a lock: it
+// ends in Finish. The object is never destroyed, as it may be asked later.
 class Forker {
 public:
-    Forker() {
-        std::thread([this] { Work(); }).detach();
-    }
+    Forker() : thread([this] { Work(); }) {}
     void Ask() {
         CancellationDeferred deferred;
         std::unique_lock<std::mutex> hold(lock);
@@ -595,26 +595,29 @@ public:
         changed.notify_all();
         changed.wait_for(hold, std::chrono::milliseconds(20), [this] { return !asked; });
     }
-    // Until what was asked for is done.
+    // Once what was asked for is done.
     void Finish() {
-        std::unique_lock<std::mutex> hold(lock);
-        changed.wait(hold, [this] { return !asked; });
+        {
+            std::lock_guard<std::mutex> const hold(lock);
+            over = true;
+            changed.notify_all();
+        }
+        thread.join();
     }
 
 private:
     void Work() {
         std::unique_lock<std::mutex> hold(lock);
-        for (;;) {
-            changed.wait(hold, [this] { return asked; });
-            hold.unlock();
-            int const status = EndOfChild(LiveAsChild);
-            if (status != 0 && report->wrong[0] == '\0') {
-                std::snprintf(report->wrong, sizeof report->wrong, "the child: status %x", status);
-            }
-            hold.lock();
-            asked = false;
-            changed.notify_all();
+        changed.wait(hold, [this] { return asked || over; });
+        if (!asked) return;
+        hold.unlock();
+        int const status = EndOfChild(LiveAsChild);
+        if (status != 0 && report->wrong[0] == '\0') {
+            std::snprintf(report->wrong, sizeof report->wrong, "the child: status %x", status);
         }
+        hold.lock();
+        asked = false;
+        changed.notify_all();
     }
     static void LiveAsChild() {
         points::Disarm();
@@ -630,7 +633,8 @@ private:
 
     std::mutex lock;
     std::condition_variable changed;
-    bool asked = false;
+    bool asked = false, over = false;
+    std::thread thread;
 };
 Forker* forker = nullptr;
 

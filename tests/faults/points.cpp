@@ -35,7 +35,7 @@ struct State {
     std::atomic<long> live{0}, waits{0};
 };
 constinit State state;
-constinit thread_local bool isVictim = false;
+constinit thread_local bool isVictim = false, outlives = false;
 constinit thread_local std::uint32_t chance = 0;
 
 // --- whose call it is ----------------------------------------------------------------------------
@@ -174,6 +174,9 @@ void MeetWith(void (*action)()) {
 long Live() {
     return state.live;
 }
+void Outlive() {
+    outlives = !isVictim;
+}
 
 long Waits() {
     return state.waits;
@@ -214,15 +217,15 @@ Function* Next(char const* name) {
 
 // In front of each block.
 struct alignas(16) Head {
-    bool isOurs;
+    bool counts;
 };
 
 void* Allocate(char const* function, void const* caller, std::size_t size) {
     if (Pass(function, caller, true, false)) return nullptr;
     void* const memory = std::malloc(sizeof(Head) + size);
     if (memory == nullptr) return nullptr;
-    Head* const head = new (memory) Head{IsOurs(caller)};
-    state.live += head->isOurs ? 1 : 0;
+    Head* const head = new (memory) Head{!outlives && IsOurs(caller)};
+    state.live += head->counts ? 1 : 0;
     std::memset(head + 1, 0xA5, size);
     return head + 1;
 }
@@ -230,7 +233,7 @@ void* Allocate(char const* function, void const* caller, std::size_t size) {
 void Free(void* block) {
     if (block == nullptr) return;
     Head* const head = static_cast<Head*>(block) - 1;
-    state.live -= head->isOurs ? 1 : 0;
+    state.live -= head->counts ? 1 : 0;
     std::free(head);
 }
 

@@ -44,6 +44,9 @@ long Waits();
 
 // Blocks that the library has allocated and that are still there.
 long Live();
+// The calling thread lives as long as the process, unless it is a victim: blocks that it allocates
+// from now on do not count.
+void Outlive();
 
 // All calls of this process and of its children since this, by function and place: how many
 // functions and places there were.
