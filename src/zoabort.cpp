@@ -305,7 +305,7 @@ int AskHandlers(Hold& hold) ZO_NOT_ANALYSED {
 
 // A thread that is inside a handler enters the section of the facility that asks once the handler
 // has returned, in the child too. By then the facility may be torn down and not be found any more.
-void AbortionAtFork::Begin() {
+void AbortionAtFork::Begin() ZO_NOT_ANALYSED {
     maskBeforeFork = BlockAbortSignals();
     if (asking != nullptr) asking->abortCS->Begin();
 }
@@ -325,7 +325,7 @@ void AbortionAtFork::Unlock() ZO_NOT_ANALYSED {
     facilityLock.unlock();
 }
 
-void AbortionAtFork::Leave() {
+void AbortionAtFork::Leave() ZO_NOT_ANALYSED {
     sigset_t const previous = maskBeforeFork;
     if (heldForFork != nullptr) LeaveFacility(heldForFork);
     if (asking != nullptr) asking->abortCS->Exit();

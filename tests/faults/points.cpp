@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +30,7 @@ namespace {
 
 struct State {
     std::atomic<int> mode{Off};
-    std::atomic<long> left{0}, most{1L << 40};
+    std::atomic<long> left{0}, most{LONG_MAX};
     std::atomic<char const*> where{""};
     std::atomic<void (*)()> action{nullptr};
     std::atomic<long> live{0}, waits{0};
@@ -97,7 +98,8 @@ long Note(char const* function, void const* place) {
 
 void Delay() {
     static std::atomic<std::uint32_t> threads{0};
-    if (chance == 0) chance = static_cast<std::uint32_t>(state.left + 77 * ++threads) | 1U;
+    if (chance == 0)
+        chance = (static_cast<std::uint32_t>(state.left.load()) + 77U * ++threads) | 1U;
     chance ^= chance << 13;
     chance ^= chance >> 17;
     chance ^= chance << 5;
