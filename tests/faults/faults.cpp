@@ -693,7 +693,7 @@ struct Result {
 
 void AddLines(std::set<std::string>& lines, std::istream&& from) {
     static std::regex const changing(
-        "0x[0-9a-f]+|[0-9TZ:.-]{24}|x{9,}|/[^ ]*/faults[A-Za-z0-9]{6}/");
+        "0x[0-9a-f]+|[0-9TZ:.-]{24}|written by [^;]*|x{9,}|/[^ ]*/faults[A-Za-z0-9]{6}/");
     for (std::string line; std::getline(from, line);) {
         lines.insert(std::regex_replace(line, changing, "*"));
     }
