@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "hot_owner.h"
+#include "processors.h"
 #include "rw_mutex.h"
 #include "zocrits.h"
 
@@ -49,7 +50,8 @@ private:
     std::unique_ptr<Mutex> mutex = std::make_unique<Mutex>();
 };
 
-// The subject that all threads of a benchmark share.
+// The subject that all threads of a benchmark share. Each has a processor to itself, if there are
+// as many.
 template <class Subject>
 Subject& Shared() {
     static Subject subject;
@@ -58,6 +60,7 @@ Subject& Shared() {
 
 template <class Subject>
 void Reads(benchmark::State& state) {
+    OnProcessors const place(state.thread_index(), 1);
     Subject& subject = Shared<Subject>();
     for (auto _ : state) {
         subject.BeginRead();
@@ -89,6 +92,7 @@ void Writes(benchmark::State& state) {
 template <class Subject, int every>
 void MostlyReads(benchmark::State& state) {
     static long data = 0;
+    OnProcessors const place(state.thread_index(), 1);
     Subject& subject = Shared<Subject>();
     int turn = every / 2 * state.thread_index();
     for (auto _ : state) {

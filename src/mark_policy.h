@@ -73,14 +73,18 @@ private:
     static constexpr ZoUInt32 SavedByMark = 16;  // nanoseconds
     static constexpr ZoInt32 MostReads = 1'000'000;
     static constexpr ZoUInt32 Reserve = 4;
+    static constexpr ZoUInt32 LowestCost = 1'000;
+    static constexpr ZoUInt32 FadingLooks = 128;
     // A withdrawal that was itself interrupted says nothing about the next one.
     static constexpr ZoUInt32 HighestCost = 100'000;
 
     [[gnu::cold]] static void Look(ZoMarkHistory& history, ReaderGate gate) {
         if (CurrentMode() == Never) return;
         ZoUInt32 const looks = history.looks.fetch_add(1, std::memory_order_relaxed) + 1;
-        if (looks * ReadsPerLook * SavedByMark >= Reserve * cost.load(std::memory_order_relaxed)) {
-            gate.AcceptMarks();
+        ZoUInt32 const expected = cost.load(std::memory_order_relaxed);
+        if (looks * ReadsPerLook * SavedByMark >= Reserve * expected) return gate.AcceptMarks();
+        if (expected > LowestCost) {
+            cost.store(expected - expected / FadingLooks, std::memory_order_relaxed);
         }
     }
 

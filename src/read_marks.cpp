@@ -18,7 +18,7 @@
 
 alignas(64) constinit std::atomic<std::uintptr_t> ReadMarks::announced{0};
 constinit std::atomic<MarkPolicy::Mode> MarkPolicy::mode{Never};
-constinit std::atomic<ZoUInt32> MarkPolicy::cost{10'000};
+constinit std::atomic<ZoUInt32> MarkPolicy::cost{2'000};
 
 namespace {
 

@@ -19,7 +19,7 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
 // Each false: nothing has been done, StartRW or EndRW must do it. The hints keep a nested read free
 // of taken branches, which are most of what it costs.
 
-inline bool ZoGenRW_Mutex::TryStartRead() {
+[[gnu::always_inline]] inline bool ZoGenRW_Mutex::TryStartRead() {
     ZoTLS* const me = currentRecord;
     if (me == nullptr) [[unlikely]]
         return false;
@@ -40,7 +40,7 @@ inline bool ZoGenRW_Mutex::TryStartRead() {
     return true;
 }
 
-inline bool ZoGenRW_Mutex::TryEndRead() {
+[[gnu::always_inline]] inline bool ZoGenRW_Mutex::TryEndRead() {
     ZoTLS* const me = currentRecord;
     if (me == nullptr) [[unlikely]]
         return false;

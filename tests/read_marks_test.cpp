@@ -219,6 +219,23 @@ TEST_F(Marks, AWriterClosesTheGateAndAnnouncesItselfBeforeTheBarrier) {
     reader.join();
 }
 
+// The writer destroys the mutex as soon as the reader's mark is gone.
+TEST_F(Marks, AReaderThatEndsTouchesTheMutexNoMore) {
+    for (int round = 0; round < 300; ++round) {
+        std::atomic<bool> reads{false};
+        mutex.reset(ZoRW_Mutex::Make(nullptr));
+        std::thread reader([&, left = mutex.get()] {
+            left->StartRW(Read, 0);
+            reads = true;
+            left->EndRW(Read);
+        });
+        Await([&] { return reads.load(); });
+        Do(*mutex, Write);
+        mutex.reset();
+        reader.join();
+    }
+}
+
 // Readers that do nothing else meet writers that come in bursts. Without the barrier a writer
 // overlooks a mark that is still on its way; with a wrong order at the end it sleeps for ever.
 TEST_F(Marks, NoReaderIsOverlooked) {
