@@ -42,6 +42,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <optional>
@@ -215,7 +216,7 @@ template <class Function, class Result>
 class CallOf final : public CallFor<Result> {
 public:
     template <class Given>
-    explicit CallOf(Given&& given) : function(std::in_place, std::forward<Given>(given)) {}
+    CallOf(std::in_place_t, Given&& given) : function(std::in_place, std::forward<Given>(given)) {}
 
 private:
     void Run() override { this->Store(*function); }
@@ -281,8 +282,8 @@ template <class Function>
 auto Submit(ZoWorkQueue& queue, Function&& function)
     -> Task<std::invoke_result_t<std::decay_t<Function>&>> {
     using Result = std::invoke_result_t<std::decay_t<Function>&>;
-    auto* const call =
-        new detail::CallOf<std::decay_t<Function>, Result>(std::forward<Function>(function));
+    auto* const call = new detail::CallOf<std::decay_t<Function>, Result>(
+        std::in_place, std::forward<Function>(function));
     Task<Result> task(call);
     // Append would run it with the lock of the queue held, and it could not submit in its turn.
     if (queue.ThreadCount() == 0 && queue.Length() >= 0) {
@@ -312,7 +313,7 @@ Index At(Index first, std::size_t place) {
     if constexpr (std::is_integral_v<Index>) {
         return static_cast<Index>(static_cast<std::size_t>(first) + place);
     } else {
-        return first + static_cast<decltype(first - first)>(place);
+        return first + static_cast<typename std::iterator_traits<Index>::difference_type>(place);
     }
 }
 

@@ -136,7 +136,7 @@ void TellWanted(Wait const& wait, char const* forSection, char const* toWrite, s
     if (wait.section != nullptr) {
         console << forSection << wait.section->GetName() << " " << static_cast<void*>(wait.section)
                 << " owned by ";
-    } else {
+    } else if (wait.readersOf != nullptr) {
         console << toWrite << wait.readersOf->GetName() << " " << static_cast<void*>(wait.readersOf)
                 << " read by ";
     }

@@ -243,8 +243,8 @@ inline unsigned long HashOf(ZoHashTable const& table, ZoHashEntry* entry) {
 
 // `link` is what points to the entry: its predecessor's `next`, or the head of its bucket. `place`
 // is the entry's in the bucket's line.
-void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash,
-            int place) {
+inline void Unlink(ZoHashTable& table, ZoHashEntry*& link, ZoHashEntry* entry, unsigned long hash,
+                   int place) {
     link = entry->next;
     if (!HasLines(table)) return;
     GrownOf(table).WithLine(hash & table.mask, [&](auto& line) { line.Remove(place); });

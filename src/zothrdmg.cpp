@@ -295,7 +295,7 @@ void ZoThreadMgr::EndWrite(int mode, Bracket const& bracket, char const* label) 
 }
 
 void ZoThreadMgr::End(int mode, Bracket const& bracket, char const* label) const {
-    if (Mutex().EndRW(mode) == ZoRefused) [[unlikely]]
+    if (Mutex().EndRW(mode) == ZoRefused && rwMutex != nullptr) [[unlikely]]
         Misuse::TellEnd(static_cast<ZoGenRW_Mutex&>(*rwMutex), mode, bracket, label);
 }
 

@@ -642,7 +642,7 @@ Forker* forker = nullptr;
 
 // What is wrong if the process hangs from here on.
 void Stage(char const* text) {
-    std::strcpy(report->wrong, text);
+    std::snprintf(report->wrong, sizeof report->wrong, "%s", text);
 }
 
 void RunOnThread(Scenario const& scenario, points::Mode mode, long nth) {
@@ -763,7 +763,7 @@ int Loaded() {
     std::string const where = report->where;
     points::Disarm();
     Run({"load", Nothing, Plain}, points::Off, 0);
-    std::strcpy(report->where, where.c_str());
+    std::snprintf(report->where, sizeof report->where, "%s", where.c_str());
     return 0;
 }
 
@@ -784,7 +784,7 @@ void Compare(char const* path) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
     if (std::getenv("ZO_FAULT") != nullptr) return Loaded();
     std::string const self = std::filesystem::absolute(argv[0]);
     std::string const expected = std::filesystem::absolute(argv[1]);
