@@ -212,9 +212,12 @@ Sites Reached() {
 
 namespace {
 
+// Looked up at the first call. No static with a guard: a child may be forked while another thread
+// holds that.
 template <class Function>
-Function* Next(char const* name) {
-    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+Function* Next(std::atomic<Function*>& known, char const* name) {
+    if (Function* const next = known) return next;
+    return known = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
 // In front of each block.
@@ -253,7 +256,8 @@ int Error(int error) {
 #define FUNCTION(result, name, parameters, arguments, canFail, failure, endsThread)                \
     extern "C" __attribute__((visibility("default"))) result Our_##name parameters __asm__(#name); \
     extern "C" result Our_##name parameters {                                                      \
-        static auto* const next = Next<result parameters>(#name);                                  \
+        static constinit std::atomic<result(*) parameters> known{nullptr};                         \
+        auto* const next = Next<result parameters>(known, #name);                                  \
         if (Pass(#name, __builtin_return_address(0), canFail, endsThread)) return failure;         \
         return next arguments;                                                                     \
     }
