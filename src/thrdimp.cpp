@@ -188,11 +188,13 @@ int PosixThread::Start(long stackSizeCode) {
     checkers::AreAtomic(record.started);
     life->Share();
     life->Share();  // for the wait below
-    // The thread stores its handle itself: it may have run and deleted this object before
-    // pthread_create returns.
+    // The new thread may have run and deleted this object before pthread_create returns. So it
+    // stores its handle itself, and the attributes, which glibc reads once more at the end, are a
+    // copy.
     pthread_t created = NoThread;
+    pthread_attr_t const copy = attributes;
     int const error =
-        pthread_create(&created, &attributes, PosixTrampoline, static_cast<StartRecord*>(&record));
+        pthread_create(&created, &copy, PosixTrampoline, static_cast<StartRecord*>(&record));
     if (error != 0) {
         life->Release();
         life->Release();

@@ -69,6 +69,11 @@ int StoreRecord(ZoTLS* record) {
     return err;
 }
 
+// Before a record is freed. False: it stays where the thread's end finds it, and must not be.
+bool TakeOutOfSlot(ZoTLS const* record) {
+    return pthread_setspecific(Key(), nullptr) == 0 || RecordInSlot() != record;
+}
+
 // A record for the calling thread, which has none; null when that fails.
 ZoTLS* MakeRecord() {
     ZoTLS* record = new (std::nothrow) ZoTLS;
@@ -162,10 +167,14 @@ void ZoThreadDetach(void* record) {
     if (--mine->attachCount == 0) {
         mine->FreeParts();  // the host's code, which may still enter and leave locks
         Misuse::TellHeldAtEnd(mine, threadEnds);
+        if (!TakeOutOfSlot(mine)) {
+            mine->attachCount = 1;
+            return;
+        }
         // Both, and each keeps what it still needs.
         bool const leavesNoMark = ReadMarks::Leave(mine->readMarks);
         if (OwnedSections::LetGo(mine) && leavesNoMark) delete mine;
-        StoreRecord(nullptr);
+        currentRecord = nullptr;
     } else {
         // As the key's destructor this runs with the slot already cleared: a record that is still
         // attached then is out of reach.

@@ -58,6 +58,12 @@ using namespace zotest;
 
 namespace {
 
+#ifdef __SANITIZE_ADDRESS__
+constexpr bool addressSanitizer = true;
+#else
+constexpr bool addressSanitizer = false;
+#endif
+
 // --- what a run tells ----------------------------------------------------------------------------
 
 // Shared with the child process that runs a scenario.
@@ -704,7 +710,7 @@ template <class Body>
 Result InChild(std::string const& name, Body body) {
     std::memset(report, 0, sizeof *report);
     int const status = EndOfChild([&] {
-        alarm(threadSanitizer ? 120 : 30);
+        alarm(30);
         dup2(open("said", O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0666), STDERR_FILENO);
         body();
         _exit(0);
@@ -803,7 +809,9 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
                                                 {points::Cancel, "cancellations", 1L},
                                                 {points::End, "ends", 1L},
                                                 {points::Meet, "forks", all ? 1L : 17L}}) {
-            if (threadSanitizer && mode == points::Meet) continue;
+            // AddressSanitizer takes what a cancelled thread leaves on its stack for an error, and
+            // its allocator's locks are not free in a child.
+            if (addressSanitizer && mode != points::Fail) continue;
             if (scenario.kind == Makes && mode != points::Fail) continue;
             for (bool const detects : {false, true}) {
                 detection = detects;
