@@ -222,6 +222,7 @@ MarksWithdrawal::MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMar
     : mutex(AddressOf(of)), thread(currentRecord) {
     if (!marksMayBeOut) return;
     ZoUInt32 const begun = Nanoseconds();
+    pthread_cond_init(&woken, nullptr);
     {
         Hold const hold;
         LinkFirst(firstWithdrawal, this);
@@ -238,11 +239,9 @@ MarksWithdrawal::MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMar
 }
 
 MarksWithdrawal::~MarksWithdrawal() {
-    if (isAnnounced) {
-        Hold const hold;
-        SafeLeave();
-    }
-    pthread_cond_destroy(&woken);
+    if (!isAnnounced) return;
+    Hold const hold;
+    SafeLeave();
 }
 
 bool MarksWithdrawal::MarksAreOut() const {
@@ -268,4 +267,5 @@ void MarksWithdrawal::SafeLeave() {
     isAnnounced = false;
     Unlink(this);
     SafeAnnounce();
+    pthread_cond_destroy(&woken);
 }

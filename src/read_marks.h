@@ -148,7 +148,7 @@ public:
     // What follows is for the lists of read_marks.cpp.
     std::uintptr_t const mutex;
     ZoTLS* const thread;
-    pthread_cond_t woken = PTHREAD_COND_INITIALIZER;
+    pthread_cond_t woken;  // made while the writer is announced
     // In the list of announced writers; guarded by the marks' lock.
     MarksWithdrawal* next = nullptr;
     MarksWithdrawal** link = nullptr;
