@@ -23,6 +23,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 namespace points {
 
@@ -256,7 +257,7 @@ int Error(int error) {
 #define FUNCTION(result, name, parameters, arguments, canFail, failure, endsThread)                \
     extern "C" __attribute__((visibility("default"))) result Our_##name parameters __asm__(#name); \
     extern "C" result Our_##name parameters {                                                      \
-        static constinit std::atomic<result(*) parameters> known{nullptr};                         \
+        static constinit std::atomic<std::add_pointer_t<result parameters>> known{nullptr};        \
         auto* const next = Next<result parameters>(known, #name);                                  \
         if (Pass(#name, __builtin_return_address(0), canFail, endsThread)) return failure;         \
         return next arguments;                                                                     \
