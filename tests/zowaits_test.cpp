@@ -116,26 +116,24 @@ TEST(Contention, TellsWhatBecameOfUnits) {
     Context context(false);
     Nothing units[200];
     ZoWorkQueue* const queue = ZoWorkQueue::Create(1, nullptr);
-    {
-        // The worker cannot take a unit meanwhile.
-        struct Held final : ZoWorkUnit {
-            void Handle(ZoWorkQueue*) override {
-                ++begun;
-                Await([this] { return mayEnd.load(); });
-            }
-            void Aborted(ZoWorkQueue*) override {}
-            std::atomic<int> begun{0};
-            std::atomic<bool> mayEnd{false};
-        } held;
-        queue->Append(&held);
-        Await([&] { return held.begun == 1; });
-        for (Nothing& unit : units) queue->Append(&unit);
-        EXPECT_EQ(Of("WorkQueue").greatestLength, 200U);
-        queue->Terminate();
-        held.mayEnd = true;
-        EXPECT_EQ(queue->Append(units), -1);
-        Await([&] { return queue->ThreadCount() == 0; });
-    }
+    // The worker cannot take a unit meanwhile.
+    struct Held final : ZoWorkUnit {
+        void Handle(ZoWorkQueue*) override {
+            ++begun;
+            Await([this] { return mayEnd.load(); });
+        }
+        void Aborted(ZoWorkQueue*) override {}
+        std::atomic<int> begun{0};
+        std::atomic<bool> mayEnd{false};
+    } held;
+    queue->Append(&held);
+    Await([&] { return held.begun == 1; });
+    for (Nothing& unit : units) queue->Append(&unit);
+    EXPECT_EQ(Of("WorkQueue").greatestLength, 200U);
+    queue->Terminate();
+    held.mayEnd = true;
+    EXPECT_EQ(queue->Append(units), -1);
+    Await([&] { return queue->ThreadCount() == 0; });
     ZoContention const told = Of("WorkQueue");
     EXPECT_EQ(told.kind, ZoSynchroKind::Queue);
     EXPECT_EQ(told.refused, 1U);
