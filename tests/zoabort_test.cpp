@@ -316,7 +316,8 @@ TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
     for (auto const& one : cases) {
         if (threadSanitizer && one.body == OnThreadOfForkedChild) continue;
         std::string const written = one.written;
-        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): it does not see who deletes the death test
+        // It does not see who deletes the death test.
+        // NOLINTNEXTLINE(clang-analyzer-unix.Malloc, clang-analyzer-cplusplus.NewDeleteLeaks)
         EXPECT_EXIT(one.body(), testing::ExitedWithCode(0), testing::Eq(written));
     }
 }

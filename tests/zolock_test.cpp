@@ -90,7 +90,7 @@ TEST_P(StandardLocks, ExcludeWhicheverLockHoldsThem) {
             {
                 std::shared_lock<ZoSharedSection> reader(shared);
                 ZoSharedHold again(shared);
-                if (ofShared <= Threads * Rounds) watchdog.Progress();
+                if (ofShared <= long{Threads} * Rounds) watchdog.Progress();
             }
             ZoHold hold(two.Get());
             ++seen;
