@@ -51,7 +51,7 @@ struct ZoReadMark {
 
 // The marks of one thread, in lines of the processor's cache that no other thread's data share.
 struct ZoReadMarks {
-    ZoReadMark marks[4];
+    ZoReadMark marks[4];     // one for each mutex that is read so
     ZoInt32 untilLook = 64;  // counted reads until the thread next asks whether marks would pay
     // In the list of all threads' marks; guarded by the marks' lock.
     ZoReadMarks* next = nullptr;
@@ -93,11 +93,11 @@ struct ZoReadersWait {
 
 // Where a thread stood when it last announced a wait; guarded by csDLD.
 struct ZoCallStack {
-    static constexpr int Most = 32;
+    static constexpr int Most = 32;  // frames
 
     ZoInt32 kernelThread = 0;  // as the system numbers its threads
     ZoInt32 count = 0;         // of frames; 0: stacks are not kept (configuration key "csStacks")
-    void* frames[Most];
+    void* frames[Most];        // return addresses, the innermost first
 };
 
 class ZO_API ZoTLS {
