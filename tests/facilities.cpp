@@ -601,7 +601,12 @@ void OutsideTheSection() {
 // Both write under a read.
 void WriteUnderRead() {
     std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
+    // Both have their record before: one that is made after another has gone is ordered after it.
+    std::atomic<int> ready{0};
     OnThreads(2, [&](int) {
+        ZoTLS::GetThreadLocalStorage();
+        ++ready;
+        Await([&] { return ready == 2; });
         mutex->StartRW(0, ZoNoLimit);
         ++shared;
         mutex->EndRW(0);
