@@ -145,9 +145,9 @@ private:
 // it follows these edges from the owner of the wanted section; when they lead back to the caller,
 // the wait would close a ring. Begin then writes the ring to the console, if there is one, and to
 // "deadlock.txt" in the current directory, logs "Deadlock detected." with the section's
-// description, shows "Deadlock detected.\n(CANCEL to debug)" through the message service, and waits
-// all the same. A wait that ends after all is logged as a false alarm. A writer does the same
-// before it waits for readers; the description is then the mutex's.
+// GetInfo text, shows "Deadlock detected.\n(CANCEL to debug)" through the message service, and
+// waits all the same. A wait that ends after all is logged as a false alarm. A writer does the same
+// before it waits for readers; the text is then the mutex's.
 //
 // The whole report, the message included, runs on the detecting thread with `csDLD` held. An entry
 // or a leave that begins meanwhile waits until the message is answered; so does one that begins

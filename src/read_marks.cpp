@@ -110,8 +110,8 @@ MarkPolicy::Mode InitialMode() {
     int const reason = errno;
     MarkPolicy::SetMode(MarkPolicy::Never);
     CancellationDeferred deferred;
-    ZoSystemLog()->Printf(4, "RW_Mutex: membarrier failed : %d; reads are counted from now on.",
-                          reason);
+    ZoSystemLog()->Printf(
+        ZoLogError, "RW_Mutex: membarrier failed : %d; reads are counted from now on.", reason);
     if (Membarrier(MEMBARRIER_CMD_GLOBAL)) return;
     timespec const pause{0, 20'000'000};
     nanosleep(&pause, nullptr);
