@@ -62,7 +62,7 @@ protected:
 };
 
 // The base: no lock at all, and a wait that polls. For an object that one thread uses.
-class ZO_API Condition : public ZoSynchroObj {
+class ZO_API ZO_CAPABILITY("condition") Condition : public ZoSynchroObj {
 public:
     // A new POSIXCondition, owned by the caller and deleted through this base; null when memory ran
     // out. `name` is kept, not copied.
@@ -86,12 +86,12 @@ public:
     // a little, between its tests.
     virtual int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds);
     // Returns the value read after unlocking.
-    virtual int Unlock();
+    virtual int Unlock() ZO_RELEASE();
     // Writes "cond-val: " and the value, at most `size` bytes, the terminating NUL included. A null
     // buffer is left alone. Takes no lock.
     virtual void GetInfo(char* buffer, int size);
     // Returns the value read under the lock.
-    virtual int Lock();
+    virtual int Lock() ZO_ACQUIRE();
     // Lets the logic work on the two pointers under the lock and decide about the wake-up. Returns
     // the logic's result; the base class returns the value.
     virtual int SetConditionApp(void* first, void* second);
@@ -115,8 +115,8 @@ public:
     int SetCondition() override;
     int ClearCondition() override;
     int WaitForCondition(unsigned short keepLocked, unsigned long milliseconds) override;
-    int Unlock() override;
-    int Lock() override;
+    int Unlock() ZO_RELEASE() override;
+    int Lock() ZO_ACQUIRE() override;
     int SetConditionApp(void* first, void* second) override;
 
 private:

@@ -75,15 +75,23 @@ private:
     ZoWorkUnit* units[Places];
 };
 
+// Of ZoQueueItem, first in, first out. The owner decides whether it is destroyed: not if a thread
+// may have been changing it.
+union ItemList {
+    ItemList() : list() {}
+    ~ItemList() {}
+    ZoLinkedList list;
+};
+
 // A lock that is held for a few instructions. The holder passes no cancellation point.
-class BriefLock {
+class ZO_CAPABILITY("brief lock") BriefLock {
 public:
     BriefLock() { checkers::AreAtomic(held); }
-    void lock() {
+    void lock() ZO_ACQUIRE() {
         for (Patience patience; held.exchange(true, std::memory_order_acquire);) patience.Wait();
         checkers::Acquire(&held);
     }
-    void unlock() {
+    void unlock() ZO_RELEASE() {
         checkers::Release(&held);
         held.store(false, std::memory_order_release);
     }
@@ -92,13 +100,26 @@ private:
     std::atomic<bool> held{false};
 };
 
-// Holds a condition's lock for a scope, also when a unit's operation in the scope is cancelled.
-class ConditionHold {
+class ZO_SCOPED_CAPABILITY BriefHold {
 public:
-    explicit ConditionHold(Condition* condition) : condition(condition) { condition->Lock(); }
+    explicit BriefHold(BriefLock& lock) ZO_ACQUIRE(lock) : lock(lock) { lock.lock(); }
+    BriefHold(BriefHold const&) = delete;
+    BriefHold& operator=(BriefHold const&) = delete;
+    ~BriefHold() ZO_RELEASE() { lock.unlock(); }
+
+private:
+    BriefLock& lock;
+};
+
+// Holds a condition's lock for a scope, also when a unit's operation in the scope is cancelled.
+class ZO_SCOPED_CAPABILITY ConditionHold {
+public:
+    explicit ConditionHold(Condition* condition) ZO_ACQUIRE(condition) : condition(condition) {
+        condition->Lock();
+    }
     ConditionHold(ConditionHold const&) = delete;
     ConditionHold& operator=(ConditionHold const&) = delete;
-    ~ConditionHold() { condition->Unlock(); }
+    ~ConditionHold() ZO_RELEASE() { condition->Unlock(); }
 
 private:
     Condition* condition;
@@ -155,10 +176,10 @@ public:
     // False when memory ran out; the queue is then good for deletion only.
     bool IsMade() const { return condition != nullptr && workers.IsMade(); }
 
-    // With the lock held. Returns SafeHasWorkOrEnd; the result of the append goes to `result`.
-    bool SafeAppend(ZoWorkUnit* unit, int& result);
+    // Returns SafeHasWorkOrEnd; the result of the append goes to `result`.
+    bool SafeAppend(ZoWorkUnit* unit, int& result) ZO_REQUIRES(condition);
     // Whether a waiter has a unit to take, or the queue is terminated.
-    bool SafeHasWorkOrEnd();
+    bool SafeHasWorkOrEnd() ZO_REQUIRES(condition);
 
 private:
     struct Taken {
@@ -167,25 +188,25 @@ private:
     };
 
     int _IncreaseThreadCount();
-    void SafeStartWorker();
-    bool SafeIsReady();
-    void SafeTurnOver();
+    void SafeStartWorker() ZO_REQUIRES(condition);
+    bool SafeIsReady() ZO_REQUIRES(taking);
+    void SafeTurnOver() ZO_REQUIRES(condition, taking);
     Taken TakeReady();
+    // Returns with the lock held, once SafeHasWorkOrEnd.
+    void AwaitWork() ZO_ACQUIRE(condition) ZO_NOT_ANALYSED {
+        condition->WaitForCondition(1, ZoNoLimit);
+    }
     ZoWorkUnit* AwaitAndTake();
-    ZoWorkUnit* SafeTakeFirst();
-    ZoWorkUnit* SafeTake();
-    int SafeLength();
-    void SafeCountLeftBehind();
-    void SafeNoteLength();
+    ZoWorkUnit* SafeTakeFirst() ZO_REQUIRES(condition);
+    ZoWorkUnit* SafeTake() ZO_REQUIRES(taking);
+    int SafeLength() ZO_REQUIRES(condition);
+    void SafeCountLeftBehind() ZO_REQUIRES(condition);
+    void SafeNoteLength() ZO_REQUIRES(condition);
     bool IsTerminated() const { return terminated.load(std::memory_order_relaxed) != 0; }
     void BeginTermination();
 
     ZoWorkQueueImplLogic logic;
-    // Of ZoQueueItem, first in, first out; guarded by condition. Destroyed by the destructor,
-    // except where a thread may have been changing it.
-    union {
-        ZoLinkedList items;
-    };
+    ItemList items ZO_GUARDED_BY(condition);
     Condition* condition;
     // Set to 1 without the lock. Relaxed order is enough: the setter takes the lock afterwards, to
     // signal, and a waiter tests it under the lock before it sleeps. So a waiter has either seen
@@ -194,11 +215,12 @@ private:
     WorkersWatcher workers;
     void* const context;
 
-    // For SafeNoteLength; guarded by condition.
     ZoQueueFigures figures;
-    unsigned long appended = 0;       // units, in all; wraps, as what is compared with it does
-    unsigned long takenSeen = 0;      // what `takenInAll` was the last time
-    unsigned long lengthToNote = 32;  // from which on it looks again
+
+    // For SafeNoteLength. The numbers of units wrap, and so does what is compared with them.
+    unsigned long appended ZO_GUARDED_BY(condition) = 0;
+    unsigned long takenSeen ZO_GUARDED_BY(condition) = 0;  // what `takenInAll` was the last time
+    unsigned long lengthToNote ZO_GUARDED_BY(condition) = 32;  // from which on it looks again
 
     // Appenders and workers do not wait for each other. An appender holds the queue's lock and adds
     // to the last item. A worker holds `taking` and takes from the first item, up to its last used
@@ -207,21 +229,21 @@ private:
     // from the next allocation, usually the condition.
     [[maybe_unused]] char apart[64];
     BriefLock taking;
-    ZoQueueItem* first = nullptr;  // in items; null until a worker has looked; guarded by taking
-    int taken = 0;                 // of the first item's places, never all; guarded by taking
-    int ready = 0;                 // how many of those had a unit the last time; guarded by taking
-    int leftBehind =
-        0;  // times a worker left units, not yet counted in condition; guarded by taking
+    ZoQueueItem* first ZO_GUARDED_BY(taking) = nullptr;  // in items; null: no worker has looked
+    int taken ZO_GUARDED_BY(taking) = 0;                 // of the first item's places, never all
+    int ready ZO_GUARDED_BY(taking) = 0;       // how many of those had a unit the last time
+    int leftBehind ZO_GUARDED_BY(taking) = 0;  // times a worker left units, not yet in the value
     std::atomic<unsigned long> takenInAll{0};  // written with taking held
     [[maybe_unused]] char apartFromTheNext[64];
     ProcessOfOrigin const process;
 };
 
-int ZoWorkQueueImplLogic::SafeTest(int*) {
+// Both are called by the condition with its lock held, which the compiler cannot see.
+int ZoWorkQueueImplLogic::SafeTest(int*) ZO_NOT_ANALYSED {
     return queue->SafeHasWorkOrEnd() ? 0 : 1;
 }
 
-int ZoWorkQueueImplLogic::SafeSetApp(int*, void* unit, void* result) {
+int ZoWorkQueueImplLogic::SafeSetApp(int*, void* unit, void* result) ZO_NOT_ANALYSED {
     return queue->SafeAppend(static_cast<ZoWorkUnit*>(unit), *static_cast<int*>(result)) ? 1 : 0;
 }
 
@@ -236,7 +258,6 @@ ZoWorkQueue* ZoWorkQueue::Create(int threadCount, void* context) {
 
 ZoWorkQueueImpl::ZoWorkQueueImpl(int threadCount, void* context)
     : logic(this),
-      items(),
       condition(Condition::MakeCondition("WorkQueue")),
       terminated(0),
       context(context) {
@@ -266,7 +287,7 @@ ZoWorkQueueImpl::~ZoWorkQueueImpl() {
             BeginTermination();
             workers.WaitForZero(ZoNoLimit);
         }
-        items.~ZoLinkedList();
+        items.list.~ZoLinkedList();
     }
     delete condition;
 }
@@ -297,14 +318,14 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
         unit->Handle(this);
         return SafeHasWorkOrEnd();
     }
-    auto* item = static_cast<ZoQueueItem*>(items.GetLast());
+    auto* item = static_cast<ZoQueueItem*>(items.list.GetLast());
     if (item == nullptr || item->IsFull()) {
         item = new (std::nothrow) ZoQueueItem;
         if (item == nullptr) {
             result = ZoOutOfMemory;
             return SafeHasWorkOrEnd();
         }
-        items.InsertLast(item);
+        items.list.InsertLast(item);
     }
     unit->HandledParallel();
     item->Add(unit);
@@ -349,7 +370,7 @@ ZoWorkUnit* ZoWorkQueueImpl::Next() {
 // Leaves the last place of an item to AwaitAndTake, which may remove the item. So an item from
 // which a unit is taken here still has units in it whenever it is full.
 ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
-    std::lock_guard<BriefLock> const hold(taking);
+    BriefHold const hold(taking);
     if (IsTerminated() || first == nullptr) return {nullptr, false};
     if (!SafeIsReady()) return {nullptr, true};
     if (taken == ZoQueueItem::Places - 1) return {nullptr, false};
@@ -358,21 +379,21 @@ ZoWorkQueueImpl::Taken ZoWorkQueueImpl::TakeReady() {
     return {unit, false};
 }
 
-// The next unit, which there is, of the first item; with `taking` held.
+// The next unit of the first item, which has one.
 ZoWorkUnit* ZoWorkQueueImpl::SafeTake() {
     takenInAll.store(takenInAll.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return first->At(taken++);
 }
 
-// Whether the first item has a unit to take; with `taking` held. Looks at the appenders' side only
-// when what it saw there the last time is used up.
+// Whether the first item has a unit to take. Looks at the appenders' side only when it has taken
+// all that it saw there the last time.
 bool ZoWorkQueueImpl::SafeIsReady() {
     if (taken == ready) ready = first->Used();
     return taken != ready;
 }
 
 ZoWorkUnit* ZoWorkQueueImpl::AwaitAndTake() {
-    condition->WaitForCondition(1, ZoNoLimit);
+    AwaitWork();
     ZoWorkUnit* const unit = IsTerminated() ? nullptr : SafeTakeFirst();
     SafeCountLeftBehind();
     bool const more = SafeHasWorkOrEnd();
@@ -382,37 +403,37 @@ ZoWorkUnit* ZoWorkQueueImpl::AwaitAndTake() {
 }
 
 ZoWorkUnit* ZoWorkQueueImpl::SafeTakeFirst() {
-    std::lock_guard<BriefLock> const hold(taking);
-    if (first == nullptr) first = static_cast<ZoQueueItem*>(items.GetFirst());
+    BriefHold const hold(taking);
+    if (first == nullptr) first = static_cast<ZoQueueItem*>(items.list.GetFirst());
     if (first == nullptr || !SafeIsReady()) return nullptr;
     ZoWorkUnit* const unit = SafeTake();
     if (taken == ZoQueueItem::Places) SafeTurnOver();
     return unit;
 }
 
-// Goes on to the next item when all units of the first are taken; with both locks held. The only
-// item is used again.
+// Goes on to the next item when all units of the first are taken. The only item is used again.
 void ZoWorkQueueImpl::SafeTurnOver() {
     taken = ready = 0;
-    if (first == items.GetLast()) {
+    if (first == items.list.GetLast()) {
         first->Clear();
     } else {
-        items.DeleteItem(first);
-        first = static_cast<ZoQueueItem*>(items.GetFirst());
+        items.list.DeleteItem(first);
+        first = static_cast<ZoQueueItem*>(items.list.GetFirst());
     }
 }
 
 bool ZoWorkQueueImpl::SafeHasWorkOrEnd() {
     if (IsTerminated()) return true;
-    std::lock_guard<BriefLock> const hold(taking);
-    if (first == nullptr) return items.GetFirst() != nullptr;  // no unit of that one is taken yet
+    BriefHold const hold(taking);
+    if (first == nullptr)
+        return items.list.GetFirst() != nullptr;  // no unit of that one is taken yet
     return SafeIsReady();
 }
 
 int ZoWorkQueueImpl::SafeLength() {
-    std::lock_guard<BriefLock> const hold(taking);
+    BriefHold const hold(taking);
     int length = -taken;
-    for (auto* item = items.GetFirst(); item != nullptr; item = item->GetNext()) {
+    for (auto* item = items.list.GetFirst(); item != nullptr; item = item->GetNext()) {
         length += static_cast<ZoQueueItem*>(item)->Used();
     }
     return length;
@@ -421,7 +442,7 @@ int ZoWorkQueueImpl::SafeLength() {
 // The condition's value counts how often a worker left units behind, whether or not a sleeping
 // worker had to be woken for them.
 void ZoWorkQueueImpl::SafeCountLeftBehind() {
-    std::lock_guard<BriefLock> const hold(taking);
+    BriefHold const hold(taking);
     AddToValue(&condition->value, leftBehind);
     leftBehind = 0;
 }

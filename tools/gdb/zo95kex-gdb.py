@@ -538,7 +538,7 @@ class ZoQueue(ZoCommand):
 
 
 def waiting_units(queue):
-    item = queue["items"]["first"]
+    item = queue["items"]["list"]["first"]
     place = int(queue["taken"]) if int(queue["first"]) == int(item) else 0
     while int(item) != 0:
         units = item.cast(gdb.lookup_type("(anonymous namespace)::ZoQueueItem").pointer())
