@@ -135,6 +135,12 @@ private:
     bool isWrapped = false;                  // in a detecting section, which tells of it
 };
 
+// The section "DeadLockDetectionCS", which guards the wait-for graph: what every thread's record
+// says it waits for, and while it is held, no entry into a detecting section and no leave begins. A
+// host may put a section of its own in its place; unless that is a PosixCritSect, every entry and
+// every leave goes through it. Null while the library context is not set up.
+extern ZO_API ZoCritSect* csDLD;
+
 // A section that finds a deadlock before it blocks.
 //
 // A free section costs hardly more than a plain one to enter and to leave: what detection needs is
@@ -188,7 +194,7 @@ public:
 
     // 1 when the owner of this section waits, directly or through a chain, for the thread whose
     // record is `me`; else 0. Call it with csDLD held.
-    int WouldDeadLock(ZoTLS* me);
+    int WouldDeadLock(ZoTLS* me) ZO_REQUIRES(csDLD);
 
 private:
     friend class Contention;
@@ -209,7 +215,7 @@ private:
     ZO_INTERNAL bool TakeOrAnnounce(ZoTLS* me, bool& suspect);
     ZO_INTERNAL void EnterWrapped();
     ZO_INTERNAL void EndWait(ZoTLS* me);
-    ZO_INTERNAL void WithdrawWait(ZoTLS* me);
+    ZO_INTERNAL void WithdrawWait(ZoTLS* me) ZO_REQUIRES(csDLD);
     ZO_INTERNAL bool MayLeave() const;
     [[gnu::cold]] ZO_INTERNAL bool OwnsUnnoticed() const;
     ZO_INTERNAL void Leave();
@@ -224,12 +230,6 @@ private:
     ZoUInt32 generation;  // how many forks lay before it was made
     bool isPart = false;  // of another lock, which tells
 };
-
-// The section "DeadLockDetectionCS", which guards the wait-for graph: what every thread's record
-// says it waits for, and while it is held, no entry into a detecting section and no leave begins. A
-// host may put a section of its own in its place; unless that is a PosixCritSect, every entry and
-// every leave goes through it. Null while the library context is not set up.
-extern ZO_API ZoCritSect* csDLD;
 
 // The address of the switch; 0 at load. Set it before the sections it is meant for are made, and
 // before ___ZoExtendedContext(1) if it is meant for the library's own. A host that sets it while

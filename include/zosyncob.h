@@ -31,9 +31,9 @@ class ZoSynchroObj;
 // The chain. Set-up makes `fscs` and clears `suppress_chaining`; tear-down undoes both. Objects
 // that are still chained at tear-down are forgotten, not destroyed: their later destruction leaves
 // the chain alone, and the next set-up starts with an empty one.
-extern ZO_API ZoSynchroObj* FirstSynchro;  // newest object; guarded by fscs
-extern ZO_API ZoCritSect* fscs;            // null while there is no context
-extern ZO_API int suppress_chaining;       // non-zero: objects leave the chain alone
+extern ZO_API ZoCritSect* fscs;                                // null while there is no context
+extern ZO_API ZoSynchroObj* FirstSynchro ZO_GUARDED_BY(fscs);  // newest object
+extern ZO_API int suppress_chaining;  // non-zero: objects leave the chain alone
 
 // 0 means single-threaded; read and set through the functions below.
 extern ZO_API unsigned short _zoext_mt_mode;
@@ -64,8 +64,8 @@ private:
     friend void ReleaseAllSynchronizationObjects();
 
     char const* name;
-    ZoSynchroObj* next;  // towards older objects; guarded by fscs
-    ZoSynchroObj* prev;  // towards FirstSynchro; guarded by fscs
+    ZoSynchroObj* next ZO_GUARDED_BY(fscs);  // towards older objects
+    ZoSynchroObj* prev ZO_GUARDED_BY(fscs);  // towards FirstSynchro
 };
 
 // The threading mode is kept for the host; nothing in the library depends on it. 1 at load.

@@ -37,7 +37,8 @@ void DestroyCore() {
     Destroy(fscs);
 }
 
-void SetUp() {
+// Set-up and tear-down take no lock: no other thread uses the library meanwhile.
+void SetUp() ZO_NOT_ANALYSED {
     if (int const error = ForkHandlersError()) {
         ZoSystemLog()->Printf(ZoLogError, "pthread_atfork failed : %d", error);
     }
@@ -51,7 +52,7 @@ void SetUp() {
     qaSemaphore = nullptr;
 }
 
-void TearDown() {
+void TearDown() ZO_NOT_ANALYSED {
     EndingThreads::WaitForNone();
     Destroy(eventDispatcher);
     Destroy(interlockedObject);

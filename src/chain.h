@@ -3,7 +3,7 @@
 #ifndef KELVARA_SRC_CHAIN_H_
 #define KELVARA_SRC_CHAIN_H_
 
-#include "zocrits.h"
+#include "section_hold.h"
 #include "zosyncob.h"
 
 // Links `object` in at the head of the chain (insert non-zero) or takes it out (insert 0), under
@@ -17,7 +17,7 @@ void UnchainSection(ZoCritSect* section);
 
 // Cuts every link of the chain. Objects that outlive the library context may be destroyed under the
 // next one, which would follow their links to neighbours that are gone by then.
-void ForgetChain();
+void ForgetChain() ZO_REQUIRES(fscs);
 
 // Takes `object` out if chaining is on: the first act of every destructor that has something to
 // destroy, so that no walk of the chain meets a half-destroyed object.
@@ -32,18 +32,7 @@ inline void LeaveChain(ZoSynchroObj* object) {
 // call: it lives until the delegated constructor is done, so a walk of the chain by another thread
 // waits and meets only complete objects. The lock is recursive, so the bases nest.
 class ChainLock {
-public:
-    ChainLock() : section(suppress_chaining == 0 ? fscs : nullptr) {
-        if (section != nullptr) section->Begin();
-    }
-    ChainLock(ChainLock const&) = delete;
-    ChainLock& operator=(ChainLock const&) = delete;
-    ~ChainLock() {
-        if (section != nullptr) section->Exit();
-    }
-
-private:
-    ZoCritSect* section;
+    SectionHold const hold{suppress_chaining == 0 ? fscs : nullptr};
 };
 
 #endif  // KELVARA_SRC_CHAIN_H_

@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "rw_mutex.h"
+#include "section_hold.h"
 #include "wait_figures.h"
 #include "wait_graph.h"
 #include "zocond.h"
@@ -13,7 +14,7 @@ constinit thread_local std::time_t waitingSince = 0;
 class Contention {
 public:
     template <class Visit>
-    static void ForEach(Visit visit) {
+    static void ForEach(Visit visit) ZO_REQUIRES(fscs) {
         for (ZoSynchroObj* const own :
              {static_cast<ZoSynchroObj*>(csDLD), static_cast<ZoSynchroObj*>(fscs)}) {
             if (own != nullptr) visit(Contention(own));
@@ -99,30 +100,8 @@ private:
     ZoQueueFigures* queue = nullptr;
 };
 
-namespace {
-
-// Holds the chain's lock for a scope, if there is a library context.
-class ChainHold {
-public:
-    ChainHold() : section(fscs) {
-        if (section != nullptr) section->Begin();
-    }
-    ChainHold(ChainHold const&) = delete;
-    ChainHold& operator=(ChainHold const&) = delete;
-    ~ChainHold() {
-        if (section != nullptr) section->Exit();
-    }
-
-    bool IsHeld() const { return section != nullptr; }
-
-private:
-    ZoCritSect* section;
-};
-
-}  // namespace
-
 int ZoCopyContention(ZoContention* to, int room) {
-    ChainHold const hold;
+    SectionHold const hold(fscs);
     if (!hold.IsHeld()) return 0;
     int alive = 0;
     Contention::ForEach([&](Contention const& found) {
@@ -133,7 +112,7 @@ int ZoCopyContention(ZoContention* to, int room) {
 }
 
 void ZoResetContention() {
-    ChainHold const hold;
+    SectionHold const hold(fscs);
     if (!hold.IsHeld()) return;
     Contention::ForEach([](Contention const& found) { found.Reset(); });
 }

@@ -33,7 +33,7 @@ public:
 };
 
 // The ring, in words and traces, to `console` and to the log file at once.
-void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) {
+void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) ZO_REQUIRES(csDLD) {
     SinkScope const logged(console, new (std::nothrow) deadlock_io(console.sink));
     DeadlockDetectionMakeMessage(me, wanted, &console);
     ZoTLSPrepareStackTrace(&console);
@@ -51,7 +51,7 @@ void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) {
     ZoTLSTerminateStackTrace();
 }
 
-void WriteReport(ZoTLS* me, Wait const& wanted) {
+void WriteReport(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     if (smp_io* const console = GetConsole()) return WriteReport(me, wanted, *console);
     SilentConsole silent;
     WriteReport(me, wanted, silent);
@@ -65,7 +65,7 @@ void Describe(Wait const& wanted, char* buffer, int size) {
     }
 }
 
-void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
+void ReportDeadlock(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     CancellationDeferred deferred;
     WriteReport(me, wanted);
     char description[1024];
@@ -79,7 +79,7 @@ void ReportDeadlock(ZoTLS* me, Wait const& wanted) {
 }
 
 // The wait of the thread that waits for `me` on the ring that a report tells.
-Wait LastOfRing(ZoTLS* me, Wait const& wanted) {
+Wait LastOfRing(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     Wait last = wanted;
     WaitForGraph::Holder holder = WaitForGraph::HolderOf(wanted, me);
     while (holder.thread != nullptr && holder.thread != me) {
@@ -90,7 +90,7 @@ Wait LastOfRing(ZoTLS* me, Wait const& wanted) {
 }
 
 // Whether the calling thread keeps others waiting so.
-bool Holds(ZoTLS* me, Wait const& wait) {
+bool Holds(ZoTLS* me, Wait const& wait) ZO_REQUIRES(csDLD) {
     if (wait.section != nullptr) return WaitForGraph::OwnerOf(wait.section).thread == me;
     ZoRWRecord const* const record = FindRwRecord(me, wait.readersOf);
     return record != nullptr && IsCountedReader(record->holdings);

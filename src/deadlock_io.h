@@ -32,15 +32,17 @@ private:
 // Writes the chain of waits that begins with thread `me` wanting `section`, a line a thread and an
 // empty one. Called with csDLD held, which keeps owners and waits from changing. When the chain
 // does not lead back to `me`, the line at which it breaks off says so.
-void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console);
+void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console)
+    ZO_REQUIRES(csDLD);
 // The same of a thread that wants a section or to write a mutex, where there may be several chains:
 // a shortest one that leads back to `me`. A mutex is told by its name and its address.
-void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console);
+void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console)
+    ZO_REQUIRES(csDLD);
 
 // By the calling thread, whose record is `me`, with csDLD held: reports a deadlock if its wait for
 // `wanted` would close a ring, then announces the wait. Whether it has reported; when the wait is
 // over and withdrawn, the thread reports a false alarm in that case.
-bool AnnounceWait(ZoTLS* me, Wait const& wanted);
+bool AnnounceWait(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD);
 void ReportFalseAlarm();
 
 #endif  // KELVARA_SRC_DEADLOCK_IO_H_

@@ -93,15 +93,15 @@ void OwnedSections::Tell() {
     void* const identity = Identity();
     ZoInt32 unchained = self.owned;
     NameList names;
-    if (fscs != nullptr) {
-        fscs->Begin();
-        for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {
+    {
+        SectionHold const hold(fscs);
+        ZoSynchroObj* object = hold.IsHeld() ? FirstSynchro : nullptr;
+        for (; object != nullptr; object = object->next) {
             auto const* const section = dynamic_cast<PosixCritSect*>(object);
             if (section == nullptr || !section->IsMine()) continue;
             names.Add("%s", section->GetName());
             --unchained;
         }
-        fscs->Exit();
     }
     if (unchained != 0) names.Add("unchained ones");
     Misuse::TellOwnedAtEnd(identity, names);

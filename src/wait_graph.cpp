@@ -17,15 +17,15 @@ namespace {
 // and the notes that a walk makes in them.
 constinit Mutex recordsLock;
 
-// The threads whose waits are announced, the latest first. Guarded by csDLD.
-ZoTLS* firstWaiting = nullptr;
+// The threads whose waits are announced, the latest first.
+ZoTLS* firstWaiting ZO_GUARDED_BY(csDLD) = nullptr;
 
-// The number of the last walk. Guarded by the records' lock.
-unsigned long long lastWalk = 0;
+// The number of the last walk.
+unsigned long long lastWalk ZO_GUARDED_BY(recordsLock) = 0;
 
-// The waits for readers that a walk has found, by the mutex. Guarded by the records' lock.
+// The waits for readers that a walk has found, by the mutex.
 constexpr unsigned PlaceBits = 6;
-std::array<ZoReadersWait*, 1U << PlaceBits> places;
+std::array<ZoReadersWait*, 1U << PlaceBits> places ZO_GUARDED_BY(recordsLock);
 
 }  // namespace
 
@@ -41,10 +41,11 @@ std::array<ZoReadersWait*, 1U << PlaceBits> places;
 // It writes into records of waiting threads only: those of running ones stay in their caches.
 class WaitForGraph::Walk {
 public:
-    explicit Walk(ZoTLS const* target) : target(target), number(++lastWalk) {}
+    explicit Walk(ZoTLS const* target) ZO_REQUIRES(csDLD, recordsLock)
+        : target(target), number(++lastWalk) {}
 
     // The first thread on a shortest way from `start` to the target; null: there is no way.
-    ZoTLS* FirstStepFrom(Wait const& start) {
+    ZoTLS* FirstStepFrom(Wait const& start) ZO_REQUIRES(csDLD, recordsLock) {
         begun.mutex = start.readersOf;
         GoOnFrom(start, nullptr);
         for (; toVisit != nullptr && found == nullptr; toVisit = toVisit->nextToVisit) {
@@ -54,7 +55,7 @@ public:
     }
 
 private:
-    void GoOnFrom(Wait const& wait, ZoTLS* firstStep) {
+    void GoOnFrom(Wait const& wait, ZoTLS* firstStep) ZO_REQUIRES(csDLD, recordsLock) {
         if (wait.section != nullptr) {
             if (ZoTLS* const owner = RecordOfOwner(wait.section)) Reach(owner, firstStep);
         } else if (wait.readersOf != nullptr) {
@@ -78,14 +79,14 @@ private:
         }
     }
 
-    ZoRWRecord* ReadersOf(ZoRW_Mutex const* mutex) {
+    ZoRWRecord* ReadersOf(ZoRW_Mutex const* mutex) ZO_REQUIRES(csDLD, recordsLock) {
         if (!readersAreSorted) SortReaders();
         ZoReadersWait const* const wait = FindWaitFor(mutex);
         return wait != nullptr ? wait->readers : nullptr;
     }
 
     // A mutex has one writer that waits for its readers, the one that holds "RW_Exclusive".
-    void SortReaders() {
+    void SortReaders() ZO_REQUIRES(csDLD, recordsLock) {
         readersAreSorted = true;
         places.fill(nullptr);
         for (ZoTLS* thread = firstWaiting; thread != nullptr; thread = thread->nextWaiting) {
@@ -100,7 +101,7 @@ private:
         if (caller == target && caller->waitingLink == nullptr) SortReadsOf(caller);
     }
 
-    static void SortReadsOf(ZoTLS* thread) {
+    static void SortReadsOf(ZoTLS* thread) ZO_REQUIRES(recordsLock) {
         ZoSimpleLinkedListItem* item = thread->rwRecords.GetFirst();
         for (; item != nullptr; item = item->GetNext()) {
             auto* const record = static_cast<ZoRWRecord*>(item);
@@ -113,21 +114,21 @@ private:
         }
     }
 
-    static void Add(ZoReadersWait& wait) {
+    static void Add(ZoReadersWait& wait) ZO_REQUIRES(recordsLock) {
         ZoReadersWait*& first = PlaceOf(wait.mutex);
         wait.readers = nullptr;
         wait.next = first;
         first = &wait;
     }
 
-    static ZoReadersWait* FindWaitFor(ZoRW_Mutex const* mutex) {
+    static ZoReadersWait* FindWaitFor(ZoRW_Mutex const* mutex) ZO_REQUIRES(recordsLock) {
         ZoReadersWait* wait = PlaceOf(mutex);
         while (wait != nullptr && wait->mutex != mutex) wait = wait->next;
         return wait;
     }
 
     // Addresses of mutexes differ in their middle bits; the product carries them to the upper ones.
-    static ZoReadersWait*& PlaceOf(ZoRW_Mutex const* mutex) {
+    static ZoReadersWait*& PlaceOf(ZoRW_Mutex const* mutex) ZO_REQUIRES(recordsLock) {
         auto const word = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(mutex) >> 4);
         return places[word * 2654435769U >> (32 - PlaceBits)];
     }
@@ -222,7 +223,7 @@ int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
 // parent held them. What they guard can be used at every moment: of the records' lock that are the
 // notes of a walk, which the next walk makes anew; the words of the graph are changed one at a
 // time, and so are the links of the chain and of the list of waiting threads.
-void WaitForGraph::ForgetAbsentThreads() {
+void WaitForGraph::ForgetAbsentThreads() ZO_NOT_ANALYSED {
     new (&recordsLock) Mutex;
     FreeUnlessMine(csDLD);
     FreeUnlessMine(fscs);

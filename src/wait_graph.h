@@ -32,23 +32,15 @@
 #include <typeinfo>
 
 #include "checkers.h"
+#include "section_hold.h"
 #include "zocrits.h"
 #include "zotls.h"
 
 // Enters csDLD for a scope. Without the library context there is none, and no thread waits.
-class GraphLock {
+class ZO_SCOPED_CAPABILITY GraphLock : SectionHold {
 public:
-    GraphLock() : section(csDLD) {
-        if (section != nullptr) section->Begin();
-    }
-    GraphLock(GraphLock const&) = delete;
-    GraphLock& operator=(GraphLock const&) = delete;
-    ~GraphLock() {
-        if (section != nullptr) section->Exit();
-    }
-
-private:
-    ZoCritSect* section;
+    GraphLock() ZO_ACQUIRE(csDLD) : SectionHold(csDLD) {}
+    ~GraphLock() ZO_RELEASE() {}
 };
 
 // Whether a section may be entered or left without csDLD while nobody holds that. A section of the
@@ -71,7 +63,6 @@ struct Wait {
     bool IsNone() const { return section == nullptr && readersOf == nullptr; }
 };
 
-// With csDLD held.
 class WaitForGraph {
 public:
     // What a walk learns of a thread that keeps another one waiting. `thread` null: there is none.
@@ -80,22 +71,23 @@ public:
         void* identity = nullptr;
         Wait waitsFor;
     };
-    static Holder OwnerOf(ZoDLDCritSect const* section);
+    static Holder OwnerOf(ZoDLDCritSect const* section) ZO_REQUIRES(csDLD);
     // Who keeps waiting one that waits for `wanted`: the owner of a section; of the readers the one
     // from whom the shortest chain of waits leads to `target`.
-    static Holder HolderOf(Wait const& wanted, ZoTLS const* target);
+    static Holder HolderOf(Wait const& wanted, ZoTLS const* target) ZO_REQUIRES(csDLD);
 
     // The same owner's identity alone, or null; without csDLD.
     static void* IdentityOfOwner(ZoDLDCritSect const* section);
 
     // Whether a chain of waits that begins at `thread`, or at those who keep `wanted` from being
     // had, comes to `target`. A target that runs is known as a reader only if it is the caller.
-    static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target);
-    static bool LeadsTo(Wait const& wanted, ZoTLS const* target);
+    static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target)
+        ZO_REQUIRES(csDLD);
+    static bool LeadsTo(Wait const& wanted, ZoTLS const* target) ZO_REQUIRES(csDLD);
 
     // Enter the wait of the calling thread, whose record this is, into the graph, and take it out.
-    static void Announce(ZoTLS* me, Wait const& wanted);
-    static void Withdraw(ZoTLS* me);
+    static void Announce(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD);
+    static void Withdraw(ZoTLS* me) ZO_REQUIRES(csDLD);
 
     // By a thread that frees its record, as the last step before: afterwards no walk reads it.
     static void LetWalksPass();

@@ -23,8 +23,8 @@ ZoSynchroObj::~ZoSynchroObj() {
 
 void ZoSynchroObj::ForceRelease() {}
 
-void HandleChaining(ZoSynchroObj* object, int insert) ZO_NOT_ANALYSED {
-    if (fscs != nullptr) fscs->Begin();
+void HandleChaining(ZoSynchroObj* object, int insert) {
+    SectionHold const hold(fscs);
     if (insert != 0) {
         object->prev = nullptr;
         object->next = FirstSynchro;
@@ -37,7 +37,6 @@ void HandleChaining(ZoSynchroObj* object, int insert) ZO_NOT_ANALYSED {
         object->prev = nullptr;
         object->next = nullptr;
     }
-    if (fscs != nullptr) fscs->Exit();
 }
 
 void ForgetChain() {
@@ -50,12 +49,11 @@ void ForgetChain() {
     }
 }
 
-void ReleaseAllSynchronizationObjects() ZO_NOT_ANALYSED {
-    if (fscs != nullptr) fscs->Begin();
+void ReleaseAllSynchronizationObjects() {
+    SectionHold const hold(fscs);
     for (ZoSynchroObj* object = FirstSynchro; object != nullptr; object = object->next) {
         object->ForceRelease();
     }
-    if (fscs != nullptr) fscs->Exit();
 }
 
 // The mode is a plain exported word; these accesses keep two threads' use of it free of a race.
