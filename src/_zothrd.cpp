@@ -22,7 +22,7 @@ void Destroy(Object*& object) {
     object = nullptr;
 }
 
-// What the context cannot be without: its locks, and the mark that it is set up.
+// Makes the parts that every context needs: its locks, and the mark that it is set up.
 bool MakeCore() {
     fscs = ZoCritSect::Make("CS chain");
     csDLD = ZoMakeCritSectCritSect();

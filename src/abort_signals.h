@@ -7,7 +7,7 @@
 
 #include <csignal>
 
-// Keeps the two signals from the calling thread; returns what it had blocked before.
+// Blocks the two signals on the calling thread; returns its former signal mask.
 inline sigset_t BlockAbortSignals() {
     sigset_t signals;
     sigset_t previous;
@@ -18,8 +18,8 @@ inline sigset_t BlockAbortSignals() {
     return previous;
 }
 
-// Keeps them away for a scope. Where the signal handler asks the handlers itself it needs the locks
-// that they need, so it must not interrupt their holder.
+// Blocks them for a scope. A signal handler that asks the handlers itself takes the same locks as
+// they do, so it must not interrupt a thread that holds one.
 class SignalsBlocked {
 public:
     SignalsBlocked() : previous(BlockAbortSignals()) {}

@@ -24,11 +24,11 @@ inline ZoUInt32 ForkGeneration() {
     return forkGeneration.load(std::memory_order_relaxed);
 }
 
-// 0, or why the handlers could not be registered: a child then gets the library's locks and counts
-// as other threads left them.
+// The error of registering the handlers, 0 if there was none. After an error a child gets the
+// library's locks and counts as other threads left them.
 int ForkHandlersError();
 
-// The process that something was made in.
+// The process in which an object was made.
 class ProcessOfOrigin {
 public:
     // False in a child that was forked later: threads that used it before are absent.

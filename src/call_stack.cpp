@@ -23,7 +23,7 @@ constexpr int Unread = -1;
 std::atomic<int> csStacks{Unread};
 [[maybe_unused]] int const toldStacks = checkers::AreAtomic(csStacks);
 
-// A text of fixed size; what has no room is cut.
+// A text of fixed size; longer texts are cut.
 struct Text {
     char text[512] = "";
     std::size_t length = 0;
@@ -88,7 +88,7 @@ void AddFrame(void* frame, Text& to) {
     to.Add(slash != nullptr ? slash + 1 : found.dli_fname);
 }
 
-// The name that the system knows the thread by, in quotes; nothing when it cannot be read.
+// The thread's name in the system, in quotes; nothing when it cannot be read.
 void AddName(int kernelThread, Text& to) {
     char path[48];
     std::snprintf(path, sizeof path, "/proc/self/task/%d/comm", kernelThread);
@@ -105,8 +105,8 @@ void AddName(int kernelThread, Text& to) {
 
 }  // namespace
 
-// To threads that come while another one reads the key, it is not set yet. Relaxed order is enough:
-// nothing depends on more than the number itself.
+// While one thread reads the key, others take it as not set. Relaxed order is enough: nothing
+// depends on more than the number itself.
 void CallStacks::ReadKeyOnce() {
     int expected = Unread;
     if (!csStacks.compare_exchange_strong(expected, 0, std::memory_order_relaxed)) return;

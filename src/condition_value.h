@@ -17,8 +17,8 @@ inline void StoreValue(int* value, int number) {
     std::atomic_ref<int>(*value).store(number, std::memory_order_relaxed);
 }
 
-// A condition may be set for as long as it lives and never be cleared, and a watcher be counted
-// down more often than up: the value wraps.
+// The value wraps: a condition may be set again and again without ever being cleared, and a watcher
+// may be decremented more often than incremented.
 inline void AddToValue(int* value, int number) {
     StoreValue(value, static_cast<int>(static_cast<unsigned int>(LoadValue(value)) +
                                        static_cast<unsigned int>(number)));

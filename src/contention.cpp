@@ -10,7 +10,7 @@
 
 constinit thread_local std::time_t waitingSince = 0;
 
-// What each kind of object keeps, with the chain's lock held, which keeps the objects alive.
+// The figures of one object. Used with the chain's lock held, which keeps the objects alive.
 class Contention {
 public:
     template <class Visit>
@@ -95,7 +95,7 @@ private:
     ZoSynchroObj* const object;
     ZoSynchroKind kind = ZoSynchroKind::Other;
     void* owner = nullptr;
-    bool isPart = false;  // of another object, which tells of it
+    bool isPart = false;  // of another object, whose figures include this one's
     ZoWaitFigures* figures[2] = {};
     ZoQueueFigures* queue = nullptr;
 };

@@ -23,7 +23,7 @@ bool AnswerWantsDebugger(unsigned int answer) {
     return answer == ZoAnswerDebug || answer == ZoAnswerAbort;
 }
 
-// A console of nobody: what is written to it reaches the log file of a report alone.
+// A console without a sink: a report on it reaches the log file alone.
 class SilentConsole : public smp_io {
 public:
     SilentConsole() {
@@ -32,7 +32,7 @@ public:
     }
 };
 
-// The ring, in words and traces, to `console` and to the log file at once.
+// Writes the ring and the call stacks of its threads to `console` and to the log file.
 void WriteReport(ZoTLS* me, Wait const& wanted, smp_io& console) ZO_REQUIRES(csDLD) {
     SinkScope const logged(console, new (std::nothrow) deadlock_io(console.sink));
     DeadlockDetectionMakeMessage(me, wanted, &console);
@@ -78,7 +78,7 @@ void ReportDeadlock(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     }
 }
 
-// The wait of the thread that waits for `me` on the ring that a report tells.
+// The last wait on the reported ring: that of the thread which waits for `me`.
 Wait LastOfRing(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     Wait last = wanted;
     WaitForGraph::Holder holder = WaitForGraph::HolderOf(wanted, me);
@@ -89,7 +89,7 @@ Wait LastOfRing(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     return last;
 }
 
-// Whether the calling thread keeps others waiting so.
+// Whether the calling thread holds what `wait` waits for.
 bool Holds(ZoTLS* me, Wait const& wait) ZO_REQUIRES(csDLD) {
     if (wait.section != nullptr) return WaitForGraph::OwnerOf(wait.section).thread == me;
     ZoRWRecord const* const record = FindRwRecord(me, wait.readersOf);
@@ -101,8 +101,9 @@ bool Holds(ZoTLS* me, Wait const& wait) ZO_REQUIRES(csDLD) {
 // The host's code in the report may leave sections and end reads of this thread, so the wait is
 // announced after it.
 //
-// A wait on whose way a writer waits for readers may close several rings, and a report tells one.
-// If that is dissolved, by leaving what its last thread waits for, the next one is told.
+// If a chain of waits passes a writer that waits for readers, a new wait may close several rings.
+// A report describes one of them. When the host dissolves it, by leaving what its last thread waits
+// for, the next one is reported.
 bool AnnounceWait(ZoTLS* me, Wait const& wanted) {
     CallStacks::Keep(me);
     bool closesRing = false;
@@ -131,7 +132,7 @@ void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* con
 
 namespace {
 
-// What one who waits for a section, or one who waits to write, wants and from whom.
+// Writes the object that a thread waits for, after the words for its kind.
 void TellWanted(Wait const& wait, char const* forSection, char const* toWrite, smp_io& console) {
     if (wait.section != nullptr) {
         console << forSection << wait.section->GetName() << " " << static_cast<void*>(wait.section)

@@ -1,4 +1,4 @@
-// The deadlock report: the sink that logs it to a file, and the words it is told in.
+// The deadlock report: its text, and the sink that writes it to a file.
 
 #ifndef KELVARA_SRC_DEADLOCK_IO_H_
 #define KELVARA_SRC_DEADLOCK_IO_H_
@@ -15,7 +15,7 @@
 class deadlock_io : public ScopedSink {
 public:
     // Opens the file and writes a report's head, its time included. A file that cannot be opened is
-    // told once on `wrapped`, and the report then goes only there; the system log tells the path
+    // reported once on `wrapped`, and the report then goes only there; the system log gets the path
     // and the system's reason.
     explicit deadlock_io(_smp_io* wrapped);
     ~deadlock_io() override;
@@ -34,14 +34,14 @@ private:
 // does not lead back to `me`, the line at which it breaks off says so.
 void DeadlockDetectionMakeMessage(ZoTLS* me, ZoDLDCritSect* section, smp_io* console)
     ZO_REQUIRES(csDLD);
-// The same of a thread that wants a section or to write a mutex, where there may be several chains:
-// a shortest one that leads back to `me`. A mutex is told by its name and its address.
+// The same for a thread that waits for a section or to write a mutex. Of several chains it writes a
+// shortest one that leads back to `me`. A mutex is printed with its name and its address.
 void DeadlockDetectionMakeMessage(ZoTLS* me, Wait const& wanted, smp_io* console)
     ZO_REQUIRES(csDLD);
 
-// By the calling thread, whose record is `me`, with csDLD held: reports a deadlock if its wait for
-// `wanted` would close a ring, then announces the wait. Whether it has reported; when the wait is
-// over and withdrawn, the thread reports a false alarm in that case.
+// Called by the thread whose record is `me`, with csDLD held. Reports a deadlock if its wait for
+// `wanted` would close a ring, then announces the wait. Returns whether it has reported; if so, the
+// thread calls ReportFalseAlarm after it has withdrawn the wait.
 bool AnnounceWait(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD);
 void ReportFalseAlarm();
 

@@ -18,7 +18,7 @@ constinit thread_local bool isEnding = false;
 
 }  // namespace
 
-// Only a thread whose end the key's destructor sees may enter: it has a record, and ends.
+// Only a thread whose end calls the key's destructor may enter: it has a record, and ends.
 void EndingThreads::Enter() {
     if (ThreadLife::current == nullptr || currentRecord == nullptr) return;
     isEnding = true;
@@ -34,7 +34,7 @@ void EndingThreads::Leave() {
 }
 
 void EndingThreads::WaitForNone() {
-    CancellationDeferred deferred;  // the lock is not left to a cancelled thread
+    CancellationDeferred deferred;  // a cancelled thread would keep the lock
     MutexHold const hold(endingLock);
     while (endingThreads != 0) {
         pthread_cond_wait(&nobodyEnding, endingLock.Plain().native_handle());

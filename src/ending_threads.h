@@ -1,4 +1,4 @@
-// The threads that end, as the tear-down of the library context waits for them.
+// Threads that are about to end, for which the tear-down of the library context waits.
 
 #ifndef KELVARA_SRC_ENDING_THREADS_H_
 #define KELVARA_SRC_ENDING_THREADS_H_

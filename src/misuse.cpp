@@ -35,7 +35,7 @@ Piece Thread(void* identity) {
     return identity == nullptr ? Format("nobody") : Format("thread %p", identity);
 }
 
-// ' (EndReader, label "commit")', and one that also tells a number.
+// ' (EndReader, label "commit")', and the same with a number.
 Piece Call(Bracket const& bracket, char const* label) {
     return Format(" (%s, label \"%.120s\")", bracket.name, label != nullptr ? label : "");
 }
@@ -71,7 +71,7 @@ void NameList::Add(char const* format, ...) {
 
 // --- sections ------------------------------------------------------------------------------------
 
-// It detects, and was made in this process.
+// Whether the section detects, and was made in this process.
 bool Misuse::IsTold(ZoCritSect const& section) {
     return typeid(section) == typeid(ZoDLDCritSect) &&
            static_cast<ZoDLDCritSect const&>(section).generation == ForkGeneration();
@@ -152,7 +152,7 @@ void Misuse::TellOwnedAtEnd(void* thread, NameList const& sections) {
 
 // --- brackets ------------------------------------------------------------------------------------
 
-// A flag that fits what the thread holds is all that an end of the other mode lacks.
+// The call would have been right with the other value of lessExclusive.
 void Misuse::TellEnd(ZoGenRW_Mutex const& mutex, int mode, Bracket const& bracket,
                      char const* label) {
     if (!IsTold(*mutex.exclusive)) return;

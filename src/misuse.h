@@ -1,5 +1,5 @@
-// What the library tells in the system log when somebody uses a lock as it must not be used. The
-// texts stand in misuse.cpp and nowhere else.
+// The messages in the system log when a lock is used as it must not be. The texts stand in
+// misuse.cpp and nowhere else.
 //
 //     misuse                                      then
 //     a detecting section is left by a thread     the section stays as it is
@@ -13,10 +13,10 @@
 //     a bracket is given an index without a       it locks nothing
 //     section
 //
-// All but the ended thread's is told where deadlock detection is on. Each is one line, an error,
-// and names the thread as deadlock reports do: by its record's threadIdentity, or by its handle if
-// it has no record. The functions call the host's log: without a lock of the library's, unless
-// their caller holds one.
+// The message about an ended thread is always logged, the others where deadlock detection is on.
+// Each is one line, an error, and names the thread as deadlock reports do: by its record's
+// threadIdentity, or by its handle if it has no record. The functions call the host's log, without
+// a lock of the library's unless their caller holds one.
 
 #ifndef KELVARA_SRC_MISUSE_H_
 #define KELVARA_SRC_MISUSE_H_
@@ -34,8 +34,8 @@ class ZoThreadMgr;
 // A bracket of the thread manager.
 struct Bracket {
     char const* name;
-    char const* expected = "";  // what an end must have had before it, on the same thread
-    bool hasFlag = false;       // it is told by lessExclusive what to end
+    char const* expected = "";  // for an end: the bracket that must have begun on the same thread
+    bool hasFlag = false;       // it takes the argument lessExclusive
 };
 
 // Names, one after the other, as far as they fit.
@@ -52,23 +52,22 @@ private:
 
 class Misuse {
 public:
-    // Of a section that the calling thread does not own.
+    // An Exit of a section that the calling thread does not own.
     [[gnu::cold]] static void TellLeave(ZoDLDCritSect& section);
 
-    // Whether the calling thread does not own `section`, which knows that: it detects.
+    // Whether the calling thread does not own `section`; false for a section that does not detect.
     static bool IsLeft(ZoCritSect const& section);
 
-    // By the destructors; the former is asked when the section is owned or waited for, the latter
-    // finds out itself. Nothing is told of what is not in use after all: what an ended thread still
-    // owns, which was told when it ended; in a forked child, what was made in the parent, whose
-    // threads are not there; and a section that is part of a mutex.
+    // Called by the destructors: for a section when it is owned or waited for, for a mutex always.
+    // Nothing is logged if the owner has ended, which was logged then; in a forked child for an
+    // object of the parent, whose threads are absent; and for a section that is part of a mutex.
     [[gnu::cold]] static void TellDestruction(ZoDLDCritSect& section);
     static void TellDestruction(ZoGenRW_Mutex& mutex);
 
-    // At the end of the calling thread, which reports call `thread`.
+    // At the end of the calling thread, which reports name `thread`.
     static void TellOwnedAtEnd(void* thread, NameList const& sections);
-    // Nobody finds `record`, the calling thread's, any more. If it holds nothing, nothing is told.
-    // The mutexes may be gone: only their addresses are printed.
+    // When `record`, the calling thread's, goes. Nothing is logged if it holds nothing. The mutexes
+    // may be gone: only their addresses are printed.
     static void TellHeldAtEnd(ZoTLS const* record, bool threadEnds);
 
     // The same for a call of EndCriticalSection, or of a bracket that ends with section `index`.
@@ -85,8 +84,8 @@ private:
     static void TellLeave(ZoDLDCritSect& section, char const* call);
 };
 
-// Only the owner finds its own record in `owner`, so the look needs no lock. A thread that does not
-// may still be the owner.
+// Only the owner finds its own record in `owner`, so the test needs no lock. A thread that does not
+// find it may still be the owner.
 inline bool ZoDLDCritSect::MayLeave() const {
     ZoTLS* const me = currentRecord;
     return (me != nullptr && owner.load(std::memory_order_relaxed) == me) || OwnsUnnoticed();

@@ -1,4 +1,4 @@
-// std::mutex as Clang's thread-safety analysis knows locks (zotypes.h): what a lock guards is
+// std::mutex with the attributes of Clang's thread-safety analysis (zotypes.h). Guarded data is
 // marked ZO_GUARDED_BY, and the clang build fails on an access without the lock.
 //
 //     constinit Mutex lock;

@@ -18,22 +18,22 @@ namespace {
 std::atomic<unsigned long> lastNumber{0};
 
 // The records that are kept for ever, the latest first. The list only grows, by read-modify-writes
-// with release order, each of which carries on what those before it released: who reads the head
-// with acquire order sees every link. It also tells a checker of leaks that they are not lost.
+// with release order, and these form one release sequence: a thread that reads the head with
+// acquire order sees every link. The list also keeps a leak checker from reporting the records.
 std::atomic<ZoTLS*> keptRecords{nullptr};
 
-// What the reports called the calling thread; null if it had no record.
+// The identity of the calling thread in reports; null if it had no record.
 constinit thread_local void* identityAtEnd = nullptr;
 
 // The system calls the destructor of a key in rounds, as long as the key has a value, and in this
-// many at most. Destructors of other keys may still leave sections, so the sections are told as
-// late as possible. That is the last round but one: in the last, a checker of threads has gone.
+// many at most. Destructors of other keys may still leave sections, so the sections are logged as
+// late as possible. That is the last round but one: ThreadSanitizer ends its thread in the last.
 constexpr std::uintptr_t TellingRound = PTHREAD_DESTRUCTOR_ITERATIONS - 1;
 
 // Made when the library is loaded.
 struct EndKey {
     EndKey() : isMade(pthread_key_create(&key, OwnedSections::TellAtEnd) == 0) {}
-    // Has the destructor called in the next round of the calling thread's end.
+    // Makes the system call the destructor in the next round of the calling thread's end.
     bool Arm(std::uintptr_t round) const {
         return isMade && pthread_setspecific(key, reinterpret_cast<void*>(round)) == 0;
     }

@@ -1,4 +1,4 @@
-// What the calling thread is to the sections it owns, and what becomes of those it still owns when
+// The calling thread's identity as an owner of sections, and the sections that it still owns when
 // it ends.
 //
 // A section that is owned by a thread that has ended stays taken for ever. No later thread may be
@@ -19,7 +19,7 @@ class ZoTLS;
 // The owner of a free POSIX section.
 constexpr pthread_t NoThread = 0;
 
-// What is no thread's handle, nor that of a free section.
+// Neither a thread's handle nor the owner of a free section.
 constexpr pthread_t UnknownThread = ~NoThread;
 
 // The calling thread's identity, kept in words of its own because every entry asks for it and
@@ -35,28 +35,28 @@ struct SectionOwner {
 
 class OwnedSections {
 public:
-    // Gives the calling thread its identity, and has its end noticed. Once a thread, before it
+    // Gives the calling thread its identity and registers for its end. Once a thread, before it
     // first owns a section.
     [[gnu::cold]] static void Introduce();
 
-    // How reports name the calling thread, whose record this is, for when it ends without it.
+    // Stores the identity that reports use for the calling thread, for its end without the record.
     static void RememberName(ZoTLS const* record);
 
-    // How they name the calling thread now: its record's identity, or what RememberName was told;
-    // its handle if it has never had a record.
+    // The identity of the calling thread in reports: its record's, or the one that RememberName
+    // stored; its handle if it has never had a record.
     static void* Identity();
 
-    // By a thread whose record has no attach left. Afterwards the record may be freed; false: it
-    // must be kept for ever, because the thread still owns detecting sections, and it is kept.
+    // By a thread whose record has no attach left. True: the record may be freed. False: the thread
+    // still owns detecting sections, and the record is now in the list of those kept for ever.
     static bool LetGo(ZoTLS* record);
 
-    // Whether `record`, which may be null, is one of those that are kept: its thread has ended.
+    // Whether `record`, which may be null, is kept for ever: its thread has ended.
     static bool IsKept(ZoTLS const* record);
 
-    // Whether the calling thread, which is ending, has its sections still to be told about.
+    // Whether TellAtEnd is still to run for the calling thread, which is ending.
     static bool AreToBeTold() { return self.owned != 0 && self.endIsNoticed; }
 
-    // The destructor of a key: tells in the system log which sections the thread takes with it.
+    // The destructor of a key: logs which sections the thread still owns.
     static void TellAtEnd(void* round);
 
 private:

@@ -43,8 +43,8 @@ bool IsMainThread() {
     return gettid() == getpid();
 }
 
-// Whether the system lets one thread at a time into exit(): glibc does from 2.41 on. A thread that
-// is in it already must then go on, since the library's own exit() waits for it.
+// Whether exit() admits one thread at a time, as in glibc from 2.41 on. A thread that is in it
+// already must then go on, since the library's own exit() waits for it.
 bool ExitIsSerialised() {
 #ifdef __GLIBC__
     int major = 0;

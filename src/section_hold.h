@@ -1,9 +1,9 @@
-// Holds a section for a scope, for code that must also do without the library context.
+// Holds a section for a scope, also in code that runs without the library context.
 //
 //     SectionHold const hold(fscs);    // nothing if fscs is null
 //
 // Clang's thread-safety analysis takes the section as held in the scope, also where it is null:
-// then no other thread is there to be kept out.
+// without the context only one thread uses what the section guards.
 
 #ifndef KELVARA_SRC_SECTION_HOLD_H_
 #define KELVARA_SRC_SECTION_HOLD_H_

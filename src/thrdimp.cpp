@@ -24,7 +24,7 @@ namespace {
 
 pthread_t const NoThread = 0;
 
-// For a waiter for the ends of threads, should there be one. Never destroyed.
+// For waits for the end of a thread. Never destroyed.
 pthread_once_t initialized = PTHREAD_ONCE_INIT;
 pthread_condattr_t finished_attr;
 pthread_cond_t finished_cond;  // signalled by every system thread as it ends, without the mutex
@@ -120,8 +120,8 @@ RUNS_WHILE_UNWOUND void* PosixTrampoline(void* startRecord) {
 
 namespace {
 
-// The new thread needs few instructions more, mostly. But it may have a lower real-time priority
-// than the starter, or wait for a thread that has.
+// The new thread usually needs only a few more instructions. But it may have a lower real-time
+// priority than the starter, or wait for a thread that has.
 void AwaitStarted(PosixStartRecord const& record) {
     auto const isStarted = [&] { return __atomic_load_n(&record.started, __ATOMIC_ACQUIRE) != 0; };
     for (Patience patience; !isStarted() && !patience.IsOver();) patience.Wait();
@@ -129,7 +129,7 @@ void AwaitStarted(PosixStartRecord const& record) {
     checkers::Acquire(&record.started);
 }
 
-// Whether `life` tells of threads of this process.
+// Whether `life` belongs to a thread of this process.
 bool IsUsable(ThreadLife const* life) {
     return life != nullptr && !life->IsAbsent();
 }

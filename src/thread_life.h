@@ -1,4 +1,4 @@
-// What a system thread and its running thread know of each other.
+// The state that a system thread object and its running thread share.
 
 #ifndef KELVARA_SRC_THREAD_LIFE_H_
 #define KELVARA_SRC_THREAD_LIFE_H_

@@ -3,17 +3,17 @@
 //     Trace(TraceArea::ThreadMethods, "ZoThread::Work ", this);    // one line, ended for the
 //     caller
 //
-// The flags are tested afresh for each line. A missing debugger or dispatcher is tracing switched
-// off. Listeners run on the calling thread before Trace returns, so a caller holds no lock that a
-// listener may want.
+// The flags are tested for each line. Without a debugger or a dispatcher tracing is off. Listeners
+// run on the calling thread before Trace returns, so a caller holds no lock that a listener may
+// want.
 
 #ifndef KELVARA_SRC_TRACE_H_
 #define KELVARA_SRC_TRACE_H_
 
 #include "zoevmdis.h"
 
-// What the library traces, each area a bit of the configuration key "mode". docs/hosting.md lists
-// them for the people who set it.
+// The traced areas, each a bit of the configuration key "mode". docs/hosting.md lists them for
+// users.
 enum class TraceArea : ZoUInt32 {
     ThreadSteps = 0x100,         // the steps of a started thread's life
     ImplicitLowering = 0x10000,  // a writer that ends its last write level while it still reads

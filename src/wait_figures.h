@@ -8,12 +8,12 @@
 #include "checkers.h"
 #include "zowaits.h"
 
-// When the calling thread began the wait that it is in, in seconds since 1970; 0: it is in none.
+// The beginning of the calling thread's present wait, in seconds since 1970; 0: it does not wait.
 // For a debugger.
 [[gnu::tls_model("initial-exec")]] extern constinit thread_local std::time_t waitingSince;
 
-// Of several threads that add at once none is lost, and a reset falls before or after an addition.
-// Nothing is ordered by these numbers, so relaxed order is enough.
+// Concurrent additions are all counted, and a reset falls before or after an addition. Nothing is
+// ordered by these numbers, so relaxed order is enough.
 inline void AddTo(std::atomic<unsigned long long>& figure, unsigned long long number) {
     figure.fetch_add(number, std::memory_order_relaxed);
 }

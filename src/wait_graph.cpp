@@ -31,12 +31,11 @@ std::array<ZoReadersWait*, 1U << PlaceBits> places ZO_GUARDED_BY(recordsLock);
 
 // --- a walk ------------------------------------------------------------------------------------
 
-// The search for a target, with csDLD and the records' lock held. Breadth first, each waiting
-// thread once, and from a thread that waits for a section to one other thread only. It begins with
-// a pass over all waiting threads and what they read if, and when, it comes to a wait for readers;
-// that sorts the readers by the mutexes that are waited for. So it takes a time in proportion to
-// the waiting threads and their reads at the most, allocates nothing, and ends also in a ring that
-// the target is not on.
+// The search for a target, with csDLD and the records' lock held. It is a breadth-first search that
+// visits each waiting thread once. A thread that waits for a section leads to one other thread, the
+// owner. When the search first meets a wait for readers, it sorts all waiting threads' reads by the
+// mutexes that are waited for. So its time is linear in the number of waiting threads and their
+// reads, it allocates nothing, and it also ends in a ring that the target is not on.
 //
 // It writes into records of waiting threads only: those of running ones stay in their caches.
 class WaitForGraph::Walk {
@@ -44,7 +43,7 @@ public:
     explicit Walk(ZoTLS const* target) ZO_REQUIRES(csDLD, recordsLock)
         : target(target), number(++lastWalk) {}
 
-    // The first thread on a shortest way from `start` to the target; null: there is no way.
+    // The first thread on a shortest path from `start` to the target; null: there is none.
     ZoTLS* FirstStepFrom(Wait const& start) ZO_REQUIRES(csDLD, recordsLock) {
         begun.mutex = start.readersOf;
         GoOnFrom(start, nullptr);
@@ -182,8 +181,8 @@ bool WaitForGraph::LeadsTo(Wait const& wanted, ZoTLS const* target) {
 }
 
 // A thread may wait within a wait: the code of a wrapped section of the host's may enter others. It
-// is in the list once. For the sake of a child, which may find any of these steps half done, a
-// record is in the list before its wait is told, and a walk from the list's head never leaves it.
+// is in the list once. A forked child may find any of these steps half done. So a record is in the
+// list before its wait is stored, and a walk from the list's head meets records of the list only.
 void WaitForGraph::Announce(ZoTLS* me, Wait const& wanted) {
     if (me->waitingLink == nullptr) {
         me->waitingLink = &firstWaiting;
@@ -220,9 +219,9 @@ int ThreadWaitsForThread(ZoTLS volatile* waiter, ZoTLS volatile* target) {
 // --- in a forked child -------------------------------------------------------------------------
 
 // A child has only the thread that forked, but gets the library's locks as other threads of its
-// parent held them. What they guard can be used at every moment: of the records' lock that are the
-// notes of a walk, which the next walk makes anew; the words of the graph are changed one at a
-// time, and so are the links of the chain and of the list of waiting threads.
+// parent held them. The data that these locks guard is usable at every moment. The records' lock
+// guards the notes of a walk, which the next walk makes anew. The words of the graph and the links
+// of the chain and of the list of waiting threads are changed one at a time.
 void WaitForGraph::ForgetAbsentThreads() ZO_NOT_ANALYSED {
     new (&recordsLock) Mutex;
     FreeUnlessMine(csDLD);

@@ -18,10 +18,10 @@
 // its records alone, so a walk may read them. It never goes to a mutex that it finds in them: one
 // that was destroyed while it was read stands there still.
 //
-// A record that a walk has found must not be freed under it, and its thread may have left the
-// section and be about to end. So whoever reads a record that it found through a section's owner
-// holds the records' lock, and whoever frees a record passes through that lock before. It lives as
-// long as the process, unlike csDLD. It is a leaf: nothing is taken and no code of the host is
+// A record must not be freed while a walk reads it, although its thread may have left the section
+// and be about to end. So a thread that reads the record of a section's owner holds the records'
+// lock, and a thread that frees its record takes and leaves that lock before. The lock lives as
+// long as the process, unlike csDLD. It is a leaf: no lock is taken and no code of the host is
 // called while it is held.
 
 #ifndef KELVARA_SRC_WAIT_GRAPH_H_
@@ -43,19 +43,19 @@ public:
     ~GraphLock() ZO_RELEASE() {}
 };
 
-// Whether a section may be entered or left without csDLD while nobody holds that. A section of the
-// host's in its place cannot be asked, so everybody goes through it.
+// Whether sections may be entered and left without csDLD while csDLD is free. A section of the
+// host's in its place cannot be tested, so then every entry and leave takes it.
 inline bool GraphCanBePassed() {
     return csDLD == nullptr || typeid(*csDLD) == typeid(PosixCritSect);
 }
 
-// Whether nobody holds csDLD just now.
+// Whether csDLD is free at this moment.
 inline bool GraphIsFree() {
     return GraphCanBePassed() && (csDLD == nullptr || static_cast<PosixCritSect*>(csDLD)->IsFree());
 }
 
-// What a thread waits for, or is about to: a section, or the readers of a mutex that it is to
-// write. Both null: nothing.
+// The object of a thread's wait: a section, or the readers of a mutex that it wants to write. Both
+// null: none.
 struct Wait {
     ZoDLDCritSect* section = nullptr;
     ZoRW_Mutex* readersOf = nullptr;
@@ -65,31 +65,31 @@ struct Wait {
 
 class WaitForGraph {
 public:
-    // What a walk learns of a thread that keeps another one waiting. `thread` null: there is none.
+    // A thread for which another one waits. `thread` null: there is none.
     struct Holder {
         ZoTLS* thread = nullptr;
         void* identity = nullptr;
         Wait waitsFor;
     };
     static Holder OwnerOf(ZoDLDCritSect const* section) ZO_REQUIRES(csDLD);
-    // Who keeps waiting one that waits for `wanted`: the owner of a section; of the readers the one
-    // from whom the shortest chain of waits leads to `target`.
+    // The thread for which a wait for `wanted` waits: the owner of a section; of several readers
+    // the one from which the shortest chain of waits leads to `target`.
     static Holder HolderOf(Wait const& wanted, ZoTLS const* target) ZO_REQUIRES(csDLD);
 
     // The same owner's identity alone, or null; without csDLD.
     static void* IdentityOfOwner(ZoDLDCritSect const* section);
 
-    // Whether a chain of waits that begins at `thread`, or at those who keep `wanted` from being
-    // had, comes to `target`. A target that runs is known as a reader only if it is the caller.
+    // Whether a chain of waits leads from `thread`, or from the holders of `wanted`, to `target`. A
+    // target that runs counts as a reader only if it is the caller.
     static bool LeadsTo(ZoTLS volatile const* thread, ZoTLS volatile const* target)
         ZO_REQUIRES(csDLD);
     static bool LeadsTo(Wait const& wanted, ZoTLS const* target) ZO_REQUIRES(csDLD);
 
-    // Enter the wait of the calling thread, whose record this is, into the graph, and take it out.
+    // Enter the wait of the calling thread, whose record is `me`, into the graph, and remove it.
     static void Announce(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD);
     static void Withdraw(ZoTLS* me) ZO_REQUIRES(csDLD);
 
-    // By a thread that frees its record, as the last step before: afterwards no walk reads it.
+    // The last step of a thread before it frees its record: afterwards no walk reads it.
     static void LetWalksPass();
 
     // In a forked child: makes the records' lock, csDLD and the chain's lock free, unless the

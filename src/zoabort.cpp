@@ -19,8 +19,8 @@
 #include "zocrits.h"
 #include "zolist.h"
 
-// Everything in static storage here is trivially destroyed: signals are caught and asked about to
-// the very end of the process, while exit() runs destructors on this thread or another.
+// Everything in static storage here is trivially destroyed: signals are caught until the process is
+// gone, while exit() runs destructors on this thread or another.
 
 namespace {
 
@@ -40,12 +40,12 @@ constinit Mutex facilityLock;
 // One life of the facility, from the first reference to the last. `abortCS` guards the fields below
 // it and is held while handlers run.
 //
-// The section cannot guard its own life: a thread that wants to enter it, or a handler that
+// The section cannot guard its own lifetime: a thread that wants to enter it, or a handler that
 // releases the last reference while its caller holds it, would be left with a destroyed section. So
-// whoever uses a facility pins it first, and it is destroyed with the last pin. The references
-// together count as one pin, which goes when the last of them is released. From then on the
-// facility is torn down: nobody finds it any more, and a thread that had pinned it before and
-// enters its section late sees the mark and looks for the facility of the day.
+// a thread pins a facility before it uses it, and the last pin to go destroys the facility. All
+// references together count as one pin, which goes with the last reference. From then on the
+// facility is torn down: no thread finds it, and a thread that has pinned it before and enters its
+// section late sees the mark and looks for the present facility.
 struct Facility {
     Facility()
         : abortCS(ZoCritSect::MakeImplementation("AbortionHandler")),
@@ -140,7 +140,8 @@ static_assert(std::atomic<pid_t>::is_always_lock_free, "the signal handler reads
 // The calling thread asks the handlers, in this process.
 thread_local bool isAsker = false;
 
-// What the thread that started the asker had blocked of the other signals. Guarded by facilityLock.
+// The signal mask of the thread that started the asker, for the other signals. Guarded by
+// facilityLock.
 sigset_t maskOfSetUp;
 
 // Posted once for each signal, so that none is lost while an earlier one is being asked about.
@@ -215,7 +216,7 @@ void StartAsker() {
 // it itself, over the fork. What other threads had pinned stays pinned in the child, which costs it
 // the memory of one facility at most.
 
-// What the thread that forks found, for when it has forked.
+// The state of the facility before the fork, kept by the forking thread.
 constinit thread_local sigset_t maskBeforeFork{};
 constinit thread_local Facility* heldForFork = nullptr;
 
@@ -230,8 +231,8 @@ Facility* MakeFacility() {
     return nullptr;
 }
 
-// Makes `made` the facility unless another thread was first. Whoever finds a facility finds the
-// signals caught as well.
+// Makes `made` the facility unless another thread was first. The signals are caught before any
+// thread can find the facility.
 bool SetUp(Facility* made) {
     MutexHold const lock(facilityLock);
     if (facility != nullptr) return false;

@@ -262,8 +262,8 @@ void POSIXCondition::SafeSignal() {
     firstSleeper->Wake();
 }
 
-// In a child: the sleepers of the parent are absent, as are their stacks. No signal may go to one
-// of them.
+// In a child the sleepers of the parent are absent, and so are their stacks. None of them may be
+// signalled.
 void POSIXCondition::SafeForgetAbsentSleepers() {
     pthread_cond_init(&condition, &conditionAttributes);
     conditionIsTaken = false;

@@ -277,14 +277,14 @@ void ZoDLDCritSect::Begin() {
     }
 }
 
-// No record, which was reported: nothing can be told apart, so only lock.
+// Without a record, which was reported, threads cannot be told apart: it only locks.
 void ZoDLDCritSect::BeginWithoutRecord() {
     EnterWrapped();
     SetOwningCount(GetOwningCount() + 1);
 }
 
-// Takes the section without csDLD if that needs no wait and nobody holds csDLD. A walk that looks
-// meanwhile sees a section without an owner, or an owner that runs.
+// Takes the section without csDLD if that needs no wait and csDLD is free. A concurrent walk sees a
+// section without an owner, or an owner that runs.
 bool ZoDLDCritSect::TakeBesideGraph(ZoTLS* me) {
     return GraphIsFree() && TakeIfFree(me);
 }
@@ -323,9 +323,9 @@ void ZoDLDCritSect::WaitAndTake(ZoTLS* me) {
     if (suspect) ReportFalseAlarm();
 }
 
-// In one hold of csDLD: takes the section if it is free, which ends the matter; or looks for a ring
-// and enters the wait into the graph. Of the threads that are about to close a ring, the last one
-// to announce its wait finds the others' in the graph.
+// In one hold of csDLD: takes the section if it is free and returns true; else looks for a ring and
+// enters the wait into the graph. Of the threads that are about to close a ring, the last one to
+// announce its wait finds the others' waits in the graph.
 bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     GraphLock lock;
     if (TakeIfFree(me)) {
@@ -336,7 +336,7 @@ bool ZoDLDCritSect::TakeOrAnnounce(ZoTLS* me, bool& suspect) {
     return false;
 }
 
-// Our own kinds can be tried; for any other the answer is no, and the thread waits for it.
+// Only the library's own kinds can be tried; for any other the answer is no.
 bool TryBegin(ZoCritSect& section) {
     if (typeid(section) == typeid(PosixCritSect)) {
         return static_cast<PosixCritSect&>(section).TakeIfFree();
@@ -370,8 +370,8 @@ void ZoDLDCritSect::EnterWrapped() ZO_NOT_ANALYSED {
     if (GetOwningCount() != 0) wrapped->Exit();
 }
 
-// Before anything else is done: a thread that is told of a false alarm may have the host's code
-// wait for other sections, and must stand in the graph as the owner by then.
+// Called before anything else: the report of a false alarm runs the host's code, which may wait for
+// other sections, and the thread must stand in the graph as the owner by then.
 void ZoDLDCritSect::EndWait(ZoTLS* me) {
     GraphLock lock;
     WithdrawWait(me);
@@ -380,15 +380,14 @@ void ZoDLDCritSect::EndWait(ZoTLS* me) {
     SetOwningCount(unnoticed + 1);
 }
 
-// With csDLD held.
 void ZoDLDCritSect::WithdrawWait(ZoTLS* me) {
     WaitForGraph::Withdraw(me);
     waitCount.fetch_sub(1, std::memory_order_relaxed);
 }
 
 // A thread owns the section without its record in `owner` if it had none when it entered, or has
-// freed it since. A wrapped section of the host's cannot be asked; there a thread without a record
-// is believed, as is any while nobody is noted.
+// freed it since. A wrapped section of the host's cannot be asked for its owner. There a thread
+// without a record counts as the owner, and so does any thread while no owner is stored.
 bool ZoDLDCritSect::OwnsUnnoticed() const {
     if (plain != nullptr) return plain->IsMine();
     bool const isNoted = owner.load(std::memory_order_relaxed) != nullptr;

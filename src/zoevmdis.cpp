@@ -324,7 +324,7 @@ PredefinedFamily const PredefinedFamilyTable[] = {
 
 constexpr ZoUInt32 FirstNewFamilyId = 0x20000U;
 
-// A word is passed to the table in the place of a key pointer.
+// The table takes a word key in place of the pointer to a key.
 char const* AsTableKey(ZoUInt32 typeKey) {
     return reinterpret_cast<char const*>(std::uintptr_t{typeKey});
 }
@@ -351,8 +351,7 @@ ZoEventFamily* MakeFamily(char const* name, ZoUInt32 id) {
     return family;
 }
 
-// Holds a dispatcher's section for a scope; also lets go of it when a listener in the scope is
-// cancelled.
+// Holds a dispatcher's section for a scope, also when a listener in the scope is cancelled.
 class DispatcherHold {
 public:
     explicit DispatcherHold(ZoEventMessageDispatcher& dispatcher) : dispatcher(dispatcher) {
@@ -554,7 +553,7 @@ void TellFlags(smp_debug const& debugger) {
 void RegisterConsoleListener(ZoEventMessageDispatcher& dispatcher) {
     auto* const listener = new (std::nothrow) ZoConsoleListener;
     if (listener == nullptr) return;
-    ListenerHold alive(listener);  // a registration that fails must not take it along
+    ListenerHold alive(listener);  // a failed registration releases its own reference
     // Damage of object, internal and index records; replication; backup; a type without a name.
     for (unsigned const type : {0x10005U, 0x10006U, 0x10007U, 0x1000EU, 0x1000FU, 0x10012U}) {
         dispatcher.RegisterListener(1, type, listener);

@@ -18,9 +18,9 @@ namespace {
 // destroyed at the same moment. Acquire and release: who finds a manager here finds it complete.
 std::atomic<ZoThreadMgr*> the_main{nullptr};
 
-// What stands in where there is no section or no mutex. Made when the library is loaded, while
-// chaining is off, and never destroyed: static managers of the host may outlive this file's
-// objects.
+// The section and the mutex that lock nothing, used where there is none. Made when the library is
+// loaded, while chaining is off, and never destroyed: static managers of the host may outlive this
+// file's objects.
 ZoCritSect* const notVeryCriticalSection = ZoCritSect::MakeDummy("");
 ZoRW_Mutex* const notVeryExclusiveMutex = new (std::nothrow) ZoRW_Mutex;
 
@@ -148,7 +148,7 @@ ZoThreadMgr::~ZoThreadMgr() {
     delete[] sections;
 }
 
-// --- what stands where -------------------------------------------------------------------------
+// --- sections and mutex by index ---------------------------------------------------------------
 
 ZoRW_Mutex& ZoThreadMgr::Mutex() const {
     if (rwMutex != nullptr) return *rwMutex;
@@ -182,7 +182,8 @@ ZoCritSect& ZoThreadMgr::NoSection(unsigned long index, Bracket const& bracket,
     return *notVeryCriticalSection;
 }
 
-// The owner leaves; of anybody else it is told with the bracket, where a section tells without.
+// The owner leaves. For any other thread the misuse is logged with the bracket's name, which the
+// section itself does not know.
 void ZoThreadMgr::Leave(unsigned long index, Bracket const& bracket,
                         char const* label) const ZO_NOT_ANALYSED {
     ZoUInt32 const slot = SlotOf(index);

@@ -19,8 +19,8 @@ void TraceMethod(char const* text, ZoThread* thread) {
 // thread is replaced. New uses wait for that, so a replacement is not kept from its turn by uses
 // that follow each other.
 constexpr ZoUInt32 Replacing = 0x8000;
-// The high half is that of the process that counts (at_fork.h): what threads of the parent were at
-// does not count in a child.
+// The high half is the generation of the process that counts (at_fork.h): uses by threads of the
+// parent do not count in a child.
 constexpr ZoUInt32 OneProcess = 0x10000;
 
 ZoUInt32 NoUses() {
@@ -112,7 +112,7 @@ int ZoThread::Start(void* startArgument) {
     _Thread* const made = _Thread::MakeSysThread(this);
     if (made == nullptr) return ZoOutOfMemory;
     ReplaceSystemThread(made);
-    // Not `this` any more after it: the thread may have deleted the object.
+    // `this` must not be used afterwards: the thread may have deleted the object.
     return made->Start(stackSizeCode) == 0 ? ZoSuccess : ZoStartFailed;
 }
 

@@ -57,7 +57,7 @@ void CreateKeyOnce() {
     if (err != 0) ZOVA_assert("err == 0", "src/zotls", 845);
 }
 
-// What the key knows; currentRecord follows it.
+// The record in the key's slot; currentRecord follows it.
 ZoTLS* RecordInSlot() {
     pthread_key_t const key = Key();
     return key == NoKey ? nullptr : static_cast<ZoTLS*>(pthread_getspecific(key));
@@ -69,7 +69,8 @@ int StoreRecord(ZoTLS* record) {
     return err;
 }
 
-// Before a record is freed. False: it stays where the thread's end finds it, and must not be.
+// Called before a record is freed. False: it stays in the slot, where the thread's end finds it,
+// and must not be freed.
 bool TakeOutOfSlot(ZoTLS const* record) {
     return pthread_setspecific(Key(), nullptr) == 0 || RecordInSlot() != record;
 }
