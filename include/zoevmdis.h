@@ -9,14 +9,17 @@
 //     };
 //     ZoEventMessageDispatcher* const dispatcher = ZoEventMessageDispatcher::GetDispatcher();
 //     dispatcher->RegisterListener(1, 0xB00, new Counter);    // the dispatcher owns it from here
-//     on { ZoFtransLogEvent transfer; transfer << "sent " << name << endl; }    // delivered here
+//     {
+//         ZoFtransLogEvent transfer;
+//         transfer << "sent " << name << endl;
+//     }                                                       // delivered here
 //
 // A trace is an event that is built only while its bit in the debug switches is set:
 //
 //     smp_debug* const debugger = GetDebugger();
 //     if (debugger != nullptr && (debugger->current & 0x800000) != 0) {
 //         ZoDebugEvent event(0x800000);
-//         event << "started " << this << endl;
+//         event << "started " << name << endl;
 //         ZoEventMessageDispatcher::GetDispatcher()->Dispatch(&event);
 //     }
 //

@@ -22,8 +22,8 @@
 
 // What Clang's -Wthread-safety is told of the locks; nothing to other compilers.
 //
-//     long balance ZO_GUARDED_BY(accounts) = 0;    // accounts: a ZoSection, or *accounts: a
-//     section void Add(long amount) ZO_REQUIRES(accounts);
+//     long balance ZO_GUARDED_BY(accounts) = 0;    // a ZoSection; of a ZoCritSect*: *accounts
+//     void Add(long amount) ZO_REQUIRES(accounts);
 //
 // It does not follow what depends on a value: the mode of StartRW, the index of a named section,
 // the lock that WaitForCondition may keep. Where it does not know ZO_REENTRANT (before Clang 20) it

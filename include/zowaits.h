@@ -3,7 +3,7 @@
 //
 //     ZoContention figures[256];
 //     int const alive = ZoCopyContention(figures, 256);    // may be more than were copied
-//     ...
+//     …
 //     ZoResetContention();                                  // from here on they count anew
 //
 // Only a thread that blocks counts, so a lock that is free when it is wanted, or becomes so while a
