@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the includes of src/ and include/ with docs/architecture.dot.
+"""Compares the includes of src/ and include/ with docs/architecture.dot, and the private headers with
+docs/sources.md.
 
     docs/layers.py          from the root of the repository
 
@@ -52,5 +53,9 @@ for (a, b), why in included.items():
         wrong.append(f"{a} -> {b} is missing: {why}")
 for a, b in sorted(drawn - set(included)):
     wrong.append(f"{a} -> {b} is drawn, and no file includes one")
+listed = re.findall(r"^\| `(\w+\.h)` \|", pathlib.Path("docs/sources.md").read_text(), re.M)
+private = [path.name for path in paths if path.parent.name == "src" and path.suffix == ".h"]
+wrong += [f"{name} is in only one of src/ and docs/sources.md" for name in sorted({*listed} ^ {*private})]
+wrong += [f"docs/sources.md: {b} does not follow {a}" for a, b in zip(listed, listed[1:]) if a >= b]
 print("\n".join(wrong) or f"{len(nodes)} nodes, {len(included)} arrows")
 sys.exit(bool(wrong))

@@ -11,7 +11,8 @@ C++ does; one of a page stands between ```cpp and ```. samples.txt has what a sa
     %lines N           the next N lines of the sample
     %sample            the rest of the sample; what follows belongs to the next one
     %run               what follows runs in main(), with the library context set up
-    %prints TEXT       a line that the program prints
+    %prints TEXT       a line of standard output, of which there is no other
+    %tells TEXT        a line of standard error, among others
 
 Everything else is C++. A page's sample that is a whole program needs no entry but what it prints.
 """
@@ -83,9 +84,10 @@ def entries():
 
 
 def program(path, samples, entry):
-    """The program that has the samples in it, and what it prints."""
+    """The program that has the samples in it, and what it prints and tells."""
     include = f'#include "{path.name}"\n' if path.suffix == ".h" else ""
-    text, prints, dots, runs, rest = [include + '#include "_zothrd.h"\n'], [], [], False, list(samples)
+    text, prints, tells = [include + '#include "_zothrd.h"\n'], [], []
+    dots, runs, rest = [], False, list(samples)
     for number, line in entry:
         word, _, argument = line.partition(" ")
         if word == "%dots":
@@ -98,6 +100,8 @@ def program(path, samples, entry):
                 rest.pop(0)
         elif word == "%prints":
             prints.append(argument)
+        elif word == "%tells":
+            tells.append(argument)
         elif word == "%run":
             runs = True
             text.append("int main() {\n___ZoExtendedContext(1);\n{\n")
@@ -109,10 +113,10 @@ def program(path, samples, entry):
         text.append("}\n___ZoExtendedContext(0);\n}\n")
     for sample in rest:
         raise SystemExit(f"{sample.path}:{sample.first}: this sample has no entry in tests/samples.txt")
-    return "".join(text), prints
+    return "".join(text), prints, tells
 
 
-def check(name, text, prints, folder):
+def check(name, text, prints, tells, folder):
     base = folder / re.sub(r"\W", "_", name)
     source = base.with_suffix(".cpp")
     source.write_text(text)
@@ -121,12 +125,13 @@ def check(name, text, prints, folder):
         return f"{name}: a sample does not compile\n{made.stderr}"
     config = folder / "zova.ini"
     try:
-        ran = subprocess.run([str(base)], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, cwd=folder,
-                             stdin=subprocess.DEVNULL, timeout=60, env={**os.environ, "ZOVA_CONFIG": str(config)})
+        ran = subprocess.run([str(base)], stdin=subprocess.DEVNULL, capture_output=True, text=True, cwd=folder,
+                             timeout=60, env={**os.environ, "ZOVA_CONFIG": str(config)})
     except subprocess.TimeoutExpired:
         return f"{name}: the sample does not end"
-    if ran.returncode or ran.stdout.splitlines() != prints:
-        return f"{name}: status {ran.returncode}, printed\n{ran.stdout}expected\n" + "\n".join(prints)
+    if ran.returncode or ran.stdout.splitlines() != prints or not set(tells) <= set(ran.stderr.splitlines()):
+        return f"{name}: status {ran.returncode}, printed\n{ran.stdout}told\n{ran.stderr}expected\n" + \
+            "\n".join(prints + tells)
     return None
 
 
@@ -144,7 +149,7 @@ with tempfile.TemporaryDirectory() as temporary:
     folder = pathlib.Path(temporary)
     (folder / "zova.ini").write_text("[debug]\nZOVAConsole = 1\n")
     with concurrent.futures.ThreadPoolExecutor(int(os.environ.get("CMAKE_BUILD_PARALLEL_LEVEL") or os.cpu_count())) as pool:
-        failures = [failure for failure in pool.map(lambda p: check(*p[:3], folder), programs) if failure]
+        failures = [failure for failure in pool.map(lambda p: check(*p[:4], folder), programs) if failure]
 print(*failures, sep="\n\n")
-print(f"{sum(p[3] for p in programs)} samples in {len(programs)} files")
+print(f"{sum(p[4] for p in programs)} samples in {len(programs)} files")
 sys.exit(bool(failures))
