@@ -140,13 +140,14 @@ private:
     friend class ZoRW_Mutex;
     friend class ZoThreadMgr;
     friend class Misuse;
+    friend ZO_API int ZoTryStartRW(ZoRW_Mutex* mutex, int mode);
 
     ZO_INTERNAL ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLock const& held);
 
     ZO_INTERNAL bool IsComplete() const { return exclusive != nullptr && readers != nullptr; }
 
     ZO_INTERNAL ReaderGate Gate() const;
-    ZO_INTERNAL bool TryStartRead();
+    ZO_INTERNAL bool TryStartRead(bool mayWait = true);
     ZO_INTERNAL bool TryEndRead();
     ZO_INTERNAL int Start(int mode);
     ZO_INTERNAL int End(int mode);
@@ -154,9 +155,15 @@ private:
     ZO_INTERNAL bool TryLeaveCounted();
     ZO_INTERNAL void StartRead(ZoTLS* me, ZoRWRecord& record);
     ZO_INTERNAL void StartWrite(ZoRWRecord& record, void* identity);
+    ZO_INTERNAL void BeginWrite(ZoRWRecord& record, ZoUInt32 before, void* identity);
     ZO_INTERNAL void EndRead(ZoRWRecord& record);
     ZO_INTERNAL void EndWrite(ZoUInt32& holdings);
     ZO_INTERNAL void QueueToRead();
+    ZO_INTERNAL void EnterQueued();
+    ZO_INTERNAL bool TryStart(int mode);
+    ZO_INTERNAL bool TryAdmitReader(ZoTLS* me, ZoRWRecord& record);
+    ZO_INTERNAL bool TryAdmitWriter();
+    ZO_INTERNAL bool NoReaderIsLeft();
     ZO_INTERNAL bool AdmitWriter(ZoRWRecord& record);
     ZO_INTERNAL void LeaveReaders(ZoRWRecord& record);
     ZO_INTERNAL int CountReaders() const;
@@ -179,5 +186,23 @@ private:
     bool const isDetecting;
     ZoMarkHistory markHistory;
 };
+
+// As StartRW, but only if that needs no wait. Returns 1, and the level is ended by EndRW; or 0,
+// with nothing entered:
+//
+//     another thread writes, or waits to write; for a write, another reads
+//     the calling thread reads and asks to write: it would have to give its reads up
+//     the class is the host's, which cannot be tried, or memory for the record ran out
+//     the thread holds 65,535 levels of that mode; this one is asserted as by StartRW
+//
+// 0 may also be untrue: threads that try at the same moment may be in each other's way, and one
+// that tries to write keeps others that try out for that moment. A thread that holds the mutex in
+// either mode reads again, and one that writes writes again. The mutex that locks nothing is always
+// free. Nothing is reported, no wait is counted or seen by deadlock detection, and it is no
+// cancellation point. It may wait for csDLD as ZoTryBegin does (zocrits.h).
+//
+// After 1 the caller sees what StartRW would have it see: all that writers did before their ends,
+// and for a write all that readers did (acquire order). 0 orders nothing.
+ZO_API int ZoTryStartRW(ZoRW_Mutex* mutex, int mode);
 
 #endif  // KELVARA_INCLUDE_RW_MUTEX_H_

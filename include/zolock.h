@@ -62,7 +62,8 @@ private:
     std::unique_ptr<ZoCritSect> section;
 };
 
-// A reader/writer mutex as the standard's locks want one. Recursive in either mode (rw_mutex.h).
+// A reader/writer mutex as a *SharedLockable*. Recursive in either mode (rw_mutex.h), and a writer
+// may read; a reader that asks to write is reported, and one that tries to is refused.
 class ZO_CAPABILITY("reader/writer mutex") ZO_REENTRANT ZoSharedSection {
 public:
     // Throws std::bad_alloc when memory ran out.
@@ -70,10 +71,17 @@ public:
         if (mutex == nullptr) throw std::bad_alloc();
     }
 
-    // As StartRW and EndRW; the shared ones read, the others write.
+    // As StartRW, ZoTryStartRW and EndRW; the shared ones read, the others write. A try is false
+    // where it would wait, or seemed to.
     void lock() ZO_ACQUIRE() ZO_NOT_ANALYSED { mutex->StartRW(1, ZoNoLimit); }
+    bool try_lock() ZO_TRY_ACQUIRE(true) ZO_NOT_ANALYSED {
+        return ZoTryStartRW(mutex.get(), 1) != 0;
+    }
     void unlock() ZO_RELEASE() ZO_NOT_ANALYSED { mutex->EndRW(1); }
     void lock_shared() ZO_ACQUIRE_SHARED() ZO_NOT_ANALYSED { mutex->StartRW(0, ZoNoLimit); }
+    bool try_lock_shared() ZO_TRY_ACQUIRE_SHARED(true) ZO_NOT_ANALYSED {
+        return ZoTryStartRW(mutex.get(), 0) != 0;
+    }
     void unlock_shared() ZO_RELEASE_SHARED() ZO_NOT_ANALYSED { mutex->EndRW(0); }
 
     // The mutex itself, for GetInfo and the like.

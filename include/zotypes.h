@@ -51,6 +51,7 @@
 #define ZO_ACQUIRE(...) ZO_CLANG_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define ZO_ACQUIRE_SHARED(...) ZO_CLANG_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define ZO_TRY_ACQUIRE(...) ZO_CLANG_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define ZO_TRY_ACQUIRE_SHARED(...) ZO_CLANG_ATTRIBUTE(try_acquire_shared_capability(__VA_ARGS__))
 #define ZO_RELEASE(...) ZO_CLANG_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define ZO_RELEASE_SHARED(...) ZO_CLANG_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define ZO_RETURN_CAPABILITY(x) ZO_CLANG_ATTRIBUTE(lock_returned(x))

@@ -11,8 +11,7 @@
 //                                      order, after a load with     before what follows the other
 //                                      acquire order
 //     ReleaseAndAcquire                around a change with both    the same
-//     LockIsMade … LockIsGone          at a reader/writer mutex's   a reader/writer lock
-//                                      gate
+//     LockIsMade … LockIsGone          a reader/writer mutex        a reader/writer lock
 //     Wait                             in place of the system's     a cancelled thread has left its
 //                                      wait without a limit         wait
 //
@@ -34,6 +33,10 @@
 #endif
 
 namespace checkers {
+
+// How a thread comes to hold a lock: after a wait, if it was taken, which the order of locks is
+// about; or in another way.
+enum Entry : bool { NeverWaits, MayWait };
 
 #ifdef ZO_VALGRIND
 
@@ -73,30 +76,6 @@ private:
     void const volatile* word;
 };
 
-inline void LockIsMade(void const volatile* lock) {
-    ANNOTATE_RWLOCK_CREATE(lock);
-}
-
-inline void LockIsGone(void const volatile* lock) {
-    if (lock != nullptr) ANNOTATE_RWLOCK_DESTROY(lock);
-}
-
-inline void ReadBegins(void const volatile* lock) {
-    ANNOTATE_RWLOCK_ACQUIRED(lock, 0L);
-}
-
-inline void ReadEnds(void const volatile* lock) {
-    ANNOTATE_RWLOCK_RELEASED(lock, 0L);
-}
-
-inline void WriteBegins(void const volatile* lock) {
-    ANNOTATE_RWLOCK_ACQUIRED(lock, 1L);
-}
-
-inline void WriteEnds(void const volatile* lock) {
-    ANNOTATE_RWLOCK_RELEASED(lock, 1L);
-}
-
 // The tools take a wait that is cancelled for one that goes on, and drd overlooks everything that
 // its thread does afterwards. So this waits a little at a time, and is cancelled in between. Like
 // any wait it may end without a signal.
@@ -119,12 +98,6 @@ constexpr int AreAtomic(auto&...) {
 }
 constexpr void Release(void const volatile*) {}
 constexpr void Acquire(void const volatile*) {}
-constexpr void LockIsMade(void const volatile*) {}
-constexpr void LockIsGone(void const volatile*) {}
-constexpr void ReadBegins(void const volatile*) {}
-constexpr void ReadEnds(void const volatile*) {}
-constexpr void WriteBegins(void const volatile*) {}
-constexpr void WriteEnds(void const volatile*) {}
 
 struct [[maybe_unused]] ReleaseAndAcquire {
     constexpr explicit ReleaseAndAcquire(void const volatile*) {}
@@ -133,6 +106,38 @@ struct [[maybe_unused]] ReleaseAndAcquire {
 inline int Wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     return pthread_cond_wait(condition, mutex);
 }
+
+#endif
+
+#if defined(ZO_VALGRIND)
+
+inline void LockIsMade(void* lock) {
+    ANNOTATE_RWLOCK_CREATE(lock);
+}
+inline void LockIsGone(void* lock) {
+    ANNOTATE_RWLOCK_DESTROY(lock);
+}
+inline void ReadBegins(void* lock, Entry) {
+    ANNOTATE_RWLOCK_ACQUIRED(lock, 0L);
+}
+inline void ReadEnds(void* lock) {
+    ANNOTATE_RWLOCK_RELEASED(lock, 0L);
+}
+inline void WriteBegins(void* lock, Entry) {
+    ANNOTATE_RWLOCK_ACQUIRED(lock, 1L);
+}
+inline void WriteEnds(void* lock) {
+    ANNOTATE_RWLOCK_RELEASED(lock, 1L);
+}
+
+#else
+
+constexpr void LockIsMade(void*) {}
+constexpr void LockIsGone(void*) {}
+constexpr void ReadBegins(void*, Entry) {}
+constexpr void ReadEnds(void*) {}
+constexpr void WriteBegins(void*, Entry) {}
+constexpr void WriteEnds(void*) {}
 
 #endif
 

@@ -16,10 +16,11 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
     return ReaderGate(readers->value);
 }
 
-// Each false: nothing has been done, StartRW or EndRW must do it. The hints keep a nested read free
+// Each false: nothing has been done, StartRW or EndRW must do it. `mayWait` is for checkers of
+// threads: whether the caller would wait then. The hints keep a nested read free
 // of taken branches, which are most of what it costs.
 
-[[gnu::always_inline]] inline bool ZoGenRW_Mutex::TryStartRead() {
+[[gnu::always_inline]] inline bool ZoGenRW_Mutex::TryStartRead(bool mayWait) {
     ZoTLS* const me = currentRecord;
     if (me == nullptr) [[unlikely]]
         return false;
@@ -35,7 +36,7 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
     ZoReadMark* const mark = ReadMarks::TrySet(me->readMarks, this, Gate());
     if (mark == nullptr && !TryEnterCounted(me)) [[unlikely]]
         return false;
-    checkers::ReadBegins(readers);
+    checkers::ReadBegins(this, mayWait ? checkers::MayWait : checkers::NeverWaits);
     AddSpareRwRecord(me, this, OneRead, mark);
     return true;
 }
@@ -54,11 +55,11 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
     }
     if (me->spareRwRecord != nullptr) [[unlikely]]
         return false;
-    checkers::ReadEnds(readers);
+    checkers::ReadEnds(this);
     if (record->mark != nullptr) [[likely]] {
         ReadMarks::TakeBack(*record->mark, this);
     } else if (!TryLeaveCounted()) [[unlikely]] {
-        checkers::ReadBegins(readers);
+        checkers::ReadBegins(this, checkers::NeverWaits);
         return false;
     }
     // The mutex may be gone by now.

@@ -30,7 +30,8 @@
 //     -----------------------------------------------------------------------------------------
 //     Enter               a reader that queued
 //     Close               a writer
-//     GiveUp              a writer that is cancelled in its wait, with the condition's lock as well
+//     GiveUp              a writer that is cancelled in its wait, or does not wait; with the
+//                         condition's lock as well
 //     EndWrite            the writer
 //
 // A write leaves the gate closed, unless the writer goes on as a reader: the next write has nothing

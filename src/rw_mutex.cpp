@@ -123,9 +123,10 @@ private:
 // has them in its record again and is a counted reader.
 class PendingWrite {
 public:
-    PendingWrite(ZoCritSect& exclusive, Condition& readers, ZoWaitFigures& figures,
-                 ZoUInt32& holdings, ZoUInt32 reads)
-        : exclusive(exclusive),
+    PendingWrite(ZoRW_Mutex& mutex, ZoCritSect& exclusive, Condition& readers,
+                 ZoWaitFigures& figures, ZoUInt32& holdings, ZoUInt32 reads)
+        : mutex(mutex),
+          exclusive(exclusive),
           readers(readers),
           figures(figures),
           holdings(holdings),
@@ -135,19 +136,19 @@ public:
     ~PendingWrite() {
         if (admitted) return;
         holdings = reads;
-        if (reads != 0) checkers::ReadBegins(&readers);
+        if (reads != 0) checkers::ReadBegins(&mutex, checkers::NeverWaits);
         readers.Lock();
         Gate().GiveUp(reads != 0);
         readers.Unlock();
         exclusive.Exit();
     }
 
-    void WaitForReadersOf(ZoRW_Mutex& mutex, ZoMarkHistory& history) {
+    void WaitForReaders(ZoMarkHistory& history) {
         MarksWithdrawal marks(&mutex, Gate().MarksMayBeOut(), history);
         Sleep(marks);
     }
     // The same, seen by deadlock detection. Whether a deadlock was reported.
-    bool WaitSeenForReadersOf(ZoRW_Mutex& mutex, ZoMarkHistory& history) {
+    bool WaitSeenForReaders(ZoMarkHistory& history) {
         MarksWithdrawal marks(&mutex, Gate().MarksMayBeOut(), history);
         AnnouncedWrite announced;
         bool const reported = announced.Announce(mutex, Gate(), marks);
@@ -165,6 +166,7 @@ private:
         admitted = true;
     }
 
+    ZoRW_Mutex& mutex;
     ZoCritSect& exclusive;
     Condition& readers;
     ZoWaitFigures& figures;  // of the readers' condition
@@ -243,7 +245,6 @@ Condition* MakeReaders() {
     HandleChaining(condition, 0);
     condition->logic = &readerLogic;
     condition->value = ReaderGate::FirstWord(MarkPolicy::CurrentMode() == MarkPolicy::Always);
-    checkers::LockIsMade(condition);
     return condition;
 }
 
@@ -300,14 +301,15 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
       waitingWriters(0),
       isDetecting(exclusive != nullptr && typeid(*exclusive) == typeid(ZoDLDCritSect)) {
     checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters);
+    checkers::LockIsMade(this);
 }
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
     LeaveChain(this);
     Misuse::TellDestruction(*this);
     if (readers != nullptr && Gate().MarksMayBeOut()) ReadMarks::Forget(this);
+    checkers::LockIsGone(this);
     delete exclusive;
-    checkers::LockIsGone(readers);
     delete readers;
     WriterLevel.store(0, std::memory_order_relaxed);
     owner.store(nullptr, std::memory_order_relaxed);
@@ -376,19 +378,31 @@ bool ZoGenRW_Mutex::TryLeaveCounted() {
 
 void ZoGenRW_Mutex::StartRead(ZoTLS* me, ZoRWRecord& record) {
     if (record.holdings == 0) {
-        record.mark = ReadMarks::TrySet(me->readMarks, this, Gate());
-        if (record.mark == nullptr && !TryEnterCounted(me)) QueueToRead();
-        checkers::ReadBegins(readers);
+        if (!TryAdmitReader(me, record)) QueueToRead();
+        checkers::ReadBegins(this, checkers::MayWait);
     }
     record.holdings += OneRead;
 }
 
+// With a mark, by the open gate, or through the exclusive section.
+bool ZoGenRW_Mutex::TryAdmitReader(ZoTLS* me, ZoRWRecord& record) {
+    record.mark = ReadMarks::TrySet(me->readMarks, this, Gate());
+    if (record.mark != nullptr || TryEnterCounted(me)) return true;
+    if (!TryBegin(*exclusive)) return false;
+    EnterQueued();
+    return true;
+}
+
 void ZoGenRW_Mutex::QueueToRead() {
-    if (!TryBegin(*exclusive)) {
+    {
         AddOne(waitingReaders);
         OneLessAtEnd waiting(waitingReaders);
         exclusive->Begin();
     }
+    EnterQueued();
+}
+
+void ZoGenRW_Mutex::EnterQueued() {
     Gate().Enter(MarkPolicy::AcceptsAtOnce(markHistory));
     exclusive->Exit();
 }
@@ -398,14 +412,18 @@ void ZoGenRW_Mutex::StartWrite(ZoRWRecord& record, void* identity) {
     bool falseAlarm = false;
     if (WriteDepth(before) == 0) {
         falseAlarm = AdmitWriter(record);
-        checkers::WriteBegins(readers);
-        owner.store(identity, std::memory_order_relaxed);
+        checkers::WriteBegins(this, checkers::MayWait);
     }
+    BeginWrite(record, before, identity);
+    // The host's code in it finds the thread as the writer that it is.
+    if (falseAlarm) ReportFalseAlarm();
+}
+
+void ZoGenRW_Mutex::BeginWrite(ZoRWRecord& record, ZoUInt32 before, void* identity) {
+    if (WriteDepth(before) == 0) owner.store(identity, std::memory_order_relaxed);
     CheckWriterLevel(WriteDepth(before), 271);
     record.holdings = before + OneWrite;
     AddToWriterLevel(1);
-    // The host's code in it finds the thread as the writer that it is.
-    if (falseAlarm) ReportFalseAlarm();
 }
 
 // A reader gives its reads up before it waits for the section, whose holder may be waiting for just
@@ -424,15 +442,15 @@ bool ZoGenRW_Mutex::AdmitWriter(ZoRWRecord& record) {
         exclusive->Begin();
         if (Gate().Close()) return false;
     }
-    PendingWrite pending(*exclusive, *readers, static_cast<POSIXCondition*>(readers)->figures,
-                         record.holdings, reads);
-    if (isDetecting) return pending.WaitSeenForReadersOf(*this, markHistory);
-    pending.WaitForReadersOf(*this, markHistory);
+    PendingWrite pending(*this, *exclusive, *readers,
+                         static_cast<POSIXCondition*>(readers)->figures, record.holdings, reads);
+    if (isDetecting) return pending.WaitSeenForReaders(markHistory);
+    pending.WaitForReaders(markHistory);
     return false;
 }
 
 void ZoGenRW_Mutex::LeaveReaders(ZoRWRecord& record) {
-    checkers::ReadEnds(readers);
+    checkers::ReadEnds(this);
     if (record.mark != nullptr) {
         return ReadMarks::TakeBack(*std::exchange(record.mark, nullptr), this);
     }
@@ -453,8 +471,8 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
         owner.store(nullptr, std::memory_order_relaxed);
-        checkers::WriteEnds(readers);
-        if (left != 0) checkers::ReadBegins(readers);
+        checkers::WriteEnds(this);
+        if (left != 0) checkers::ReadBegins(this, checkers::NeverWaits);
         Gate().EndWrite(left != 0);
         exclusive->Exit();
     }

@@ -1,5 +1,7 @@
 // Compiled by Clang with -Werror=thread-safety: as it is without a complaint, and with each of the
 // faults not at all.
+#include <mutex>
+
 #include "zolock.h"
 #include "zomtobj.h"
 
@@ -33,6 +35,13 @@ public:
 #endif
         Safe();
         accounts.unlock();
+    }
+    void TrySafe() {
+#if FAULT != 7
+        if (!plan.try_lock_shared()) return;
+#endif
+        plan.unlock_shared();
+        std::unique_lock<ZoSharedSection> const writer(plan, std::try_to_lock);
     }
     void Managed(ZoThreadMgr& manager) {
 #if FAULT == 5

@@ -7,7 +7,7 @@ compile() {
         -Werror -DFAULT="$1" -I"$2/include" -I"$2/platform" "$2/tests/annotations.cpp" 2>&1
 }
 compile 0 "$1"
-for fault in 1 2 3 4 5 6; do
+for fault in 1 2 3 4 5 6 7; do
     if said=$(compile "$fault" "$1"); then
         echo "fault $fault is not found" && exit 1
     fi

@@ -219,6 +219,21 @@ TEST_F(Marks, AWriterClosesTheGateAndAnnouncesItselfBeforeTheBarrier) {
     reader.join();
 }
 
+// The reader's mark becomes visible by the barrier only.
+TEST_F(Marks, ATryToWriteThatMeetsOneOpensTheGateAgain) {
+    ZoReadMark& mark = ZoTLS::GetThreadLocalStorage()->readMarks.marks[0];
+    atBarrier = [&] { mark.mutex = AddressOf(mutex.get()) | IsRead; };
+    EXPECT_EQ(ZoTryStartRW(mutex.get(), Write), 0);
+    atBarrier = nullptr;
+    EXPECT_EQ(ReadMarks::announced, 0U);
+    mark.mutex = AddressOf(mutex.get());
+    mutex->StartRW(Read, 0);
+    EXPECT_EQ(ReadMarks::Count(mutex.get()), 1);
+    mutex->EndRW(Read);
+    EXPECT_EQ(ZoTryStartRW(mutex.get(), Write), 1);
+    mutex->EndRW(Write);
+}
+
 // The writer destroys the mutex as soon as the reader's mark is gone.
 TEST_F(Marks, AReaderThatEndsTouchesTheMutexNoMore) {
     for (int round = 0; round < 300; ++round) {

@@ -18,6 +18,7 @@
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
+#include "zosleep.h"
 
 using namespace zotest;
 using namespace std::chrono_literals;
@@ -62,7 +63,99 @@ TEST_P(StandardLocks, TryTellsWhetherTheSectionIsFree) {
     EXPECT_TRUE(services.Messages().empty());
 }
 
-// No order of the two is wrong for std::scoped_lock, and each thread gets its turn.
+// Each row: the levels that a thread starts (r, w) and ends (R, W); then whether it may read and
+// write beyond them, and whether another thread may, without a wait.
+TEST_P(StandardLocks, TryTellsWhetherTheSharedSectionMayBeReadOrWritten) {
+    class Host : public ZoGenRW_Mutex {};
+    struct {
+        ZoRW_Mutex* made;
+        char const* steps;
+        bool read, write, otherRead, otherWrite;
+    } const rows[] = {
+        {ZoRW_Mutex::Make(nullptr), "", true, true, true, true},
+        {ZoRW_Mutex::Make(nullptr), "wW", true, true, true, true},
+        {ZoRW_Mutex::Make(nullptr), "r", true, false, true, false},
+        {ZoRW_Mutex::Make(nullptr), "wWr", true, false, true, false},
+        {ZoRW_Mutex::Make(nullptr), "w", true, true, false, false},
+        {ZoRW_Mutex::Make(nullptr), "wr", true, true, false, false},
+        {new ZoRW_Mutex, "rw", true, true, true, true},
+        {new Host, "", false, false, false, false},
+    };
+    for (auto const& [made, steps, read, write, otherRead, otherWrite] : rows) {
+        SCOPED_TRACE(steps);
+        std::unique_ptr<ZoRW_Mutex> const mutex(made);
+        for (char const* step = steps; *step != '\0'; ++step) {
+            int const mode = *step == 'w' || *step == 'W';
+            *step == 'r' || *step == 'w' ? mutex->StartRW(mode, 0) : mutex->EndRW(mode);
+        }
+        std::string const before = InfoOf(made);
+        auto const mayEnter = [&, made = made](int mode) {
+            bool const may = ZoTryStartRW(made, mode) != 0;
+            if (may) made->EndRW(mode);
+            EXPECT_EQ(InfoOf(made), before);
+            return may;
+        };
+        for (int twice = 0; twice < 2; ++twice) {
+            EXPECT_EQ(mayEnter(0), read);
+            EXPECT_EQ(mayEnter(-7), write);
+            std::thread([&, r = otherRead, w = otherWrite] {
+                EXPECT_EQ(mayEnter(0), r);
+                EXPECT_EQ(mayEnter(1), w);
+            }).join();
+        }
+        made->ForceRelease();
+    }
+    EXPECT_TRUE(services.Messages().empty());
+    EXPECT_TRUE(services.Assertions().empty());
+}
+
+// Beside threads that wait, and a writer that waits for a reader; what is written is plain memory.
+TEST_P(StandardLocks, TriesKeepOthersOutAndAreInNobodysWay) {
+    ZoSharedSection shared;
+    std::string const before = InfoOf(&shared.Get());
+    constexpr int Rounds = 3000;
+    long left = 0, right = 0;
+    std::atomic<long> writes{0};
+    auto const read = [&] { EXPECT_EQ(left, right); };
+    auto const write = [&] {
+        ++left;
+        if (++writes % 8 == 0) ZoThreadSwitch();
+        ++right;
+    };
+    OnThreads(6, [&](int thread) {
+        for (int i = 0; i < Rounds; ++i) {
+            if (i % 2 == 0) {
+                std::shared_lock<ZoSharedSection> reader(shared, std::defer_lock);
+                if (thread == 0) reader.lock();
+                if (reader || reader.try_lock()) read();
+            } else {
+                std::unique_lock<ZoSharedSection> writer(shared, std::defer_lock);
+                if (thread == 1) writer.lock();
+                if (writer || writer.try_lock()) write();
+            }
+            watchdog.Progress();
+        }
+    });
+    EXPECT_EQ(left, writes);
+    EXPECT_EQ(right, writes);
+    EXPECT_EQ(InfoOf(&shared.Get()), before);
+    // A gate that a try has closed is open again: the condition's lock is not needed at an end.
+    ZoSharedHold reader(shared);
+    EXPECT_EQ(WordOf<Condition>(&shared.Get(), 4)->SetConditionApp(nullptr, nullptr), 0);
+    // The waiting writer comes first.
+    CancelWhen(
+        [&] {
+            if (NumberAfter(InfoOf(&shared.Get()), "wait_wr #") == 0) return false;
+            EXPECT_FALSE(shared.try_lock_shared());
+            EXPECT_FALSE(shared.try_lock());
+            return true;
+        },
+        [&] { shared.lock(); });
+    EXPECT_TRUE(shared.try_lock_shared());
+    shared.unlock_shared();
+}
+
+// No order of them is wrong for std::scoped_lock, and each thread gets its turn.
 TEST_P(StandardLocks, ExcludeWhicheverLockHoldsThem) {
     ZoSection one("one"), two("two");
     ZoSharedSection shared;
@@ -79,7 +172,7 @@ TEST_P(StandardLocks, ExcludeWhicheverLockHoldsThem) {
             }
             ZoSection &first = thread % 2 == 0 ? one : two, &second = thread % 2 == 0 ? two : one;
             {
-                std::scoped_lock both(first, second);
+                std::scoped_lock all(first, shared, second);
                 std::lock_guard<ZoSection> again(first);
                 ++ofTwo;
             }
