@@ -1,8 +1,11 @@
-// What the library tells valgrind's checkers of threads, helgrind and drd, in a build for them
-// (ZO_VALGRIND). In every other build all of this is nothing.
+// What the library tells checkers of threads: ThreadSanitizer in a build with it, and valgrind's
+// helgrind and drd in a build for them (ZO_VALGRIND). In every other build all of this is nothing.
 //
-// The tools know the system library's locks. They take an access to an atomic for a plain one, so
-// two threads' use of it looks like a race, and what it orders looks unordered. Hence:
+// All of them know the system library's locks. ThreadSanitizer also sees atomics and what they
+// order, and is only told of a reader/writer mutex that it is one, so that its reports name it and
+// it sees the order in which it is taken with others. Valgrind's tools take an access to an atomic
+// for a plain one, so two threads' use of it looks like a race, and what it orders looks unordered.
+// Hence:
 //
 //     what is told                     where                        what the tools make of it
 //     AreAtomic                        an atomic is made            they do not check that word;
@@ -16,6 +19,8 @@
 //                                      wait without a limit         wait
 //
 // An order is told only where the code relies on it: each that is told may hide a race of the host.
+// ThreadSanitizer is told none: what it is told of a lock it would take for an order, and not see
+// that one is missing in the lock itself.
 
 #ifndef KELVARA_SRC_CHECKERS_H_
 #define KELVARA_SRC_CHECKERS_H_
@@ -30,6 +35,21 @@
 #include <valgrind/helgrind.h>
 
 #include "cancellation.h"
+#endif
+
+#if defined(__SANITIZE_THREAD__)
+#define ZO_THREAD_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZO_THREAD_SANITIZER
+#endif
+#endif
+
+#ifdef ZO_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
+
+extern "C" void AnnotateIgnoreSyncBegin(char const* file, int line);
+extern "C" void AnnotateIgnoreSyncEnd(char const* file, int line);
 #endif
 
 namespace checkers {
@@ -128,6 +148,47 @@ inline void WriteBegins(void* lock, Entry) {
 }
 inline void WriteEnds(void* lock) {
     ANNOTATE_RWLOCK_RELEASED(lock, 1L);
+}
+
+#elif defined(ZO_THREAD_SANITIZER)
+
+// For a scope in which what is told of a lock is told without an order.
+class OrderIsUntold {
+public:
+    OrderIsUntold() { AnnotateIgnoreSyncBegin(__FILE__, __LINE__); }
+    OrderIsUntold(OrderIsUntold const&) = delete;
+    OrderIsUntold& operator=(OrderIsUntold const&) = delete;
+    ~OrderIsUntold() { AnnotateIgnoreSyncEnd(__FILE__, __LINE__); }
+};
+
+inline void LockIsMade(void* lock) {
+    __tsan_mutex_create(lock, __tsan_mutex_not_static);
+}
+inline void LockIsGone(void* lock) {
+    __tsan_mutex_destroy(lock, __tsan_mutex_not_static);
+}
+inline void Begins(void* lock, unsigned mode, Entry entry) {
+    OrderIsUntold const untold;
+    unsigned const flags = mode | (entry == MayWait ? 0U : __tsan_mutex_try_lock);
+    __tsan_mutex_pre_lock(lock, flags);
+    __tsan_mutex_post_lock(lock, flags, 0);
+}
+inline void Ends(void* lock, unsigned mode) {
+    OrderIsUntold const untold;
+    __tsan_mutex_pre_unlock(lock, mode);
+    __tsan_mutex_post_unlock(lock, mode);
+}
+inline void ReadBegins(void* lock, Entry entry) {
+    Begins(lock, __tsan_mutex_read_lock, entry);
+}
+inline void ReadEnds(void* lock) {
+    Ends(lock, __tsan_mutex_read_lock);
+}
+inline void WriteBegins(void* lock, Entry entry) {
+    Begins(lock, 0, entry);
+}
+inline void WriteEnds(void* lock) {
+    Ends(lock, 0);
 }
 
 #else

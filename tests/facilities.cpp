@@ -601,16 +601,29 @@ void OutsideTheSection() {
 // Both write under a read.
 void WriteUnderRead() {
     std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
-    // Both have their record before: one that is made after another has gone is ordered after it.
-    std::atomic<int> ready{0};
+    // At once: one who comes after another has gone is ordered after it.
+    std::atomic<int> reading{0};
     OnThreads(2, [&](int) {
-        ZoTLS::GetThreadLocalStorage();
-        ++ready;
-        Await([&] { return ready == 2; });
         mutex->StartRW(0, ZoNoLimit);
+        ++reading;
+        Await([&] { return reading == 2; });
         ++shared;
         mutex->EndRW(0);
     });
+}
+
+// One after the other, so that nothing happens yet.
+void InvertOrder() {
+    std::unique_ptr<ZoRW_Mutex> const one(ZoRW_Mutex::Make(nullptr));
+    std::unique_ptr<ZoRW_Mutex> const two(ZoRW_Mutex::Make(nullptr));
+    auto const both = [](ZoRW_Mutex& first, ZoRW_Mutex& second) {
+        first.StartRW(0, ZoNoLimit);
+        second.StartRW(1, ZoNoLimit);
+        second.EndRW(1);
+        first.EndRW(0);
+    };
+    std::thread(both, std::ref(*one), std::ref(*two)).join();
+    std::thread(both, std::ref(*two), std::ref(*one)).join();
 }
 
 // The appender goes on with what it has handed over.
@@ -637,6 +650,7 @@ struct Fault {
 };
 Fault const Faults[] = {{"outside-section", OutsideTheSection},
                         {"write-under-read", WriteUnderRead},
+                        {"inverted-order", InvertOrder},
                         {"change-after-append", ChangeAfterAppend}};
 
 }  // namespace
