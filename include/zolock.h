@@ -30,6 +30,8 @@
 #include <chrono>
 #include <memory>
 #include <new>
+#include <system_error>
+#include <type_traits>
 
 #include "rw_mutex.h"
 #include "zocond.h"
@@ -71,14 +73,15 @@ public:
         if (mutex == nullptr) throw std::bad_alloc();
     }
 
-    // As StartRW, ZoTryStartRW and EndRW; the shared ones read, the others write. A try is false
+    // As StartRW, ZoTryStartRW and EndRW; the shared ones read, the others write. Where StartRW
+    // enters nothing these throw std::system_error (resource_unavailable_try_again). A try is false
     // where it would wait, or seemed to.
-    void lock() ZO_ACQUIRE() ZO_NOT_ANALYSED { mutex->StartRW(1, ZoNoLimit); }
+    void lock() ZO_ACQUIRE() ZO_NOT_ANALYSED { Start(1); }
     bool try_lock() ZO_TRY_ACQUIRE(true) ZO_NOT_ANALYSED {
         return ZoTryStartRW(mutex.get(), 1) != 0;
     }
     void unlock() ZO_RELEASE() ZO_NOT_ANALYSED { mutex->EndRW(1); }
-    void lock_shared() ZO_ACQUIRE_SHARED() ZO_NOT_ANALYSED { mutex->StartRW(0, ZoNoLimit); }
+    void lock_shared() ZO_ACQUIRE_SHARED() ZO_NOT_ANALYSED { Start(0); }
     bool try_lock_shared() ZO_TRY_ACQUIRE_SHARED(true) ZO_NOT_ANALYSED {
         return ZoTryStartRW(mutex.get(), 0) != 0;
     }
@@ -88,6 +91,11 @@ public:
     ZoRW_Mutex& Get() const { return *mutex; }
 
 private:
+    void Start(int mode) {
+        if (mutex->StartRW(mode, ZoNoLimit) == ZoSuccess) return;
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+    }
+
     std::unique_ptr<ZoRW_Mutex> mutex;
 };
 
@@ -102,16 +110,22 @@ public:
     ~ZoHold() ZO_RELEASE() { Leave(held); }
 
 private:
-    template <class Any>
-    static void Take(Any& lock) ZO_NOT_ANALYSED {
-        lock.lock();
+    static constexpr bool IsSection = std::is_base_of_v<ZoCritSect, Lock>;
+
+    static void Take(Lock& lock) ZO_NOT_ANALYSED {
+        if constexpr (IsSection) {
+            lock.Begin();
+        } else {
+            lock.lock();
+        }
     }
-    static void Take(ZoCritSect& section) ZO_NOT_ANALYSED { section.Begin(); }
-    template <class Any>
-    static void Leave(Any& lock) ZO_NOT_ANALYSED {
-        lock.unlock();
+    static void Leave(Lock& lock) ZO_NOT_ANALYSED {
+        if constexpr (IsSection) {
+            lock.Exit();
+        } else {
+            lock.unlock();
+        }
     }
-    static void Leave(ZoCritSect& section) ZO_NOT_ANALYSED { section.Exit(); }
 
     Lock& held;
 };
@@ -303,7 +317,8 @@ public:
         Test<Predicate> test(done);
         for (;;) {
             // Never without a limit: the clock may be set.
-            unsigned long const left = ZoMilliseconds(limit - Clock::now());
+            auto const now = Clock::now();
+            unsigned long const left = limit > now ? ZoMilliseconds(limit - now) : 0;
             if (IsOver(test, left < LongestWait ? left : LongestWait)) return true;
             if (Clock::now() >= limit) return false;
         }
@@ -312,6 +327,7 @@ public:
     bool WaitFor(std::chrono::duration<Rep, Period> limit, Predicate&& done) {
         using Clock = std::chrono::steady_clock;
         constexpr auto Longest = std::chrono::hours(24 * 365 * 100);
+        if (!(limit > limit.zero())) return WaitUntil(Clock::time_point::min(), done);
         auto const now = Clock::now();
         return WaitUntil(
             limit < Longest ? now + std::chrono::ceil<Clock::duration>(limit) : now + Longest,

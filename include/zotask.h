@@ -171,7 +171,8 @@ struct Nothing {};
 template <class Result>
 class CallFor : public Call {
 public:
-    // Once, after the end.
+    // The two after the end; Take once.
+    bool HasOutcome() const { return value || error != nullptr; }
     Result Take() {
         if (error != nullptr) std::rethrow_exception(std::move(error));
         if (!value) throw Cancelled();
@@ -190,7 +191,8 @@ protected:
                 std::invoke(function);
                 value.emplace();
             } else if constexpr (std::is_reference_v<Result>) {
-                value.emplace(std::addressof(std::invoke(function)));
+                auto&& referred = std::invoke(function);
+                value.emplace(std::addressof(referred));
             } else {
                 value.emplace(std::invoke(function));
             }
@@ -239,6 +241,8 @@ public:
     bool IsEmpty() const { return call == nullptr; }
     // Whether Get would return, or throw, without waiting or running the call.
     bool HasEnded() const { return call->HasEnded(); }
+    // Whether the call, or the thread that ran it, has been cancelled: Get would throw Cancelled.
+    bool IsCancelled() const { return call->HasEnded() && !call->HasOutcome(); }
     // Waits until the call has ended. Runs it if no worker has begun to.
     void Wait() const {
         if (call->Claim()) {
@@ -383,7 +387,9 @@ public:
     // Waits for those that have begun. Throws the exception of one that has thrown.
     void Collect() {
         for (Task<void>& task : tasks) {
-            if (!task.Cancel()) task.Get();
+            if (task.Cancel()) continue;
+            task.Wait();
+            if (!task.IsCancelled()) task.Get();  // the end of the queue cancels them
         }
     }
 
@@ -427,7 +433,10 @@ public:
     Pool(Pool const&) = delete;
     Pool& operator=(Pool const&) = delete;
     ~Pool() {
-        monitor.ChangeForAll([this] { wanted = threads; });
+        monitor.ChangeForAll([this] {
+            wanted = threads;
+            isEnding = true;
+        });
     }
 
     // Wants that many workers, at least one. Those that are missing are there when this returns,
@@ -435,6 +444,7 @@ public:
     // now has been begun.
     void SetWorkers(int count) {
         monitor.ChangeForAll([this, count] {
+            if (isEnding) return;
             wanted = std::max(count, 1);
             while (threads < wanted && SafeStartThread()) {
             }
@@ -475,8 +485,10 @@ private:
     int Working() const { return threads - sleeping; }
     // No thread of the queue ever leaves it, so their number tells whether one has come.
     bool SafeStartThread() {
+        int const before = threads;
         queue->IncreaseThreadCount();
-        return std::exchange(threads, queue->ThreadCount()) < threads;
+        threads = queue->ThreadCount();
+        return threads > before;
     }
     bool SafeRequestSleep() {
         auto* const request = new (std::nothrow) SleepRequest(*this);
@@ -506,6 +518,7 @@ private:
     int threads = 1;                                // of the queue
     int sleeping = 0;                               // of those; always fewer
     int requests = 0;                               // that no worker has taken yet
+    bool isEnding = false;                          // a call that still runs may change nothing
     std::unique_ptr<ZoWorkQueue, Destroyer> queue;  // destroyed before the monitor
 };
 

@@ -107,6 +107,11 @@ TEST_P(StandardLocks, TryTellsWhetherTheSharedSectionMayBeReadOrWritten) {
     }
     EXPECT_TRUE(services.Messages().empty());
     EXPECT_TRUE(services.Assertions().empty());
+    ZoSharedSection deep;
+    for (int level = 0; level < 65535; ++level) deep.lock_shared();
+    EXPECT_THROW(deep.lock_shared(), std::system_error);
+    EXPECT_FALSE(deep.try_lock_shared());
+    deep.Get().ForceRelease();
 }
 
 // Beside threads that wait, and a writer that waits for a reader; what is written is plain memory.
@@ -158,6 +163,7 @@ TEST_P(StandardLocks, TriesKeepOthersOutAndAreInNobodysWay) {
 // No order of them is wrong for std::scoped_lock, and each thread gets its turn.
 TEST_P(StandardLocks, ExcludeWhicheverLockHoldsThem) {
     ZoSection one("one"), two("two");
+    PosixCritSect three("three");
     ZoSharedSection shared;
     constexpr int Threads = 4, Rounds = 2000;
     long ofOne = 0, ofTwo = 0, ofShared = 0, seen = 0;
@@ -185,7 +191,8 @@ TEST_P(StandardLocks, ExcludeWhicheverLockHoldsThem) {
                 ZoSharedHold again(shared);
                 if (ofShared <= long{Threads} * Rounds) watchdog.Progress();
             }
-            ZoHold hold(two.Get());
+            ZoHold hold(three);
+            ZoHold again(two.Get());
             ++seen;
         }
     });
@@ -245,6 +252,9 @@ TEST_F(Monitors, WaitUntilAPredicateIsTrue) {
 }
 
 TEST_F(Monitors, EndWhenTheTimeIsOverHoweverOftenTheyAreWoken) {
+    EXPECT_FALSE(monitor.WaitFor(std::chrono::hours::min(), [] { return false; }));
+    using Clock = std::chrono::system_clock;
+    EXPECT_FALSE(monitor.WaitUntil(Clock::time_point::min(), [] { return false; }));
     for (auto const limit : {0ms, -5ms, 30ms}) {
         auto const start = std::chrono::steady_clock::now();
         EXPECT_FALSE(monitor.WaitFor(limit, [] { return false; }));

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "alloc_fault.h"
 #include "cancelled.h"
 #include "services.h"
 #include "watchdog.h"
@@ -57,6 +58,8 @@ TEST_P(Tasks, GiveTheCollectorTheirResultOrException) {
     int word = 0;
     EXPECT_EQ(Submit(*queue, [] { return std::make_unique<int>(5); }).Get().operator*(), 5);
     EXPECT_EQ(&Submit(*queue, [&]() -> int& { return word; }).Get(), &word);
+    int&& moved = Submit(*queue, [&]() -> int&& { return std::move(word); }).Get();
+    EXPECT_EQ(&moved, &word);
     Task<void> nothing = Submit(*queue, [&] { word = 7; });
     nothing.Get();
     EXPECT_EQ(word, 7);
@@ -135,8 +138,11 @@ TEST_P(Tasks, LoopsCallEachPlaceOnce) {
         }
     }
     std::atomic<long> sum{0};
-    ParallelFor(*queue, -100, 100,
-                [&](int i) { ParallelFor(*queue, 0, 3, [&](int) { sum += i; }); });
+    Task<void> const nested = Submit(*queue, [&] {
+        ParallelFor(*queue, -100, 100,
+                    [&](int i) { ParallelFor(*queue, 0, 3, [&](int) { sum += i; }); });
+    });
+    Await([&] { return nested.HasEnded(); });
     ParallelFor(*queue, 5, -5, [&](int) { sum = 1; });
     EXPECT_EQ(sum, -300);
     // The first exception ends the loop, on whichever thread; none is lost, none is left running.
@@ -164,7 +170,38 @@ TEST_P(Tasks, LoopsCallEachPlaceOnce) {
                        SysSleep(100);
                    });
                });
+    queue->Terminate();
+    sum = 0;
+    ParallelFor(*queue, 0, 100, [&](int i) { sum += i; });
+    EXPECT_EQ(sum, 4950) << "without the workers of a terminated queue";
     release.count_down();
+}
+
+TEST_P(Tasks, FailWholeWhereMemoryRunsOut) {
+    NEEDS_ALLOC_FAULTS();
+    std::atomic<int> runs{0};
+    int submitted = 0;
+    FailEachAllocation([&](AllocFault const&) {
+        try {
+            Task<void> const task = Submit(*queue, [&] { ++runs; });
+            ++submitted;
+            Await([&] { return task.HasEnded(); });
+        } catch (std::bad_alloc const&) {
+        }
+    });
+    EXPECT_EQ(runs, submitted);
+    FailEachAllocation([&](AllocFault const&) {
+        runs = 0;
+        ParallelFor(*queue, 0, 50, [&](int) { ++runs; });
+        EXPECT_EQ(runs, 50);
+    });
+    FailEachAllocation([&](AllocFault const&) {
+        try {
+            zotask::Pool pool(GetParam());
+            EXPECT_GE(pool.Workers(), 1);
+        } catch (std::bad_alloc const&) {
+        }
+    });
 }
 
 TEST(TaskPool, HasTheWorkersThatWereWantedLast) {
@@ -191,6 +228,17 @@ TEST(TaskPool, HasTheWorkersThatWereWantedLast) {
     Task<void> const meets = Submit(pool, [&] { both.arrive_and_wait(); });
     Submit(pool, [&] { both.arrive_and_wait(); });
     Await([&] { return meets.HasEnded(); });
+    // A call that still runs when the pool ends.
+    for (int round = 0; round < 100; ++round) {
+        std::latch begun(1);
+        zotask::Pool ending(4);
+        Submit(ending, [&] {
+            begun.count_down();
+            for (int i = 0; i < 500; ++i) ending.SetWorkers(i % 2 == 0 ? 4 : 1);
+        });
+        begun.wait();
+        watchdog.Progress();
+    }
 }
 
 }  // namespace
