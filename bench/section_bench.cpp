@@ -38,6 +38,19 @@ void GuardedByHand(benchmark::State& state) {
     }
 }
 
+void Tried(benchmark::State& state) {
+    ZoSection section("bench");
+    for (auto _ : state) std::unique_lock<ZoSection> const hold(section, std::try_to_lock);
+}
+
+void TriedByHand(benchmark::State& state) {
+    ZoSection section("bench");
+    ZoCritSect& plain = section.Get();
+    for (auto _ : state) {
+        if (ZoTryBegin(&plain) != 0) plain.Exit();
+    }
+}
+
 class Peer {
 public:
     void Enter() { mutex.lock(); }
@@ -98,6 +111,8 @@ BENCHMARK(EnterFree<Ours>)->Name("enter + leave, free/zo");
 BENCHMARK(EnterFree<Peer>)->Name("enter + leave, free/std::recursive_mutex");
 BENCHMARK(Guarded)->Name("std::lock_guard, free/zo");
 BENCHMARK(GuardedByHand)->Name("std::lock_guard, free/the plain calls");
+BENCHMARK(Tried)->Name("std::unique_lock, tried/zo");
+BENCHMARK(TriedByHand)->Name("std::unique_lock, tried/the plain calls");
 BENCHMARK(ReEnter<Ours>)->Name("re-enter + leave/zo");
 BENCHMARK(ReEnter<Peer>)->Name("re-enter + leave/std::recursive_mutex");
 BENCHMARK(Contended<Ours>)
