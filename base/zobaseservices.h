@@ -58,7 +58,8 @@ ZO_BASE_API ZoLog* ZoSetSystemLog(ZoLog* log);
 // Installs another message service.
 ZO_BASE_API ZoMessageService* ZoSetMessageService(ZoMessageService* service);
 // The stand-in's own configuration counts as null here: it is absent where there is no file, and a
-// setter should not be what reads the file. DefaultConfig gives it to who wants to pass on to it.
+// setter should not be what reads the file. A service that passes questions on gets it from
+// DefaultConfig.
 ZO_BASE_API ZoConfig* ZoSetDefaultConfig(ZoConfig* configuration);
 
 // Called by ZOVA_assert in place of its own report.

@@ -28,8 +28,8 @@
 // context, and it may be set up again. Any other object that cannot be made is absent.
 //
 // A forked child has the context of its parent, the chain complete and free, and may tear it down.
-// No thread forks during set-up or tear-down. fork() does not wait for who walks the chain or holds
-// csDLD: a deadlock report may be waiting for its answer.
+// No thread forks during set-up or tear-down. fork() waits for no thread that walks the chain or
+// holds csDLD: a deadlock report may be waiting for its answer.
 //
 // Also here: _Thread, the system thread as the library's portable part sees it.
 

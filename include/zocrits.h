@@ -169,7 +169,7 @@ extern ZO_API ZoCritSect* csDLD;
 // names the calling thread, the section and its owner as the reports do:
 //
 //     Exit by a thread that does not own it     nothing changes
-//     destroyed while owned or waited for       it is destroyed; who waits for it never gets it
+//     destroyed while owned or waited for       it is destroyed; its waiters never get it
 //
 // Not told is the destruction of a section whose owner has ended, which was told then, unless it is
 // waited for; and in a child made by fork() that of a section of the parent's. The section of a
