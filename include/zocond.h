@@ -148,6 +148,7 @@ private:
     Sleeper* lastSleeper = nullptr;
     ZoWaitFigures figures;
     std::atomic<ZoQueueFigures*> queueFigures{nullptr};  // of the queue whose condition this is
+    ZoSynchroObj const* partOf = nullptr;                // the mutex that it is in, or null
 };
 
 // Counts the users of a resource.

@@ -118,6 +118,7 @@ private:
     friend int ZoTryBegin(ZoCritSect* section);
     friend bool GraphIsFree();
     friend class WaitForGraph;
+    friend void SetWhole(ZoCritSect* part, ZoSynchroObj const* whole);
 
     ZO_INTERNAL PosixCritSect(char const* name, ChainLock const& held);
 
@@ -132,7 +133,8 @@ private:
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
     std::atomic<unsigned long> ownerNumber;  // the owner's number in this process
     ZoWaitFigures figures;                   // of those who blocked in Begin
-    bool isWrapped = false;                  // in a detecting section, which tells of it
+    // The detecting section or the mutex that it is in, which tells of it; null: it is in none.
+    ZoSynchroObj const* partOf = nullptr;
 };
 
 // The section "DeadLockDetectionCS", which guards the wait-for graph: what every thread's record
@@ -202,6 +204,7 @@ private:
     friend class Misuse;
     friend class ZoThreadMgr;
     friend void UnchainSection(ZoCritSect* section);
+    friend void SetWhole(ZoCritSect* part, ZoSynchroObj const* whole);
     friend bool TryBegin(ZoCritSect& section);
     friend int ZoTryBegin(ZoCritSect* section);
 

@@ -14,6 +14,8 @@ void HandleChaining(ZoSynchroObj* object, int insert);
 // is in the chain itself and releases its inner section as part of its own release. That lock also
 // tells of its own destruction while it is in use, so the section does not.
 void UnchainSection(ZoCritSect* section);
+// Lets `whole` be told where a thread waits for the section, its part.
+void SetWhole(ZoCritSect* part, ZoSynchroObj const* whole);
 
 // Cuts every link of the chain. Objects that outlive the library context may be destroyed under the
 // next one, which would follow their links to neighbours that are gone by then.

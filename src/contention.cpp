@@ -78,7 +78,7 @@ private:
         } else if (auto* const plain = dynamic_cast<PosixCritSect*>(&section)) {
             kind = ZoSynchroKind::Section;
             owner = reinterpret_cast<void*>(plain->owner.load(std::memory_order_relaxed));
-            isPart = plain->isWrapped;
+            isPart = plain->partOf != nullptr;
         }
     }
 

@@ -10,6 +10,7 @@
 
 #include "call_stack.h"
 #include "cancellation.h"
+#include "probes.h"
 #include "rw_mutex.h"
 #include "rw_record.h"
 #include "zobase.h"
@@ -65,8 +66,14 @@ void Describe(Wait const& wanted, char* buffer, int size) {
     }
 }
 
+void TellTracers(ZoTLS const* me, Wait const& wanted) {
+    if (wanted.section != nullptr) return probes::DeadlockFound(*wanted.section, me);
+    probes::DeadlockFound(*wanted.readersOf, me);
+}
+
 void ReportDeadlock(ZoTLS* me, Wait const& wanted) ZO_REQUIRES(csDLD) {
     CancellationDeferred deferred;
+    TellTracers(me, wanted);
     WriteReport(me, wanted);
     char description[1024];
     Describe(wanted, description, sizeof description);

@@ -250,15 +250,15 @@ bool MarksWithdrawal::MarksAreOut() const {
     return SafeLook(mutex).marks != 0;
 }
 
-void MarksWithdrawal::WaitForNone(ZoWaitFigures& figures) {
+void MarksWithdrawal::WaitForNone(ZoWaitFigures& figures, ZoSynchroObj const& told) {
     if (!isAnnounced) return;
     Hold const hold;
-    if (SafeLook(mutex).marks != 0) SafeSleep(figures);
+    if (SafeLook(mutex).marks != 0) SafeSleep(figures, told);
     SafeLeave();
 }
 
-void MarksWithdrawal::SafeSleep(ZoWaitFigures& figures) {
-    MeasuredWait const wait(figures);
+void MarksWithdrawal::SafeSleep(ZoWaitFigures& figures, ZoSynchroObj const& told) {
+    MeasuredWait const wait(figures, told, true);
     do checkers::Wait(&woken, &marksLock);
     while (SafeLook(mutex).marks != 0);
 }

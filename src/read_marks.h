@@ -141,9 +141,9 @@ public:
     ~MarksWithdrawal();
 
     bool MarksAreOut() const;
-    // Sleeps, without limit, until no mark is left; the wait is added to `figures`. A cancellation
-    // point.
-    void WaitForNone(ZoWaitFigures& figures);
+    // Sleeps, without limit, until no mark is left; the wait is added to `figures`, and tracers are
+    // told of it as one for the object `told`. A cancellation point.
+    void WaitForNone(ZoWaitFigures& figures, ZoSynchroObj const& told);
 
     // What follows is for the lists of read_marks.cpp.
     std::uintptr_t const mutex;
@@ -158,7 +158,7 @@ public:
 
 private:
     void SafeLeave();
-    void SafeSleep(ZoWaitFigures& figures);
+    void SafeSleep(ZoWaitFigures& figures, ZoSynchroObj const& told);
 
     bool isAnnounced = false;
 };

@@ -6,6 +6,7 @@
 #define KELVARA_SRC_RW_FAST_H_
 
 #include "checkers.h"
+#include "probes.h"
 #include "read_marks.h"
 #include "rw_gate.h"
 #include "rw_mutex.h"
@@ -37,6 +38,7 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
     if (mark == nullptr && !TryEnterCounted(me)) [[unlikely]]
         return false;
     checkers::ReadBegins(this, mayWait ? checkers::MayWait : checkers::NeverWaits);
+    probes::ReaderAdmitted(*this, me);
     AddSpareRwRecord(me, this, OneRead, mark);
     return true;
 }

@@ -12,6 +12,7 @@
 #include "deadlock_io.h"
 #include "mark_policy.h"
 #include "misuse.h"
+#include "probes.h"
 #include "read_marks.h"
 #include "rw_fast.h"
 #include "section_try.h"
@@ -161,7 +162,7 @@ private:
 
     // New readers of either kind stay out, so the two waits may come one after the other.
     void Sleep(MarksWithdrawal& marks) {
-        marks.WaitForNone(figures);
+        marks.WaitForNone(figures, mutex);
         readers.WaitForCondition(0, ZoNoLimit);
         admitted = true;
     }
@@ -302,6 +303,8 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
       isDetecting(exclusive != nullptr && typeid(*exclusive) == typeid(ZoDLDCritSect)) {
     checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters);
     checkers::LockIsMade(this);
+    SetWhole(exclusive, this);
+    if (readers != nullptr) static_cast<POSIXCondition*>(readers)->partOf = this;
 }
 
 ZoGenRW_Mutex::~ZoGenRW_Mutex() {
@@ -380,6 +383,7 @@ void ZoGenRW_Mutex::StartRead(ZoTLS* me, ZoRWRecord& record) {
     if (record.holdings == 0) {
         if (!TryAdmitReader(me, record)) QueueToRead();
         checkers::ReadBegins(this, checkers::MayWait);
+        probes::ReaderAdmitted(*this, me);
     }
     record.holdings += OneRead;
 }
@@ -420,7 +424,10 @@ void ZoGenRW_Mutex::StartWrite(ZoRWRecord& record, void* identity) {
 }
 
 void ZoGenRW_Mutex::BeginWrite(ZoRWRecord& record, ZoUInt32 before, void* identity) {
-    if (WriteDepth(before) == 0) owner.store(identity, std::memory_order_relaxed);
+    if (WriteDepth(before) == 0) {
+        owner.store(identity, std::memory_order_relaxed);
+        probes::WriterAdmitted(*this, identity);
+    }
     CheckWriterLevel(WriteDepth(before), 271);
     record.holdings = before + OneWrite;
     AddToWriterLevel(1);

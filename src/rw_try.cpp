@@ -9,6 +9,7 @@
 
 #include "checkers.h"
 #include "mark_policy.h"
+#include "probes.h"
 #include "read_marks.h"
 #include "rw_fast.h"
 #include "schedule_point.h"
@@ -35,6 +36,7 @@ bool ZoGenRW_Mutex::TryStart(int mode) {
     if (mode == 0) {
         if (!TryAdmitReader(me, *record)) return false;
         checkers::ReadBegins(this, checkers::NeverWaits);
+        probes::ReaderAdmitted(*this, me);
         record->holdings = OneRead;
     } else {
         if (!TryAdmitWriter()) return false;

@@ -8,6 +8,7 @@
 #include "cancellation.h"
 #include "checkers.h"
 #include "ending_threads.h"
+#include "probes.h"
 #include "thrdimp.h"
 #include "thread_life.h"
 #include "trace.h"
@@ -27,13 +28,29 @@ ZoResourceWatcher* CountIn(ZoResourceWatcher* watcher) {
     return watcher != nullptr && watcher->IncrementCounter() >= 0 ? watcher : nullptr;
 }
 
-// Every tool shows the thread by it. The system keeps 15 characters; a thread without a name of its
-// own keeps that of the process.
-void NameSystemThread(char const* name) {
-    char kept[16] = "";
-    std::strncpy(kept, name, sizeof kept - 1);
-    if (kept[0] != '\0') pthread_setname_np(pthread_self(), kept);
-}
+// What tools know of a thread, for as long as it is in its entry, however it ends: the thread
+// object and its name may be gone by then.
+class ToldThread {
+public:
+    explicit ToldThread(ZoThread const* thread, char const* name) : object(thread) {
+        std::strncpy(kept, name, sizeof kept - 1);
+        if (ThreadLife::current != nullptr) NameSystemThread();
+        probes::ThreadStarted(object, kept);
+    }
+    ToldThread(ToldThread const&) = delete;
+    ToldThread& operator=(ToldThread const&) = delete;
+    ~ToldThread() { probes::ThreadEnded(object, kept, identity); }
+
+private:
+    // Every tool shows the thread by it; one without a name of its own keeps that of the process.
+    void NameSystemThread() const {
+        if (kept[0] != '\0') pthread_setname_np(pthread_self(), kept);
+    }
+
+    void const* const object;
+    ZoTLS const* const identity = currentRecord;
+    char kept[16] = "";  // the system keeps 15 characters
+};
 
 }  // namespace
 
@@ -52,9 +69,12 @@ int CplusplusTrampoline(ZoThread* thread, int volatile* started) {
     bool const autoDelete = thread->autoDelete != 0;
     ZoResourceWatcher* watcher = nullptr;
     {
-        CancellationDeferred deferred;  // the starter waits for it
+        CancellationDeferred deferred;
         ZoThreadAttach(nullptr);
-        if (ThreadLife::current != nullptr) NameSystemThread(name);
+    }
+    ToldThread const told(thread, name);
+    {
+        CancellationDeferred deferred;  // the starter waits for it
         watcher = CountIn(thread->resourceWatcher);
         thread->SetThreadPriority();
         thread->SetThreadPriorityBoost();

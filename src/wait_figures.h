@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "checkers.h"
+#include "probes.h"
 #include "zowaits.h"
 
 // The beginning of the calling thread's present wait, in seconds since 1970; 0: it does not wait.
@@ -30,10 +31,12 @@ inline int FiguresAreAtomic(ZoWaitFigures& figures) {
 }
 
 // Measures a wait for a scope, which ends while the object is the thread's or its lock is held: the
-// object lives then.
+// object lives then. Probes tell a tracer of it.
 class MeasuredWait {
 public:
-    explicit MeasuredWait(ZoWaitFigures& figures) : figures(figures) {
+    MeasuredWait(ZoWaitFigures& figures, ZoSynchroObj const& object, bool isLock)
+        : figures(figures), object(object), isLock(isLock) {
+        probes::WaitBegun(object, isLock);
         timespec now;
         clock_gettime(CLOCK_REALTIME_COARSE, &now);
         waitingSince = now.tv_sec;
@@ -50,10 +53,13 @@ public:
         AddTo(figures.waits, 1);
         AddTo(figures.nanoseconds, static_cast<unsigned long long>(waited));
         RaiseTo(figures.longest, static_cast<unsigned long long>(waited));
+        probes::WaitEnded(object, isLock);
     }
 
 private:
     ZoWaitFigures& figures;
+    ZoSynchroObj const& object;  // as reports show it: the whole of a part
+    bool const isLock;
     timespec begun;
 };
 

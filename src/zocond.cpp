@@ -278,7 +278,8 @@ bool POSIXCondition::SafeMustWait() {
 int POSIXCondition::SafeSleep(unsigned long milliseconds) {
     if (generation != ForkGeneration()) SafeForgetAbsentSleepers();
     Sleeper self(*this);
-    MeasuredWait const wait(figures);
+    bool const isLock = partOf != nullptr;
+    MeasuredWait const wait(figures, isLock ? *partOf : *this, isLock);
     do {
         if (milliseconds >= ZoNoLimit) {
             self.Sleep(nullptr);

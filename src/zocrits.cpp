@@ -178,7 +178,7 @@ void PosixCritSect::WaitAndTake() {
     if (TakeAtGrowingDistances([this] { return IsFree() && TakeIfFree(); })) return;
     waitCount.fetch_add(1, std::memory_order_relaxed);
     {
-        MeasuredWait const wait(figures);
+        MeasuredWait const wait(figures, partOf != nullptr ? *partOf : *this, true);
         pthread_mutex_lock(&mutex);
     }
     waitCount.fetch_sub(1, std::memory_order_relaxed);
@@ -241,7 +241,7 @@ ZoDLDCritSect::ZoDLDCritSect(char const* name, ZoCritSect* wrapped, ChainLock co
                 : nullptr),
       generation(ForkGeneration()) {
     checkers::AreAtomic(owner);
-    if (plain != nullptr) plain->isWrapped = true;
+    if (plain != nullptr) plain->partOf = this;
 }
 
 ZoDLDCritSect::~ZoDLDCritSect() {
@@ -257,6 +257,13 @@ void UnchainSection(ZoCritSect* section) {
         detecting->isPart = true;
     }
     HandleChaining(section, 0);
+}
+
+void SetWhole(ZoCritSect* part, ZoSynchroObj const* whole) {
+    auto* const detecting = dynamic_cast<ZoDLDCritSect*>(part);
+    auto* const plain =
+        detecting != nullptr ? detecting->plain : dynamic_cast<PosixCritSect*>(part);
+    if (plain != nullptr) plain->partOf = whole;
 }
 
 int ZoDLDCritSect::WouldDeadLock(ZoTLS* me) {

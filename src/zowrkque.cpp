@@ -8,6 +8,7 @@
 #include "checkers.h"
 #include "condition_value.h"
 #include "patience.h"
+#include "probes.h"
 #include "wait_figures.h"
 #include "zobase.h"
 #include "zocond.h"
@@ -172,6 +173,8 @@ public:
     // Takes the first unit off the list, waiting for one as long as needed; null when the queue is
     // terminated.
     virtual ZoWorkUnit* Next();
+    // By the thread whose record `me` is.
+    void Handle(ZoWorkUnit* unit, ZoTLS const* me);
 
     // False when memory ran out; the queue is then good for deletion only.
     bool IsMade() const { return condition != nullptr && workers.IsMade(); }
@@ -315,7 +318,7 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
         return true;
     }
     if (nobody) {
-        unit->Handle(this);
+        Handle(unit, currentRecord);
         return SafeHasWorkOrEnd();
     }
     auto* item = static_cast<ZoQueueItem*>(items.list.GetLast());
@@ -328,6 +331,7 @@ bool ZoWorkQueueImpl::SafeAppend(ZoWorkUnit* unit, int& result) {
         items.list.InsertLast(item);
     }
     unit->HandledParallel();
+    probes::UnitAppended(this, *condition, unit);
     item->Add(unit);
     ++appended;
     if (appended - takenSeen >= lengthToNote) [[unlikely]]
@@ -365,6 +369,13 @@ ZoWorkUnit* ZoWorkQueueImpl::Next() {
         if (got.unit != nullptr) return got.unit;
     }
     return nullptr;
+}
+
+// Afterwards the unit may be gone.
+void ZoWorkQueueImpl::Handle(ZoWorkUnit* unit, ZoTLS const* me) {
+    probes::UnitTaken(this, *condition, me, unit);
+    unit->Handle(this);
+    probes::UnitDone(this, *condition, me, unit);
 }
 
 // Leaves the last place of an item to AwaitAndTake, which may remove the item. So an item from
@@ -510,10 +521,11 @@ ZoQueueWorker::ZoQueueWorker(ZoWorkQueueImpl* queue)
 ZoQueueWorker::~ZoQueueWorker() = default;
 
 int ZoQueueWorker::Work(void*) {
+    ZoTLS const* const me = currentRecord;
     for (;;) {
         ZoWorkUnit* const unit = queue->Next();
         if (unit == nullptr || unit == decreaseThreadCount) return 0;
-        unit->Handle(queue);
+        queue->Handle(unit, me);
     }
 }
 
