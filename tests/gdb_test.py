@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""gdb_test.py GDB STRIP STUCK LIBRARY: the debugger's commands on a process, on its core, and without
-debug information."""
+"""gdb_test.py GDB STRIP STUCK LIBRARY [READELF PERF_WAITS]: the debugger's commands on a process, on its
+core, and without debug information; with READELF the probes, and what is made of perf's output."""
 
 import contextlib
 import os
@@ -12,7 +12,7 @@ import sys
 import tempfile
 import time
 
-debugger, strip, stuck, library = sys.argv[1:]
+debugger, strip, stuck, library, *probes = sys.argv[1:]
 library = pathlib.Path(library).resolve()
 folder = pathlib.Path(tempfile.mkdtemp())
 failed = False
@@ -82,5 +82,49 @@ shutil.copy(f"{library}-gdb.py", folder / "libzo95Kex.so.1-gdb.py")
 with standing_still(LD_LIBRARY_PATH=str(folder)) as (process, queue):
     expect(look("-p", process, queue=queue), "^zo: libzo95Kex.so has no debug information here")
 expect(gdb("-ex", f"source {library}-gdb.py", "-ex", "zo locks"), "^zo: there is no process")
+# Each probe's arguments. The second table has them as they are met one after the other, in words of gdb.
+PROBES = {"deadlock_found": 3, "reader_admitted": 3, "thread_ended": 3, "thread_started": 3, "unit_appended": 4,
+          "unit_done": 4, "unit_taken": 4, "wait_begun": 4, "wait_ended": 4, "writer_admitted": 3}
+NAME = "((ZoSynchroObj*)$_probe_arg0)->name"
+MET = (("wait_begun", NAME, "$_probe_arg3", "slept slept 0 1"), ("wait_ended", NAME, "$_probe_arg3", "slept slept 0 1"),
+       ("reader_admitted", NAME, "0", "RW_Mutex RW_Mutex 0 1"),
+       ("thread_started", "((ZoThread*)$_probe_arg0)->name", "0", "QueueWorker QueueWorker 0 1"),
+       ("unit_appended", '"-"', "0", "WorkQueue - 0 1"),
+       ("unit_taken", '"-"', "0", "WorkQueue - 0 1"))
+RING = (("deadlock_found", NAME, "0", r"(accounts accounts|RW_Mutex RW_Mutex) 0 1"),)
+PERF = """
+   7   1.000100: sdt_zo95Kex:wait_begun: (7f00) arg1=0x10 arg2=0x1 arg3=0x5 arg4=1
+            7f00 PosixCritSect::WaitAndTake
+            7f01 Rarely
+
+   8   1.000200: sdt_zo95Kex:wait_begun: (7f00) arg1=0x20 arg2=0x1 arg3=0x5 arg4=1
+            7f00 PosixCritSect::WaitAndTake
+            7f02 Often
+
+   9   1.000200: sdt_zo95Kex:wait_begun: (7f00) arg1=0x30 arg2=0x1 arg3=0x5 arg4=0
+   7   1.001100: sdt_zo95Kex:wait_ended_1: (7f00) arg1=0x10 arg2=0x1 arg3=0x5 arg4=1
+   8   1.002200: sdt_zo95Kex:wait_ended: (7f00) arg1=0x20 arg2=0x1 arg3=0x5 arg4=1
+            7f02 Often
+   9   3.000000: sdt_zo95Kex:wait_ended: (7f00) arg1=0x30 arg2=0x1 arg3=0x5 arg4=0
+"""
+if probes:
+    readelf, perf_waits = probes
+    notes = subprocess.run([readelf, "-n", library], capture_output=True, text=True).stdout
+    seen = {(name, len(arguments.split())) for name, arguments in
+            re.findall(r"Provider: zo95Kex\n +Name: (\w+)\n.*\n +Arguments: (.*)", notes)}
+    if seen != set(PROBES.items()):
+        failed = True
+        print(f"FAILED: the library's notes tell of {sorted(seen)}")
+    for met in MET, RING:
+        steps = ["start"]
+        for probe, name, more, _ in met:
+            steps += [f"tbreak -probe-stap zo95Kex:{probe}", "continue",
+                      f'printf "{probe}: %s %s %d %d\\n", $_probe_arg1, {name}, {more}, '
+                      "$_probe_arg2 == (long)'zotls.cpp'::currentRecord"]
+        ran = gdb(*(word for step in steps for word in ("-ex", step)), stuck)
+        expect(ran, *(f"^{probe}: {told}$" for probe, _, _, told in met))
+    told = subprocess.run([sys.executable, perf_waits, "--read"], input=PERF, capture_output=True, text=True)
+    expect(told, r'^"\?" 0x20 +1 +2\.0 +2\.0\n"\?" 0x10 +1 +1\.0 +1\.0\n\n2\.0 ms in 1 waits for "\?" 0x20 at\n'
+           r"    PosixCritSect::WaitAndTake\n    Often\n\n1\.0 ms in 1 waits for .* at\n.*\n    Rarely\n\Z")
 shutil.rmtree(folder)
 sys.exit(failed)
