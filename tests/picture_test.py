@@ -30,6 +30,7 @@ CASES = [
     ("--list --last", FIRST + SECOND, 0, [], [r"^2 "]),
     ("", "torn\n" + FIRST + "more\nZoThread 0x9 is waiting for nothing !!!\n", 1, [1, 12, 13], [r'"1 0x10" -> "1 section 0xa1"']),
     ("", FIRST.replace("0x20 owned", "0x2 owned").replace("0x20 is waiting", "0x21 is waiting"), 1, [6], [r'"1 0x21" -> .*waits to write']),
+    ("", FIRST.replace("wants", "wonts"), 1, [5], [r'"1 0x20" \[label="thread 4711 .*0x20", ', r'"1 0x20" -> "1 section 0xa2"']),
     ("", FIRST.replace("Wed", "wed") + SECOND[:-2], 1, [2, 16], [r'label="Report 1, without a date"']),
     ("", "", 1, [], []),
     ("-o /nowhere/ring.svg", FIRST, 2, [], []),
