@@ -5,21 +5,14 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <random>
 #include <sstream>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "cancelled.h"
 #include "deadlock_io.h"
@@ -60,8 +53,12 @@ protected:
         return text;
     }
 
+    // Runs the script; what was told is the row's ring, and all is free afterwards.
+    void Expect(class Script& script, struct Row const& row);
+
     Services services;
     Context context{true};
+    std::string file;  // what the log file is expected to hold
 
 private:
     std::filesystem::path before, folder;
@@ -80,96 +77,235 @@ Sections MakeSections(std::size_t count) {
     return sections;
 }
 
-// N threads own a section each and want the next one's; the last thread's wait closes the ring. It
-// is that thread which is asked, and `dissolve` has it let go of what it owns.
-class Ring {
+template <class SectionPointers, class MutexPointers>
+void ExpectFree(SectionPointers const& sections, MutexPointers const& mutexes) {
+    for (auto const& section : sections) {
+        EXPECT_EQ(InfoOf(&*section), std::string(section->GetName()) + ": is available");
+    }
+    for (auto const& mutex : mutexes) {
+        EXPECT_EQ(InfoOf(&*mutex),
+                  "Owner:(nil); Wx:#0; Rx:cond-val: 0; Cond:RW_Exclusive: is available, "
+                  "wait_rd #0, wait_wr #0");
+    }
+}
+
+// Threads A, B, C … that take one step after the other, as a script says: the thread, the step, and
+// the number of a mutex or a section.
+//
+//     r w W s   begins to read, begins and ends to write, enters
+//     o         begins to read many other mutexes
+//     d e v u   of a plan: begins to read, to write less exclusively and to write, upgrades
+//
+// A step that waits is marked with a question mark, one that closes rings with an exclamation mark
+// for each. That thread leaves all it holds when it is asked, and in the end so does each one as it
+// goes on.
+class Script {
 public:
-    Ring(Services& services, std::size_t size)
-        : sections(MakeSections(size)), services(services), records(size) {}
+    explicit Script(Services& services, std::size_t sectionCount = 2)
+        : services(services), ownSections(MakeSections(sectionCount)) {
+        while (others.size() < 200) others.emplace_back(ZoRW_Mutex::Make(nullptr));
+        for (auto& mutex : own)
+            mutexes.push_back((mutex.reset(ZoRW_Mutex::Make(nullptr)), mutex.get()));
+        for (auto const& section : ownSections) sections.push_back(section.get());
+    }
+    Script(Services& services, ZoThreadMgr& plan)
+        : services(services),
+          plan(&plan),
+          mutexes{WordOf<ZoRW_Mutex>(&plan, 1)},
+          sections{plan.GetCriticalSection(9, 0), plan.GetCriticalSection(25, 0)} {}
 
-    Sections const sections;
-    std::function<void()> dissolve = [this] { sections.back()->Exit(); };
-    std::function<void()> atAlarm = [] {};  // when a false alarm is told
-    unsigned int answer = 0;                // to every message
-
-    void Run() {
-        services.onMessage = [this](std::string const& text) {
-            text.find("CANCEL") != std::string::npos ? dissolve() : atAlarm();
+    // How many deadlocks were reported.
+    long Run(std::string const& steps) {
+        std::atomic<long> reports{0};
+        services.onMessage = [&](std::string const& text) {
+            if (text.find("Deadlock detected") != std::string::npos) {
+                dissolve();
+                ++reports;
+            } else {
+                ReadWhatIsWanted();
+                atAlarm();
+            }
             return answer;
         };
-        OnThreads(static_cast<int>(sections.size()), [this](int number) {
-            auto const i = static_cast<std::size_t>(number);
-            bool const closes = i + 1 == sections.size();
-            records[i] = ZoTLS::GetThreadLocalStorage();
-            sections[i]->Begin();
-            ++owning;
-            Await(
-                [&] { return i == 0 ? owning == sections.size() : OwnerWaits(*sections[i - 1]); });
-            ZoCritSect& wanted = *sections[closes ? 0 : i + 1];
-            wanted.Begin();
-            wanted.Exit();
-            if (!closes) sections[i]->Exit();  // else it is gone when Begin returns
-        });
+        std::istringstream words(steps);
+        for (std::string step; words >> step;) {
+            Actor& actor = actors[std::size_t(step[0] - 'A')];
+            if (!actor.thread.joinable()) actor.thread = std::thread([&] { Play(actor); });
+            actor.step = step;
+            actor.isAsked = true;
+            Await([&] { return !actor.isAsked || IsWaiting(actor); });
+            EXPECT_EQ(actor.isAsked, step.find_first_of("?!") != std::string::npos) << step;
+            EXPECT_EQ(reports, std::count(step.begin(), step.end(), '!')) << step;
+        }
+        isOver = true;
+        for (Actor& actor : actors) {
+            if (actor.thread.joinable()) actor.thread.join();
+        }
+        return reports;
     }
 
-    // The words, then an empty line for each trace.
-    std::string Report() {
-        std::size_t const last = sections.size() - 1;
-        std::string words = "ZoThread " + Pointer(records[last]) + " wants critical section " +
-                            Named(0) + " owned by thread " + Pointer(records[0]) + "\n";
-        for (std::size_t i = 0; i < last; ++i) {
-            words += "ZoThread " + Pointer(records[i]) + " is waiting for " + Named(i + 1) +
-                     " owned by thread " + Pointer(records[i + 1]) + "\n";
+    // The words for a ring, such as "Bm0A As0B": B wants to write mutex 0, which A reads, and A
+    // waits for section 0, which B owns. An x is a mutex's "RW_Exclusive".
+    std::string Report(std::string const& ring) {
+        std::string words, traces;
+        std::istringstream edges(ring);
+        for (std::string edge; edges >> edge;) {
+            bool const first = words.empty();
+            std::size_t const number = std::size_t(edge[2] - '0');
+            words += "ZoThread " + Name(edge[0]);
+            if (edge[1] == 'm') {
+                words += (first ? " wants to write RW_Mutex " : " is waiting to write RW_Mutex ") +
+                         Pointer(mutexes[number]) + " read by thread ";
+            } else {
+                auto* const section =
+                    edge[1] == 's' ? sections[number] : WordOf<ZoCritSect>(mutexes[number], 5);
+                words += std::string(first ? " wants critical section " : " is waiting for ") +
+                         section->GetName() + " " + Pointer(section) + " owned by thread ";
+            }
+            words += Name(edge[3]) + "\n";
+            traces += first ? "" : "\n";
         }
-        return words + "\n" + std::string(last, '\n');
+        return words.empty() ? "" : words + "\n" + traces;
     }
-    std::string Description() {
-        return std::string(sections[0]->GetName()) + ": owning thread: " + Pointer(records[0]) +
-               ", owning count: 1; wait count: 1; owner waiting for " + sections[1]->GetName();
+    void ExpectAllFree() const { ExpectFree(sections, mutexes); }
+    std::string Name(char actor) { return Pointer(actors[std::size_t(actor - 'A')].record); }
+    ZoCritSect& Section(std::size_t number) { return *sections[number]; }
+
+    // In the message of a report.
+    std::function<void()> dissolve = [this] { LeaveAll(); };
+    std::function<void()> atAlarm = [] {};  // in that of a false alarm
+    unsigned int answer = 0;                // to every message
+    // Leaves the sections that a text names.
+    void LeaveNamed(std::string const& text) const {
+        for (ZoCritSect* section : sections) {
+            if (text.find(Pointer(section)) != text.npos) section->ForceRelease();
+        }
     }
 
 private:
-    std::string Named(std::size_t i) {
-        return std::string(sections[i]->GetName()) + " " + Pointer(sections[i].get());
-    }
-    // The wait count is up before the wait stands in the graph, so it says too little here.
-    static bool OwnerWaits(ZoCritSect& section) {
-        return InfoOf(&section).find("owner waiting for") != std::string::npos;
-    }
+    struct Actor {
+        std::thread thread;
+        std::string step;
+        std::atomic<bool> isAsked{false};
+        std::atomic<ZoTLS*> record{nullptr};
+    };
 
-    Services& services;
-    std::vector<ZoTLS*> records;
-    std::atomic<std::size_t> owning{0};
-};
-
-TEST_F(Deadlock, IsReportedOnceForEachRingAndDissolved) {
-    std::string file;
-    Services::Lines log, messages;
-    for (std::size_t const size : {2U, 3U, 10U}) {
-        Ring ring(services, size);
-        ring.Run();
-        EXPECT_EQ(std::exchange(context.console->text, ""), ring.Report());
-        log.insert(log.end(),
-                   {"4 Deadlock detected.\n" + ring.Description(), "3 Deadlock: false alarm.\n"});
-        EXPECT_EQ(services.Log(), log);
-        messages.insert(messages.end(), {"0x10000001 Deadlock detected.\n(CANCEL to debug)",
-                                         "0x0 Deadlock: false alarm.\n"});
-        EXPECT_EQ(services.Messages(), messages);
-        // The reports of successive deadlocks follow each other in one file.
-        file += FileHead + ring.Report();
-        EXPECT_EQ(LogFile(), file);
-        for (auto const& section : ring.sections) {
-            EXPECT_EQ(InfoOf(section.get()), std::string(section->GetName()) + ": is available");
+    void Play(Actor& actor) {
+        actor.record = ZoTLS::GetThreadLocalStorage();
+        for (;;) {
+            Await([&] { return actor.isAsked || isOver; });
+            if (!actor.isAsked) break;
+            Take(actor.step[1], std::size_t(actor.step[2] - '0'));
+            actor.isAsked = false;
+        }
+        LeaveAll();
+        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->rwRecords.GetFirst(), nullptr);
+        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->waitingLink, nullptr);
+    }
+    void Take(char step, std::size_t number) {
+        if (step == 'r' || step == 'w') mutexes[number]->StartRW(step == 'r' ? 0 : 1, 0);
+        if (step == 'W') mutexes[number]->EndRW(1);
+        if (step == 's') sections[number]->Begin();
+        if (step == 'o') {
+            for (auto const& other : others) other->StartRW(0, 0);
+        }
+        if (plan == nullptr) return;
+        if (step == 'd') plan->BeginReader("");
+        if (step == 'e' || step == 'v') plan->BeginWriter("", step == 'e' ? 1 : 0);
+        if (step == 'u') plan->UpgradeWriter("");
+    }
+    void LeaveAll() {
+        for (ZoRW_Mutex* mutex : mutexes) mutex->ForceRelease();
+        for (auto const& other : others) other->ForceRelease();
+        for (ZoCritSect* section : sections) section->ForceRelease();
+    }
+    // In the message of a false alarm: what the host tells there may come from the mutex itself.
+    void ReadWhatIsWanted() {
+        for (Actor const& actor : actors) {
+            if (actor.record != ZoTLS::GetThreadLocalStorage() || actor.step[1] == 's') continue;
+            ZoRW_Mutex* const mutex =
+                mutexes[plan != nullptr ? 0 : std::size_t(actor.step[2] - '0')];
+            mutex->StartRW(0, 0);
+            EXPECT_EQ(mutex->EndRW(0), 0);
         }
     }
-    EXPECT_TRUE(services.Assertions().empty());
+    static bool IsWaiting(Actor const& actor) {
+        if (actor.record == nullptr) return false;
+        csDLD->Begin();
+        ZoTLS const* const record = actor.record;
+        bool const waits = record->waitingFor != nullptr || record->readersWait.mutex != nullptr;
+        csDLD->Exit();
+        return waits;
+    }
+    Services& services;
+    ZoThreadMgr* const plan = nullptr;
+    std::unique_ptr<ZoRW_Mutex> own[2];
+    std::vector<std::unique_ptr<ZoRW_Mutex>> others;
+    Sections const ownSections;
+    std::vector<ZoRW_Mutex*> mutexes;
+    std::vector<ZoCritSect*> sections;
+    Actor actors[10];
+    std::atomic<bool> isOver{false};
+};
+
+// What a script does, and the ring that it closes.
+struct Row {
+    std::string steps, ring;
+};
+Row const RingOfTwo{"As0 Bs1 As1? Bs0!", "Bs0A As1B"};
+
+// Each thread owns a section and wants the next one's; the last thread's wait closes the ring.
+Row RingOf(int size) {
+    Row row;
+    auto const name = [](char first, int i) { return char(first + i); };
+    for (int i = 0; i < size; ++i) row.steps += {name('A', i), 's', name('0', i), ' '};
+    for (int i = 0; i < size; ++i) {
+        int const next = (i + 1) % size, before = (i + size - 1) % size;
+        row.steps += {name('A', i), 's', name('0', next), next == 0 ? '!' : '?', ' '};
+        row.ring += {name('A', before), 's', name('0', i), name('A', i), ' '};
+    }
+    return row;
+}
+
+void Deadlock::Expect(Script& script, Row const& row) {
+    SCOPED_TRACE(row.steps);
+    services.Forget();
+    long const reports = script.Run(row.steps);
+    EXPECT_EQ(reports, row.ring.empty() ? 0 : 1);
+    std::string const words = script.Report(row.ring);
+    EXPECT_EQ(std::exchange(context.console->text, ""), words);
+    EXPECT_EQ(LogFile(), file += reports == 0 ? "" : FileHead + words);
+    Services::Lines log = services.Log();
+    std::erase(log, "4 Implicit propagation reader -> writer.");
+    EXPECT_EQ(log.size(), std::size_t(2 * reports));
+    if (log.size() == 2) {
+        std::string const begin = row.ring[1] == 'm' ? "Owner:" : "";
+        EXPECT_EQ(log[0].rfind("4 Deadlock detected.\n" + begin, 0), 0U) << log[0];
+        EXPECT_EQ(log[1], "3 Deadlock: false alarm.\n");
+    }
+    script.ExpectAllFree();
+}
+
+TEST_F(Deadlock, IsReportedOnceForEachRingAndDissolved) {
+    for (int const size : {2, 3, 10}) {
+        Script script(services, std::size_t(size));
+        Expect(script, RingOf(size));
+        EXPECT_EQ(services.Log()[0],
+                  "4 Deadlock detected.\nalpha: owning thread: " + script.Name('A') +
+                      ", owning count: 1; wait count: 1; owner waiting for beta");
+        EXPECT_EQ(services.Messages(),
+                  (Services::Lines{"0x10000001 Deadlock detected.\n(CANCEL to debug)",
+                                   "0x0 Deadlock: false alarm.\n"}));
+        EXPECT_TRUE(services.Assertions().empty());
+    }
 }
 
 TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
     std::filesystem::create_directory("deadlock.txt");
-    Ring ring(services, 2);
-    ring.Run();
-    EXPECT_EQ(context.console->text, "unable to open deadlock.txt for writing" + ring.Report());
+    Script script(services);
+    script.Run(RingOfTwo.steps);
+    EXPECT_EQ(context.console->text,
+              "unable to open deadlock.txt for writing" + script.Report(RingOfTwo.ring));
     EXPECT_EQ(services.Log().size(), 3U);
     EXPECT_EQ(services.Log().front(), "4 The deadlock report is not written to " +
                                           std::filesystem::current_path().string() +
@@ -179,43 +315,38 @@ TEST_F(Deadlock, IsReportedOnTheConsoleWhenTheFileCannotBeOpened) {
 TEST_F(Deadlock, IsLoggedWithoutAConsoleOrASink) {
     smp_io mute;
     delete std::exchange(mute.sink, nullptr);
-    std::string file;
     for (smp_io* const console : {static_cast<smp_io*>(nullptr), &mute}) {
         smp_io* const first = std::exchange(smp_console, console);
-        Ring ring(services, 2);
-        ring.Run();
+        Script script(services);
+        script.Run(RingOfTwo.steps);
         smp_console = first;
-        file += FileHead + ring.Report();
-        EXPECT_EQ(LogFile(), file);
+        EXPECT_EQ(LogFile(), file += FileHead + script.Report(RingOfTwo.ring));
     }
     EXPECT_EQ(context.console->text, "");
 }
 
 TEST_F(Deadlock, AnswersThatAskForADebuggerAreAsserted) {
     for (unsigned int const answer : {ZoAnswerDebug, ZoAnswerAbort, 0x20000000U}) {
-        Ring ring(services, 2);
-        ring.dissolve = [&] { ring.sections.back()->ForceRelease(); };
-        ring.answer = answer;
-        ring.Run();
+        Script script(services);
+        script.answer = answer;
+        script.Run(RingOfTwo.steps);
     }
     std::string const detected = "(0 && \"deadlock detected\") src/zocrits 365";
     std::string const falseAlarm = "(0 && \"deadlock : false alarm\") src/zocrits 385";
     EXPECT_EQ(services.Assertions(), (Services::Lines{detected, falseAlarm, detected, falseAlarm}));
 }
 
-// Whoever is told of a false alarm is the owner by then, and may enter the section again.
+// The thread that is told of a false alarm is the owner by then, and may enter the section again.
 TEST_F(Deadlock, EndsTheWaitBeforeTheFalseAlarm) {
-    Ring ring(services, 2);
-    ZoCritSect& section = *ring.sections[0];
+    Script script(services);
     std::string atAlarm;
-    ring.atAlarm = [&] {
-        section.Begin();
-        atAlarm = InfoOf(&section);
-        section.Exit();
+    script.atAlarm = [&] {
+        script.Section(0).Begin();
+        atAlarm = InfoOf(&script.Section(0));
+        script.Section(0).Exit();
     };
-    ring.Run();
+    script.Run(RingOfTwo.steps);
     EXPECT_EQ(NumberAfter(atAlarm, "owning count: "), 2) << atAlarm;
-    EXPECT_EQ(InfoOf(&section), "alpha: is available");
 }
 
 // No entry and no leave begins while the host holds csDLD to look at the graph.
@@ -294,15 +425,25 @@ TEST_F(Deadlock, AThreadThatEndsInItsWaitLeavesTheGraph) {
     EXPECT_EQ(waiting(), 0);
     hosts.Exit();
 
-    Ring ring(services, 2);
-    ring.dissolve = [&] {
-        ring.sections.back()->Exit();
+    Sections const ring = MakeSections(2);
+    services.onMessage = [&](std::string const&) -> unsigned int {
+        ring[1]->Exit();
         pthread_exit(nullptr);
     };
-    ring.Run();
-    ring.sections[0]->Begin();
-    EXPECT_EQ(NumberAfter(InfoOf(ring.sections[0].get()), "wait count: "), 0);
-    ring.sections[0]->Exit();
+    std::atomic<bool> isOwned{false};
+    std::thread closing([&] {
+        ring[1]->Begin();
+        isOwned = true;
+        Await([&] { return InfoOf(ring[0].get()).find("owner waiting") != std::string::npos; });
+        ring[0]->Begin();
+    });
+    ring[0]->Begin();
+    Await([&] { return isOwned.load(); });
+    ring[1]->Begin();
+    ring[1]->Exit();
+    closing.join();
+    EXPECT_EQ(NumberAfter(InfoOf(ring[0].get()), "wait count: "), 0);
+    ring[0]->Exit();
 
     // A bracket that is given up then does not leave once more what the host has left.
     ZoThreadMgr plan(nullptr, ZoThreadMgr::LessExclusiveCommit);
@@ -371,215 +512,20 @@ TEST_F(Deadlock, ReportsThroughASinkThatUsesSections) {
     std::thread writer([&] {
         while (!done) *GetConsole() << "." << endl;
     });
-    for (int i = 0; i < 20; ++i) Ring(services, 2).Run();
+    for (int i = 0; i < 20; ++i) Script(services).Run(RingOfTwo.steps);
     done = true;
     writer.join();
     EXPECT_EQ(services.Log().size(), 40U);
 
-    Ring ring(services, 2);
-    ring.dissolve = [] {};  // the sink does it
-    sink->leaves = ring.sections.back().get();
-    ring.Run();
+    Script script(services);
+    script.dissolve = [] {};  // the sink does it
+    sink->leaves = &script.Section(1);
+    script.Run(RingOfTwo.steps);
     sink->leaves = nullptr;
     EXPECT_NE(sink->text.find("nobody !!!!\n"), std::string::npos);
 }
 
-template <class SectionPointers, class MutexPointers>
-void ExpectFree(SectionPointers const& sections, MutexPointers const& mutexes) {
-    for (auto const& section : sections) {
-        EXPECT_EQ(InfoOf(&*section), std::string(section->GetName()) + ": is available");
-    }
-    for (auto const& mutex : mutexes) {
-        EXPECT_EQ(InfoOf(&*mutex),
-                  "Owner:(nil); Wx:#0; Rx:cond-val: 0; Cond:RW_Exclusive: is available, "
-                  "wait_rd #0, wait_wr #0");
-    }
-}
-
-// Threads A, B, C … that take one step after the other, as a script says: the thread, the step, and
-// the number of a mutex or a section.
-//
-//     r w W s   begins to read, begins and ends to write, enters
-//     o         begins to read many other mutexes
-//     d e v u   of a plan: begins to read, to write less exclusively and to write, upgrades
-//
-// A step that waits is marked with a question mark, one that closes rings with an exclamation mark
-// for each. That thread leaves all it holds when it is asked, and in the end so does each one as it
-// goes on.
-class Script {
-public:
-    explicit Script(Services& services) : services(services) {
-        while (others.size() < 200) others.emplace_back(ZoRW_Mutex::Make(nullptr));
-        for (auto& mutex : own)
-            mutexes.push_back((mutex.reset(ZoRW_Mutex::Make(nullptr)), mutex.get()));
-        for (auto const& section : ownSections) sections.push_back(section.get());
-    }
-    Script(Services& services, ZoThreadMgr& plan)
-        : services(services),
-          plan(&plan),
-          mutexes{WordOf<ZoRW_Mutex>(&plan, 1)},
-          sections{plan.GetCriticalSection(9, 0), plan.GetCriticalSection(25, 0)} {}
-
-    // How many deadlocks were reported.
-    long Run(std::string const& steps) {
-        std::atomic<long> reports{0};
-        services.onMessage = [&](std::string const& text) {
-            if (text.find("Deadlock detected") != std::string::npos) {
-                dissolve();
-                ++reports;
-            } else {
-                ReadWhatIsWanted();
-            }
-            return 0U;
-        };
-        std::istringstream words(steps);
-        for (std::string step; words >> step;) {
-            Actor& actor = actors[std::size_t(step[0] - 'A')];
-            if (!actor.thread.joinable()) actor.thread = std::thread([&] { Play(actor); });
-            actor.step = step;
-            actor.isAsked = true;
-            Await([&] { return !actor.isAsked || IsWaiting(actor); });
-            EXPECT_EQ(actor.isAsked, step.find_first_of("?!") != std::string::npos) << step;
-            EXPECT_EQ(reports, std::count(step.begin(), step.end(), '!')) << step;
-        }
-        isOver = true;
-        for (Actor& actor : actors) {
-            if (actor.thread.joinable()) actor.thread.join();
-        }
-        return reports;
-    }
-
-    // The words for a ring, such as "Bm0A As0B": B wants to write mutex 0, which A reads, and A
-    // waits for section 0, which B owns. An x is a mutex's "RW_Exclusive".
-    std::string Report(std::string const& ring) {
-        std::string words, traces;
-        std::istringstream edges(ring);
-        for (std::string edge; edges >> edge;) {
-            bool const first = words.empty();
-            std::size_t const number = std::size_t(edge[2] - '0');
-            words += "ZoThread " + Name(edge[0]);
-            if (edge[1] == 'm') {
-                words += (first ? " wants to write RW_Mutex " : " is waiting to write RW_Mutex ") +
-                         Pointer(mutexes[number]) + " read by thread ";
-            } else {
-                auto* const section =
-                    edge[1] == 's' ? sections[number] : WordOf<ZoCritSect>(mutexes[number], 5);
-                words += std::string(first ? " wants critical section " : " is waiting for ") +
-                         section->GetName() + " " + Pointer(section) + " owned by thread ";
-            }
-            words += Name(edge[3]) + "\n";
-            traces += first ? "" : "\n";
-        }
-        return words.empty() ? "" : words + "\n" + traces;
-    }
-    void ExpectAllFree() const { ExpectFree(sections, mutexes); }
-
-    // In the message of a report.
-    std::function<void()> dissolve = [this] { LeaveAll(); };
-    // Leaves the sections that a text names.
-    void LeaveNamed(std::string const& text) const {
-        for (ZoCritSect* section : sections) {
-            if (text.find(Pointer(section)) != text.npos) section->ForceRelease();
-        }
-    }
-
-private:
-    struct Actor {
-        std::thread thread;
-        std::string step;
-        std::atomic<bool> isAsked{false};
-        std::atomic<ZoTLS*> record{nullptr};
-    };
-
-    void Play(Actor& actor) {
-        actor.record = ZoTLS::GetThreadLocalStorage();
-        for (;;) {
-            Await([&] { return actor.isAsked || isOver; });
-            if (!actor.isAsked) break;
-            Take(actor.step[1], std::size_t(actor.step[2] - '0'));
-            actor.isAsked = false;
-        }
-        LeaveAll();
-        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->rwRecords.GetFirst(), nullptr);
-        EXPECT_EQ(ZoTLS::GetThreadLocalStorage()->waitingLink, nullptr);
-    }
-    void Take(char step, std::size_t number) {
-        if (step == 'r' || step == 'w') mutexes[number]->StartRW(step == 'r' ? 0 : 1, 0);
-        if (step == 'W') mutexes[number]->EndRW(1);
-        if (step == 's') sections[number]->Begin();
-        if (step == 'o') {
-            for (auto const& other : others) other->StartRW(0, 0);
-        }
-        if (plan == nullptr) return;
-        if (step == 'd') plan->BeginReader("");
-        if (step == 'e' || step == 'v') plan->BeginWriter("", step == 'e' ? 1 : 0);
-        if (step == 'u') plan->UpgradeWriter("");
-    }
-    void LeaveAll() {
-        for (ZoRW_Mutex* mutex : mutexes) mutex->ForceRelease();
-        for (auto const& other : others) other->ForceRelease();
-        for (ZoCritSect* section : sections) section->ForceRelease();
-    }
-    // In the message of a false alarm: what the host tells there may come from the mutex itself.
-    void ReadWhatIsWanted() {
-        for (Actor const& actor : actors) {
-            if (actor.record != ZoTLS::GetThreadLocalStorage() || actor.step[1] == 's') continue;
-            ZoRW_Mutex* const mutex =
-                mutexes[plan != nullptr ? 0 : std::size_t(actor.step[2] - '0')];
-            mutex->StartRW(0, 0);
-            EXPECT_EQ(mutex->EndRW(0), 0);
-        }
-    }
-    static bool IsWaiting(Actor const& actor) {
-        if (actor.record == nullptr) return false;
-        csDLD->Begin();
-        ZoTLS const* const record = actor.record;
-        bool const waits = record->waitingFor != nullptr || record->readersWait.mutex != nullptr;
-        csDLD->Exit();
-        return waits;
-    }
-    std::string Name(char actor) { return Pointer(actors[std::size_t(actor - 'A')].record); }
-
-    Services& services;
-    ZoThreadMgr* const plan = nullptr;
-    std::unique_ptr<ZoRW_Mutex> own[2];
-    std::vector<std::unique_ptr<ZoRW_Mutex>> others;
-    Sections const ownSections = MakeSections(2);
-    std::vector<ZoRW_Mutex*> mutexes;
-    std::vector<ZoCritSect*> sections;
-    Actor actors[4];
-    std::atomic<bool> isOver{false};
-};
-
-class DeadlockOfReaders : public Deadlock {
-protected:
-    struct Row {
-        char const* steps;
-        char const* ring;
-    };
-    void Expect(Script& script, Row const& row) {
-        SCOPED_TRACE(row.steps);
-        std::size_t const logged = services.Log().size();
-        long const reports = script.Run(row.steps);
-        EXPECT_EQ(reports, *row.ring == '\0' ? 0 : 1);
-        std::string const words = script.Report(row.ring);
-        EXPECT_EQ(std::exchange(context.console->text, ""), words);
-        EXPECT_EQ(LogFile(), file += reports == 0 ? "" : FileHead + words);
-        Services::Lines log = services.Log();
-        log.erase(log.begin(), log.begin() + long(logged));
-        std::erase(log, "4 Implicit propagation reader -> writer.");
-        EXPECT_EQ(log.size(), std::size_t(2 * reports));
-        if (log.size() == 2) {
-            std::string const begin = row.ring[1] == 'm' ? "Owner:" : "";
-            EXPECT_EQ(log[0].rfind("4 Deadlock detected.\n" + begin, 0), 0U) << log[0];
-            EXPECT_EQ(log[1], "3 Deadlock: false alarm.\n");
-        }
-        script.ExpectAllFree();
-    }
-
-private:
-    std::string file;
-};
+using DeadlockOfReaders = Deadlock;
 
 TEST_F(DeadlockOfReaders, IsReportedInEachOrderOfArrival) {
     Row const rows[] = {

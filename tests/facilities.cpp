@@ -7,18 +7,12 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
-#include <string>
 #include <string_view>
-#include <thread>
-#include <vector>
 
-#include "rw_mutex.h"
 #include "services.h"
 #include "smp_vers.h"
 #include "zoabort.h"
@@ -30,7 +24,6 @@
 #include "zosleep.h"
 #include "zothrdmg.h"
 #include "zotls.h"
-#include "zowrkque.h"
 
 using namespace zotest;
 
@@ -49,51 +42,44 @@ void CheckAt(int line, bool holds, char const* what) {
 }
 #define CHECK(condition) CheckAt(__LINE__, (condition), #condition)
 
-template <class Object>
-std::string Info(Object& object) {
-    char text[512];
-    object.GetInfo(text, sizeof text);
-    return text;
-}
-
-// Waits until somebody waits for `object`, as its description says.
-template <class Object>
-void AwaitWaiter(Object& object, char const* key = "; wait count: ") {
-    Await([&] { return NumberAfter(Info(object), key) == 1; });
-}
-
 // --- locks ---------------------------------------------------------------------------------------
 
-// Free, nested, waited for, and from several threads at once.
-void Section(std::unique_ptr<ZoCritSect> section) {
+// What several threads change between `enter` and `leave`, as often as they can.
+template <class Enter, class Leave>
+void Excludes(Enter enter, Leave leave) {
     int guarded = 0;
-    section->Begin();
-    section->Begin();
-    std::thread waiter([&] {
-        section->Begin();
-        ++guarded;
-        section->Exit();
-    });
-    AwaitWaiter(*section);
-    ++guarded;
-    section->Exit();
-    section->Exit();
-    waiter.join();
-    OnThreads(Threads, [&](int) {
+    OnThreads(Threads, [&](int number) {
         for (int i = 0; i < Rounds; ++i) {
-            section->Begin();
+            enter(number);
             ++guarded;
-            section->Exit();
+            leave(number);
         }
     });
-    CHECK(guarded == 2 + Threads * Rounds);
+    CHECK(guarded == Threads * Rounds);
+}
+
+// Another thread waits for what this one holds, as the lock's description says, and reads what this
+// one has written meanwhile.
+template <class Lock, class Release, class Wait>
+void HandsOver(Lock& lock, char const* key, Release release, Wait wait) {
+    int guarded = 0;
+    std::thread waiter([&] { wait([&] { CHECK(guarded == 1); }); });
+    Await([&] { return NumberAfter(InfoOf(&lock), key) == 1; });
+    ++guarded;
+    release();
+    waiter.join();
+}
+
+void Section() {
+    std::unique_ptr<ZoCritSect> const section(ZoCritSect::Make("section"));
     section->Begin();
     section->Begin();
-    section->ForceRelease();
-    std::thread([&] {
-        section->Begin();
-        section->Exit();
-    }).join();
+    HandsOver(
+        *section, "; wait count: ", [&] { section->Exit(), section->Exit(); },
+        [&](auto look) { section->Begin(), look(), section->Exit(); });
+    Excludes([&](int) { section->Begin(); }, [&](int) { section->Exit(); });
+    Excludes([&](int) { section->Begin(), section->Begin(); },
+             [&](int) { section->ForceRelease(); });
 }
 
 // Two threads want each other's section. Asked what to do, the library's message service has the
@@ -106,166 +92,106 @@ void Ring(Services& services) {
         if (text.find("CANCEL") != std::string::npos) right->Exit();
         return 0U;
     };
-    std::thread first([&] {
-        left->Begin();
-        leftHeld.SetCondition();
-        rightHeld.WaitForCondition(0, ZoNoLimit);
-        right->Begin();
-        right->Exit();
-        left->Exit();
+    OnThreads(3, [&](int number) {
+        if (number == 0) {
+            left->Begin();
+            leftHeld.SetCondition();
+            rightHeld.WaitForCondition(0, ZoNoLimit);
+            right->Begin();
+            right->Exit();
+            left->Exit();
+        } else if (number == 1) {
+            right->Begin();
+            rightHeld.SetCondition();
+            leftHeld.WaitForCondition(0, ZoNoLimit);
+            // Counted as a waiter it is before its wait stands in the graph.
+            Await(
+                [&] { return InfoOf(left.get()).find("owner waiting for") != std::string::npos; });
+            left->Begin();
+            left->Exit();
+        } else {  // while the report has the console's sink
+            for (int i = 0; i < Rounds; ++i) *GetConsole() << "." << endl;
+        }
     });
-    std::thread second([&] {
-        right->Begin();
-        rightHeld.SetCondition();
-        leftHeld.WaitForCondition(0, ZoNoLimit);
-        // Counted as a waiter it is before its wait stands in the graph.
-        Await([&] { return Info(*left).find("owner waiting for") != std::string::npos; });
-        left->Begin();
-        left->Exit();
-    });
-    std::thread talker([] {  // while the report has the console's sink
-        for (int i = 0; i < Rounds; ++i) *GetConsole() << "." << endl;
-    });
-    first.join();
-    second.join();
-    talker.join();
     services.onMessage = nullptr;
-    CHECK(Info(*left) == "left: is available");
-    CHECK(Info(*right) == "right: is available");
+    CHECK(InfoOf(left.get()) + InfoOf(right.get()) == "left: is availableright: is available");
 }
 
 void ReaderWriterMutex() {
     std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
-    int guarded = 0;
-    auto const write = [&] {
-        mutex->StartRW(1, ZoNoLimit);
-        ++guarded;
-        mutex->EndRW(1);
-    };
-    auto const read = [&] {
-        mutex->StartRW(0, ZoNoLimit);
-        mutex->StartRW(0, ZoNoLimit);
-        int const found = guarded;
-        mutex->EndRW(0);
-        mutex->EndRW(0);
-        return found;
-    };
-
-    mutex->StartRW(0, ZoNoLimit);
-    std::thread cancelled(write);
-    AwaitWaiter(*mutex, "wait_wr #");
+    auto const start = [&](int mode) { mutex->StartRW(mode, ZoNoLimit); };
+    auto const end = [&](int mode) { mutex->EndRW(mode); };
+    auto const write = [&](auto look) { start(1), look(), end(1); };
+    start(0);
+    std::thread cancelled(write, [] {});
+    Await([&] { return NumberAfter(InfoOf(mutex.get()), "wait_wr #") == 1; });
     pthread_cancel(cancelled.native_handle());
     cancelled.join();
-    std::thread writer(write);
-    AwaitWaiter(*mutex, "wait_wr #");
-    mutex->EndRW(0);
-    writer.join();
-
-    mutex->StartRW(1, ZoNoLimit);
-    mutex->StartRW(1, ZoNoLimit);
-    int found = 0;
-    std::thread reader([&] { found = read(); });
-    AwaitWaiter(*mutex, "wait_rd #");
-    ++guarded;
-    mutex->EndRW(1);
-    mutex->EndRW(1);
-    reader.join();
-    CHECK(found == 2);
-
-    OnThreads(Threads, [&](int number) {
-        for (int i = 0; i < Rounds; ++i) {
-            read();
-            if (i % 4 == number) write();
-            mutex->StartRW(0, ZoNoLimit);  // upgrades and lowers, and is told of both
-            mutex->StartRW(1, ZoNoLimit);
-            ++guarded;
-            mutex->EndRW(1);
-            mutex->EndRW(0);
-            mutex->StartRW(1, ZoNoLimit);
-            mutex->StartRW(0, ZoNoLimit);
-            ++guarded;
-            mutex->EndRW(0);
-            mutex->EndRW(1);
-        }
-    });
-    CHECK(read() == 2 + Threads * (2 * Rounds + Rounds / 4));
+    HandsOver(
+        *mutex, "wait_wr #", [&] { end(0); }, write);
+    start(1);
+    start(1);
+    HandsOver(
+        *mutex, "wait_rd #", [&] { end(1), end(1); },
+        [&](auto look) { start(0), start(0), look(), end(0), end(0); });
+    Excludes(
+        [&](int) {
+            start(0), start(0), end(0), end(0);
+            start(1);
+        },
+        [&](int) { end(1); });
+    // Upgrades and lowers, and is told of both.
+    Excludes([&](int) { start(0), start(1); }, [&](int) { end(1), end(0); });
+    Excludes([&](int) { start(1), start(0); }, [&](int) { end(0), end(1); });
 }
 
 void ThreadManager() {
     for (unsigned long const level :
          {ZoThreadMgr::OneCS, ZoThreadMgr::AllCS, ZoThreadMgr::LessExclusiveCommit}) {
         ZoThreadMgr manager(nullptr, level);
-        bool const brackets = level != ZoThreadMgr::OneCS;
-        int database = 0, objects = 0;
-        OnThreads(Threads, [&](int) {
-            for (int i = 0; i < Rounds; ++i) {
+        Excludes([&](int) { manager.BeginCriticalSection(9, "objects"); },
+                 [&](int) { manager.EndCriticalSection(9, "objects"); });
+        if (level == ZoThreadMgr::OneCS) continue;  // its brackets lock nothing
+        Excludes(
+            [&](int) {
                 manager.BeginReader("read");
-                int const before = brackets ? database : 0;
                 manager.EndReader("read");
                 manager.BeginWriter("write", 1);
                 manager.UpgradeWriter("write");
-                if (brackets) database += before >= 0 ? 1 : 0;
+            },
+            [&](int) {
                 manager.DowngradeWriter("write");
                 manager.EndWriter("write", 1);
-                manager.BeginAdmin("admin");
-                if (brackets) ++database;
-                manager.EndAdmin("admin");
-                manager.BeginCriticalSection(9, "objects");
-                ++objects;
-                manager.EndCriticalSection(9, "objects");
-                if (i == Rounds / 2) manager.PrintStatus();
-            }
-        });
-        CHECK(objects == Threads * Rounds);
-        CHECK(database == (brackets ? 2 * Threads * Rounds : 0));
+                manager.PrintStatus();
+            });
+        Excludes([&](int) { manager.BeginAdmin("admin"); },
+                 [&](int) { manager.EndAdmin("admin"); });
     }
 }
 
 void ReleaseAll() {
     std::unique_ptr<ZoCritSect> const section(ZoCritSect::Make("released"));
     std::unique_ptr<ZoRW_Mutex> const mutex(ZoRW_Mutex::Make(nullptr));
-    int guarded = 0;
-    OnThreads(Threads, [&](int number) {
-        for (int i = 0; i < Rounds; ++i) {
+    Excludes(
+        [&](int number) {
             mutex->StartRW(number % 2, ZoNoLimit);
             section->Begin();
             section->Begin();
-            ++guarded;
-            ReleaseAllSynchronizationObjects();
-        }
-    });
-    CHECK(guarded == Threads * Rounds);
+        },
+        [](int) { ReleaseAllSynchronizationObjects(); });
 }
-
-class Account : public ZoMTObj {
-public:
-    void Deposit() {
-        ZoAutoSync hold(this);
-        ++balance;
-    }
-    int balance = 0;
-};
 
 void Objects() {
-    Account account;
-    OnThreads(Threads, [&](int) {
-        for (int i = 0; i < Rounds; ++i) account.Deposit();
-    });
-    CHECK(account.balance == Threads * Rounds);
-}
-
-void HashTable() {
-    Account lock;
+    ZoMTObj object;
+    Excludes([&](int) { object.BeginCriticalSection(); },
+             [&](int) { object.EndCriticalSection(); });
     ZoHashTable table(ZoHashTable::WordKeys, nullptr);
-    auto const key = [](int number) {
-        return reinterpret_cast<char const*>(std::intptr_t{number});
-    };
     OnThreads(Threads, [&](int number) {
-        for (int i = 1; i <= Rounds; ++i) {
-            char const* const mine = key(number * 1000 + i);
-            table.ChangeValue(mine, &lock, 1, 0, &lock);
-            if (table.GetValue(mine, &lock) != &lock) std::abort();
-            if (i % 2 == 0) table.DeleteValue(mine, &lock);
+        for (std::intptr_t i = 1; i <= Rounds; ++i) {
+            auto* const mine = reinterpret_cast<char const*>(number * 1000 + i);
+            table.ChangeValue(mine, &object, 1, 0, &object);
+            if (table.GetValue(mine, &object) != &object) std::abort();
+            if (i % 2 == 0) table.DeleteValue(mine, &object);
         }
     });
     CHECK(table.GetNum() == Threads * Rounds / 2);
@@ -296,7 +222,6 @@ void Conditions() {
 template <class Watcher>
 void ResourceWatcher() {
     Watcher watcher;
-    std::string text;
     for (int i = 0; i < Threads; ++i) watcher.IncrementCounter();
     int waited = 0;
     OnThreads(2 * Threads, [&](int number) {
@@ -313,53 +238,40 @@ void ResourceWatcher() {
     CHECK(waited == 1 && watcher.Counter() == 0);
 }
 
-// --- threads -------------------------------------------------------------------------------------
+// --- threads and work ----------------------------------------------------------------------------
 
-// Works with its argument.
 class Worker : public ZoThread {
 public:
-    Worker(ZoResourceWatcher& watcher, int autoDelete) : ZoThread("worker", nullptr, autoDelete) {
-        SetResourceWatcher(&watcher);
+    Worker(std::function<int()> work, ZoResourceWatcher* watcher, int autoDelete = 0)
+        : ZoThread("worker", nullptr, autoDelete), work(std::move(work)) {
+        SetResourceWatcher(watcher);
     }
     void Init(void*) override { sum = 1; }
     int Work(void* number) override {
         Suspend();
         Continue();
         Giveup();
-        return sum += *static_cast<int*>(number);
+        return sum += *static_cast<int*>(number) + work();
     }
     void Cleanup(void*) override { sum = 0; }
 
 private:
+    std::function<int()> work;
     int sum = 0;
 };
 
-// Waits until it is aborted, and sets a condition when its record is released.
-class Patient : public ZoThread {
-public:
-    Patient(Condition& waits, Condition& gone)
-        : ZoThread("patient", nullptr, 0), waits(waits), gone(gone) {}
-    int Work(void*) override {
-        ZoTLS::GetThreadLocalStorage()->ownedObject = new Mark(gone);
-        waits.SetCondition();
-        return POSIXCondition("never").WaitForCondition(0, ZoNoLimit);
-    }
-
-private:
-    struct Mark : ZoExtendedBase {
-        explicit Mark(Condition& gone) : gone(gone) {}
-        ~Mark() override { gone.SetCondition(); }
-        Condition& gone;
-    };
-
-    Condition& waits;
+// Sets a condition when the record that owns it is released.
+struct Mark : ZoExtendedBase {
+    explicit Mark(Condition& gone) : gone(gone) {}
+    ~Mark() override { gone.SetCondition(); }
     Condition& gone;
 };
 
 void ThreadObjects() {
+    auto const nothing = [] { return 0; };
     ZoResourceWatcher watcher;
     int number = 41;
-    Worker worker(watcher, 0);
+    Worker worker(nothing, &watcher);
     for (int start = 0; start < 2; ++start) {
         CHECK(worker.Start(&number) == ZoSuccess);
         Await([&] { return worker.GetStatus() == ZoThread::Finished; });
@@ -367,102 +279,64 @@ void ThreadObjects() {
         CHECK(worker.GetResult() == 42);
     }
     worker._Finish();
-    for (int i = 0; i < Threads; ++i) (new Worker(watcher, 1))->Start(&number);
+    for (int i = 0; i < Threads; ++i) (new Worker(nothing, &watcher, 1))->Start(&number);
     CHECK(watcher.WaitForZero(ZoNoLimit) == 0);
 
     POSIXCondition waits("waits"), gone("gone");
-    Patient patient(waits, gone);
-    CHECK(patient.Start(nullptr) == ZoSuccess);
+    auto const stay = [&] {
+        ZoTLS::GetThreadLocalStorage()->ownedObject = new Mark(gone);
+        waits.SetCondition();
+        return POSIXCondition("never").WaitForCondition(0, ZoNoLimit);
+    };
+    Worker patient(stay, nullptr);
+    CHECK(patient.Start(&number) == ZoSuccess);
     waits.WaitForCondition(0, ZoNoLimit);
     std::thread([&] { patient.Abort(); }).join();
     CHECK(patient.GetStatus() == ZoThread::Aborted);
     gone.WaitForCondition(0, ZoNoLimit);
 }
 
-void Records() {
-    OnThreads(Threads, [](int) {
-        ZoThreadAttach(nullptr);
-        ZoTLSSetAsyncWatcherThread();
-        bool const isMarked = ZoTLSisAsyncWatcherThread() == 1;
-        (*TLSGetCondition())->SetCondition();
-        ZoThreadDetach(ZoTLS::GetThreadLocalStorage());
-        if (!isMarked) std::abort();
-    });
-}
-
-// --- work ----------------------------------------------------------------------------------------
-
-class Unit : public ZoWorkUnit {
-public:
-    Unit(ZoCritSect& section, int& handled, int& aborted)
-        : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()),
-          section(section),
-          handled(handled),
-          aborted(aborted) {}
-    void Handle(ZoWorkQueue*) override { Count(handled); }
-    void Aborted(ZoWorkQueue*) override { Count(aborted); }
-
-private:
-    void Count(int& fate) {
-        section.Begin();
-        ++fate;
-        section.Exit();
-    }
-    ZoCritSect& section;
-    int& handled;
-    int& aborted;
-};
-
-// Appended by several threads, of whom others add workers and take them away.
+// Appended to by several threads, of which others add workers and take them away.
 void WorkQueue() {
     std::unique_ptr<ZoCritSect> const section(ZoCritSect::Make("units"));
     int handled = 0, aborted = 0, refused = 0;
-    std::vector<std::unique_ptr<Unit>> units;
+    auto const count = [&](int& fate) {
+        section->Begin();
+        ++fate;
+        section->Exit();
+    };
+    std::vector<std::unique_ptr<ScriptedUnit>> units;
     for (int i = 0; i < 2 * Threads * Rounds; ++i) {
-        units.push_back(std::make_unique<Unit>(*section, handled, aborted));
+        units.push_back(
+            std::make_unique<ScriptedUnit>([&] { count(handled); }, [&] { count(aborted); }));
     }
     ZoWorkQueue* const queue = ZoWorkQueue::Create(Threads, nullptr);
     for (bool const terminated : {false, true}) {
-        std::size_t const first = terminated ? Threads * Rounds : 0;
         OnThreads(Threads, [&](int number) {
             for (int i = 0; i < Rounds; ++i) {
-                auto const place = std::size_t(number) * Rounds + std::size_t(i);
-                if (queue->Append(units[first + place].get()) != ZoSuccess) {
-                    section->Begin();
-                    ++refused;
-                    section->Exit();
-                }
-                if (i == Rounds / 2) {
-                    if (number == 0) queue->IncreaseThreadCount();
-                    if (number == 1) queue->DecreaseThreadCount();
-                    if (number == 2 && terminated) queue->Terminate();
-                    queue->Length();
-                    queue->ThreadCount();
-                }
+                int const place = ((terminated ? Threads : 0) + number) * Rounds + i;
+                if (queue->Append(units[std::size_t(place)].get()) != ZoSuccess) count(refused);
+                if (i != Rounds / 2) continue;
+                if (number == 0) queue->IncreaseThreadCount();
+                if (number == 1) queue->DecreaseThreadCount();
+                if (number == 2 && terminated) queue->Terminate();
+                queue->Length();
+                queue->ThreadCount();
             }
         });
     }
     queue->Destroy();
-    CHECK(handled + aborted + refused == 2L * Threads * Rounds);
+    CHECK(handled + aborted + refused == 2 * Threads * Rounds);
     CHECK(handled > 0 && refused > 0);
 }
-
-class Sum : public ZoWorkUnit {
-public:
-    explicit Sum(int number) : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()), number(number) {}
-    void Handle(ZoWorkQueue*) override { ZoConcurrencyHelper::SetResult(resultObject, number + 1); }
-    void Aborted(ZoWorkQueue*) override { ZoConcurrencyHelper::SetResult(resultObject, -1); }
-
-private:
-    int number;
-};
 
 void Calculations() {
     ZoWorkQueue* const queue = ZoWorkQueue::Create(2, nullptr);
     OnThreads(Threads, [&](int number) {
         for (int i = 0; i < Rounds; ++i) {
             ZoConcurrencyHelper::CalculateConcurrently();
-            Sum unit(number);
+            ZoResult* const result = ZoConcurrencyHelper::GetResultObject();
+            ScriptedUnit unit([&] { ZoConcurrencyHelper::SetResult(result, number + 1); });
             queue->Append(&unit);
             if (ZoConcurrencyHelper::CalculateResult(0) != number + 1) std::abort();
         }
@@ -479,10 +353,7 @@ void EventsAndSwitches() {
         dispatcher->RegisterListener(1, 0xB00, new Listener([&](ZoEvent const*) { ++heard; }));
         for (int i = 0; i < Rounds; ++i) {
             GetDebugger();
-            {
-                ZoFtransLogEvent transfer;
-                transfer << "sent " << i << endl;
-            }
+            { ZoFtransLogEvent() << "sent " << i << endl; }
             dispatcher->TypeRequested(1, 0xB00);
             dispatcher->GetEventFamilyName(dispatcher->GetEventFamilyId("facilities"));
         }
@@ -495,18 +366,16 @@ void EventsAndSwitches() {
     });
 }
 
-void Consoles(TextSink& sink) {
+void Consoles() {
     OnThreads(Threads, [](int number) {
         for (int i = 0; i < Rounds; ++i) *GetConsole() << "thread" << ARROW << number << endl;
-    });
-    CHECK(sink.flushes >= Threads * Rounds);
-    smp_io mine;
-    CHECK(Console(Console(&mine)) == &mine);
-    OnThreads(Threads, [](int) {
         _smp_io plain;
         plain.writeOutput("not shown: the console is off", -1);
         _Configure_smp_io();
     });
+    CHECK(static_cast<TextSink*>(GetConsole()->sink)->flushes >= Threads * Rounds);
+    smp_io mine;
+    CHECK(Console(Console(&mine)) == &mine);
 }
 
 // --- the rest ------------------------------------------------------------------------------------
@@ -548,6 +417,11 @@ void AbortHandlers() {
 
 void OneThreadEach() {
     OnThreads(Threads, [](int) {
+        ZoThreadAttach(nullptr);
+        ZoTLSSetAsyncWatcherThread();
+        (*TLSGetCondition())->SetCondition();
+        if (ZoTLSisAsyncWatcherThread() != 1) std::abort();
+        ZoThreadDetach(ZoTLS::GetThreadLocalStorage());
         ZoEncryptionBuffer buffer(nullptr, 16, 100, ZoRawBufferOwnAndGrow);
         if (buffer.EnsureCapacity(1000) != 0 || buffer.SetDataLen(1000) != 0) std::abort();
         ZoThreadSwitchWithDelay(1);
@@ -561,25 +435,14 @@ void UseEverything() {
         Services services;
         services.Configure("mode", 0x800100);  // traces of threads
         Context context(detection);
-        Section(std::unique_ptr<ZoCritSect>(ZoCritSect::Make("section")));
         if (detection) Ring(services);
-        ReaderWriterMutex();
-        ThreadManager();
-        ReleaseAll();
-        Objects();
-        HashTable();
-        Conditions();
-        ResourceWatcher<ZoResourceWatcher>();
-        ResourceWatcher<ZoLockableResourceWatcher>();
-        ThreadObjects();
-        Records();
-        WorkQueue();
-        Calculations();
-        Consoles(*context.console);
-        EventsAndSwitches();
-        Interlocked();
-        AbortHandlers();
-        OneThreadEach();
+        for (auto const use :
+             {Section, ReaderWriterMutex, ThreadManager, ReleaseAll, Objects, Conditions,
+              ResourceWatcher<ZoResourceWatcher>, ResourceWatcher<ZoLockableResourceWatcher>,
+              ThreadObjects, WorkQueue, Calculations, Consoles, EventsAndSwitches, Interlocked,
+              AbortHandlers, OneThreadEach}) {
+            use();
+        }
         CHECK(services.Assertions().empty());
     }
 }
@@ -628,18 +491,14 @@ void InvertOrder() {
 
 // The appender goes on with what it has handed over.
 void ChangeAfterAppend() {
-    class Adds : public ZoWorkUnit {
-    public:
-        void Handle(ZoWorkQueue*) override {
-            isHandled = true;
-            ++shared;
-        }
-        void Aborted(ZoWorkQueue*) override {}
-        std::atomic<bool> isHandled{false};  // which the tools take for no order
-    } unit;
+    std::atomic<bool> isHandled{false};  // which the tools take for no order
+    ScriptedUnit unit([&] {
+        isHandled = true;
+        ++shared;
+    });
     ZoWorkQueue* const queue = ZoWorkQueue::Create(1, nullptr);
     queue->Append(&unit);
-    Await([&] { return unit.isHandled.load(); });
+    Await([&] { return isHandled.load(); });
     ++shared;
     queue->Destroy();
 }

@@ -1,5 +1,6 @@
 // What the tests put in place of the engine: recorders for everything the library tells it, and the
-// library context for the length of a test.
+// library context for the length of a test. Includes what nearly every test needs of the standard
+// library, from <atomic> to <vector>.
 
 #ifndef KELVARA_TESTS_SERVICES_H_
 #define KELVARA_TESTS_SERVICES_H_
@@ -26,6 +27,7 @@
 #include "zobaseservices.h"
 #include "zocrits.h"
 #include "zoevmdis.h"
+#include "zowrkque.h"
 
 namespace zotest {
 
@@ -178,15 +180,27 @@ private:
     std::function<void()> end;
 };
 
-inline std::string InfoOf(ZoCritSect* section) {
-    char text[256];
-    section->GetInfo(text, sizeof text);
-    return text;
-}
+// Does one of two things with a queue; belongs to the calculation that is open, if there is one.
+class ScriptedUnit : public ZoWorkUnit {
+public:
+    using Step = std::function<void()>;
+    explicit ScriptedUnit(
+        Step handle = [] {}, Step abort = [] {})
+        : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()),
+          handle(std::move(handle)),
+          abort(std::move(abort)) {}
+    void Handle(ZoWorkQueue*) override { handle(); }
+    void Aborted(ZoWorkQueue*) override { abort(); }
 
-inline std::string InfoOf(ZoRW_Mutex* mutex, int size = 256) {
+private:
+    Step handle, abort;
+};
+
+// Of a section or a reader/writer mutex.
+template <class Lock>
+std::string InfoOf(Lock* lock, int size = 256) {
     char text[256] = "";
-    mutex->GetInfo(text, size);
+    lock->GetInfo(text, size);
     return text;
 }
 

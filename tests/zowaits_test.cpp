@@ -6,16 +6,11 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "services.h"
 #include "zocond.h"
 #include "zotls.h"
-#include "zowrkque.h"
 
 using namespace zotest;
 
@@ -39,11 +34,6 @@ ZoContention Of(std::string const& name) {
     EXPECT_EQ(alive, 1) << name;
     return found;
 }
-
-struct Nothing final : ZoWorkUnit {
-    void Handle(ZoWorkQueue*) override {}
-    void Aborted(ZoWorkQueue*) override {}
-};
 
 TEST(Contention, CountsThoseWhoBlock) {
     using Step = std::function<void()>;
@@ -114,24 +104,19 @@ TEST(Contention, CountsThoseWhoBlock) {
 
 TEST(Contention, TellsWhatBecameOfUnits) {
     Context context(false);
-    Nothing units[200];
+    ScriptedUnit units[200];
     ZoWorkQueue* const queue = ZoWorkQueue::Create(1, nullptr);
-    // The worker cannot take a unit meanwhile.
-    struct Held final : ZoWorkUnit {
-        void Handle(ZoWorkQueue*) override {
-            ++begun;
-            Await([this] { return mayEnd.load(); });
-        }
-        void Aborted(ZoWorkQueue*) override {}
-        std::atomic<int> begun{0};
-        std::atomic<bool> mayEnd{false};
-    } held;
+    std::atomic<bool> hasBegun{false}, mayEnd{false};
+    ScriptedUnit held([&] {  // the worker cannot take a unit meanwhile
+        hasBegun = true;
+        Await([&] { return mayEnd.load(); });
+    });
     queue->Append(&held);
-    Await([&] { return held.begun == 1; });
-    for (Nothing& unit : units) queue->Append(&unit);
+    Await([&] { return hasBegun.load(); });
+    for (ScriptedUnit& unit : units) queue->Append(&unit);
     EXPECT_EQ(Of("WorkQueue").greatestLength, 200U);
     queue->Terminate();
-    held.mayEnd = true;
+    mayEnd = true;
     EXPECT_EQ(queue->Append(units), -1);
     Await([&] { return queue->ThreadCount() == 0; });
     ZoContention const told = Of("WorkQueue");

@@ -6,16 +6,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <deque>
-#include <functional>
 #include <latch>
 #include <memory>
 #include <numeric>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "cancelled.h"
 #include "services.h"
@@ -36,21 +32,6 @@ Queue Make(int workers, void* context = nullptr) {
     return Queue(ZoWorkQueue::Create(workers, context));
 }
 
-class Unit : public ZoWorkUnit {
-public:
-    using Step = std::function<void()>;
-    explicit Unit(
-        Step handle = [] {}, Step abort = [] {})
-        : ZoWorkUnit(ZoConcurrencyHelper::GetResultObject()),
-          handle(std::move(handle)),
-          abort(std::move(abort)) {}
-    void Handle(ZoWorkQueue*) override { handle(); }
-    void Aborted(ZoWorkQueue*) override { abort(); }
-
-private:
-    Step handle, abort;
-};
-
 // Keeps the one worker of a queue busy until it is told.
 class Busy {
 public:
@@ -62,7 +43,7 @@ public:
 
 private:
     std::latch taken{1}, released{1};
-    Unit unit{[this] {
+    ScriptedUnit unit{[this] {
         taken.count_down();
         released.wait();
     }};
@@ -88,7 +69,7 @@ TEST_F(WorkQueue, WithoutWorkersTheAppenderHandles) {
         EXPECT_EQ(queue->DecreaseThreadCount(), ZoSuccess);
         ZoConcurrencyHelper::CalculateConcurrently();
         std::vector<std::thread::id> handlers;
-        Unit unit([&] { handlers.push_back(std::this_thread::get_id()); });
+        ScriptedUnit unit([&] { handlers.push_back(std::this_thread::get_id()); });
         EXPECT_EQ(queue->Append(&unit), ZoSuccess);
         std::vector<std::thread::id> const here{std::this_thread::get_id()};
         EXPECT_EQ(handlers, here);
@@ -112,7 +93,7 @@ TEST_F(WorkQueue, HandlesOrAbortsInTheOrderOfAppending) {
         Busy busy(queue);
         std::vector<int> handled, aborted;
         std::atomic<int> passed{0};
-        std::deque<Unit> units;
+        std::deque<ScriptedUnit> units;
         for (int i = 0; i < Units; ++i) {
             units.emplace_back(
                 [&, i] {
@@ -161,16 +142,14 @@ struct Fate {
 class Mortal : public ZoWorkUnit {
 public:
     explicit Mortal(Fate& fate) : fate(fate) {}
-    void Handle(ZoWorkQueue*) override {
-        ++fate.handled;
-        delete this;
-    }
-    void Aborted(ZoWorkQueue*) override {
-        ++fate.aborted;
-        delete this;
-    }
+    void Handle(ZoWorkQueue*) override { Meet(fate.handled); }
+    void Aborted(ZoWorkQueue*) override { Meet(fate.aborted); }
 
 private:
+    void Meet(std::atomic<int>& one) {
+        ++one;
+        delete this;
+    }
     Fate& fate;
 };
 
@@ -183,7 +162,7 @@ TEST_F(WorkQueue, EveryUnitMeetsOneFate) {
         auto const end = static_cast<End>(round % Ends);
         auto queue = Make(1);
         // May be handled while `queue` is reset, which is empty then.
-        Unit terminating([its = queue.get()] { its->Terminate(); });
+        ScriptedUnit terminating([its = queue.get()] { its->Terminate(); });
         std::deque<Fate> fates(Threads * Steps);
         OnThreads(Threads, [&](int number) {
             auto const thread = static_cast<std::size_t>(number);
@@ -227,7 +206,7 @@ TEST_F(WorkQueue, NoAppenderTakesOverFromWorkersThatLeave) {
     for (int i = 0; i < Rounds; ++i) {
         std::thread::id appender;
         std::atomic<int> takenOver{0};
-        Unit unit([&] { takenOver += std::this_thread::get_id() == appender ? 1 : 0; });
+        ScriptedUnit unit([&] { takenOver += std::this_thread::get_id() == appender ? 1 : 0; });
         auto const queue = Make(1);
         OnThreads(2, [&](int thread) {
             if (thread == 0) {
@@ -250,11 +229,11 @@ TEST_F(WorkQueue, EveryWaitingUnitGetsAWorker) {
     auto const queue = Make(2);
     for (int i = 0; i < Pairs; ++i) {
         std::latch started(2), handled(2);
-        Unit::Step const meet = [&] {
+        ScriptedUnit::Step const meet = [&] {
             started.arrive_and_wait();
             handled.count_down();
         };
-        Unit one(meet), other(meet);
+        ScriptedUnit one(meet), other(meet);
         queue->Append(&one);
         if (i % 3 == 0) std::this_thread::yield();
         queue->Append(&other);
@@ -273,14 +252,14 @@ TEST_F(WorkQueue, EndsWhenItsWorkersAreDone) {
         ZoWorkQueue* const queue = ZoWorkQueue::Create(destroy ? 4 : 1, nullptr);
         std::latch taken{1};
         bool done = false;
-        Unit unit([&] {
+        ScriptedUnit unit([&] {
             TLSGetCondition();
             taken.count_down();
             Await([&] { return queue->Length() == ZoRefused; });
             for (int i = 0; i < 100; ++i) std::this_thread::yield();
             done = true;
         });
-        Unit forgotten([] { ADD_FAILURE(); }, [] { ADD_FAILURE(); });
+        ScriptedUnit forgotten([] { ADD_FAILURE(); }, [] { ADD_FAILURE(); });
         queue->Append(&unit);
         taken.wait();
         if (destroy) {
@@ -297,20 +276,20 @@ TEST_F(WorkQueue, EndsWhenItsWorkersAreDone) {
 
 TEST_F(WorkQueue, ACancelledThreadLeavesTheQueueUsable) {
     auto const plain = Make(0);
-    Unit cancelling(CancelHere);
+    ScriptedUnit cancelling(CancelHere);
     EXPECT_TRUE(IsCancelled([&] { plain->Append(&cancelling); }));
     EXPECT_EQ(plain->Length(), 0);  // would block for ever on a lock left behind
 
     auto queue = Make(1);
     Busy busy(queue);
     int aborted = 0;
-    Unit first([] {}, CancelHere);
-    Unit second([] {},
-                [&] {
-                    ++aborted;
-                    pthread_testcancel();
-                    busy.End();
-                });
+    ScriptedUnit first([] {}, CancelHere);
+    ScriptedUnit second([] {},
+                        [&] {
+                            ++aborted;
+                            pthread_testcancel();
+                            busy.End();
+                        });
     queue->Append(&first);
     queue->Append(&second);
     EXPECT_TRUE(IsCancelled([&] { queue->Terminate(); }));
@@ -338,8 +317,9 @@ TEST_F(WorkQueue, AChildDestroysItsParentsQueue) {
             destroyed.wait();
         }
     };
-    Unit units[]{Unit([] {}, std::ref(abort)), Unit([] {}, std::ref(abort))};
-    for (Unit& unit : units) queue->Append(&unit);
+    ScriptedUnit units[]{ScriptedUnit([] {}, std::ref(abort)),
+                         ScriptedUnit([] {}, std::ref(abort))};
+    for (ScriptedUnit& unit : units) queue->Append(&unit);
     std::thread terminator([&] { queue->Terminate(); });
     inAborted.wait();
     EXPECT_TRUE(ChildSucceeds([&] {
@@ -388,7 +368,7 @@ TEST_F(Calculation, OnAWorker) {
         for (int i = 0; i < Calculations; ++i) {
             ZoConcurrencyHelper::CalculateConcurrently();
             ZoResult* const open = ZoConcurrencyHelper::GetResultObject();
-            Unit answer([=] {
+            ScriptedUnit answer([=] {
                 if (i % 2 == 0) std::this_thread::yield();
                 ZoConcurrencyHelper::SetResult(open, i);
             });

@@ -7,10 +7,7 @@
 // SIGTERM ends the run. A lane of a scenario is a condition or a queue, its waiters, and a driver.
 // The driver releases some waiters, one by one and ahead of them, and then stands still until they
 // have taken all that it released. A lost wake-up leaves something that nobody takes while every
-// waiter sleeps.
-//
-// A wait is counted when its test failed, so that the thread went to sleep. A wake-up that finds
-// the test still failing is one for nothing, and not another wait.
+// waiter sleeps. A wait is counted when its test failed, so that the thread went to sleep.
 //
 // Exit status: 0; 1 when a wake-up was lost; 2 for a bad argument.
 
@@ -20,9 +17,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -54,60 +49,35 @@ constexpr auto Tick = timespec{0, 100'000'000};
 // The watch counts its own ticks, so a process that was stopped and goes on is not taken for hung.
 constexpr int PatienceInTicks = 300;
 
-// --- who sleeps and who wakes ------------------------------------------------------------------
-
-// What one waiter did. Changed with the condition's lock held, read at any time.
-struct Waiter {
-    std::atomic<Number> waits{0}, wakeUps{0};
-    std::atomic<bool> asleep{false};
-};
-
-// Stands in front of a condition's logic and notes who goes to sleep and who wakes up.
-class NotingLogic final : public ConditionLogic {
+// Stands in front of a condition's logic and counts the waits.
+class CountingLogic final : public ConditionLogic {
 public:
-    explicit NotingLogic(Condition* condition) : noted(condition->logic) {
+    explicit CountingLogic(Condition* condition) : counted(condition->logic) {
         condition->logic = this;
     }
-    void SafeSet(int* value) override { noted->SafeSet(value); }
-    void SafeClear(int* value) override { noted->SafeClear(value); }
+    void SafeSet(int* value) override { counted->SafeSet(value); }
+    void SafeClear(int* value) override { counted->SafeClear(value); }
     int SafeTest(int* value) override {
-        int const mustWait = noted->SafeTest(value);
-        Note(Self(), mustWait != 0);
+        int const mustWait = counted->SafeTest(value);
+        if (mustWait != 0) waits.fetch_add(1, std::memory_order_relaxed);
         return mustWait;
     }
     int SafeSetApp(int* value, void* first, void* second) override {
-        return noted->SafeSetApp(value, first, second);
+        return counted->SafeSetApp(value, first, second);
     }
 
-    std::array<Waiter, 64> waiters;
-    std::atomic<int> known{0};   // how many of those have come
-    std::atomic<int> asleep{0};  // how many sleep
+    std::atomic<Number> waits{0};
 
 private:
-    // The calling thread's; each thread waits with one logic only.
-    Waiter& Self() {
-        thread_local Waiter* self = nullptr;
-        if (self == nullptr) self = &waiters.at(static_cast<std::size_t>(known++));
-        return *self;
-    }
-    void Note(Waiter& self, bool sleeps) {
-        bool const slept = self.asleep.load(std::memory_order_relaxed);
-        if (slept) self.wakeUps.fetch_add(1, std::memory_order_relaxed);
-        if (slept == sleeps) return;
-        if (sleeps) self.waits.fetch_add(1, std::memory_order_relaxed);
-        self.asleep.store(sleeps, std::memory_order_relaxed);
-        asleep.fetch_add(sleeps ? 1 : -1, std::memory_order_relaxed);
-    }
-
-    ConditionLogic* noted;
+    ConditionLogic* counted;
 };
 
 // --- lanes -------------------------------------------------------------------------------------
 
 class Lane {
 public:
-    Lane(Condition* condition, int waiters, int mostAtOnce)
-        : condition(condition), logic(condition), waiters(waiters), mostAtOnce(mostAtOnce) {}
+    Lane(Condition* condition, int mostAtOnce)
+        : condition(condition), logic(condition), mostAtOnce(mostAtOnce) {}
     virtual ~Lane() { driver.join(); }
 
     void Start() {
@@ -115,29 +85,22 @@ public:
     }
     void Stop() { stopping = true; }
     bool IsOver() const { return over; }
-    Number Released() const { return released; }
-    Number Waits() const { return Sum(&Waiter::waits); }
-    Number WakeUps() const { return Sum(&Waiter::wakeUps); }
+    Number Waits() const { return logic.waits; }
 
-    // Each tick; false when nothing was taken for long although there is something to take.
-    bool IsWell() {
+    // Each tick; ends the program when nothing was taken for long although there is something to
+    // take.
+    void Check(char const* scenario) {
         Number const now = taken;
         bool const moves = now != takenBefore || (now == released && !stopping) || over;
         ticksStill = moves ? 0 : ticksStill + 1;
         takenBefore = now;
-        return ticksStill < PatienceInTicks;
-    }
-    void Print() {
+        if (ticksStill < PatienceInTicks) return;
         char info[64];
         condition->GetInfo(info, sizeof info);
-        std::printf("released %llu, taken %llu, asleep %d of %d, %s\n", released.load(),
-                    taken.load(), logic.asleep.load(), waiters, info);
-        for (int i = 0; i < logic.known; ++i) {
-            Waiter const& waiter = logic.waiters.at(static_cast<std::size_t>(i));
-            std::printf("waiter %2d: %s, %llu waits, %llu wake-ups\n", i,
-                        waiter.asleep ? "asleep" : "awake", waiter.waits.load(),
-                        waiter.wakeUps.load());
-        }
+        std::printf("LOST WAKE-UP: %s, after %llu waits of a lane: released %llu, taken %llu, %s\n",
+                    scenario, Waits(), released.load(), now, info);
+        std::fflush(stdout);
+        _exit(1);
     }
 
 protected:
@@ -147,8 +110,8 @@ protected:
     virtual void End() = 0;
 
     Condition* condition;
-    NotingLogic logic;
-    int const waiters, mostAtOnce;
+    CountingLogic logic;
+    int const mostAtOnce;
     std::atomic<Number> released{0}, taken{0};
 
 private:
@@ -166,11 +129,6 @@ private:
         End();
         over = true;
     }
-    Number Sum(std::atomic<Number> Waiter::*what) const {
-        Number sum = 0;
-        for (Waiter const& waiter : logic.waiters) sum += waiter.*what;
-        return sum;
-    }
 
     std::thread driver;
     std::atomic<bool> stopping{false}, over{false};
@@ -181,7 +139,7 @@ private:
 class ConditionLane final : public Lane {
 public:
     ConditionLane(int waiters, int mostAtOnce)
-        : Lane(Condition::MakeCondition("soak"), waiters, mostAtOnce) {
+        : Lane(Condition::MakeCondition("soak"), mostAtOnce) {
         for (int i = 0; i < waiters; ++i) threads.emplace_back([this] { Take(); });
     }
     ~ConditionLane() override {
@@ -204,7 +162,7 @@ private:
         condition->Lock();
         ending = true;
         condition->Unlock();
-        for (int i = 0; i < waiters; ++i) {
+        for (std::size_t i = 0; i < threads.size(); ++i) {
             ++released;
             Release();
         }
@@ -217,25 +175,22 @@ private:
 
 class QueueLane final : public Lane {
 public:
-    QueueLane(int waiters, int mostAtOnce) : QueueLane(Make(), waiters, mostAtOnce) {}
+    QueueLane(int waiters, int mostAtOnce)
+        : QueueLane(ZoWorkQueue::Create(0, nullptr), waiters, mostAtOnce) {}
 
 private:
-    class Unit final : public ZoWorkUnit {
-    public:
+    struct Unit final : ZoWorkUnit {
         explicit Unit(QueueLane* lane) : lane(lane) {}
         void Handle(ZoWorkQueue*) override { lane->taken.fetch_add(1, std::memory_order_release); }
         void Aborted(ZoWorkQueue*) override {}
-
-    private:
         QueueLane* lane;
     };
 
     QueueLane(ZoWorkQueue* queue, int waiters, int mostAtOnce)
-        : Lane(lastMade, waiters, mostAtOnce), queue(queue) {
+        : Lane(lastMade, mostAtOnce), queue(queue) {
         for (int i = 0; i < mostAtOnce + 1; ++i) units.push_back(std::make_unique<Unit>(this));
         for (int i = 0; i < waiters; ++i) queue->IncreaseThreadCount();
     }
-    static ZoWorkQueue* Make() { return ZoWorkQueue::Create(0, nullptr); }
     void Release() override {
         queue->Append(units[static_cast<std::size_t>(released % units.size())].get());
     }
@@ -247,32 +202,11 @@ private:
 
 // --- scenarios ---------------------------------------------------------------------------------
 
-// Threads that are made meanwhile run on one processor.
-class OnProcessor {
-public:
-    explicit OnProcessor(std::size_t processor) {
-        sched_getaffinity(0, sizeof before, &before);
-        cpu_set_t only;
-        CPU_ZERO(&only);
-        CPU_SET(processor, &only);
-        sched_setaffinity(0, sizeof only, &only);
-    }
-    OnProcessor(OnProcessor const&) = delete;
-    OnProcessor& operator=(OnProcessor const&) = delete;
-    ~OnProcessor() { sched_setaffinity(0, sizeof before, &before); }
+cpu_set_t allProcessors;
 
-private:
-    cpu_set_t before;
-};
-
-std::vector<std::size_t> Processors() {
-    cpu_set_t set;
-    sched_getaffinity(0, sizeof set, &set);
-    std::vector<std::size_t> processors;
-    for (std::size_t i = 0; i < CPU_SETSIZE; ++i) {
-        if (CPU_ISSET(i, &set)) processors.push_back(i);
-    }
-    return processors;
+template <class Kind>
+std::unique_ptr<Lane> Make(int waiters, int mostAtOnce) {
+    return std::make_unique<Kind>(waiters, mostAtOnce);
 }
 
 struct Scenario {
@@ -280,14 +214,8 @@ struct Scenario {
     std::unique_ptr<Lane> (*make)(int waiters, int mostAtOnce);
     int waiters, mostAtOnce;
     bool onEach;  // a lane on each processor; else one on all of them
-    Number waits = 0, wakeUps = 0, released = 0;
-    double seconds = 0;
+    Number waits = 0;
 };
-
-template <class Kind>
-std::unique_ptr<Lane> Make(int waiters, int mostAtOnce) {
-    return std::make_unique<Kind>(waiters, mostAtOnce);
-}
 
 Scenario scenarios[] = {
     {"8 waiters, one processor", Make<ConditionLane>, 8, 16, true},
@@ -300,18 +228,19 @@ Scenario scenarios[] = {
 
 using Lanes = std::vector<std::unique_ptr<Lane>>;
 
+// A lane's threads run on the processors of the thread that makes it.
 Lanes LanesOf(Scenario const& scenario) {
     Lanes lanes;
-    if (scenario.onEach) {
-        for (std::size_t const processor : Processors()) {
-            OnProcessor const made(processor);
-            lanes.push_back(scenario.make(scenario.waiters, scenario.mostAtOnce));
-            lanes.back()->Start();
-        }
-    } else {
+    for (std::size_t i = 0; i < CPU_SETSIZE; ++i) {
+        if (!CPU_ISSET(i, &allProcessors) || (!scenario.onEach && !lanes.empty())) continue;
+        cpu_set_t only = allProcessors;
+        if (scenario.onEach) CPU_ZERO(&only);
+        CPU_SET(i, &only);
+        sched_setaffinity(0, sizeof only, &only);
         lanes.push_back(scenario.make(scenario.waiters, scenario.mostAtOnce));
         lanes.back()->Start();
     }
+    sched_setaffinity(0, sizeof allProcessors, &allProcessors);
     return lanes;
 }
 
@@ -319,9 +248,11 @@ Lanes LanesOf(Scenario const& scenario) {
 
 sigset_t endings;
 
-// Lets a tick pass; true when the run shall end.
-bool TickOrEnd() {
-    return sigtimedwait(&endings, nullptr, &Tick) > 0;
+// Lets a tick pass and checks the lanes; true when the run shall end.
+bool TickOrEnd(Scenario const& scenario, Lanes const& lanes) {
+    bool const ended = sigtimedwait(&endings, nullptr, &Tick) > 0;
+    for (auto const& lane : lanes) lane->Check(scenario.name);
+    return ended;
 }
 
 Number WaitsOf(Lanes const& lanes) {
@@ -330,42 +261,16 @@ Number WaitsOf(Lanes const& lanes) {
     return waits;
 }
 
-void Check(Scenario const& scenario, Lanes const& lanes) {
-    for (auto const& lane : lanes) {
-        if (lane->IsWell()) continue;
-        std::printf("LOST WAKE-UP: %s, after %llu waits of this kind\n", scenario.name,
-                    scenario.waits + WaitsOf(lanes));
-        lane->Print();
-        std::fflush(stdout);
-        _exit(1);
-    }
-}
-
-double Now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 // Until there were so many waits; false when the run shall end before.
 bool Run(Scenario& scenario, Number waits) {
-    double const start = Now();
     Lanes const lanes = LanesOf(scenario);
     bool ended = false;
-    while (!ended && WaitsOf(lanes) < waits) {
-        ended = TickOrEnd();
-        Check(scenario, lanes);
-    }
+    while (!ended && WaitsOf(lanes) < waits) ended = TickOrEnd(scenario, lanes);
     for (auto const& lane : lanes) lane->Stop();
     for (auto const& lane : lanes) {
-        while (!lane->IsOver()) {
-            ended |= TickOrEnd();
-            Check(scenario, lanes);
-        }
-        scenario.wakeUps += lane->WakeUps();
-        scenario.released += lane->Released();
+        while (!lane->IsOver()) ended |= TickOrEnd(scenario, lanes);
     }
     scenario.waits += WaitsOf(lanes);
-    scenario.seconds += Now() - start;
     return !ended;
 }
 
@@ -373,22 +278,6 @@ Number WaitsSoFar() {
     Number waits = 0;
     for (Scenario const& scenario : scenarios) waits += scenario.waits;
     return waits;
-}
-
-void Report() {
-    utsname system{};
-    uname(&system);
-#ifdef __GLIBC__
-    std::printf("glibc %s, ", gnu_get_libc_version());
-#endif
-    std::printf("Linux %s, %zu processors\n", system.release, Processors().size());
-    std::printf("%-28s %13s %13s %13s %9s\n", "", "waits", "wake-ups", "released", "seconds");
-    for (Scenario const& scenario : scenarios) {
-        std::printf("%-28s %13llu %13llu %13llu %9.1f\n", scenario.name, scenario.waits,
-                    scenario.wakeUps, scenario.released, scenario.seconds);
-    }
-    std::printf("%llu waits slept, no wake-up was lost; %.0f s of processor time\n", WaitsSoFar(),
-                static_cast<double>(std::clock()) / CLOCKS_PER_SEC);
 }
 
 }  // namespace
@@ -400,6 +289,7 @@ int main(int argc, char** argv) {
         std::fputs("usage: condition_soak [WAITS [NOTE]]\n", stderr);
         return 2;
     }
+    sched_getaffinity(0, sizeof allProcessors, &allProcessors);
     // Before there are threads, which inherit it.
     sigemptyset(&endings);
     sigaddset(&endings, SIGINT);
@@ -408,14 +298,23 @@ int main(int argc, char** argv) {
 
     ___ZoExtendedContext(1);
     Number const share = std::min<Number>(waits / std::size(scenarios) + 1, 5'000'000);
-    for (std::size_t i = 0; WaitsSoFar() < waits; i = (i + 1) % std::size(scenarios)) {
-        if (!Run(scenarios[i], share)) break;
-        if (i + 1 == std::size(scenarios)) {
-            std::printf("%llu waits\n", WaitsSoFar());
-            std::fflush(stdout);
-        }
+    bool goesOn = true;
+    while (goesOn && WaitsSoFar() < waits) {
+        for (Scenario& scenario : scenarios) goesOn = goesOn && Run(scenario, share);
+        std::printf("%llu waits\n", WaitsSoFar());
+        std::fflush(stdout);
     }
-    Report();
+    utsname system{};
+    uname(&system);
+#ifdef __GLIBC__
+    std::printf("glibc %s, ", gnu_get_libc_version());
+#endif
+    std::printf("Linux %s, %d processors\n", system.release, CPU_COUNT(&allProcessors));
+    for (Scenario const& scenario : scenarios) {
+        std::printf("%-28s %13llu waits\n", scenario.name, scenario.waits);
+    }
+    std::printf("%llu waits slept, no wake-up was lost; %.0f s of processor time\n", WaitsSoFar(),
+                static_cast<double>(std::clock()) / CLOCKS_PER_SEC);
     ___ZoExtendedContext(0);
     return 0;
 }
