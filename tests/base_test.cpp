@@ -6,21 +6,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <deque>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "cancelled.h"
 #include "services.h"
@@ -45,12 +37,6 @@ void RunLast() {
 }
 [[gnu::section(".preinit_array"), gnu::used]] void (*const runLast)() = RunLast;
 
-std::string ReadFile(std::string const& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 // `text` with the time that begins a log entry written as "@".
 std::string Undated(std::string const& text) {
     std::istringstream lines(text);
@@ -67,12 +53,6 @@ std::string Undated(std::string const& text) {
 
 class Base : public testing::Test {
 protected:
-    Base() {
-        char name[] = "/tmp/zobaseXXXXXX";
-        directory = mkdtemp(name);
-    }
-    ~Base() override { std::filesystem::remove_all(directory); }
-
     void WriteConfig(std::string const& text) const {
         std::ofstream(directory + "/zova.ini", std::ios::binary) << text;
     }
@@ -97,22 +77,18 @@ protected:
         int status = 0;
         waitpid(child, &status, 0);
         EXPECT_EQ(status & ~WCOREFLAG, signal);
-        return Undated(ReadFile(caught));
+        return Undated(zotest::Contents(caught));
     }
 
-    std::string directory;
+    zotest::Folder const folder;
+    std::string const directory = folder.path;
 };
-
-std::vector<std::string> Split(std::string const& text, char mark) {
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, mark);) parts.push_back(part);
-    return parts;
-}
 
 // The value of "section/section/key"; "-" where there is none.
 std::string Lookup(std::string const& path) {
-    std::vector<std::string> const names = Split(path, '/');
+    std::istringstream parts(path);
+    std::vector<std::string> names;
+    for (std::string name; std::getline(parts, name, '/');) names.push_back(name);
     std::vector<char const*> sections;
     for (std::string const& name : names) sections.push_back(name.c_str());
     sections.back() = nullptr;
@@ -130,96 +106,61 @@ std::string Complaint(int line, std::string const& wrong) {
     return Remark(line, "line ignored: " + wrong);
 }
 
-TEST_F(Base, ConfigurationNumbers) {
-    std::vector<std::string> const cases = Split(
-        "0 -> 0, 50 -> 50, -0 -> 0, +7 -> 7, -7 -> -7, 007 -> 7, 5;half -> 5, 5 # half -> 5,"
-        "2147483647 -> 2147483647, -2147483648 -> -2147483648, 2147483648 -> -,"
-        "-2147483649 -> -, 99999999999999999999999999 -> -, 0x0 -> 0, 0XfF -> 255, -0x10 -> -16,"
-        "0x7FFFFFFF -> 2147483647, 0x80000000 -> -2147483648, 0xF0000000 -> -268435456,"
-        "0xFFFFFFFF -> -1, 0x100000000 -> -, -0x80000000 -> -2147483648, -0x80000001 -> -,"
-        " -> -, ; 5 -> -, 0x -> -, - -> -, +-5 -> -, - 5 -> -, 5 6 -> -, 5k -> -, 1A -> -,"
-        "0xG -> -, \"5\" -> -, five -> -",
-        ',');
-    std::string file = "[n]\n", complaints = Remark(1, "unknown section [n]"), values;
-    int number = 1;
-    for (std::string const& one : cases) {
-        std::size_t const arrow = one.find(" -> ");
-        file += "k" + std::to_string(++number) + " = " + one.substr(0, arrow) + "\n";
-        values += one.substr(arrow + 4) + "\n";
-        if (!one.ends_with("> -")) continue;
-        complaints += Complaint(number, "the value is not a number of 32 bits");
+// Writes the escapes of configuration.txt out.
+std::string Written(std::string const& text) {
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '\\') {
+            bytes += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
+            i += 3;
+        } else {
+            bytes += text[i] == '@' ? std::string(100'000, ' ') : std::string(1, text[i]);
+        }
     }
-    WriteConfig(file);
-    EXPECT_EQ(complaints + values, Printed([number] {
-                  for (int i = 2; i <= number; ++i) {
-                      dprintf(2, "%s\n", Lookup("n/k" + std::to_string(i)).c_str());
-                  }
-              }));
+    return bytes;
 }
 
+// The lines of configuration.txt, and look-ups of what stands in several sections.
 TEST_F(Base, ConfigurationLines) {
-    std::string const word = "the key is not one word";
-    std::pair<std::string, std::string> const lines[] = {
-        {"\xEF\xBB\xBFtop = 1\r", "unknown key top before the first section"},
-        {"node = 2", "unknown key node before the first section; did you mean mode in [debug]?"},
-        {"", ""},
-        {" \t ; comment", ""},
-        {"# [comment]", ""},
-        {"[debug]\r", ""},
-        {"csSleepTime=50", ""},
-        {"\tmode\t=\t0xF0000000 # flags\r", ""},
-        {"two words = 5", word},
-        {" = 5", word},
-        {"k[1 = 5", word},
-        {"k]1 = 5", word},
-        {"k ; = 5", word},
-        {"k#1 = 5", word},
-        {std::string("n\0l = 5", 7), word},
-        {"lonely", "neither [section] nor key = value"},
-        {"[unended", "the section has no ]"},
-        {"[]", "the section is not one word"},
-        {"[a b]", "the section is not one word"},
-        {"[other] = 5", "something follows the section"},
-        {"still = 7", "unknown key still in [debug]"},
-        {"CSsleptime = 7",
-         "unknown key CSsleptime in [debug]; did you mean csSleepTime in [debug]?"},
-        {"anwser = 7", "unknown key anwser in [debug]; did you mean answer in [base]?"},
-        {"[Debugs]", "unknown section [Debugs]; did you mean [debug]?"},
-        {"mod = 7", ""},
-        {"[ deeper.still ] ; comment", "unknown section [deeper.still]"},
-        {"\xC3\xA4 = 2", ""},
-        {"[debug]", ""},
-        {"csSleepTime = 60", ""},
-        {"csSleepTime = 6O", "the value is not a number of 32 bits"},
-        {"[base]", ""},
-        {"log = ; nowhere", "the value is not a path"},
-        {"log = a\x01"
-         "b",
-         "the value is not a path"},
-        {std::string(100'000, ' ') + "far = 8" + std::string(100'000, ' '),
-         "unknown key far in [base]"},
-        {std::string(100'000, 'x'), "neither [section] nor key = value"},
-        {"last = 9", "unknown key last in [base]"},
-    };
-    std::string file, expected;
-    int number = 0;
-    for (auto const& [line, complaint] : lines) {
-        file += (number == 0 ? "" : "\n") + line;
-        ++number;
-        if (complaint.empty()) continue;
-        bool const isTaken = complaint.starts_with("unknown");
-        expected += isTaken ? Remark(number, complaint) : Complaint(number, complaint);
+    std::ifstream cases(ZO_TESTS "/configuration.txt");
+    std::string file, told, values;
+    std::vector<std::string> paths;
+    int number = -2;  // that of the last line; two lines are the head
+    for (std::string one; std::getline(cases, one);) {
+        if (++number <= 0) continue;
+        std::size_t const arrow = one.find(" => ");
+        std::string const line = Written(one.substr(0, arrow)), result = one.substr(arrow + 4);
+        file += (number == 1 ? "" : "\n") + line;
+        bool const isValue = result.find_first_not_of("-0123456789") == result.npos;
+        if (!isValue) {
+            told +=
+                result.starts_with("unknown") ? Remark(number, result) : Complaint(number, result);
+        }
+        if (line[0] != 'k' || std::isdigit(line[1]) == 0) continue;
+        paths.push_back("n/" + line.substr(0, line.find(' ')));
+        values += (isValue ? result : "-") + " ";
+    }
+    for (auto const& [path, value] :
+         std::map<std::string, std::string>{{"top", "1"},
+                                            {"debug/csSleepTime", "60"},
+                                            {"debug/mode", "-268435456"},
+                                            {"debug/still", "7"},
+                                            {"deeper/still/\xC3\xA4", "2"},
+                                            {"deeper.still/\xC3\xA4", "2"},
+                                            {"base/far", "8"},
+                                            {"base/last", "9"},
+                                            {"deeper/\xC3\xA4", "-"},
+                                            {"deeper/still/more/\xC3\xA4", "-"},
+                                            {"deep/r.still/\xC3\xA4", "-"},
+                                            {"Debug/mode", "-"},
+                                            {"debug/Mode", "-"}}) {
+        paths.push_back(path);
+        values += value + " ";
     }
     WriteConfig(file);
-    EXPECT_EQ(
-        expected + "1 60 -268435456 7 2 2 8 9 - - - - - ", Printed([] {
-            for (char const* path : {"top", "debug/csSleepTime", "debug/mode", "debug/still",
-                                     "deeper/still/\xC3\xA4", "deeper.still/\xC3\xA4", "base/far",
-                                     "base/last", "deeper/\xC3\xA4", "deeper/still/more/\xC3\xA4",
-                                     "deep/r.still/\xC3\xA4", "Debug/mode", "debug/Mode"}) {
-                dprintf(2, "%s ", Lookup(path).c_str());
-            }
-        }));
+    EXPECT_EQ(told + values, Printed([&] {
+                  for (std::string const& path : paths) dprintf(2, "%s ", Lookup(path).c_str());
+              }));
 }
 
 // The first use comes from several threads at once.
@@ -266,7 +207,7 @@ TEST_F(Base, LogEntriesOfThreadsAndProcessesDoNotMix) {
               }),
               "");
 
-    std::istringstream log(Undated(ReadFile(directory + "/the;log")));
+    std::istringstream log(Undated(zotest::Contents(directory + "/the;log")));
     int next[3][Threads] = {};
     int lines = 0;
     for (std::string line; std::getline(log, line); ++lines) {

@@ -8,11 +8,8 @@
 
 #include <algorithm>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
-#include <sstream>
 
 #include "cancelled.h"
 #include "deadlock_io.h"
@@ -31,15 +28,8 @@ namespace {
 // The library context, in a directory of its own for "deadlock.txt".
 class Deadlock : public testing::Test {
 protected:
-    Deadlock() : before(std::filesystem::current_path()) {
-        char name[] = "/tmp/zo_deadlock_XXXXXX";
-        folder = mkdtemp(name);
-        std::filesystem::current_path(folder);
-    }
-    ~Deadlock() override {
-        std::filesystem::current_path(before);
-        std::filesystem::remove_all(folder);
-    }
+    Deadlock() { std::filesystem::current_path(folder.path); }
+    ~Deadlock() override { std::filesystem::current_path(before); }
     // The log file; a line that is a date as ctime() writes it reads "DATE".
     static std::string LogFile() {
         std::ifstream file("deadlock.txt");
@@ -61,7 +51,8 @@ protected:
     std::string file;  // what the log file is expected to hold
 
 private:
-    std::filesystem::path before, folder;
+    std::filesystem::path const before = std::filesystem::current_path();
+    Folder const folder;
 };
 
 std::string const FileHead =

@@ -4,20 +4,15 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
+
+#include "services.h"
 
 namespace fs = std::filesystem;
+using zotest::Contents;
 
 namespace {
 
@@ -30,12 +25,6 @@ std::string const TinyData = Capital + "0042;LATIN CAPITAL LETTER B;Lu;0;L;;;;;N
                              "4DBF;<CJK Ideograph Extension A, Last>;Lo;0;L;;;;;N;;;;;\n"
                              "0032;DIGIT TWO;Nd;0;EN;;2;2;2;N;;;;;\n";
 
-std::string Contents(fs::path const& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 std::size_t Count(std::string const& text, std::string const& part) {
     std::size_t count = 0;
     for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++count;
@@ -44,20 +33,15 @@ std::size_t Count(std::string const& text, std::string const& part) {
 
 class HostTest : public testing::Test {
 protected:
-    void SetUp() override {
-        std::string name = testing::TempDir() + "host_test-XXXXXX";
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        folder = name;
+    HostTest() {
         fs::create_directory(folder / "tmp");
         Write("UnicodeData.txt", TinyData);
         setenv("TMPDIR", (folder / "tmp").c_str(), 1);
     }
-
-    void TearDown() override {
+    ~HostTest() override {
         sqlite3_close(kept);
         EXPECT_TRUE(fs::is_empty(folder / "tmp")) << "temporary files were left behind";
         for (char const* name : {"TMPDIR", "ZOVA_CONFIG"}) unsetenv(name);
-        fs::remove_all(folder);
     }
 
     void Write(char const* name, std::string const& text) const {
@@ -142,7 +126,8 @@ protected:
         return child;
     }
 
-    fs::path folder;
+    zotest::Folder const own;
+    fs::path const folder = own.path;
     sqlite3* kept = nullptr;
     std::string errorFile = "err";
     std::string out;
@@ -200,26 +185,12 @@ TEST_F(HostTest, TracesWhatTheFlagsSay) {
 }
 
 TEST_F(HostTest, RefusesWrongOptions) {
-    ExpectRefusal("--bogus", "--bogus");
-    ExpectRefusal("--threads=0", "--threads");
-    ExpectRefusal("--seconds=soon", "--seconds");
-    ExpectRefusal("--level=14", "--level");
-    ExpectRefusal("--level=-1", "--level");
-    ExpectRefusal("--level=0 --threads=2", "--threads: level 0 locks nothing");
-    ExpectRefusal("--level=0 --deadlock", "--deadlock: level 0 locks nothing");
-    ExpectRefusal("--workers=-1", "--workers");
-    ExpectRefusal("--workers=2 --grow=1 --shrink=3", "--shrink: of 3 workers");
-    ExpectRefusal("--workers=0 --shrink=1", "--shrink: there are no workers");
-    ExpectRefusal("--trace=0x100000000", "--trace");
-    ExpectRefusal("--trace=10000h", "--trace");
-    ExpectRefusal("--deadlock 1", "--deadlock");
-    ExpectRefusal("--deadlock=3x", "--deadlock");
-    ExpectRefusal("--deadlock --no-detection", "--no-detection");
-    ExpectRefusal("--readers", "--deadlock");
-    ExpectRefusal("--deadlock --readers --level=4", "--readers: below level 5");
-    ExpectRefusal("--data=nowhere", "nowhere: there is no such data file");
-    ExpectRefusal("--data=/dev/null", "/dev/null: the data file is not a regular file");
-    ExpectRefusal("--data=. --database=nowhere/kept.db", "nowhere/kept.db: ");
+    std::ifstream cases(ZO_TESTS "/refused_options.txt");
+    EXPECT_TRUE(cases.is_open());
+    for (std::string one; std::getline(cases, one);) {
+        std::size_t const arrow = one.find(" => ");
+        ExpectRefusal(one.substr(0, arrow), one.substr(arrow + 4));
+    }
     EXPECT_EQ(Run("--help"), 0);
     ExpectSaid(out, "--deadlock [N]");
 }

@@ -2,12 +2,7 @@
 // on. ThreadSanitizer reports the destruction of a locked mutex itself, so it does not see those.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <string>
-#include <thread>
-
-#include "rw_mutex.h"
 #include "services.h"
 #include "zothrdmg.h"
 #include "zotls.h"
@@ -58,11 +53,7 @@ protected:
     ZoCritSect* MakeSection() { return Use(ZoCritSect::Make("books")); }
     ZoRW_Mutex* MakeMutex() { return Use(ZoRW_Mutex::Make(nullptr)); }
     // The manager's first field.
-    void const* ManagersMutex() {
-        void const* words[2];
-        std::memcpy(words, static_cast<void const*>(&manager), sizeof words);
-        return words[1];
-    }
+    void const* ManagersMutex() { return WordOf<void>(&manager, 1); }
 
     Services services;
     Context context{true};
@@ -93,52 +84,31 @@ TEST_F(Misuse, LeavingWhatIsNotOwnedChangesNothing) {
     delete section;
 }
 
-using Bracket = void (*)(ZoThreadMgr&);
 #define BRACKET(call) [](ZoThreadMgr& m) { m.call; }
-#define NOT_HELD(depths) " of reader/writer mutex LOCK that it does not hold: " depths "; expected "
 
+// In the order of the lines of misuse.txt.
 TEST_F(Misuse, BracketsAreToldWithTheirLabels) {
     struct {
-        Bracket before, misuse;
-        bool onOther;
-        char const* line;
+        void (*before)(ZoThreadMgr&);
+        void (*misuse)(ZoThreadMgr&);
     } const cases[] = {
-        {BRACKET(HasAllCS()), BRACKET(EndReader("sum")), false,
-         "ME ends a read" NOT_HELD(
-             "read depth 0, write depth 0, written by nobody") "BeginReader; nothing changes "
-                                                               "(EndReader, label \"sum\")"},
-        {BRACKET(BeginWriter("add", 0)), BRACKET(EndWriter("added", 1)), false,
-         "ME ends a read" NOT_HELD(
-             "read depth 0, write depth 1, written by thread ME") "lessExclusive 0; nothing "
-                                                                  "changes (EndWriter, label "
-                                                                  "\"added\")"},
-        {BRACKET(BeginWriter("add", 1)), BRACKET(EndWriter("added", 0)), false,
-         "ME ends a write" NOT_HELD(
-             "read depth 1, write depth 0, written by nobody") "lessExclusive 1; nothing changes "
-                                                               "(EndWriter, label \"added\")"},
-        {BRACKET(BeginWriter("add", 0)), BRACKET(UpgradeWriter("add")), false,
-         "ME ends a read" NOT_HELD(
-             "read depth 0, write depth 1, written by thread ME") "BeginWriter with lessExclusive "
-                                                                  "1; nothing changes "
-                                                                  "(UpgradeWriter, label \"add\")"},
-        {BRACKET(BeginReader("sum")), BRACKET(EndReader(nullptr)), true,
-         "OTHER ends a read" NOT_HELD(
-             "read depth 0, write depth 0, written by nobody") "BeginReader; nothing changes "
-                                                               "(EndReader, label \"\")"},
-        {BRACKET(BeginAdmin("copy")), BRACKET(EndCriticalSection(25, "copy")), true,
-         "OTHER leaves critical section ZoCSServerWriter LOCK owned by thread ME: nothing changes "
-         "(EndCriticalSection, label \"copy\", index 25)"},
-        {BRACKET(HasAllCS()), BRACKET(BeginCriticalSection(26, "copy")), false,
-         "ME asks thread manager MANAGER for a critical section that it does not have: expected an "
-         "index of 0 to 14 or 17 to 25; nothing changes (BeginCriticalSection, label \"copy\", "
-         "index 26)"},
+        {BRACKET(HasAllCS()), BRACKET(EndReader("sum"))},
+        {BRACKET(BeginWriter("add", 0)), BRACKET(EndWriter("added", 1))},
+        {BRACKET(BeginWriter("add", 1)), BRACKET(EndWriter("added", 0))},
+        {BRACKET(BeginWriter("add", 0)), BRACKET(UpgradeWriter("add"))},
+        {BRACKET(BeginReader("sum")), BRACKET(EndReader(nullptr))},
+        {BRACKET(BeginAdmin("copy")), BRACKET(EndCriticalSection(25, "copy"))},
+        {BRACKET(HasAllCS()), BRACKET(BeginCriticalSection(26, "copy"))},
     };
+    std::ifstream lines(ZO_TESTS "/misuse.txt");
     for (auto const& one : cases) {
-        lock = std::strstr(one.line, "mutex") != nullptr ? ManagersMutex()
-                                                         : manager.GetCriticalSection(25, 0);
+        std::string line;
+        std::getline(lines, line);
+        lock =
+            line.find("mutex") != line.npos ? ManagersMutex() : manager.GetCriticalSection(25, 0);
         one.before(manager);
-        one.onOther ? OnOther([&] { one.misuse(manager); }) : one.misuse(manager);
-        ExpectTold({one.line});
+        line[0] == 'O' ? OnOther([&] { one.misuse(manager); }) : one.misuse(manager);
+        ExpectTold({line});
         ReleaseAllSynchronizationObjects();
     }
     EXPECT_EQ(services.Assertions().size(), 6U);

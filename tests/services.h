@@ -9,13 +9,17 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -204,10 +208,47 @@ std::string InfoOf(Lock* lock, int size = 256) {
     return text;
 }
 
+// A new folder, which goes with this.
+class Folder {
+public:
+    Folder() {
+        char name[] = "/tmp/zo_test_XXXXXX";
+        path = mkdtemp(name);
+    }
+    Folder(Folder const&) = delete;
+    Folder& operator=(Folder const&) = delete;
+    ~Folder() { std::filesystem::remove_all(path); }
+    std::filesystem::path path;
+};
+
+// Of a file; nothing without one.
+inline std::string Contents(std::filesystem::path const& file) {
+    std::ostringstream text;
+    text << std::ifstream(file, std::ios::binary).rdbuf();
+    return text.str();
+}
+
 inline std::string Pointer(void const* address) {
     char text[32];
     std::snprintf(text, sizeof text, "%p", address);
     return text;
+}
+
+// Writes one value of each kind to a stream of the library's. Returns what it should read, with
+// `mark` behind each.
+template <class Stream>
+std::string WriteEveryKind(Stream& stream, std::string const& mark) {
+    void* const pointer = &stream;
+    stream << 7 << ARROW << -1 << static_cast<short>(-2) << static_cast<unsigned short>(65535)
+           << 4000000000U << -5L << 6UL << LLONG_MIN << ULLONG_MAX << true << 1.5F << 0.1 << 'c'
+           << "100%d " << UNKNOWN_ERROR << pointer;
+    std::string text;
+    for (char const* piece :
+         {"7", " --> ", "-1", "-2", "65535", "4000000000", "-5", "6", "-9223372036854775808",
+          "18446744073709551615", "1", "1.500000", "0.100000", "c", "100%d ", "unknown error"}) {
+        text += piece + mark;
+    }
+    return text + Pointer(pointer) + mark;
 }
 
 // The number that follows `key` in a text; 0 without it.

@@ -5,10 +5,7 @@
 
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
-#include <string>
 
 #include "services.h"
 #include "smp_vers.h"

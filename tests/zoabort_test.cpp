@@ -5,19 +5,10 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "_zothrd.h"
 #include "abort_handlers.h"
 #include "services.h"
 #include "zosyncob.h"

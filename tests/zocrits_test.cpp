@@ -3,17 +3,11 @@
 #include "zocrits.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <string>
-#include <thread>
 #include <typeinfo>
-#include <vector>
 
 #include "services.h"
 #include "zotls.h"

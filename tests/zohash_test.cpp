@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <bit>
 #include <random>
-#include <thread>
 
 #include "services.h"
 #include "zohash_model.h"
@@ -119,11 +117,13 @@ TEST(HashTable, GrowsOnceToTheExpectedSize) {
     EXPECT_EQ(table.shift, 24U);
 }
 
+// What the random programs do not reach: each allocation of a copy, and how many there are.
 TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
     NEEDS_ALLOC_FAULTS();
     ZoHashTable table(ZoHashTable::StringKeys, nullptr);
     for (char name[] = "a"; *name != 'p'; ++*name) table.InsertValue(name, &table);
-    ASSERT_EQ(table.GetNum(), 15U);
+    long const before = AllocFault::Live();
+    // An entry; the table and its 15 entries.
     EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
                   ZoHashEntry* entry;
                   int const result = table.CloneHashEntry(*table.LookUp("a"), entry);
@@ -133,7 +133,6 @@ TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
                   table.DestroyHashEntry(entry);
               }),
               1);
-    // The table and its 15 entries.
     EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
                   ZoHashTable* copy;
                   int const result = table.Clone(copy, nullptr);
@@ -142,23 +141,15 @@ TEST(HashTable, FailedAllocationsLeaveTheTableAsItWas) {
                   delete copy;
               }),
               16);
-    // The 16th entry, then the growth, without which the insertion stands.
-    EXPECT_EQ(FailEachAllocation([&](AllocFault const& fault) {
-                  bool const inserted = table.InsertValue("new", &table) != nullptr;
-                  EXPECT_EQ(table.GetNum(), inserted ? 16U : 15U);
-                  EXPECT_EQ(table.nBuckets, fault.Happened() ? 4U : 16U);
-                  table.Remove("new");
-              }),
-              2);
-    // Half way to the next growth an insertion asks for memory until it gets it, and goes without.
-    for (char name[] = "aa"; table.GetNum() < 31; ++*name) table.InsertValue(name, &table);
+    EXPECT_EQ(AllocFault::Live(), before);
+    // Half way to its second growth an insertion asks for memory until it gets it, and goes
+    // without.
+    while (table.GetNum() < 31) table.InsertValue(std::to_string(table.GetNum()).c_str(), &table);
     for (long const allocations : {2, 1}) {
         EXPECT_EQ(FailEachAllocation([&](AllocFault const&) {
                       bool const inserted = table.InsertValue("new", &table) != nullptr;
                       EXPECT_EQ(table.GetNum(), inserted ? 32U : 31U);
                       EXPECT_EQ(table.GetValueFast("new"), inserted ? &table : nullptr);
-                      EXPECT_EQ(table.GetValueFast("aa"), &table);
-                      EXPECT_EQ(table.nBuckets, 16U);
                       table.Remove("new");
                   }),
                   allocations);

@@ -5,14 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "services.h"
 #include "zocond.h"
-#include "zoevmdis.h"
 #include "zointrlk.h"
 #include "zotls.h"
 

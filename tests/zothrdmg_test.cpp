@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <utility>
 
 #include "cancelled.h"
 #include "services.h"

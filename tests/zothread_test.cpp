@@ -6,17 +6,9 @@
 #include <pthread.h>
 #include <sched.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <random>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "alloc_fault.h"
 #include "services.h"
@@ -24,7 +16,6 @@
 #include "thread_entry.h"
 #include "watchdog.h"
 #include "zocond.h"
-#include "zoevmdis.h"
 #include "zotls.h"
 
 using namespace zotest;

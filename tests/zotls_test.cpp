@@ -5,10 +5,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include "services.h"
 #include "zocond.h"
 #include "zothread.h"
