@@ -44,18 +44,26 @@ void CheckAt(int line, bool holds, char const* what) {
 
 // --- locks ---------------------------------------------------------------------------------------
 
-// What several threads change between `enter` and `leave`, as often as they can.
-template <class Enter, class Leave>
-void Excludes(Enter enter, Leave leave) {
+// Several threads change something between `enter` and `leave`, as often as they can, and look at
+// it in `read`.
+template <class Enter, class Leave, class Read>
+void Excludes(Enter enter, Leave leave, Read read) {
     int guarded = 0;
     OnThreads(Threads, [&](int number) {
         for (int i = 0; i < Rounds; ++i) {
+            read([&] {
+                if (guarded < i) std::abort();
+            });
             enter(number);
             ++guarded;
             leave(number);
         }
     });
     CHECK(guarded == Threads * Rounds);
+}
+template <class Enter, class Leave>
+void Excludes(Enter enter, Leave leave) {
+    Excludes(enter, leave, [](auto const&) {});
 }
 
 // Another thread waits for what this one holds, as the lock's description says, and reads what this
@@ -129,17 +137,12 @@ void ReaderWriterMutex() {
     cancelled.join();
     HandsOver(
         *mutex, "wait_wr #", [&] { end(0); }, write);
+    auto const read = [&](auto look) { start(0), start(0), look(), end(0), end(0); };
     start(1);
     start(1);
     HandsOver(
-        *mutex, "wait_rd #", [&] { end(1), end(1); },
-        [&](auto look) { start(0), start(0), look(), end(0), end(0); });
-    Excludes(
-        [&](int) {
-            start(0), start(0), end(0), end(0);
-            start(1);
-        },
-        [&](int) { end(1); });
+        *mutex, "wait_rd #", [&] { end(1), end(1); }, read);
+    Excludes([&](int) { start(1); }, [&](int) { end(1); }, read);
     // Upgrades and lowers, and is told of both.
     Excludes([&](int) { start(0), start(1); }, [&](int) { end(1), end(0); });
     Excludes([&](int) { start(1), start(0); }, [&](int) { end(0), end(1); });
@@ -152,18 +155,18 @@ void ThreadManager() {
         Excludes([&](int) { manager.BeginCriticalSection(9, "objects"); },
                  [&](int) { manager.EndCriticalSection(9, "objects"); });
         if (level == ZoThreadMgr::OneCS) continue;  // its brackets lock nothing
+        int rounds = 0;                             // of the first thread
         Excludes(
             [&](int) {
-                manager.BeginReader("read");
-                manager.EndReader("read");
                 manager.BeginWriter("write", 1);
                 manager.UpgradeWriter("write");
             },
-            [&](int) {
+            [&](int number) {
                 manager.DowngradeWriter("write");
                 manager.EndWriter("write", 1);
-                manager.PrintStatus();
-            });
+                if (number == 0 && ++rounds == Rounds / 2) manager.PrintStatus();
+            },
+            [&](auto look) { manager.BeginReader("read"), look(), manager.EndReader("read"); });
         Excludes([&](int) { manager.BeginAdmin("admin"); },
                  [&](int) { manager.EndAdmin("admin"); });
     }
