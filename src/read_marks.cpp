@@ -222,7 +222,7 @@ MarksWithdrawal::MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMar
     : mutex(AddressOf(of)), thread(currentRecord) {
     if (!marksMayBeOut) return;
     ZoUInt32 const begun = Nanoseconds();
-    pthread_cond_init(&woken, nullptr);
+    if (pthread_cond_init(&woken, nullptr) != 0) woken = PTHREAD_COND_INITIALIZER;
     {
         Hold const hold;
         LinkFirst(firstWithdrawal, this);
