@@ -3,6 +3,7 @@
 #include "points.h"
 
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <link.h>
 #include <pthread.h>
@@ -13,12 +14,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -27,12 +25,16 @@
 
 namespace points {
 
+constinit Places placesOfProcess{};
+constinit Places* places = &placesOfProcess;
+
 namespace {
 
 struct State {
-    std::atomic<int> mode{Off};
-    std::atomic<long> left{0}, most{LONG_MAX};
-    std::atomic<char const*> where{""};
+    std::atomic<Mode> mode{Off};
+    std::atomic<std::uint64_t> key{0};
+    std::atomic<int> pass{0};
+    std::atomic<char const*> where{nullptr};
     std::atomic<void (*)()> action{nullptr};
     std::atomic<long> live{0}, waits{0};
 };
@@ -43,55 +45,78 @@ constinit thread_local std::uint32_t chance = 0;
 // --- whose call it is ----------------------------------------------------------------------------
 
 struct Range {
-    std::atomic<std::uintptr_t> begin{0}, end{0};
-    bool Has(std::uintptr_t at) const { return at >= begin && at < end; }
+    std::atomic<std::uintptr_t> base{0}, begin{0}, end{0};
 };
-constinit Range libraries[2];
+constinit Range modules[3];  // the two libraries, and the program
+constexpr std::uint32_t Program = 3;
 
-int FindLibrary(dl_phdr_info* info, std::size_t, void*) {
+int FindModule(dl_phdr_info* info, std::size_t, void*) {
     char const* const names[] = {"libzo95Kex", "libzo95Kbs"};
-    for (int i = 0; i < 2; ++i) {
-        if (std::strstr(info->dlpi_name, names[i]) == nullptr) continue;
-        for (int part = 0; part < info->dlpi_phnum; ++part) {
-            auto const& segment = info->dlpi_phdr[part];
-            if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
-            libraries[i].end = info->dlpi_addr + segment.p_vaddr + segment.p_memsz;
-            libraries[i].begin = info->dlpi_addr + segment.p_vaddr;
-        }
+    int i = 2;
+    if (info->dlpi_name[0] != '\0') {
+        for (i = 0; i < 2 && std::strstr(info->dlpi_name, names[i]) == nullptr;) ++i;
+    }
+    if (i == 2 && modules[2].begin != 0) return 0;  // the program comes first
+    for (int part = 0; part < info->dlpi_phnum; ++part) {
+        auto const& segment = info->dlpi_phdr[part];
+        if (segment.p_type != PT_LOAD || (segment.p_flags & PF_X) == 0) continue;
+        modules[i].base = info->dlpi_addr;
+        modules[i].end = info->dlpi_addr + segment.p_vaddr + segment.p_memsz;
+        modules[i].begin = info->dlpi_addr + segment.p_vaddr;
     }
     return 0;
 }
 
-bool IsOurs(void const* caller) {
-    if (libraries[0].begin == 0 || libraries[1].begin == 0) dl_iterate_phdr(FindLibrary, nullptr);
-    auto const at = reinterpret_cast<std::uintptr_t>(caller);
-    return libraries[0].Has(at) || libraries[1].Has(at);
+// 0: in none of the modules.
+std::uint32_t Locate(void const* code) {
+    if (modules[0].begin == 0 || modules[1].begin == 0) dl_iterate_phdr(FindModule, nullptr);
+    auto const at = reinterpret_cast<std::uintptr_t>(code);
+    for (std::uint32_t i = 0; i < Program; ++i) {
+        if (at < modules[i].begin || at >= modules[i].end) continue;
+        return (i + 1) * Module + static_cast<std::uint32_t>(at - modules[i].base);
+    }
+    return 0;
 }
 
-// --- what was reached ----------------------------------------------------------------------------
+bool IsOfLibrary(std::uint32_t location) {
+    return location != 0 && location < Program * Module;
+}
 
-struct Site {
-    std::atomic<void const*> place;
-    std::atomic<char const*> function;
+struct Function {
+    char const* name;
+    bool canFail, endsThread;
 };
-struct Table {
-    std::atomic<long> calls;
-    Site sites[1024];
-};
-constinit Table tableOfProcess{};
-constinit Table* table = &tableOfProcess;
 
-// How often each place was passed since Arm.
-constinit std::atomic<long> passes[1024];
+// --- places --------------------------------------------------------------------------------------
 
-// Returns how often since Arm.
-long Note(char const* function, void const* place) {
-    table->calls.fetch_add(1, std::memory_order_relaxed);
-    for (auto slot = reinterpret_cast<std::uintptr_t>(place);; ++slot) {
-        Site& site = table->sites[slot % 1024];
-        void const* none = nullptr;
-        if (site.place.compare_exchange_strong(none, place)) site.function = function;
-        if (none == nullptr || none == place) return ++passes[slot % 1024];
+int IndexOf(char const* name) {
+    int i = 0;
+    while (std::strcmp(names[i], name) != 0) ++i;
+    return i;
+}
+
+// Follows the frames for as long as they are of the modules.
+Place& Find(Function const& function, void** frame) {
+    std::uint32_t frames[32];
+    std::uint64_t key = 14695981039346656037U;
+    auto const add = [&](std::uint32_t word) { key = (key ^ word) * 1099511628211U; };
+    int depth = 0;
+    while (depth < 31 && (frames[depth] = Locate(frame[1])) != 0) {
+        add(frames[depth++]);
+        if (*frame <= static_cast<void*>(frame)) break;
+        frame = static_cast<void**>(*frame);
+    }
+    frames[depth] = 0;
+    for (std::uint64_t slot = key;; ++slot) {
+        Place& place = places->place[slot % 4096];
+        std::uint64_t none = 0;
+        if (place.key.compare_exchange_strong(none, key)) {
+            place.function = IndexOf(function.name);
+            place.canFail = function.canFail;
+            place.endsThread = function.endsThread;
+            std::memcpy(place.frames, frames, sizeof frames);
+        }
+        if (none == 0 || none == key) return place;
     }
 }
 
@@ -99,8 +124,7 @@ long Note(char const* function, void const* place) {
 
 void Delay() {
     static std::atomic<std::uint32_t> threads{0};
-    if (chance == 0)
-        chance = (static_cast<std::uint32_t>(state.left.load()) + 77U * ++threads) | 1U;
+    if (chance == 0) chance = (static_cast<std::uint32_t>(state.key) + 77U * ++threads) | 1U;
     chance ^= chance << 13;
     chance ^= chance >> 17;
     chance ^= chance << 5;
@@ -112,61 +136,68 @@ void Delay() {
     pthread_setcancelstate(previous, nullptr);
 }
 
+void EndThread() {
+    int previous = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+    pthread_setcancelstate(previous, nullptr);
+    if (previous == PTHREAD_CANCEL_ENABLE) pthread_exit(nullptr);
+}
+
 // At the first call, while the libraries are being loaded.
 void ArmFromEnvironment() {
     static constinit std::atomic<bool> done{false};
     if (done.load(std::memory_order_relaxed) || done.exchange(true)) return;
-    if (char const* const nth = std::getenv("ZO_FAULT")) Arm(Fail, std::atol(nth));
-    if (char const* const seed = std::getenv("ZO_SHAKE")) Arm(Shake, std::atol(seed));
+    if (char const* const seed = std::getenv("ZO_SHAKE"))
+        Arm(Shake, std::strtoul(seed, nullptr, 0));
+    int mode = 0, pass = 0;
+    unsigned long key = 0;
+    char const* const fault = std::getenv("ZO_FAULT");
+    if (fault == nullptr || std::sscanf(fault, "%d %lu %d", &mode, &key, &pass) != 3) return;
+    int const file = open("places", O_RDWR | O_CLOEXEC);
+    places = static_cast<Places*>(
+        mmap(nullptr, sizeof(Places), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    Arm(static_cast<Mode>(mode), key, pass);
 }
 
 // Whether the call fails.
-bool Pass(char const* function, void const* caller, bool canFail, bool endsThread) {
+bool Pass(Function const& function, void** frame) {
     ArmFromEnvironment();
-    int const mode = state.mode.load(std::memory_order_relaxed);
-    if (mode == Off || !IsOurs(caller)) return false;
-    bool const isRare = Note(function, caller) <= state.most;
-    if (std::strncmp(function, "pthread_cond_", 13) == 0 && endsThread) ++state.waits;
+    Mode const mode = state.mode.load(std::memory_order_relaxed);
+    if (!IsOfLibrary(Locate(frame[1]))) return false;
+    if (std::strncmp(function.name, "pthread_cond_", 13) == 0 && function.endsThread) ++state.waits;
     if (mode == Shake) Delay();
-    bool const counts = !isRare          ? false
-                        : mode == Fail   ? canFail
-                        : mode == Cancel ? isVictim
-                        : mode == End    ? isVictim && endsThread
-                                         : mode == Meet;
-    if (!counts || state.left.fetch_sub(1) != 1) return false;
-    state.where = function;
+    if (mode == Off || mode == Shake) return false;
+    Place& place = Find(function, frame);
+    int const pass = ++place.passes;
+    int const ofVictims = isVictim ? ++place.ofVictims : -1;
+    bool const counts = (mode == Fail && function.canFail) || mode == Meet || isVictim;
+    int const nth = mode == Cancel || mode == End ? ofVictims : pass;
+    if (!counts || place.key != state.key || nth != state.pass) return false;
+    state.where = function.name;
     if (mode == Cancel) pthread_cancel(pthread_self());
     if (mode == Meet) state.action.load()();
-    if (mode == End) {
-        int previous = 0;
-        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
-        pthread_setcancelstate(previous, nullptr);
-        if (previous == PTHREAD_CANCEL_ENABLE) pthread_exit(nullptr);
-    }
+    if (mode == End) EndThread();
     return mode == Fail;
 }
 
 }  // namespace
 
-void Arm(Mode mode, long nth) {
-    state.where = "";
-    state.waits = 0;
-    for (auto& count : passes) count = 0;
-    state.left = nth;
+void Arm(Mode mode, std::uint64_t key, int pass) {
+    state.where = nullptr;
+    for (Place& place : places->place) place.passes = place.ofVictims = 0;
+    state.key = key;
+    state.pass = pass;
     state.mode = mode;
 }
 void Disarm() {
     state.mode = Off;
 }
 bool Happened() {
-    return *state.where.load() != '\0';
+    return state.where.load() != nullptr;
 }
 bool Failed(char const* function) {
     return state.mode == Fail && Happened() &&
            (function == nullptr || std::strcmp(state.where, function) == 0);
-}
-char const* Where() {
-    return state.where;
 }
 void BeVictim() {
     isVictim = true;
@@ -180,33 +211,8 @@ long Live() {
 void Outlive() {
     outlives = !isVictim;
 }
-
 long Waits() {
     return state.waits;
-}
-
-void CountAtMost(long passesOfAPlace) {
-    state.most = passesOfAPlace;
-}
-
-void Remember() {
-    void* const memory =
-        mmap(nullptr, sizeof(Table), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    table = new (memory) Table{};
-}
-
-bool IsReached(char const* function) {
-    for (Site const& site : table->sites) {
-        if (site.place != nullptr && std::strcmp(site.function, function) == 0) return true;
-    }
-    return false;
-}
-
-Sites Reached() {
-    Sites sites{0, 0, table->calls};
-    for (Site const& site : table->sites) sites.places += site.place != nullptr ? 1 : 0;
-    for (int i = 0; names[i] != nullptr; ++i) sites.functions += IsReached(names[i]) ? 1 : 0;
-    return sites;
 }
 
 // --- the system library --------------------------------------------------------------------------
@@ -223,24 +229,28 @@ Function* Next(std::atomic<Function*>& known, char const* name) {
 
 // In front of each block.
 struct alignas(16) Head {
+    std::size_t size;
     bool counts;
 };
 
-void* Allocate(char const* function, void const* caller, std::size_t size) {
-    if (Pass(function, caller, true, false)) return nullptr;
+void* Allocate(std::size_t size, void** frame) {
+    if (Pass({"new", true, false}, frame)) return nullptr;
     void* const memory = std::malloc(sizeof(Head) + size);
     if (memory == nullptr) return nullptr;
-    Head* const head = new (memory) Head{!outlives && IsOurs(caller)};
+    Head* const head = new (memory) Head{size, !outlives && IsOfLibrary(Locate(frame[1]))};
     state.live += head->counts ? 1 : 0;
     std::memset(head + 1, 0xA5, size);
     return head + 1;
 }
 
+// A block of the library's is spoilt and not used again, so that a use of it is noticed.
 void Free(void* block) {
     if (block == nullptr) return;
     Head* const head = static_cast<Head*>(block) - 1;
+    bool const keeps = head->counts && state.mode != Shake;
     state.live -= head->counts ? 1 : 0;
-    std::free(head);
+    if (keeps) std::memset(block, 0xDD, head->size);
+    if (!keeps) std::free(head);
 }
 
 int Error(int error) {
@@ -248,19 +258,22 @@ int Error(int error) {
     return -1;
 }
 
+#define FRAME static_cast<void**>(__builtin_frame_address(0))
+
 }  // namespace
 
-// A function of the system library under a name of ours. `FAILS`: what it returns when it fails;
-// the others of the lists never do, for a correct caller. Those of the last list are cancellation
+// A function of the system library under a name of ours. `failure`: what it returns when it fails;
+// those of the last list never do, for a correct caller. Those of the second are cancellation
 // points. A declaration of the system's may say that a function does not throw, which would keep a
 // cancelled thread from being unwound.
-#define FUNCTION(result, name, parameters, arguments, canFail, failure, endsThread)                \
-    extern "C" __attribute__((visibility("default"))) result Our_##name parameters __asm__(#name); \
-    extern "C" result Our_##name parameters {                                                      \
-        static constinit std::atomic<std::add_pointer_t<result parameters>> known{nullptr};        \
-        auto* const next = Next<result parameters>(known, #name);                                  \
-        if (Pass(#name, __builtin_return_address(0), canFail, endsThread)) return failure;         \
-        return next arguments;                                                                     \
+#define FUNCTION(result, name, symbol, parameters, arguments, canFail, failure, endsThread) \
+    extern "C" __attribute__((visibility("default")))                                       \
+    result Our_##name parameters __asm__(symbol);                                           \
+    extern "C" result Our_##name parameters {                                               \
+        static constinit std::atomic<std::add_pointer_t<result parameters>> known{nullptr}; \
+        auto* const next = Next<result parameters>(known, symbol);                          \
+        if (Pass({#name, canFail, endsThread}, FRAME)) return failure;                      \
+        return next arguments;                                                              \
     }
 
 // clang-format off
@@ -272,11 +285,13 @@ int Error(int error) {
     F(int, pthread_cond_init, (pthread_cond_t* c, pthread_condattr_t const* a), (c, a), EAGAIN) \
     F(int, pthread_attr_init, (pthread_attr_t* a), (a), ENOMEM) \
     F(int, pthread_attr_setdetachstate, (pthread_attr_t* a, int s), (a, s), EINVAL) \
+    F(int, pthread_attr_getdetachstate, (pthread_attr_t const* a, int* s), (a, s), EINVAL) \
     F(int, pthread_attr_setstacksize, (pthread_attr_t* a, std::size_t s), (a, s), EINVAL) \
     F(int, pthread_attr_destroy, (pthread_attr_t* a), (a), EINVAL) \
     F(int, pthread_create, (pthread_t* t, pthread_attr_t const* a, void* (*f)(void*), void* p), (t, a, f, p), EAGAIN) \
     F(int, pthread_cancel, (pthread_t t), (t), ESRCH) \
     F(int, pthread_detach, (pthread_t t), (t), ESRCH) \
+    F(int, pthread_setname_np, (pthread_t t, char const* n), (t, n), ERANGE) \
     F(int, pthread_key_create, (pthread_key_t* k, void (*f)(void*)), (k, f), EAGAIN) \
     F(int, __register_atfork, (void (*b)(), void (*p)(), void (*c)(), void* d), (b, p, c, d), ENOMEM) \
     F(int, pthread_setspecific, (pthread_key_t k, void const* v), (k, v), ENOMEM) \
@@ -288,6 +303,10 @@ int Error(int error) {
     F(char*, ctime_r, (time_t const* t, char* b), (t, b), nullptr) \
     F(tm*, gmtime_r, (time_t const* t, tm* r), (t, r), nullptr) \
     F(char*, getenv, (char const* n), (n), nullptr) \
+    F(char*, getcwd, (char* b, std::size_t n), (b, n), (errno = ENOENT, nullptr)) \
+    F(long, syscall, (long n, long a, long b, long c, long d, long e, long f), (n, a, b, c, d, e, f), Error(ENOSYS)) \
+    F(int, backtrace, (void** b, int n), (b, n), 0) \
+    F(int, dladdr, (void const* a, Dl_info* i), (a, i), 0) \
     F(void*, realloc, (void* b, std::size_t s), (b, s), nullptr)
 #define ENDS_WAIT(F) \
     F(int, pthread_cond_wait, (pthread_cond_t* c, pthread_mutex_t* m), (c, m), 0) \
@@ -320,54 +339,49 @@ int Error(int error) {
 // clang-format on
 
 #define FAILING(result, name, parameters, arguments, failure) \
-    FUNCTION(result, name, parameters, arguments, true, failure, false)
+    FUNCTION(result, name, #name, parameters, arguments, true, failure, false)
 #define ENDING(result, name, parameters, arguments, failure) \
-    FUNCTION(result, name, parameters, arguments, true, failure, true)
+    FUNCTION(result, name, #name, parameters, arguments, true, failure, true)
 #define PASSING(result, name, parameters, arguments) \
-    FUNCTION(result, name, parameters, arguments, false, 0, false)
+    FUNCTION(result, name, #name, parameters, arguments, false, 0, false)
 #define NAME(result, name, ...) #name,
 
 CAN_FAIL(FAILING)
 ENDS_WAIT(ENDING)
 NEVER_FAILS(PASSING)
 
-char const* const names[] = {CAN_FAIL(NAME) ENDS_WAIT(NAME) NEVER_FAILS(NAME) "new", nullptr};
+// What the standard library calls for the library.
+FUNCTION(void, condition_variable_wait, "_ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE",
+         (void* c, void* l), (c, l), true, static_cast<void>(0), true)
+FUNCTION(void, condition_variable_notify_one, "_ZNSt18condition_variable10notify_oneEv", (void* c),
+         (c), false, static_cast<void>(0), false)
+
+char const* const names[] = {CAN_FAIL(NAME) ENDS_WAIT(NAME) "new",
+                             "condition_variable_wait",  // can fail
+                             "", NEVER_FAILS(NAME) "condition_variable_notify_one", nullptr};
 
 }  // namespace points
 
 // NOLINTBEGIN(misc-definitions-in-headers)
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
-    return points::Allocate("new", __builtin_return_address(0), size);
-}
-void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
-    return points::Allocate("new", __builtin_return_address(0), size);
-}
-void* operator new(std::size_t size) {
-    void* const block = points::Allocate("new", __builtin_return_address(0), size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
-}
-void* operator new[](std::size_t size) {
-    void* const block = points::Allocate("new", __builtin_return_address(0), size);
-    if (block == nullptr) throw std::bad_alloc();
-    return block;
-}
-void operator delete(void* block) noexcept {
-    points::Free(block);
-}
-void operator delete[](void* block) noexcept {
-    points::Free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    points::Free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    points::Free(block);
-}
-void operator delete(void* block, std::nothrow_t const&) noexcept {
-    points::Free(block);
-}
-void operator delete[](void* block, std::nothrow_t const&) noexcept {
-    points::Free(block);
-}
+#define NEW(operation)                                                           \
+    void* operator operation(std::size_t size, std::nothrow_t const&) noexcept { \
+        return points::Allocate(size, FRAME);                                    \
+    }                                                                            \
+    void* operator operation(std::size_t size) {                                 \
+        void* const block = points::Allocate(size, FRAME);                       \
+        if (block == nullptr) throw std::bad_alloc();                            \
+        return block;                                                            \
+    }
+#define DELETE(operation, ...)                                                 \
+    void operator operation(void* block __VA_OPT__(, ) __VA_ARGS__) noexcept { \
+        points::Free(block);                                                   \
+    }
+NEW(new)
+NEW(new[])
+DELETE(delete)
+DELETE(delete[])
+DELETE(delete, std::size_t)
+DELETE(delete[], std::size_t)
+DELETE(delete, std::nothrow_t const&)
+DELETE(delete[], std::nothrow_t const&)
 // NOLINTEND(misc-definitions-in-headers)

@@ -1,22 +1,28 @@
 // The calls of the library, and of the base library beside it, into the system library: where they
 // can be made to fail, and where something can happen to the thread that makes one.
 //
-//     points::Arm(points::Fail, 3);    // the third of them that can fail fails
-//     …                                // what is tested
-//     points::Disarm();
-//     if (!points::Happened()) …       // there are not so many
+//     points::Arm(points::Watch);              // which places are there?
+//     …                                        // what is tested
+//     for (points::Place const& place : points::places->place) …
+//     points::Arm(points::Fail, place.key, 2);  // the second call from that place fails
 //
 // A program that links points.cpp calls the system library through it. Calls of its own, and of
-// other libraries, pass. In the environment, ZO_FAULT=N arms the Nth failure while the libraries
-// are being loaded, and ZO_SHAKE=SEED delays calls at random to the end of the program.
+// other libraries, pass. A place is a call stack, so the libraries and the program need frame
+// pointers and no tail calls: a debug build. In the environment, ZO_FAULT="MODE KEY PASS" arms a
+// point while the libraries are being loaded. ZO_SHAKE=SEED delays calls at random to the end of
+// the program, in every build.
 
 #ifndef KELVARA_TESTS_FAULTS_POINTS_H_
 #define KELVARA_TESTS_FAULTS_POINTS_H_
+
+#include <atomic>
+#include <cstdint>
 
 namespace points {
 
 enum Mode {
     Off,
+    Watch,   // nothing happens
     Fail,    // a call fails that can
     Cancel,  // the calling thread is cancelled, if it is a victim
     End,     // the calling thread ends, if it is a victim and this is a cancellation point
@@ -24,22 +30,33 @@ enum Mode {
     Shake,   // calls are delayed at random
 };
 
-void Arm(Mode mode, long nth);
+struct Place {
+    std::atomic<std::uint64_t> key;      // 0: none
+    std::atomic<int> passes, ofVictims;  // since Arm
+    bool canFail, endsThread;
+    int function;              // of `names`
+    std::uint32_t frames[32];  // the innermost first; 0 at the end; a module's number times Module,
+                               // and the offset of the return address in it
+};
+constexpr std::uint32_t Module = 1U << 28;
+struct Places {
+    Place place[4096];
+};
+// In memory that child processes share.
+extern Places* places;
+
+void Arm(Mode mode, std::uint64_t key = 0, int pass = 0);
 void Disarm();
-// Only the first passes of each place count from now on.
-void CountAtMost(long passesOfAPlace);
 bool Happened();
 // Whether a call of `function`, or of any, was made to fail.
 bool Failed(char const* function = nullptr);
-// The function whose call it was; empty if it has not happened.
-char const* Where();
 
 // Of the calling thread.
 void BeVictim();
-// What happens in a Meet, on any thread of the program's.
+// What happens in a Meet, on the thread that stands there.
 void MeetWith(void (*action)());
 
-// How many waits for a condition the library has begun since Arm, those that have ended included.
+// How many waits for a condition the library has begun, those that have ended included.
 long Waits();
 
 // Blocks that the library has allocated and that are still there.
@@ -48,16 +65,7 @@ long Live();
 // from now on do not count.
 void Outlive();
 
-// All calls of this process and of its children since this, by function and place: how many
-// functions and places there were.
-void Remember();
-struct Sites {
-    int functions, places;
-    long calls;
-};
-Sites Reached();
-bool IsReached(char const* function);
-// The functions that can fail here; null at the end.
+// The functions that can be met here: those that can fail, an empty name, the others, null.
 extern char const* const names[];
 
 }  // namespace points
