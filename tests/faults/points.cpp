@@ -146,7 +146,8 @@ void EndThread() {
 // At the first call, while the libraries are being loaded.
 void ArmFromEnvironment() {
     static constinit std::atomic<bool> done{false};
-    if (done.load(std::memory_order_relaxed) || done.exchange(true)) return;
+    // AddressSanitizer's start comes before the environment.
+    if (environ == nullptr || done.load(std::memory_order_relaxed) || done.exchange(true)) return;
     if (char const* const seed = std::getenv("ZO_SHAKE"))
         Arm(Shake, std::strtoul(seed, nullptr, 0));
     int mode = 0, pass = 0;
