@@ -83,9 +83,13 @@ struct Host : Services {
     }
 };
 
+// What is wrong if the process ends from here on.
+void Stage(std::string const& text) {
+    std::snprintf(report->wrong, sizeof report->wrong, "%s", text.c_str());
+}
 void MustAt(int line, bool holds, char const* what) {
     if (holds) return;
-    std::snprintf(report->wrong, sizeof report->wrong, "line %d: %s", line, what);
+    Stage("line " + std::to_string(line) + ": " + what);
     _exit(3);
 }
 #define MUST(condition) MustAt(__LINE__, (condition), #condition)
@@ -575,10 +579,10 @@ void UseEverything() {
         if (lock != nullptr) In const in(*lock);
     }
     for (Scenario const& scenario : scenarios) {
-        std::snprintf(report->wrong, sizeof report->wrong, "hangs afterwards: %s", scenario.name);
+        Stage(std::string("hangs afterwards: ") + scenario.name);
         if (scenario.kind == Plain) scenario.run();
     }
-    report->wrong[0] = '\0';
+    Stage("");
 }
 
 // Forks once while another thread stands at a point. The thread that forks may get a record, as
@@ -600,9 +604,7 @@ void* ForkWhenAsked(void*) {
         _exit(0);
     });
     if (status != 0 && std::strncmp(report->wrong, "child", 5) != 0) {
-        std::string const wrong = report->wrong;
-        std::snprintf(report->wrong, sizeof report->wrong, "child: status %x: %s", status,
-                      wrong.c_str());
+        Stage("child: status " + std::to_string(status) + ": " + report->wrong);
     }
     sem_post(&answered);
     return nullptr;
@@ -640,14 +642,14 @@ void RunOnThread(Scenario const& scenario, Point point) {
     if (point.mode == points::Meet) pthread_create(&forker, nullptr, ForkWhenAsked, nullptr);
     points::MeetWith(AskForFork);
     if (scenario.kind == Plain || scenario.kind == Keeps) arm();
-    std::strcpy(report->wrong, "hangs");
+    Stage("hangs");
     std::thread([&] {
         points::BeVictim();
         scenario.run();
     }).join();
     report->happened |= points::Happened();
     points::Disarm();
-    if (std::strcmp(report->wrong, "hangs") == 0) report->wrong[0] = '\0';
+    if (std::strcmp(report->wrong, "hangs") == 0) Stage("");
     if (point.mode == points::Meet) {
         if (!report->happened) sem_post(&asked);
         pthread_join(forker, nullptr);
@@ -671,9 +673,9 @@ void Run(Scenario const& scenario, Point point) {
     long const before = points::Live(), files = OpenFiles();
     std::thread([&] { RunOnThread(scenario, point); }).join();
     if (scenario.kind == Keeps) return;
-    std::strcpy(report->wrong, "leaks afterwards");
+    Stage("leaks afterwards");
     Await([&] { return points::Live() == before && OpenFiles() == files; });
-    report->wrong[0] = '\0';
+    Stage("");
 }
 
 // What the process does while it loads the library: in a program of its own.
@@ -746,14 +748,14 @@ Lines RunInChild(Scenario const& scenario, Point point) {
 }
 
 struct How {
-    points::Mode mode;
     char const* name;
+    points::Mode mode;
     int passes;  // of a place, at most
 };
-How const hows[] = {{points::Fail, "failures", 3},
-                    {points::Cancel, "cancellations", 2},
-                    {points::End, "ends", 2},
-                    {points::Meet, "forks", 1}};
+How const hows[] = {{"failures", points::Fail, 3},
+                    {"cancellations", points::Cancel, 2},
+                    {"ends", points::End, 2},
+                    {"forks", points::Meet, 1}};
 
 // How often `place` was passed in a way that `how` can happen.
 int PassesFor(points::Place const& place, How const& how) {
