@@ -19,6 +19,7 @@
 #include "report.h"
 #include "session.h"
 #include "signals.h"
+#include "soak.h"
 #include "unicode_data.h"
 #include "work_pool.h"
 #include "workload.h"
@@ -161,10 +162,15 @@ private:
 bool RunJob(Options const& options) {
     std::filesystem::path const data = UnicodeDataFile(options.data);
     std::vector<CharacterRecord> const records = ReadUnicodeData(data);
-    HandleStatusRequests();
+    HandleRequests();
     HostServices const services(options.trace);
     LibraryContext const context(options.detection);
-    HandleInterrupts();
+    std::optional<SignalStorm> storm;
+    if (options.soak.count() > 0) {
+        storm.emplace();
+    } else {
+        HandleInterrupts();
+    }
     DatabaseFile const database(options.database);
     GetDebugger();  // reads the flags and tells them before anything is traced
     Outcome outcome;

@@ -7,6 +7,7 @@
 #include "input_error.h"
 #include "job.h"
 #include "options.h"
+#include "soak.h"
 
 namespace {
 
@@ -18,7 +19,8 @@ int main(int count, char** words) {
     try {
         std::optional<Options> const options = ParseOptions(count, words);
         if (!options.has_value()) return Passed;
-        return RunJob(*options) ? Passed : Failed;
+        bool const soaks = options->soak.count() > 0;
+        return (soaks ? RunSoak(*options) : RunJob(*options)) ? Passed : Failed;
     } catch (InputError const& error) {
         std::fprintf(stderr, "zohost: %s\n", error.what());
         return NotBegun;

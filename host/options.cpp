@@ -14,6 +14,7 @@ namespace {
 
 constexpr unsigned MostClients = 64;
 constexpr unsigned LongestWork = 86400;
+constexpr unsigned LongestSoak = 7 * 24 * 60;
 constexpr unsigned DefaultRing = 3;
 
 std::string OnOneLine(std::string text) {
@@ -89,6 +90,7 @@ private:
     Options options;
     unsigned seconds = static_cast<unsigned>(options.work.count());
     unsigned rest = 0;
+    unsigned soak = 0;
     bool noDetection = false;
     std::string data = options.data.string();
     std::string database, ring, picture, flags;
@@ -125,6 +127,11 @@ void CommandLine::DeclareWork() {
                    "Milliseconds that a client rests after each batch of records it has worked on")
         ->check(CLI::Range(0U, LongestWork * 1000))
         ->capture_default_str();
+    app.add_option("--soak", soak,
+                   "For so many minutes, run again and again in one process, each time with other "
+                   "options, and see that it uses no more in the end; only --data counts then")
+        ->type_name("MINUTES")
+        ->check(CLI::Range(1U, LongestSoak));
 }
 
 void CommandLine::DeclareDiagnostics() {
@@ -185,6 +192,7 @@ Options CommandLine::Checked() {
     if (options.level == ZoThreadMgr::NoneCS) LimitToOneThread(options, threads->count() > 0);
     options.work = std::chrono::seconds(seconds);
     options.rest = std::chrono::milliseconds(rest);
+    options.soak = std::chrono::minutes(soak);
     options.detection = !noDetection;
     options.data = data;
     options.database = database;

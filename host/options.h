@@ -22,6 +22,7 @@ struct Options {
     unsigned grow = 0;                  // more from the middle of the load on
     unsigned shrink = 0;                // fewer from the middle of the work on
     std::chrono::milliseconds rest{0};  // of a client after each batch
+    std::chrono::minutes soak{0};       // 0: one run
     unsigned ring = 0;              // clients of the deadlock demonstration; 0: the ordinary run
     std::filesystem::path picture;  // of that deadlock; empty: none
     bool ringStays = false;         // nobody resolves it: for a debugger to look at

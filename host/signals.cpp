@@ -79,20 +79,19 @@ int RefuseUnlessIdle(void*) {
 
 }  // namespace
 
-void HandleInterrupts() {
-    struct sigaction action = {};
-    action.sa_handler = [](int) { interrupted.store(true, std::memory_order_relaxed); };
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-    sigaction(SIGTERM, &action, nullptr);
-    // Never removed: without handlers the library would end the process unasked.
-    if (ZoAddAbortionHandler(RefuseUnlessIdle, nullptr) != 0) throw std::bad_alloc();
-}
-
-void HandleStatusRequests() {
+void HandleRequests() {
     struct sigaction action = {};
     action.sa_handler = [](int) { statusRequested.store(true, std::memory_order_relaxed); };
     action.sa_flags = SA_RESTART;
     sigaction(SIGUSR1, &action, nullptr);
+    action.sa_handler = [](int) { interrupted.store(true, std::memory_order_relaxed); };
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void HandleInterrupts() {
+    // Never removed: without handlers the library would end the process unasked.
+    if (ZoAddAbortionHandler(RefuseUnlessIdle, nullptr) != 0) throw std::bad_alloc();
 }
 
 bool TakeStatusRequest() {

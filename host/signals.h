@@ -17,9 +17,9 @@
 #ifndef KELVARA_HOST_SIGNALS_H_
 #define KELVARA_HOST_SIGNALS_H_
 
-// By the main thread, for the rest of the process: the first at its beginning, the second once the
-// library is set up. The second throws std::bad_alloc.
-void HandleStatusRequests();
+// By the main thread, for the rest of the process: SIGUSR1 and SIGTERM at its beginning, the others
+// once the library is set up. The second throws std::bad_alloc.
+void HandleRequests();
 void HandleInterrupts();
 
 // Whether there was a request for a status report since the last call.
