@@ -49,7 +49,7 @@ g++ -std=c++17 "$sources/docs/example.cpp" -o "$work/example" $(pkg-config --cfl
 names=$(for package in "${packages[@]}"; do dpkg-deb --field "$package" Package; done)
 # shellcheck disable=SC2086
 on_machine --purge $names
-rm -r "$machine/var" "$machine/before"
+rm -r "${machine:?}/var" "$machine/before"
 find "$machine" -mindepth 1 | { ! grep .; } || { echo "these stay when the packages go" >&2; exit 1; }
 mv "${packages[@]}" "$work"
 rm -r "$work/first" "$work/second" "$machine"

@@ -94,7 +94,7 @@ fi
 [ $# -gt 0 ] || set -- $(basename -s .pml ./*.pml)
 for model in "$@"; do
     if [ ! -f "$model.pml" ]; then
-        echo "prove: no model named '$model'; there are:" $(basename -s .pml ./*.pml) >&2
+        echo "prove: no model named '$model'; there are: $(basename -s .pml ./*.pml | xargs)" >&2
         exit 2
     fi
     prove "$model"

@@ -506,14 +506,27 @@ void ChangeAfterAppend() {
     queue->Destroy();
 }
 
+// A pointer into a buffer is used after the buffer has grown.
+void KeptPointer() {
+    ZoEncryptionBuffer buffer(nullptr, 0, 10, ZoRawBufferOwnAndGrow);
+    char* const data = static_cast<char*>(buffer.GetData());
+    buffer.EnsureCapacity(100'000);
+    *data = 1;
+}
+
+// Nobody destroys what was made.
+void Forgotten() {
+    ZoRW_Mutex::Make(nullptr);
+}
+
 struct Fault {
     std::string_view name;
     void (*commit)();
 };
-Fault const Faults[] = {{"outside-section", OutsideTheSection},
-                        {"write-under-read", WriteUnderRead},
-                        {"inverted-order", InvertOrder},
-                        {"change-after-append", ChangeAfterAppend}};
+Fault const Faults[] = {
+    {"outside-section", OutsideTheSection}, {"write-under-read", WriteUnderRead},
+    {"inverted-order", InvertOrder},        {"change-after-append", ChangeAfterAppend},
+    {"kept-pointer", KeptPointer},          {"forgotten", Forgotten}};
 
 }  // namespace
 

@@ -1,9 +1,13 @@
 #!/usr/bin/env python3
-"""picture_test.py TOOL: what the drawing tool makes of reports, whole and damaged."""
+"""picture_test.py TOOL [SECONDS]: what the drawing tool makes of reports, whole and damaged."""
 
+import importlib.machinery
+import importlib.util
+import random
 import re
 import subprocess
 import sys
+import time
 
 HEAD = "******** ZOVA deadlock log ********\n{}\n\n******** traces ********\n"
 FIRST = HEAD.format("Wed Nov 25 16:50:00 2026") + """\
@@ -35,6 +39,46 @@ CASES = [
     ("", "", 1, [], []),
     ("-o /nowhere/ring.svg", FIRST, 2, [], []),
 ]
+
+# Damaged at random: the reader takes or complains of each line, and what is drawn is quoted well.
+loader = importlib.machinery.SourceFileLoader("tool", sys.argv[1])
+sys.dont_write_bytecode = True
+tool = importlib.util.module_from_spec(importlib.util.spec_from_loader("tool", loader))
+loader.exec_module(tool)
+WELL_QUOTED = re.compile(r'[^"]*("([^"\\\n]|\\.)*"[^"]*)*')
+
+
+def damage(text):
+    lines = text.splitlines(keepends=True)
+    for _ in range(random.randint(1, 4)):
+        at, other = random.randrange(len(lines)), random.randrange(len(lines))
+        cut = random.randrange(len(lines[at]) + 1)
+        noise = "".join(random.choice('"\\\n\r\t\0 x0()<>\u2028\xff') for _ in range(random.randint(0, 3)))
+        lines[at] = random.choice([lines[other], lines[at][:cut] + noise + lines[at][cut + random.randint(0, 3):],
+                                   lines[at] + lines[other], noise + "\n"])
+    return "".join(lines)
+
+
+def read_damaged():
+    text = damage((FIRST + SECOND) * random.randint(1, 2))
+    lines, complaints = text.split("\n"), []
+    reports = tool.Reader(lambda number, line: complaints.append(line == lines[number - 1])).read(
+        line + "\n" for line in lines)
+    drawn = "\n".join(tool.draw(list(enumerate(reports, 1))))
+    good = all(complaints) and len(reports) == lines.count(tool.HEADER) and WELL_QUOTED.fullmatch(drawn)
+    return good, text
+
+
+seed = random.randrange(1 << 32) if len(sys.argv) > 2 else 1
+random.seed(seed)
+end = time.monotonic() + (float(sys.argv[2]) if len(sys.argv) > 2 else 0)
+damaged = 0
+while damaged < 300 or time.monotonic() < end:
+    damaged += 1
+    good, text = read_damaged()
+    if not good:
+        sys.exit(f"FAILED with seed {seed}, number {damaged}:\n{text}")
+print(f"{damaged} damaged files")
 
 failures = 0
 for words, text, status, lines, patterns in CASES:

@@ -23,9 +23,10 @@ mv "$work/first" "$work/prefix"
 prefix=$work/prefix
 (cd "$prefix/include/zo95Kex" && printf '#include "%s"\n' *.h) >"$work/headers.inc"
 mkdir "$work/engine"
+# The base library with another version.
 g++ -std=c++20 -fPIC -shared -pthread -Wl,-soname,libzo95Kbs.so -I"$prefix/include/zo95Kex" \
     -I"$prefix/include/zo95Kbs" -o "$work/engine/libzo95Kbs.so" "$here/engine_version.cpp" \
-    $(ls "$sources"/base/*.cpp | grep -v /zoversion.cpp)
+    "$sources"/base/zo[!v]*.cpp
 
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name zo95Kex.pc)")
@@ -38,7 +39,7 @@ for compiler in g++ clang++; do
         cmake -S "$here" -B "$place" -G Ninja -DCMAKE_CXX_COMPILER=$compiler -DCMAKE_PREFIX_PATH="$prefix" \
             -DCMAKE_CXX_STANDARD=$standard -DCMAKE_CXX_FLAGS=-I"$work" >"$place.log"
         cmake --build "$place"
-        strict=(-std=c++$standard -Wall -Wextra -Wpedantic -Werror -I"$work" "$here/stranger.cpp")
+        strict=(-std="c++$standard" -Wall -Wextra -Wpedantic -Werror -I"$work" "$here/stranger.cpp")
         # shellcheck disable=SC2046
         $compiler "${strict[@]}" -o "$place/engine-pc" $(pkg-config --cflags --libs zo95Kex)
         # shellcheck disable=SC2046
