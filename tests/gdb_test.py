@@ -1,15 +1,12 @@
 #!/usr/bin/env python3
 """gdb_test.py GDB STRIP STUCK LIBRARY [READELF PERF_WAITS]: the debugger's commands on a process, on its
-core, and without debug information; with READELF the probes, and what is made of perf's output. With
-the emulator of 32-bit programs in ZO_EMULATOR only the core that it writes."""
+core, and without debug information; with READELF the probes, and what is made of perf's output."""
 
 import contextlib
 import os
 import pathlib
 import re
-import resource
 import shutil
-import signal
 import subprocess
 import sys
 import tempfile
@@ -18,7 +15,6 @@ import time
 debugger, strip, stuck, library, *probes = sys.argv[1:]
 library = pathlib.Path(library).resolve()
 folder = pathlib.Path(tempfile.mkdtemp())
-emulator = [os.environ["ZO_EMULATOR"]] if "ZO_EMULATOR" in os.environ else []
 failed = False
 
 
@@ -38,7 +34,7 @@ def expect(ran, *patterns):
 
 @contextlib.contextmanager
 def standing_still(**environment):
-    process = subprocess.Popen([*emulator, stuck], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, cwd=folder,
+    process = subprocess.Popen([stuck], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, cwd=folder,
                                env=os.environ | environment)
     queue = process.stdout.readline().strip()
     tasks = pathlib.Path(f"/proc/{process.pid}/task")
@@ -74,17 +70,6 @@ SEEN = (
     r"^zo: there is no work queue at &csDLD$",
     r'^\$1 = condition "ResourceWatcher" ',
 )
-
-if emulator:  # gdb does not see the process in it
-    unlimited = resource.getrlimit(resource.RLIMIT_CORE)[1]
-    resource.setrlimit(resource.RLIMIT_CORE, (unlimited, unlimited))
-    with standing_still() as (process, queue):
-        os.kill(int(process), signal.SIGABRT)
-        while not (cores := list(folder.glob("qemu_*.core"))) or pathlib.Path(f"/proc/{process}/stat").read_text().split()[2] != "Z":
-            time.sleep(0.01)
-    expect(look(stuck, cores[0], queue=queue), *SEEN)
-    shutil.rmtree(folder)
-    sys.exit(failed)
 
 with standing_still() as (process, queue):
     expect(look("-p", process, queue=queue), *SEEN)

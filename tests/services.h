@@ -296,15 +296,6 @@ constexpr bool threadSanitizer = __has_feature(thread_sanitizer);
 constexpr bool threadSanitizer = false;
 #endif
 
-// Under the emulator a program cannot run itself anew, nor a child process have threads, and a
-// thread that returns from a signal handler goes on with the thread-local data of the thread that
-// was created last.
-#ifdef ZO_EMULATED
-constexpr bool emulated = true;
-#else
-constexpr bool emulated = false;
-#endif
-
 // How a child process ends that calls `body`, which ends it: as waitpid says.
 template <class Body>
 int EndOfChild(Body body) {

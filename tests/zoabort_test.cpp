@@ -251,7 +251,6 @@ void OnOtherThread(Body body) {
 }
 
 TEST(AbortHandlersDeathTest, ProcessEndsWithStatusZero) {
-    if (emulated) GTEST_SKIP() << "runs the program anew";
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     struct {
         char const* written;
@@ -324,7 +323,7 @@ void InterruptAfter() {
     std::atexit(Interrupt);
 }
 TEST(AbortHandlersDeathTest, ASignalDoesNotDisturbExit) {
-    if (emulated || threadSanitizer) GTEST_SKIP() << "its child takes no signals, or no threads";
+    if (threadSanitizer) GTEST_SKIP() << "its child takes no signals, or no threads";
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     static void (*const bodies[])() = {
         [] { InterruptAfter(), std::exit(3); },

@@ -132,7 +132,7 @@ TEST_P(EitherKind, WakesAllWhoSleep) {
     std::vector<std::thread> threads;
     for (int i = 0; i < Sleepers; ++i) {
         threads.push_back(Sleeper(section, entries));
-        if (!emulated) pthread_kill(threads.back().native_handle(), SIGUSR2);
+        pthread_kill(threads.back().native_handle(), SIGUSR2);
     }
     Await([&] { return InfoOf(section) == Owned(1, Sleepers); });
     section->Exit();
@@ -143,7 +143,7 @@ TEST_P(EitherKind, WakesAllWhoSleep) {
 
 // The threads that sleep for the section do not exist in the child.
 TEST_P(EitherKind, AChildGoesOnWithTheSectionItOwns) {
-    if (threadSanitizer || emulated) GTEST_SKIP() << "starts a thread in a child";
+    if (threadSanitizer) GTEST_SKIP() << "starts a thread in a child";
     int entries = 0;
     section->Begin();
     std::thread parents = Sleeper(section, entries);
@@ -159,7 +159,7 @@ TEST_P(EitherKind, AChildGoesOnWithTheSectionItOwns) {
 
 // The child gets the library's own locks as other threads of the parent hold them.
 TEST_P(EitherKind, AChildIsNotHeldUpByLocksOfAbsentThreads) {
-    if (threadSanitizer || emulated) GTEST_SKIP() << "starts a thread in a child";
+    if (threadSanitizer) GTEST_SKIP() << "starts a thread in a child";
     std::atomic<int> steps{0};
     std::thread holder([&] {
         fscs->Begin();
@@ -188,7 +188,6 @@ TEST_P(EitherKind, AChildIsNotHeldUpByLocksOfAbsentThreads) {
 // wait for the section like any other, and a wait for it that leads to the ended one is no ring. In
 // a process of its own, because they wait for ever.
 TEST_P(EitherKind, StaysWithAnOwnerThatHasEnded) {
-    if (emulated) GTEST_SKIP() << "runs the program anew";
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     auto const waits = [](ZoCritSect* wanted) {
         Await([&] { return NumberAfter(InfoOf(wanted), "wait count: ") == 1; });
@@ -235,7 +234,6 @@ INSTANTIATE_TEST_SUITE_P(CritSect, EitherKind, testing::Bool(), [](auto const& k
 
 // The delay is read once in the process, so this runs where no detecting section was made before.
 TEST(DetectingSectionDeathTest, HoldsOnForTheConfiguredDelay) {
-    if (emulated) GTEST_SKIP() << "runs the program anew";
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     auto const child = [] {
         Services services;

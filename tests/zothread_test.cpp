@@ -357,7 +357,6 @@ struct Restart {
 // An owner an object, which starts, finishes and deletes it, and others that abort and mark it at
 // any time. Every thread comes to its end, by itself or aborted.
 TEST_F(Threads, StartAbortRestartAndDeleteInAnyOrder) {
-    if (emulated) GTEST_SKIP() << "many a cancellation comes late and its handler returns";
     constexpr int Owners = 3, Meddlers = 2;
     Restart restarts[Owners];
     std::atomic<int> running{Owners};
