@@ -16,7 +16,8 @@
 //     written         the writer's        0                 waits          waits
 //
 // Writers are preferred: while one waits for the readers to leave, nobody begins to read. A thread
-// that holds the mutex already never waits for another read, even then.
+// that holds the mutex already never waits for another read, even then. Readers that wait when a
+// write ends go before a writer that comes later; it waits for them for 10 ms at the most.
 //
 // No read takes a lock while no writer is about. A nested read changes the thread's own record
 // only. A first read and the end of a last one do so too in a mutex that is read much more often
@@ -90,6 +91,7 @@ class ReaderGate;
 class ZoCritSect;
 class ZoTLS;
 struct ZoRWRecord;
+struct ZoWaitFigures;
 
 // The interface, with harmless defaults: it accepts every call and locks nothing.
 class ZO_API ZoRW_Mutex : public ZoSynchroObj {
@@ -149,6 +151,11 @@ private:
     ZO_INTERNAL ReaderGate Gate() const;
     ZO_INTERNAL bool TryStartRead(bool mayWait = true);
     ZO_INTERNAL bool TryEndRead();
+    ZO_INTERNAL bool TryStartWrite();
+    ZO_INTERNAL bool TryEndWrite();
+    ZO_INTERNAL void LeaveWriting(bool goesOnReading);
+    ZO_INTERNAL ZoWaitFigures& ReadersFigures();
+    ZO_INTERNAL void LetReadersPass();
     ZO_INTERNAL int Start(int mode);
     ZO_INTERNAL int End(int mode);
     ZO_INTERNAL bool TryEnterCounted(ZoTLS* me);
@@ -182,6 +189,8 @@ private:
     // How many threads wait to get in. For GetInfo only.
     std::atomic<ZoInt32> waitingReaders;
     std::atomic<ZoInt32> waitingWriters;
+    // How many waiting readers go before the next writer (src/readers_turn.h).
+    std::atomic<ZoInt32> dueReaders;
     // Whether deadlock detection sees who waits for the readers: it was on when the mutex was made.
     bool const isDetecting;
     ZoMarkHistory markHistory;

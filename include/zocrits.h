@@ -114,6 +114,7 @@ private:
     friend class ZoDLDCritSect;
     friend class Contention;
     friend class OwnedSections;
+    friend class ZoGenRW_Mutex;
     friend bool TryBegin(ZoCritSect& section);
     friend int ZoTryBegin(ZoCritSect* section);
     friend bool GraphIsFree();
@@ -202,6 +203,7 @@ private:
     friend class Contention;
     friend class WaitForGraph;
     friend class Misuse;
+    friend class ZoGenRW_Mutex;
     friend class ZoThreadMgr;
     friend void UnchainSection(ZoCritSect* section);
     friend void SetWhole(ZoCritSect* part, ZoSynchroObj const* whole);

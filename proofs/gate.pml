@@ -109,6 +109,10 @@ active [WRITERS] proctype Writer() {
     fi;
     EnterSection();
     if
+    :: ExitSection(); EnterSection()  // TryStartWrite finds readers: it leaves the gate as it is
+    :: true
+    fi;
+    if
     :: atomic { quiet -> TOUCH; assert(count == 0); admitted = true }
     :: atomic { !quiet -> TOUCH; admitted = (!closed && count == 0); closed = true }
     fi;

@@ -29,7 +29,7 @@
 //     AcceptMarks         a counted reader; nothing unless the gate is open
 //     -----------------------------------------------------------------------------------------
 //     Enter               a reader that queued
-//     Close               a writer
+//     Close, TryClose     a writer
 //     GiveUp              a writer that is cancelled in its wait, or does not wait; with the
 //                         condition's lock as well
 //     EndWrite            the writer
@@ -107,6 +107,12 @@ public:
     bool IsClosed() const { return (word.load(std::memory_order_relaxed) & Closed) != 0; }
     void LeaveLocked() const { word.fetch_sub(1, std::memory_order_release); }
 
+    // A snapshot: whether a writer could close the gate and go on.
+    bool IsFreeOrQuiet() const {
+        int const now = word.load(std::memory_order_relaxed);
+        return now == 0 || now == (Closed | Quiet);
+    }
+
     // What follows is for the thread that holds the section.
 
     // Counts one reader, and opens a quiet gate for those that come after it.
@@ -121,6 +127,14 @@ public:
     // Closes the gate for a write. True: no reader is left to be waited for.
     bool Close() const {
         return IsQuiet() || word.fetch_or(Closed, std::memory_order_acquire) == 0;
+    }
+
+    // Closes the gate if it is free or quiet. False: nothing has been done.
+    bool TryClose() const {
+        if (IsQuiet()) return true;
+        int free = 0;
+        return word.compare_exchange_strong(free, Closed, std::memory_order_acquire,
+                                            std::memory_order_relaxed);
     }
 
     // With the condition's lock held: gives up the write for which Close told to wait, and opens

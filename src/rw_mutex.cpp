@@ -14,9 +14,11 @@
 #include "misuse.h"
 #include "probes.h"
 #include "read_marks.h"
+#include "readers_turn.h"
 #include "rw_fast.h"
 #include "section_try.h"
 #include "trace.h"
+#include "wait_figures.h"
 #include "wait_graph.h"
 #include "zobase.h"
 #include "zocrits.h"
@@ -72,21 +74,19 @@ void Assert(char const* text, int line) {
     ZOVA_assert(text, "src/rw_mutex", line);
 }
 
-// One who waits, or is about to.
-void AddOne(std::atomic<ZoInt32>& count) {
-    count.fetch_add(1, std::memory_order_relaxed);
-}
-
-// Takes one off a count at the end of a scope.
-class OneLessAtEnd {
+// Counts the calling thread as a waiter for a scope. Sequentially consistent for the sake of
+// readers_turn.h; elsewhere the counts serve the status text only.
+class CountedWaiter {
 public:
-    explicit OneLessAtEnd(std::atomic<ZoInt32>& count) : count(count) {}
-    OneLessAtEnd(OneLessAtEnd const&) = delete;
-    OneLessAtEnd& operator=(OneLessAtEnd const&) = delete;
-    ~OneLessAtEnd() { count.fetch_sub(1, std::memory_order_relaxed); }
+    explicit CountedWaiter(std::atomic<ZoInt32>& waiters) : waiters(waiters) {
+        waiters.fetch_add(1);
+    }
+    CountedWaiter(CountedWaiter const&) = delete;
+    CountedWaiter& operator=(CountedWaiter const&) = delete;
+    ~CountedWaiter() { waiters.fetch_sub(1, std::memory_order_relaxed); }
 
 private:
-    std::atomic<ZoInt32>& count;
+    std::atomic<ZoInt32>& waiters;
 };
 
 // A writer's wait for the readers in the wait-for graph, for a scope. It is announced with the
@@ -300,8 +300,9 @@ ZoGenRW_Mutex::ZoGenRW_Mutex(ZoCritSect* exclusive, Condition* readers, ChainLoc
       owner(nullptr),
       waitingReaders(0),
       waitingWriters(0),
+      dueReaders(0),
       isDetecting(exclusive != nullptr && typeid(*exclusive) == typeid(ZoDLDCritSect)) {
-    checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters);
+    checkers::AreAtomic(WriterLevel, owner, waitingReaders, waitingWriters, dueReaders);
     checkers::LockIsMade(this);
     SetWhole(exclusive, this);
     if (readers != nullptr) static_cast<POSIXCondition*>(readers)->partOf = this;
@@ -319,15 +320,59 @@ ZoGenRW_Mutex::~ZoGenRW_Mutex() {
 }
 
 int ZoGenRW_Mutex::StartRW(int mode, unsigned long) {
-    if (mode == 0 && TryStartRead()) [[likely]]
+    if (mode == 0 ? TryStartRead() : TryStartWrite()) [[likely]]
         return ZoSuccess;
     return Start(mode);
 }
 
 int ZoGenRW_Mutex::EndRW(int mode) {
-    if (mode == 0 && TryEndRead()) [[likely]]
+    if (mode == 0 ? TryEndRead() : TryEndWrite()) [[likely]]
         return ZoSuccess;
     return End(mode);
+}
+
+ZoWaitFigures& ZoGenRW_Mutex::ReadersFigures() {
+    return static_cast<POSIXCondition*>(readers)->figures;
+}
+
+// The two below are a write by a thread that holds nothing else of the mutex, and its end, where
+// neither has to wait. They run no code of the host, so the record needs no AdmissionUnderWay.
+// False: nothing has been done, Start or End must do it.
+
+bool ZoGenRW_Mutex::TryStartWrite() {
+    ZoTLS* const me = currentRecord;
+    if (me == nullptr || me->spareRwRecord == nullptr) return false;
+    if (FindRwRecord(me, this) != nullptr) return false;
+    if (WriterLevel.load(std::memory_order_relaxed) != 0 || ReadersTurn(dueReaders).IsNow() ||
+        !Gate().IsFreeOrQuiet()) {
+        return false;
+    }
+    if (!(isDetecting ? static_cast<ZoDLDCritSect*>(exclusive)->TakeBesideGraph(me)
+                      : static_cast<PosixCritSect*>(exclusive)->TakeIfFree())) {
+        return false;
+    }
+    if (!Gate().TryClose()) [[unlikely]] {
+        exclusive->Exit();
+        return false;
+    }
+    checkers::WriteBegins(this, checkers::MayWait);
+    owner.store(me->threadIdentity, std::memory_order_relaxed);
+    probes::WriterAdmitted(*this, me->threadIdentity);
+    WriterLevel.store(1, std::memory_order_relaxed);
+    AddSpareRwRecord(me, this, OneWrite, nullptr);
+    return true;
+}
+
+bool ZoGenRW_Mutex::TryEndWrite() {
+    ZoTLS* const me = currentRecord;
+    if (me == nullptr) return false;
+    ZoRWRecord* const record = FindRwRecord(me, this);
+    if (record == nullptr || record->holdings != OneWrite) return false;
+    if (WriterLevel.load(std::memory_order_relaxed) != 1) return false;  // End reports that
+    WriterLevel.store(0, std::memory_order_relaxed);
+    LeaveWriting(false);
+    DropRwRecord(me, record);
+    return true;
 }
 
 // The reports come first, while the thread still is what its record says: they call the host, which
@@ -398,12 +443,14 @@ bool ZoGenRW_Mutex::TryAdmitReader(ZoTLS* me, ZoRWRecord& record) {
 }
 
 void ZoGenRW_Mutex::QueueToRead() {
+    bool wasLastDue = false;
     {
-        AddOne(waitingReaders);
-        OneLessAtEnd waiting(waitingReaders);
+        CountedWaiter const waiting(waitingReaders);
         exclusive->Begin();
+        wasLastDue = ReadersTurn(dueReaders).Pass();
     }
     EnterQueued();
+    if (wasLastDue) ReadersTurn(dueReaders).WakeWriters(waitingWriters);
 }
 
 void ZoGenRW_Mutex::EnterQueued() {
@@ -441,19 +488,25 @@ void ZoGenRW_Mutex::BeginWrite(ZoRWRecord& record, ZoUInt32 before, void* identi
 bool ZoGenRW_Mutex::AdmitWriter(ZoRWRecord& record) {
     ZoUInt32 const reads = std::exchange(record.holdings, 0);
     if (reads != 0) LeaveReaders(record);
+    if (ReadersTurn(dueReaders).IsNow()) LetReadersPass();
     bool const entered = TryBegin(*exclusive);
     if (entered && Gate().Close()) return false;
-    AddOne(waitingWriters);
-    OneLessAtEnd waiting(waitingWriters);
+    CountedWaiter const waiting(waitingWriters);
     if (!entered) {
         exclusive->Begin();
         if (Gate().Close()) return false;
     }
-    PendingWrite pending(*this, *exclusive, *readers,
-                         static_cast<POSIXCondition*>(readers)->figures, record.holdings, reads);
+    PendingWrite pending(*this, *exclusive, *readers, ReadersFigures(), record.holdings, reads);
     if (isDetecting) return pending.WaitSeenForReaders(markHistory);
     pending.WaitForReaders(markHistory);
     return false;
+}
+
+// Before the section is entered, with nothing held of the mutex.
+void ZoGenRW_Mutex::LetReadersPass() {
+    CountedWaiter const waiting(waitingWriters);
+    MeasuredWait const wait(ReadersFigures(), *this, true);
+    ReadersTurn(dueReaders).AwaitPassage();
 }
 
 void ZoGenRW_Mutex::LeaveReaders(ZoRWRecord& record) {
@@ -477,13 +530,20 @@ void ZoGenRW_Mutex::EndWrite(ZoUInt32& holdings) {
     AddToWriterLevel(-1);
     CheckWriterLevel(WriteDepth(left), 307);
     if (WriteDepth(left) == 0) {
-        owner.store(nullptr, std::memory_order_relaxed);
-        checkers::WriteEnds(this);
-        if (left != 0) checkers::ReadBegins(this, checkers::NeverWaits);
-        Gate().EndWrite(left != 0);
-        exclusive->Exit();
+        LeaveWriting(left != 0);
     }
     holdings = left;
+}
+
+// Afterwards another thread may have destroyed the mutex, unless the caller goes on as a reader.
+inline void ZoGenRW_Mutex::LeaveWriting(bool goesOnReading) {
+    owner.store(nullptr, std::memory_order_relaxed);
+    checkers::WriteEnds(this);
+    if (goesOnReading) checkers::ReadBegins(this, checkers::NeverWaits);
+    Gate().EndWrite(goesOnReading);
+    ZoInt32 const waiting = waitingReaders.load(std::memory_order_relaxed);
+    if (waiting != 0) ReadersTurn(dueReaders).Grant(waiting);
+    exclusive->Exit();
 }
 
 // Called by the thread that holds the exclusive section, which orders all changes: relaxed order is

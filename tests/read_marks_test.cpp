@@ -39,10 +39,11 @@ extern "C" long __real_syscall(long number, ...);
 extern "C" long __wrap_syscall(long number, ...) {
     std::va_list arguments;
     va_start(arguments, number);
-    int const command = va_arg(arguments, int);
+    long of[6];
+    for (long& argument : of) argument = va_arg(arguments, long);
     va_end(arguments);
     if (number == SYS_membarrier) {
-        bool const isBarrier = command == MEMBARRIER_CMD_PRIVATE_EXPEDITED;
+        bool const isBarrier = static_cast<int>(of[0]) == MEMBARRIER_CMD_PRIVATE_EXPEDITED;
         ++(isBarrier ? barriers : registrations);
         if (isBarrier && atBarrier) atBarrier();
         if (refused) {
@@ -50,7 +51,7 @@ extern "C" long __wrap_syscall(long number, ...) {
             return -1;
         }
     }
-    return __real_syscall(number, command, 0, 0);
+    return __real_syscall(number, of[0], of[1], of[2], of[3], of[4], of[5]);
 }
 
 namespace {

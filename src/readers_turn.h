@@ -1,0 +1,82 @@
+// Whose turn it is at a reader/writer mutex when a write ends: that of the readers which wait.
+//
+// The section "RW_Exclusive" goes to the thread that comes first, and a writer that comes back at
+// once mostly comes before a reader that must still wake up. So a writer that ends while readers
+// wait notes how many are due, and writers that come later let these pass the section first.
+//
+//     step                                          by
+//     Grant                                         a writer that ends, with the section held
+//     Pass, then WakeWriters when it says so        a reader that has waited for the section, with
+//                                                   it held; afterwards as a counted reader
+//     AwaitPassage                                  a writer, before it enters the section
+//
+// The turn is a matter of scheduling: it decides nothing about who may be inside. A writer waits
+// for readers that were woken and need nothing but a processor. It waits for 10 ms at the most,
+// because deadlock detection does not see this wait. A reader may fail to come: its thread ended in
+// a report, or is absent in a forked child. The next write is delayed once then, and writers wait
+// no more until a reader has passed again.
+//
+// Wake-up: a writer counts itself as waiting before it looks at the number, and the last reader
+// looks at the count of waiting writers after it has cleared the number. All four accesses are
+// sequentially consistent, so either the writer sees 0 or the reader sees the writer. The system
+// puts a writer to sleep only if the number is still the one it saw.
+
+#ifndef KELVARA_SRC_READERS_TURN_H_
+#define KELVARA_SRC_READERS_TURN_H_
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "zotypes.h"
+
+class ReadersTurn {
+public:
+    // Of a mutex. The number of readers that are due; InVain: the last ones did not come.
+    explicit ReadersTurn(std::atomic<ZoInt32>& due) : due(due) {}
+
+    bool IsNow() const { return due.load(std::memory_order_relaxed) > 0; }
+
+    void Grant(ZoInt32 waitingReaders) const {
+        if (due.load(std::memory_order_relaxed) != InVain) due.store(waitingReaders);
+    }
+
+    // True: no further reader is due.
+    bool Pass() const {
+        ZoInt32 const before = due.load(std::memory_order_relaxed);
+        if (before == 0) return false;
+        due.store(before > 0 ? before - 1 : 0);
+        return before == 1;
+    }
+
+    void WakeWriters(std::atomic<ZoInt32> const& waitingWriters) const {
+        if (waitingWriters.load() != 0) Futex(FUTEX_WAKE_PRIVATE, AllOfThem, nullptr);
+    }
+
+    // The caller has been counted as a waiting writer.
+    void AwaitPassage() const {
+        timespec const limit{0, 10'000'000};
+        for (ZoInt32 seen = due.load(); seen > 0; seen = due.load()) {
+            if (Futex(FUTEX_WAIT_PRIVATE, seen, &limit) == 0 || errno != ETIMEDOUT) continue;
+            due.compare_exchange_strong(seen, InVain);
+            return;
+        }
+    }
+
+private:
+    static constexpr ZoInt32 InVain = -1;
+    static constexpr int AllOfThem = 0x7FFFFFFF;
+
+    // No cancellation point. A condition variable would need a lock, and care in a forked child.
+    long Futex(int operation, int value, timespec const* limit) const {
+        return syscall(SYS_futex, &due, operation, value, limit, nullptr, 0);
+    }
+
+    std::atomic<ZoInt32>& due;
+};
+
+#endif  // KELVARA_SRC_READERS_TURN_H_
