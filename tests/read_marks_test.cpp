@@ -39,8 +39,9 @@ extern "C" long __real_syscall(long number, ...);
 extern "C" long __wrap_syscall(long number, ...) {
     std::va_list arguments;
     va_start(arguments, number);
-    long of[6];
-    for (long& argument : of) argument = va_arg(arguments, long);
+    long of[6] = {};
+    int const passed = number == SYS_futex ? 6 : 3;
+    for (int i = 0; i < passed; ++i) of[i] = va_arg(arguments, long);
     va_end(arguments);
     if (number == SYS_membarrier) {
         bool const isBarrier = static_cast<int>(of[0]) == MEMBARRIER_CMD_PRIVATE_EXPEDITED;
