@@ -406,6 +406,8 @@ private:
 // bodies from some nanoseconds up, a larger one spares memory that neighbours share.
 template <class Index, class Body>
 void ParallelFor(ZoWorkQueue& queue, Index first, Index last, Body&& body, std::size_t grain = 1) {
+    static_assert(!std::is_integral_v<Index> || sizeof(Index) <= sizeof(std::size_t),
+                  "the range may be longer than a size_t can count");
     std::size_t const count = detail::Distance(first, last);
     grain = std::max<std::size_t>(grain, 1);
     std::size_t const parts = count / grain;
