@@ -25,15 +25,19 @@ public:
     std::mutex& Plain() { return *this; }
 };
 
-class ZO_SCOPED_CAPABILITY MutexHold {
+// Holds a lock of the library's own for a scope.
+template <class Lock>
+class ZO_SCOPED_CAPABILITY LockHold {
 public:
-    explicit MutexHold(Mutex& mutex) ZO_ACQUIRE(mutex) : mutex(mutex) { mutex.lock(); }
-    MutexHold(MutexHold const&) = delete;
-    MutexHold& operator=(MutexHold const&) = delete;
-    ~MutexHold() ZO_RELEASE() { mutex.unlock(); }
+    explicit LockHold(Lock& lock) ZO_ACQUIRE(lock) : held(lock) { lock.lock(); }
+    LockHold(LockHold const&) = delete;
+    LockHold& operator=(LockHold const&) = delete;
+    ~LockHold() ZO_RELEASE() { held.unlock(); }
 
 private:
-    Mutex& mutex;
+    Lock& held;
 };
+
+using MutexHold = LockHold<Mutex>;
 
 #endif  // KELVARA_SRC_MUTEX_H_

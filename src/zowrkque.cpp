@@ -7,6 +7,7 @@
 #include "cancellation.h"
 #include "checkers.h"
 #include "condition_value.h"
+#include "mutex.h"
 #include "patience.h"
 #include "probes.h"
 #include "wait_figures.h"
@@ -101,16 +102,7 @@ private:
     std::atomic<bool> held{false};
 };
 
-class ZO_SCOPED_CAPABILITY BriefHold {
-public:
-    explicit BriefHold(BriefLock& lock) ZO_ACQUIRE(lock) : lock(lock) { lock.lock(); }
-    BriefHold(BriefHold const&) = delete;
-    BriefHold& operator=(BriefHold const&) = delete;
-    ~BriefHold() ZO_RELEASE() { lock.unlock(); }
-
-private:
-    BriefLock& lock;
-};
+using BriefHold = LockHold<BriefLock>;
 
 // Holds a condition's lock for a scope, also when a unit's operation in the scope is cancelled.
 class ZO_SCOPED_CAPABILITY ConditionHold {

@@ -10,7 +10,7 @@ action=$1
 shift
 changed=no
 
-# The description names no folder.
+# Without folders, which differ from machine to machine.
 describe() {
     abidw --headers-dir include --headers-dir platform --headers-dir base --drop-private-types \
         --exported-interfaces-only --drop-undefined-syms --type-id-style hash --no-corpus-path \
