@@ -1,13 +1,13 @@
-// What the library tells checkers of threads: ThreadSanitizer in a build with it, and valgrind's
-// helgrind and drd in a build for them (ZO_VALGRIND). In every other build all of this is nothing.
+// Annotations for checkers of threads: ThreadSanitizer in a build with it, and valgrind's helgrind
+// and drd in a build for them (ZO_VALGRIND). In every other build they do nothing.
 //
-// All of them know the system library's locks. ThreadSanitizer also sees atomics and what they
-// order, and is only told of a reader/writer mutex that it is one, so that its reports name it and
-// it sees the order in which it is taken with others. Valgrind's tools take an access to an atomic
-// for a plain one, so two threads' use of it looks like a race, and what it orders looks unordered.
-// Hence:
+// All of them know the system library's locks. ThreadSanitizer also sees atomics and their order.
+// It only learns which objects are reader/writer mutexes, so that its reports name them and it sees
+// the order in which they are taken with other locks. Valgrind's tools take an access to an atomic
+// for a plain one, so they report two threads' use of it as a race, and miss the order that it
+// makes. Hence:
 //
-//     what is told                     where                        what the tools make of it
+//     annotation                       where                        effect in the tools
 //     AreAtomic                        an atomic is made            they do not check that word;
 //                                                                   they check what it guards
 //     Release, Acquire                 before a store with release  what comes before the one comes
@@ -18,9 +18,9 @@
 //     Wait                             in place of the system's     a cancelled thread has left its
 //                                      wait without a limit         wait
 //
-// An order is told only where the code relies on it: each that is told may hide a race of the host.
-// ThreadSanitizer is told none: what it is told of a lock it would take for an order, and not see
-// that one is missing in the lock itself.
+// An order is annotated only where the code relies on it, because each annotation may hide a race
+// of the host. The annotations for ThreadSanitizer carry no order: with one it would not find an
+// order that is missing in the mutex itself.
 
 #ifndef KELVARA_SRC_CHECKERS_H_
 #define KELVARA_SRC_CHECKERS_H_
@@ -54,8 +54,8 @@ extern "C" void AnnotateIgnoreSyncEnd(char const* file, int line);
 
 namespace checkers {
 
-// How a thread comes to hold a lock: after a wait, if it was taken, which the order of locks is
-// about; or in another way.
+// How a thread takes a lock. MayWait: by an entry that waits while the lock is taken, so it counts
+// for the order of locks. NeverWaits: in another way.
 enum Entry : bool { NeverWaits, MayWait };
 
 #ifdef ZO_VALGRIND
@@ -70,8 +70,9 @@ int AreAtomic(Word&... words) {
     return 0;
 }
 
-// What the tools know a word as. Not its address, which drd would remember for ever: a word on the
-// stack may be followed by a mutex there, which drd then refuses. Words of one tag count as one.
+// The tag by which the tools know a word. The address will not do, because drd would remember it
+// for ever: a word on the stack may be followed by a mutex there, which drd then refuses. Words
+// with the same tag count as one.
 inline void const* TagOf(void const volatile* word) {
     static char tags[4093];
     return &tags[reinterpret_cast<std::uintptr_t>(word) / 4 % sizeof tags];
@@ -152,7 +153,7 @@ inline void WriteEnds(void* lock) {
 
 #elif defined(ZO_THREAD_SANITIZER)
 
-// For a scope in which what is told of a lock is told without an order.
+// For a scope in which the annotations of a lock carry no order.
 class OrderIsUntold {
 public:
     OrderIsUntold() { AnnotateIgnoreSyncBegin(__FILE__, __LINE__); }

@@ -5,20 +5,20 @@
 // So marks pay where enough reads come between two writes. Two rules:
 //
 //   - A mutex begins to accept marks once so many reads have been counted since the last write that
-//     marks would have saved four times the cost of a withdrawal. Then four times as much has been
-//     spent on counting as the next write can lose, and a mix with many writes never comes there.
-//   - Each withdrawal sets what marks have saved since the write before off against its cost. As
-//     long as something is left, the first reader after the write lets marks in at once: in a mix
-//     of one write in a thousand reads there is no time to begin anew after each write. No more
-//     than the cost of two withdrawals is kept, so when writes become frequent two of them are for
-//     nothing.
+//     marks would have saved four times the cost of a withdrawal. Counting has then cost four times
+//     what the next write can lose, and a mix with many writes never reaches that point.
+//   - Each withdrawal adds what marks have saved since the write before to a credit, and subtracts
+//     its own cost. While a credit is left, the first reader after the write lets marks in at once:
+//     in a mix of one write in a thousand reads there is no time to begin anew after each write.
+//     The credit is at most the cost of two withdrawals, so when writes become frequent two
+//     withdrawals are in vain.
 //
 // The cost is measured, because it differs by a factor of thirty: 0.35 µs for membarrier alone
 // while no other thread of the process runs, 10 µs while one does. What a mark saves is taken as
 // fixed: 8 ns where one thread reads, 25 and more where two do. The cost rises in the same cases.
 //
-// Only the barrier and the look count as cost, not the wait for readers: that is no longer than it
-// would be with counted ones. A write that no marks may stand against asks the policy nothing.
+// Only the barrier and the look count as cost, not the wait for readers: counted readers would be
+// waited for as long. A write behind whose gate no mark may be set does not ask the policy.
 
 #ifndef KELVARA_SRC_MARK_POLICY_H_
 #define KELVARA_SRC_MARK_POLICY_H_
@@ -36,7 +36,7 @@ public:
     static Mode CurrentMode() { return mode.load(std::memory_order_relaxed); }
     static void SetMode(Mode next) { mode.store(next, std::memory_order_relaxed); }
 
-    // After a first read that was counted, with the gate as it found it open.
+    // Called after a first read that was counted. `gate` is the gate through which it passed.
     static void ReadWasCounted(ZoTLS& me, ZoMarkHistory& history, ReaderGate gate) {
         if (--me.readMarks.untilLook > 0) [[likely]]
             return;
@@ -44,7 +44,7 @@ public:
         Look(history, gate);
     }
 
-    // For the thread that holds the exclusive section:
+    // The two below are for the thread that holds the exclusive section.
 
     // Whether a mutex accepts marks from its first reader after a write on.
     static bool AcceptsAtOnce(ZoMarkHistory& history) {
@@ -56,7 +56,7 @@ public:
 
     // After marks were withdrawn for `nanoseconds`; `markedReads` is what the marks' numbers of
     // reads add up to. The number falls when a thread ends or uses a mark for another mutex; then
-    // nothing has been saved as far as we know.
+    // the saving is taken as 0.
     static void MarksWereWithdrawn(ZoMarkHistory& history, ZoUInt32 nanoseconds,
                                    ZoUInt32 markedReads) {
         ZoUInt32 const spent = Learn(nanoseconds);
@@ -96,8 +96,8 @@ private:
     }
 
     static std::atomic<Mode> mode;
-    // Of a withdrawal, in nanoseconds; of all mutexes, since it depends on the machine and on what
-    // else runs. A mean of the last ones.
+    // The cost of a withdrawal in nanoseconds, a mean of the last ones. All mutexes share it, since
+    // it depends on the machine and on what else runs.
     static std::atomic<ZoUInt32> cost;
 };
 

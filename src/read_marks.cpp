@@ -100,11 +100,11 @@ MarkPolicy::Mode InitialMode() {
     return true;
 }();
 
-// The kernel answers a command alike for as long as it runs, so this is reached only in a process
-// that was made beside the handlers of fork(), or that has shut the call out since. In that case
-// there are marks and no call that makes them visible. No processor keeps a store to itself for
-// longer than a thread takes to be suspended and go on, so the writer waits for many times that;
-// there are no marks from here on.
+// A running kernel always gives the same answer to a command. So this code runs only in a process
+// that was made without the handlers of fork(), or that has forbidden the call since. Such a
+// process has marks and no call that makes them visible. No processor holds a store back for longer
+// than a thread takes to be suspended and go on, so the writer waits for many times that. No thread
+// sets a mark from here on.
 [[gnu::cold]] void PassBarrierSomehow() {
     if (Register() && Membarrier(MEMBARRIER_CMD_PRIVATE_EXPEDITED)) return;
     int const reason = errno;
@@ -191,7 +191,7 @@ void ReadMarks::Unlock() {
     pthread_mutex_unlock(&marksLock);
 }
 
-// The calling thread may have forked in a report of the wait of its own, so it may be announced.
+// The calling thread may have forked in the report of its own wait, so it may be announced.
 void ReadMarks::ForgetAbsentThreads() {
     ZoReadMarks* const mine = currentRecord != nullptr ? &currentRecord->readMarks : nullptr;
     for (ZoReadMarks* of = firstMarks; of != nullptr; of = of->next) {

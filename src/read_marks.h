@@ -24,19 +24,20 @@
 //     after the point    the reader sees the closed gate        the reader sees the announcement
 //
 // So a writer overlooks no reader, and a reader no writer that may sleep for it. Nothing weaker
-// than a full barrier does: each side stores and then loads what the other side stores. All
-// processors we build for let a load overtake an earlier store to another address (x86 nothing
-// else), and acquire and release order do not forbid that. Without membarrier each reader would
-// need the barrier itself, which costs as much as the atomic update that a mark saves. The compiler
-// must keep the order as well, hence the signal fence between the two steps.
+// than a full barrier is enough: each side stores and then loads what the other side stores. All
+// processors we build for let a load overtake an earlier store to another address (x86 reorders
+// nothing else), and acquire and release order do not forbid that. Without membarrier each reader
+// would need the barrier itself, which costs as much as the atomic update that a mark saves. The
+// compiler must keep the order as well, hence the signal fence between the two steps.
 //
-// What the processor orders beyond that is acquire and release: a mark is set and taken back with
-// release order, and a writer reads it with acquire order, so what a reader did comes before what
-// the writer does next. A reader looks at the gate with acquire order (rw_gate.h).
+// The rest of the order is acquire and release: a mark is set and taken back with release order,
+// and a writer reads it with acquire order, so what a reader did comes before what the writer does
+// next. A reader looks at the gate with acquire order (rw_gate.h).
 //
 // After it has taken its mark back a reader touches the mutex no more: a writer may see that at
-// once, write, and destroy it. It wakes the writer under the marks' lock, found by the address. A
-// writer of a mutex that was made later at the same address may be woken for nothing.
+// once, write, and destroy it. It finds the writer by the mutex's address, and wakes it under the
+// marks' lock. A writer of a mutex that was made later at the same address may be woken for
+// nothing.
 //
 // Wake-ups: a writer looks through the marks and falls asleep in one hold of the marks' lock. A
 // reader that sees the announcement takes that lock after it has taken its mark back, so either the
@@ -58,7 +59,7 @@
 #include "zotls.h"
 #include "zowaits.h"
 
-// What is set in a mark while its mutex is read.
+// The bit of a mark that is set while the thread reads the mutex.
 constexpr std::uintptr_t IsRead = 1;
 
 inline std::uintptr_t AddressOf(ZoRW_Mutex const* mutex) {
@@ -67,8 +68,8 @@ inline std::uintptr_t AddressOf(ZoRW_Mutex const* mutex) {
 
 class ReadMarks {
 public:
-    // By a thread that is to read `mutex`, whose gate this is. Null: the mutex accepts no mark now,
-    // or the thread has none left.
+    // Called by a thread that is to read `mutex`; `gate` is that mutex's. Null: the mutex accepts
+    // no mark now, or the thread has none left.
     static ZoReadMark* TrySet(ZoReadMarks& mine, ZoRW_Mutex const* mutex, ReaderGate gate) {
         if (!gate.AcceptsMarks()) return nullptr;
         ZoReadMark* const mark = FreeMark(mine, AddressOf(mutex));
@@ -97,17 +98,18 @@ public:
     // How many threads read `mutex` with a mark.
     static int Count(ZoRW_Mutex const* mutex);
 
-    // By a thread that gets its record, and by one that gives it up. False: a mark is still set, so
-    // the marks must stay where they are for ever; the mutex is read for as long as it lives.
+    // Join is called by a thread that gets its record, Leave by one that gives it up. False: a mark
+    // is still set, so the marks must stay where they are for ever; the mutex is read for as long
+    // as it lives.
     static void Join(ZoReadMarks& mine);
     static bool Leave(ZoReadMarks& mine);
-    // By the end of a mutex: takes back what threads that have ended left behind.
+    // Called as a mutex is destroyed: takes back the marks that ended threads have left.
     static void Forget(ZoRW_Mutex const* mutex);
 
-    // The marks' lock, over a fork.
+    // Take and release the marks' lock around fork().
     static void Lock();
     static void Unlock();
-    // In a child, with the lock held: only the calling thread is there.
+    // Called in a forked child, with the lock held: only the calling thread is there.
     static void ForgetAbsentThreads();
 
     // Which writers may sleep for marks: 0 none, one of this mutex, or SeveralWriters. Changed
@@ -129,23 +131,23 @@ private:
     [[gnu::cold]] static void WakeWriters(std::uintptr_t mutex, std::uintptr_t waited);
 };
 
-// A writer's dealing with the marks of its mutex, for a scope with the exclusive section held and
+// A writer's withdrawal of the marks of its mutex, for a scope with the exclusive section held and
 // the gate closed. It is announced until it has found no mark or the scope ends.
 class MarksWithdrawal {
 public:
-    // Announces the writer, has every thread pass a barrier, and looks. Without marks that may be
-    // out it does nothing. No cancellation point.
+    // Announces the writer, makes every thread pass a barrier, and looks. If no marks may be out it
+    // does nothing. No cancellation point.
     MarksWithdrawal(ZoRW_Mutex const* of, bool marksMayBeOut, ZoMarkHistory& history);
     MarksWithdrawal(MarksWithdrawal const&) = delete;
     MarksWithdrawal& operator=(MarksWithdrawal const&) = delete;
     ~MarksWithdrawal();
 
     bool MarksAreOut() const;
-    // Sleeps, without limit, until no mark is left; the wait is added to `figures`, and tracers are
-    // told of it as one for the object `told`. A cancellation point.
+    // Sleeps, without limit, until no mark is left; the wait is added to `figures`, and tracers see
+    // it as a wait for the object `told`. A cancellation point.
     void WaitForNone(ZoWaitFigures& figures, ZoSynchroObj const& told);
 
-    // What follows is for the lists of read_marks.cpp.
+    // The members below are for the lists of read_marks.cpp.
     std::uintptr_t const mutex;
     ZoTLS* const thread;
     pthread_cond_t woken;  // made while the writer is announced

@@ -1,4 +1,4 @@
-// Whose turn it is at a reader/writer mutex when a write ends: that of the readers which wait.
+// When a write of a reader/writer mutex ends, the waiting readers have the next turn.
 //
 // The section "RW_Exclusive" goes to the thread that comes first, and a writer that comes back at
 // once mostly comes before a reader that must still wake up. So a writer that ends while readers
@@ -10,11 +10,11 @@
 //                                                   it held; afterwards as a counted reader
 //     AwaitPassage                                  a writer, before it enters the section
 //
-// The turn is a matter of scheduling: it decides nothing about who may be inside. A writer waits
-// for readers that were woken and need nothing but a processor. It waits for 10 ms at the most,
-// because deadlock detection does not see this wait. A reader may fail to come: its thread ended in
-// a report, or is absent in a forked child. The next write is delayed once then, and writers wait
-// no more until a reader has passed again.
+// The turn affects scheduling only: mutual exclusion does not depend on it. A writer waits for
+// readers that were woken and need nothing but a processor. It waits for 10 ms at the most, because
+// deadlock detection does not see this wait. A reader may fail to come: its thread ended in a
+// report, or is absent in a forked child. The next write is delayed once then, and writers wait no
+// more until a reader has passed again.
 //
 // Wake-up: a writer counts itself as waiting before it looks at the number, and the last reader
 // looks at the count of waiting writers after it has cleared the number. All four accesses are
@@ -36,7 +36,7 @@
 
 class ReadersTurn {
 public:
-    // Of a mutex. The number of readers that are due; InVain: the last ones did not come.
+    // `due` is the mutex's number of readers that are due, or InVain: the last ones did not come.
     explicit ReadersTurn(std::atomic<ZoInt32>& due) : due(due) {}
 
     bool IsNow() const { return due.load(std::memory_order_relaxed) > 0; }

@@ -17,16 +17,16 @@ inline ReaderGate ZoGenRW_Mutex::Gate() const {
     return ReaderGate(readers->value);
 }
 
-// Each false: nothing has been done, StartRW or EndRW must do it. `mayWait` is for checkers of
-// threads: whether the caller would wait then. The hints keep a nested read free
-// of taken branches, which are most of what it costs.
+// Each returns false if it has done nothing; StartRW or EndRW must then do it. `mayWait` is for
+// checkers of threads: whether the caller would wait in that case. The hints keep a nested read
+// free of taken branches, which are most of its cost.
 
 [[gnu::always_inline]] inline bool ZoGenRW_Mutex::TryStartRead(bool mayWait) {
     ZoTLS* const me = currentRecord;
     if (me == nullptr) [[unlikely]]
         return false;
     if (ZoRWRecord* const record = FindRwRecord(me, this)) [[likely]] {
-        // Nothing: its admission is under way.
+        // Holdings of 0: the admission is under way.
         if (record->holdings == 0 || ReadDepth(record->holdings) == DeepestNesting) [[unlikely]]
             return false;
         record->holdings += OneRead;

@@ -17,10 +17,10 @@
 // The bit for marks stands beside any of these but the quiet one. A mutex accepts marks while it is
 // set and the gate is open, so the step that closes the gate also ends the acceptance. The bit
 // stays set behind a closed gate: it says that marks may be out, and a write ends with it cleared
-// only because the writer has found none (read_marks.h). A cancelled writer leaves it as it is.
+// only because the writer has found no mark (read_marks.h). A cancelled writer leaves it as it is.
 //
-// "Queues" and every write go through the exclusive section, whose holder alone does what stands
-// below the line:
+// "Queues" and every write go through the exclusive section. Only its holder may call the
+// operations below the line:
 //
 //     operation           by
 //     TryEnter            a reader, while the gate is open
@@ -34,36 +34,37 @@
 //                         condition's lock as well
 //     EndWrite            the writer
 //
-// A write leaves the gate closed, unless the writer goes on as a reader: the next write has nothing
-// to change, and readers, who come in numbers or not at all, have one of them open it.
+// A write leaves the gate closed, unless the writer goes on as a reader. So the next write has
+// nothing to change, and the first reader that queues opens the gate for all.
 //
 // Invariant: a thread that holds the section and sees a quiet gate is alone. Nobody is counted or
-// has a mark, nobody can enter without the section, and whoever was counted before has nothing more
-// to do with the mutex. So the word is that thread's, and a plain store is enough to change it.
+// has a mark, nobody can enter without the section, and no thread that was counted before still
+// uses the mutex. So no other thread changes the word, and a plain store is enough.
 //
-// Invariant: while the gate is open, whoever has or wants the condition's lock is counted or holds
-// the section. So a writer may take an open gate's count of 0 as it is: nobody who has left still
-// touches the mutex. Whoever leaves an open gate does not touch it afterwards either: a writer may
-// see the 0 at once, write, and destroy it.
+// Invariant: while the gate is open, each thread that has or is about to take the condition's lock
+// is counted or holds the section. So a writer may rely on a count of 0 at an open gate: no thread
+// that has left still touches the mutex. A reader that leaves through an open gate does not touch
+// the mutex afterwards either: a writer may see the 0 at once, write, and destroy the mutex.
 //
-// Whoever finds the gate closed has a writer to wake and therefore leaves with the condition's
-// lock. A writer that has closed the gate on counted readers believes a count of 0 only with that
-// lock too, so it cannot go on while the reader still holds it.
+// A counted reader that finds the gate closed must wake a writer, so it leaves with the condition's
+// lock. A writer that has closed the gate while readers were counted relies on a count of 0 only if
+// it has read it with that lock held, so it cannot go on while the reader still holds the lock.
 //
-// A writer that is cancelled opens the gate again, also on counted readers, some of which may be on
-// their way to the lock. Were one of them to leave with the lock through the open gate, it might
-// bring the count to 0 and still hold the lock when the next write ends and the mutex with it. So
-// such a reader looks again once it has the lock, and if the gate is open it gives the lock back,
-// counted as it is, and leaves as from any open gate. What it sees stands while it has the lock: a
-// closed gate with a counted reader is opened by GiveUp alone, which needs the lock. And GiveUp
-// finds no reader that has left and still holds the lock, because it has it itself.
+// A writer that is cancelled opens the gate again, also while readers are counted, and some of
+// these may be about to take the lock. If one of them left with the lock through the open gate, it
+// could bring the count to 0 and still hold the lock when the next write ends and the mutex is
+// destroyed. So such a reader looks again once it has the lock. If the gate is open, the reader
+// gives the lock back, is still counted, and leaves through the open gate as usual. What it sees
+// holds while it has the lock: only GiveUp opens a closed gate with a counted reader, and GiveUp
+// needs the lock. GiveUp finds no reader that has left and still holds the lock, because its caller
+// holds the lock.
 //
 // Order: what a reader did must come before what a writer does after it, and the other way round. A
 // reader leaves with release order, and a writer that relies on a count of 0 has read it with
 // acquire order, or has seen a quiet gate, whose writer had. Enter opens the gate with release
-// order, and TryEnter has acquire order. Between a store and the load that sees its effect stand
-// only read-modify-writes, GiveUp's among them, which carry the release on. All who hold the
-// section are ordered by it.
+// order, and TryEnter has acquire order. Only read-modify-writes, GiveUp's among them, stand
+// between a store and the load that sees its effect, and they continue the release sequence. The
+// section orders the threads that hold it.
 
 #ifndef KELVARA_SRC_RW_GATE_H_
 #define KELVARA_SRC_RW_GATE_H_
@@ -91,7 +92,7 @@ public:
     bool MarksMayBeOut() const { return (word.load(std::memory_order_acquire) & Marks) != 0; }
 
     // The word is read before it is tried: beside other readers a try with a guessed count fails
-    // more often than not, and a failed one is as dear as one that succeeds.
+    // more often than not, and a failed one costs as much as one that succeeds.
     bool TryEnter() const { return TryStep(1, std::memory_order_acquire); }
     bool TryLeave() const { return TryStep(-1, std::memory_order_release); }
 
@@ -113,9 +114,9 @@ public:
         return now == 0 || now == (Closed | Quiet);
     }
 
-    // What follows is for the thread that holds the section.
+    // The operations below are for the thread that holds the section.
 
-    // Counts one reader, and opens a quiet gate for those that come after it.
+    // Counts one reader, and opens a quiet gate for later readers.
     void Enter(bool acceptMarks) const {
         if (IsQuiet()) {
             word.store(acceptMarks ? Marks + 1 : 1, std::memory_order_release);
@@ -124,7 +125,7 @@ public:
         }
     }
 
-    // Closes the gate for a write. True: no reader is left to be waited for.
+    // Closes the gate for a write. True: no reader is left, so the writer need not wait.
     bool Close() const {
         return IsQuiet() || word.fetch_or(Closed, std::memory_order_acquire) == 0;
     }
@@ -137,7 +138,7 @@ public:
                                             std::memory_order_relaxed);
     }
 
-    // With the condition's lock held: gives up the write for which Close told to wait, and opens
+    // With the condition's lock held: gives up the write for which Close returned false, and opens
     // the gate. `isReader`: the writer is counted again.
     void GiveUp(bool isReader) const {
         word.fetch_sub(Closed - (isReader ? 1 : 0), std::memory_order_relaxed);

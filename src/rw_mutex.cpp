@@ -25,9 +25,9 @@
 
 // Who is counted as a reader.
 //
-// A thread's own record says so, between any two operations of that thread: a thread is counted,
-// once, exactly when its record has a read depth and no write depth. Every change of the record
-// that turns this one way or the other changes the count with it:
+// A thread's own record decides that, between any two operations of the thread: a thread is
+// counted, once, exactly when its record has a read depth and no write depth. Every change of the
+// record that turns this one way or the other changes the count with it:
 //
 //     operation                  record (reads, writes)   count
 //     first read                 (0, 0) → (1, 0)          + 1
@@ -40,10 +40,10 @@
 //
 // The count stands in the value of `readers`, together with the gate (rw_gate.h) through which a
 // first reader enters and a last one leaves without a lock while no writer is about. The count
-// rises only while the gate is open or in the hands of a thread that holds the exclusive section: a
-// first reader in its moment there, a writer that lowers, a writer whose wait is cancelled and that
-// is a reader again. A writer that holds the section and has closed the gate therefore sees the
-// count fall but never rise by another hand.
+// rises only while the gate is open, or by a thread that holds the exclusive section: a first
+// reader that enters through it, a writer that lowers, a writer whose wait is cancelled and that is
+// a reader again. A writer that holds the section and has closed the gate therefore sees the count
+// fall, and no other thread makes it rise.
 //
 // Every wait ends: a thread that waits for the section is not counted, so the writer that holds the
 // section waits for running threads only; a counted thread runs until it ends its reads or asks to
@@ -51,9 +51,9 @@
 
 namespace {
 
-// A set lets a reader leave, a clear lets one in, and the wait, a writer's, lasts until none is
-// left. Readers pass the gate beside these, without the lock, and leave by SetConditionApp, which
-// does nothing and returns 0 when the gate is open.
+// A set takes a reader off the count, a clear counts one, and a writer waits until the count is 0.
+// Readers also pass the open gate without the lock. A reader that finds the gate closed leaves by
+// SetConditionApp, which does nothing and returns 0 when the gate is open again.
 class ReaderCounter final : public ConditionLogic {
 public:
     void SafeSet(int* value) override { ReaderGate(*value).LeaveLocked(); }
@@ -90,8 +90,8 @@ private:
 };
 
 // A writer's wait for the readers in the wait-for graph, for a scope. It is announced with the
-// exclusive section held and the gate closed, and withdrawn before either changes: while it stands,
-// whoever reads the mutex has read it from before.
+// exclusive section held and the gate closed, and withdrawn before either changes. While it stands
+// no thread begins to read the mutex.
 class AnnouncedWrite {
 public:
     AnnouncedWrite() = default;
@@ -120,8 +120,8 @@ private:
 };
 
 // A writer's wait for the readers, with the exclusive section held and the gate closed. A thread
-// that is cancelled in it opens the gate, leaves the section and, if it gave reads up to get here,
-// has them in its record again and is a counted reader.
+// that is cancelled in it opens the gate and leaves the section. If it gave up reads for the write,
+// they are in its record again and it is a counted reader.
 class PendingWrite {
 public:
     PendingWrite(ZoRW_Mutex& mutex, ZoCritSect& exclusive, Condition& readers,
@@ -176,7 +176,7 @@ private:
     bool admitted = false;
 };
 
-// What a record, or the lack of one, says.
+// The depths that a record states. Without a record they are 0.
 
 ZoUInt32 DepthOf(ZoRWRecord const* record, int mode) {
     if (record == nullptr) return 0;
@@ -335,9 +335,9 @@ ZoWaitFigures& ZoGenRW_Mutex::ReadersFigures() {
     return static_cast<POSIXCondition*>(readers)->figures;
 }
 
-// The two below are a write by a thread that holds nothing else of the mutex, and its end, where
-// neither has to wait. They run no code of the host, so the record needs no AdmissionUnderWay.
-// False: nothing has been done, Start or End must do it.
+// TryStartWrite and TryEndWrite begin and end a write of a thread that holds nothing else of the
+// mutex, if neither has to wait. They run no code of the host, so the record needs no
+// AdmissionUnderWay. False: nothing has been done, and Start or End must do it.
 
 bool ZoGenRW_Mutex::TryStartWrite() {
     ZoTLS* const me = currentRecord;
@@ -375,8 +375,8 @@ bool ZoGenRW_Mutex::TryEndWrite() {
     return true;
 }
 
-// The reports come first, while the thread still is what its record says: they call the host, which
-// may start and end levels of this mutex. So the record is looked up afresh after them.
+// The reports come first, while the record still describes the thread: they call the host, which
+// may start and end levels of this mutex. So the record is looked up again after them.
 int ZoGenRW_Mutex::Start(int mode) {
     ZoTLS* const me = CurrentThread();
     if (me == nullptr) return WithoutRecord(236);
@@ -433,7 +433,7 @@ void ZoGenRW_Mutex::StartRead(ZoTLS* me, ZoRWRecord& record) {
     record.holdings += OneRead;
 }
 
-// With a mark, by the open gate, or through the exclusive section.
+// Admits a reader with a mark, by the open gate, or through the exclusive section if that is free.
 bool ZoGenRW_Mutex::TryAdmitReader(ZoTLS* me, ZoRWRecord& record) {
     record.mark = ReadMarks::TrySet(me->readMarks, this, Gate());
     if (record.mark != nullptr || TryEnterCounted(me)) return true;
@@ -466,7 +466,7 @@ void ZoGenRW_Mutex::StartWrite(ZoRWRecord& record, void* identity) {
         checkers::WriteBegins(this, checkers::MayWait);
     }
     BeginWrite(record, before, identity);
-    // The host's code in it finds the thread as the writer that it is.
+    // The report runs the host's code, which must find the thread as the writer.
     if (falseAlarm) ReportFalseAlarm();
 }
 
@@ -480,11 +480,11 @@ void ZoGenRW_Mutex::BeginWrite(ZoRWRecord& record, ZoUInt32 before, void* identi
     AddToWriterLevel(1);
 }
 
-// A reader gives its reads up before it waits for the section, whose holder may be waiting for just
-// them. It is off the count then, so its record must not say that it reads: it is in nobody's way,
-// and a deadlock report in the wait may make it leave all that it holds.
+// A reader gives up its reads before it waits for the section, because the section's holder may
+// wait for these reads. It is not counted any more, so its record must state no reads: no writer
+// waits for it, and a deadlock report in the wait may make it leave all that it holds.
 //
-// Counted as waiting only if there is something to wait for.
+// The thread is counted as a waiting writer only if it must wait.
 bool ZoGenRW_Mutex::AdmitWriter(ZoRWRecord& record) {
     ZoUInt32 const reads = std::exchange(record.holdings, 0);
     if (reads != 0) LeaveReaders(record);
@@ -502,7 +502,7 @@ bool ZoGenRW_Mutex::AdmitWriter(ZoRWRecord& record) {
     return false;
 }
 
-// Before the section is entered, with nothing held of the mutex.
+// Called before the section is entered, by a thread that holds nothing of the mutex.
 void ZoGenRW_Mutex::LetReadersPass() {
     CountedWaiter const waiting(waitingWriters);
     MeasuredWait const wait(ReadersFigures(), *this, true);
@@ -514,7 +514,7 @@ void ZoGenRW_Mutex::LeaveReaders(ZoRWRecord& record) {
     if (record.mark != nullptr) {
         return ReadMarks::TakeBack(*std::exchange(record.mark, nullptr), this);
     }
-    // Between the two a writer that gives up may open the gate.
+    // A writer that gives up may open the gate between the two calls.
     while (!Gate().TryLeave() && readers->SetConditionApp(nullptr, nullptr) == 0) {
     }
 }
@@ -546,8 +546,8 @@ inline void ZoGenRW_Mutex::LeaveWriting(bool goesOnReading) {
     exclusive->Exit();
 }
 
-// Called by the thread that holds the exclusive section, which orders all changes: relaxed order is
-// enough, and a load and a store are not torn apart by another thread's.
+// Called by the thread that holds the exclusive section, which orders all changes. So relaxed order
+// is enough, and no other thread changes the value between the load and the store.
 void ZoGenRW_Mutex::AddToWriterLevel(ZoInt32 change) {
     WriterLevel.store(WriterLevel.load(std::memory_order_relaxed) + change,
                       std::memory_order_relaxed);
@@ -561,8 +561,8 @@ void ZoGenRW_Mutex::CheckWriterLevel(ZoUInt32 writeDepth, int line) const {
 void ZoGenRW_Mutex::ForceRelease() {
     ZoTLS const* const me = CurrentThread();
     ZoRWRecord const* const record = me != nullptr ? FindRwRecord(me, this) : nullptr;
-    // A record of 0 belongs to an admission that is under way and stays: the thread is here from a
-    // deadlock report.
+    // Holdings of 0 belong to an admission that is under way: a deadlock report in it has called.
+    // That record stays.
     ZoUInt32 const holdings = record != nullptr ? record->holdings : 0;
     for (ZoUInt32 level = ReadDepth(holdings); level != 0; --level) EndRW(0);
     for (ZoUInt32 level = WriteDepth(holdings); level != 0; --level) EndRW(1);

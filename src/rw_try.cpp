@@ -1,9 +1,8 @@
 // Levels of a reader/writer mutex that begin only if that needs no wait.
 //
-// A thread that tries does what one that may wait does up to the point where that would wait, and
-// there takes it back. Who waits is not in its way: it holds the exclusive section for a moment, as
-// a queued reader does, and a gate that it has closed is opened again as a cancelled writer does
-// it.
+// A thread that tries takes the same steps as one that may wait, up to the point of the wait, and
+// undoes them there. Other threads see no new state: it holds the exclusive section for a moment,
+// as a queued reader does, and opens a gate that it has closed, as a cancelled writer does.
 
 #include <typeinfo>
 
@@ -46,8 +45,8 @@ bool ZoGenRW_Mutex::TryStart(int mode) {
     return true;
 }
 
-// Readers that are there already are seen before the gate is closed, so that a try that fails for
-// them neither keeps others out nor costs a barrier.
+// The readers are counted before the gate is closed, so that a try that fails because of them
+// neither keeps others out nor costs a barrier.
 bool ZoGenRW_Mutex::TryAdmitWriter() {
     if (!TryBegin(*exclusive)) return false;
     if (CountReaders() == 0) {
@@ -58,9 +57,9 @@ bool ZoGenRW_Mutex::TryAdmitWriter() {
     return false;
 }
 
-// With the exclusive section held and the gate just closed on what may be readers. False: there are
-// some, and the gate is open again. Marks do not come back behind a closed gate, so the two looks
-// may come one after the other.
+// Called with the exclusive section held and the gate just closed. False: there are readers, and
+// the gate is open again. No mark is set behind a closed gate, so the two looks may come one after
+// the other.
 bool ZoGenRW_Mutex::NoReaderIsLeft() {
     bool const marked = MarksWithdrawal(this, Gate().MarksMayBeOut(), markHistory).MarksAreOut();
     readers->Lock();
