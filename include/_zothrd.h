@@ -18,7 +18,7 @@
 //     the event dispatcher                 ZoEventMessageDispatcher::GetDispatcher()
 //
 // and clears the host's semaphore (ZoQaSemaphore). Tear-down destroys them in the reverse order,
-// each through its virtual destructor, whatever object the pointer holds by then, and leaves every
+// each through its virtual destructor, also objects that the host has put there, and leaves every
 // pointer as at load, so the two may follow each other again and again. It does not touch the
 // host's semaphore. It waits for threads of the library that a watcher or a queue has let go but
 // that still release their per-thread record: after a queue's Destroy, or at a watcher's zero, the

@@ -52,29 +52,31 @@
 //     a writer that reads as well                      not as a reader: it owns the section
 //     a first read that queues behind a writer         not yet: it waits for the section
 //
-// One wait may close several rings, because a writer waits for all readers. A report tells one; the
-// next one is reported when the thread has left what the last line of that report names.
+// One wait may close several rings, because a writer waits for all readers. A report describes one
+// of them; the next one is reported when the thread has left what the last line of that report
+// names.
 //
 // While the message of a report is shown, the thread may end reads and writes and leave sections,
-// which dissolves the ring. But a writer that waits for readers may be in it through those alone
-// that queue behind it: it has nothing to leave then, and the ring stays unless the thread ends in
-// the message (pthread_exit), which gives up the wait. A false alarm of a writer is told when it
-// holds its write.
+// which dissolves the ring. But a writer that waits for readers may be in the ring only through
+// threads that queue behind it: it has nothing to leave then, and the ring stays unless the thread
+// ends in the message (pthread_exit), which gives up the wait. A false alarm of a writer is
+// reported when it holds its write.
 //
 // Who may call: any operation, any thread. The mutex is destroyed when nobody holds or waits for
-// it; where deadlock detection was on when it was made, the system log tells otherwise at level 4:
-// who destroys it, who writes, and how many threads read and wait. A reader that has ended without
-// its ends counts as one that reads; a writer that has, does not. In a child made by fork() nothing
-// is told of a mutex of the parent's. The reports call the base library's log, message and
-// assertion services and the debug listeners on the calling thread, before anything of the level is
-// entered or ended: that of a propagation with the reads held, that of a lowering with the write
-// held as well. These may start and end levels of the same mutex; what is held afterwards decides
-// how the operation goes on. A write that is given up in its lowering report, as by ForceRelease,
-// has been ended. A thread that is cancelled during a report is cancelled only after it; one that
-// is cancelled while it waits to write holds afterwards what it held before it asked, so its
-// clean-up handlers end the levels it had. Only the wait for readers is cut short by a
-// cancellation, not that for another writer; one that ends there all the same, in the message of a
-// deadlock report, has lost the reads it gave up.
+// it; if it is destroyed otherwise and deadlock detection was on when it was made, a line of the
+// system log at level 4 names the thread that destroys it and the writer, and counts the threads
+// that read and wait. A thread that ended without ending its reads counts as a reader; one that
+// ended without ending its write is not named. In a child made by fork() no line is written about a
+// mutex of the parent's. The reports call the base library's log, message and assertion services
+// and the debug listeners on the calling thread, before anything of the level is entered or ended:
+// that of a propagation with the reads held, that of a lowering with the write held as well. These
+// may start and end levels of the same mutex; what is held afterwards decides how the operation
+// goes on. A write that is given up in its lowering report, as by ForceRelease, has been ended. A
+// thread that is cancelled during a report is cancelled only after it; one that is cancelled while
+// it waits to write holds afterwards what it held before it asked, so its clean-up handlers end the
+// levels it had. Only the wait for readers is cut short by a cancellation, not that for another
+// writer; one that ends there all the same, in the message of a deadlock report, has lost the reads
+// it gave up.
 
 #ifndef KELVARA_INCLUDE_RW_MUTEX_H_
 #define KELVARA_INCLUDE_RW_MUTEX_H_
@@ -118,8 +120,8 @@ protected:
 // The mutex that locks.
 class ZO_API ZoGenRW_Mutex : public ZoRW_Mutex {
 public:
-    // For Make, which also tells when a part could not be made; such a mutex is good for nothing
-    // but its destruction.
+    // For Make, which also checks that both parts were made; a mutex without one can only be
+    // destroyed.
     ZoGenRW_Mutex();
     ~ZoGenRW_Mutex() override;
 
@@ -177,8 +179,8 @@ private:
     ZO_INTERNAL void CheckWriterLevel(ZoUInt32 writeDepth, int line) const;
     ZO_INTERNAL void AddToWriterLevel(ZoInt32 change);
 
-    // Its value holds the number of threads that are counted as readers, and above that two marks
-    // that keep readers out while a writer is about; owned, never chained.
+    // Its value is the gate's word (src/rw_gate.h): the number of threads that are counted as
+    // readers, and the gate's state; owned, never chained.
     Condition* readers;
     // The writer's, from its admission to the end of its last write; owned, never chained.
     ZoCritSect* exclusive;
@@ -186,7 +188,7 @@ private:
     // holds the exclusive section only; atomic because GetInfo reads them from any thread.
     std::atomic<ZoInt32> WriterLevel;
     std::atomic<void*> owner;
-    // How many threads wait to get in. For GetInfo only.
+    // How many threads wait to be admitted; for GetInfo and the readers' turn.
     std::atomic<ZoInt32> waitingReaders;
     std::atomic<ZoInt32> waitingWriters;
     // How many waiting readers go before the next writer (src/readers_turn.h).
@@ -204,11 +206,11 @@ private:
 //     the class is the host's, which cannot be tried, or memory for the record ran out
 //     the thread holds 65,535 levels of that mode; this one is asserted as by StartRW
 //
-// 0 may also be untrue: threads that try at the same moment may be in each other's way, and one
-// that tries to write keeps others that try out for that moment. A thread that holds the mutex in
-// either mode reads again, and one that writes writes again. The mutex that locks nothing is always
-// free. Nothing is reported, no wait is counted or seen by deadlock detection, and it is no
-// cancellation point. It may wait for csDLD as ZoTryBegin does (zocrits.h).
+// 0 may also be returned for a free mutex: threads that try at the same moment may get in each
+// other's way, and one that tries to write keeps other tries out for that moment. A thread that
+// holds the mutex in either mode reads again, and one that writes writes again. The mutex that
+// locks nothing is always free. Nothing is reported, no wait is counted or seen by deadlock
+// detection, and it is no cancellation point. It may wait for csDLD as ZoTryBegin does (zocrits.h).
 //
 // After 1 the caller sees what StartRW would have it see: all that writers did before their ends,
 // and for a write all that readers did (acquire order). 0 orders nothing.

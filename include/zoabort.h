@@ -9,8 +9,8 @@
 // When one of the two signals comes, the handlers are called one after the other, in the order of
 // registration, until one returns nonzero. The process then goes on as if the signal had not come;
 // if none does, it ends with exit(0). Each signal that is delivered is asked about once. Before the
-// exit() the system log is told, at level 3, which signal ends the process and that no handler
-// objected; not where the handlers run inside the signal handler (below).
+// exit() a line of the system log at level 3 names the signal that ends the process and says that
+// no handler objected; not where the handlers run inside the signal handler (below).
 //
 // Once the process is ending a signal changes nothing: no handler is asked, and the exit() that is
 // under way decides the status. The library sees an exit() on the thread that loaded it, and on
@@ -37,8 +37,8 @@
 // programs that it starts other than through fork(): a child that it forks takes the two signals,
 // and blocks of the others what the thread of the first add did. Where there is no such thread, in
 // a forked child or because it could not be started, they run inside the signal handler, on the
-// thread that got the signal, whatever that was about to do; there a handler must do only what is
-// safe in a signal handler.
+// thread that got the signal, at any point of its work; there a handler must do only what is safe
+// in a signal handler.
 //
 // What a handler may do: add and remove handlers, itself included. The handlers behind it see the
 // change in the same round; one that the last handler adds is asked from the next signal on. It may

@@ -143,7 +143,7 @@ private:
     pthread_condattr_t conditionAttributes{};
     bool conditionIsTaken = false;
     ZoUInt32 generation;  // of the process whose threads sleep; see src/at_fork.h
-    // Of those that nobody has woken yet, in the order of their coming.
+    // Of the sleepers that are not woken yet, in the order of arrival.
     Sleeper* firstSleeper = nullptr;
     Sleeper* lastSleeper = nullptr;
     ZoWaitFigures figures;

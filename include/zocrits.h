@@ -27,7 +27,7 @@
 // Who may call: any operation, any thread, except that only the owner calls Exit. A section is
 // destroyed when no thread holds it or waits for it. No operation reports an error. Leaving a
 // section that the caller does not own, or more often than it was entered, goes undetected with a
-// POSIX section and breaks it; a detecting section stays as it is and tells (below).
+// POSIX section and breaks it; a detecting section stays as it is and reports it (below).
 
 #ifndef KELVARA_INCLUDE_ZOCRITS_H_
 #define KELVARA_INCLUDE_ZOCRITS_H_
@@ -90,16 +90,15 @@ ZO_API int ZoTryBegin(ZoCritSect* section) ZO_TRY_ACQUIRE(1, section);
 //
 // A thread that finds the section taken tries again a few times, at growing distances, and then
 // blocks in the mutex, counted as waiting. The mutex decides who gets it next: a thread that comes
-// just as the section is left may overtake those that block. errno
-// stays as it was.
+// just as the section is left may overtake threads that block. errno stays as it was.
 //
 // A thread that ends while it owns a section takes the section with it: no other thread ever gets
-// it, and none is mistaken for the owner, whatever addresses and handles the system uses again. The
-// system log tells that at level 4, with the names of the sections. Nothing is told in a process
-// that has no POSIX thread-specific key left when it loads the library.
+// it, and none is mistaken for the owner, even if the system uses addresses and handles again. A
+// line of the system log at level 4 reports that, with the names of the sections. No line is
+// written in a process that has no POSIX thread-specific key left when it loads the library.
 //
 // In a child process made by fork() the forking thread owns what it owned. A section that another
-// thread of the parent owned stays taken, and those that waited for it stay counted.
+// thread of the parent owned stays taken, and its waiters stay counted.
 class ZO_API PosixCritSect : public ZoCritSect {
 public:
     // Free. `name` is kept, not copied.
@@ -134,7 +133,7 @@ private:
     std::atomic<pthread_t> owner;  // NoThread when free; see IsMine for why it needs no lock
     std::atomic<unsigned long> ownerNumber;  // the owner's number in this process
     ZoWaitFigures figures;                   // of those who blocked in Begin
-    // The detecting section or the mutex that it is in, which tells of it; null: it is in none.
+    // The detecting section or the mutex that contains it and reports for it; null: there is none.
     ZoSynchroObj const* partOf = nullptr;
 };
 
@@ -168,16 +167,16 @@ extern ZO_API ZoCritSect* csDLD;
 // section hold it that many milliseconds longer. The key "csStacks" adds the call stack of each
 // thread to a report. Both are read once, when the first detecting section is made.
 //
-// A detecting section also tells when it is misused, in one line of the system log at level 4 that
-// names the calling thread, the section and its owner as the reports do:
+// A detecting section also reports its misuse, in one line of the system log at level 4 that names
+// the calling thread, the section and its owner as the reports do:
 //
 //     Exit by a thread that does not own it     nothing changes
 //     destroyed while owned or waited for       it is destroyed; its waiters never get it
 //
-// Not told is the destruction of a section whose owner has ended, which was told then, unless it is
-// waited for; and in a child made by fork() that of a section of the parent's. The section of a
-// reader/writer mutex (rw_mutex.h) leaves it to the mutex. A line waits, as GetInfo does, while
-// another thread holds csDLD.
+// No line reports the destruction of a section whose owner has ended, which was reported then,
+// unless the section is waited for; nor, in a child made by fork(), that of a section of the
+// parent's. For the section of a reader/writer mutex (rw_mutex.h) the mutex reports. A line waits,
+// as GetInfo does, while another thread holds csDLD.
 //
 // Detecting sections are entered and left only while the library context is set up. A thread that
 // is cancelled during a report or a delayed Exit is cancelled only after it. In a child process
@@ -192,7 +191,7 @@ public:
     void Begin() ZO_ACQUIRE() override;
     void Exit() ZO_RELEASE() override;
     // Names the section that the owner waits for. Of an owner that waits for the readers of a mutex
-    // it tells nothing: that mutex's own GetInfo does.
+    // it says nothing: that mutex's own GetInfo does.
     void GetInfo(char* buffer, int size) override;
 
     // 1 when the owner of this section waits, directly or through a chain, for the thread whose
@@ -231,9 +230,9 @@ private:
     // of Begin, without: only the owner ever finds its own record there.
     std::atomic<ZoTLS*> owner{nullptr};
     PosixCritSect* plain;  // the wrapped section, if it is of this very kind; else null
-    // Decide whether a destruction while it is in use is told.
+    // Decide whether a destruction while it is in use is reported.
     ZoUInt32 generation;  // how many forks lay before it was made
-    bool isPart = false;  // of another lock, which tells
+    bool isPart = false;  // of another lock, which reports
 };
 
 // The address of the switch; 0 at load. Set it before the sections it is meant for are made, and

@@ -42,7 +42,7 @@ class ZoLogDestination;
 
 // --- events ------------------------------------------------------------------------------------
 
-// Something to tell. Short-lived, usually on the stack of its producer.
+// A text for listeners. Short-lived, usually on the stack of its producer.
 class ZO_API ZoEvent {
 public:
     // Of one class and family; masks and types are 32-bit values.
@@ -307,12 +307,12 @@ public:
 // The process-wide switches; null while the library context is not set up.
 //
 // The first call after an smp_debug was made reads the configuration: it sets the flags from "mode"
-// (none when the key is missing), tells them on the console ("DEBUG LEVEL --> 0x800000") unless
+// (none when the key is missing), writes them to the console ("DEBUG LEVEL --> 0x800000") unless
 // none is set, and registers one console listener with eventDispatcher for damage, replication,
 // backup and all seven debug families. Without a configuration nothing happens and the next call
 // tries again; without a dispatcher the listener waits for the first call that finds one; without a
-// console the flags are not told. Exactly one thread configures. A call that meets it at work, from
-// another thread or from within (a configuration or a console that traces), does not wait: it
+// console the flags are not written. Exactly one thread configures. A call that meets it at work,
+// from another thread or from within (a configuration or a console that traces), does not wait: it
 // returns the switches as they are at that moment.
 ZO_API smp_debug* GetDebugger();
 // Installs `debugger` and returns the previous one, which the caller owns from then on. With null,

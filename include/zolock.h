@@ -17,8 +17,8 @@
 //     a wait for something to become true      ZoMonitor          -
 //
 // Everything here is inline and adds nothing to what the plain calls cost. Clang's -Wthread-safety
-// knows the classes, so that a program that forgets a lock need not compile (zotypes.h); of the
-// standard's locks it knows nothing, hence ZoHold.
+// knows the classes, so that a program that forgets a lock may be refused (zotypes.h). It does not
+// know the standard's locks, hence ZoHold.
 //
 // Who may call: as for the plain calls. A lock is released on the thread that took it, and
 // destroyed when nobody holds or waits for it. A thread that is cancelled leaves what its brackets
@@ -99,7 +99,7 @@ private:
     std::unique_ptr<ZoRW_Mutex> mutex;
 };
 
-// Holds a lock for a scope: a section as it is, or whatever has lock() and unlock().
+// Holds a lock for a scope: a ZoCritSect, or any object with lock() and unlock().
 template <class Lock>
 class ZO_SCOPED_CAPABILITY ZoHold {
 public:
@@ -164,7 +164,7 @@ private:
 };
 
 // A writer of the database. From level LessExclusiveCommit on it may begin less exclusively:
-// readers go on beside it until it upgrades. It ends as what it is by then.
+// readers go on beside it until it upgrades. It ends in the mode that it then has.
 class ZO_SCOPED_CAPABILITY ZoWriter {
 public:
     // What the writer begins as.
@@ -186,7 +186,8 @@ public:
         }
     }
 
-    // Each does nothing when the writer is that already. Readers may come between, writers not.
+    // Each does nothing if the writer has that mode already. Readers may enter in between, writers
+    // may not.
     void Upgrade() ZO_NOT_ANALYSED {
         if (mode == Exclusive) return;
         isCancelled = true;  // unless it returns
@@ -226,7 +227,7 @@ private:
     char const* label;
 };
 
-// A named section, by its index. Which one that is depends on the level, so Clang does not follow
+// A named section, by its index. The level decides which section that is, so Clang does not analyse
 // it.
 class ZoNamedSection {
 public:
@@ -265,7 +266,7 @@ bool ZoWaitFor(Condition& condition, std::chrono::duration<Rep, Period> limit) {
     return condition.WaitForCondition(0, ZoMilliseconds(limit)) != ZoTimedOut;
 }
 
-// Something that threads change and wait for, with the lock of a condition around both.
+// Shared state that threads change and wait for. Changes and tests hold the lock of a condition.
 //
 //     ZoMonitor jobs("jobs");
 //     std::deque<Job> waiting;                              // guarded by jobs
@@ -280,8 +281,9 @@ bool ZoWaitFor(Condition& condition, std::chrono::duration<Rep, Period> limit) {
 //     });
 //
 // Changes and predicates are called one at a time, with the lock of the condition held, which is
-// not recursive: they call nothing of the same monitor. An exception of theirs reaches the caller.
-// Where waiters wait for different things, or one change may satisfy several, use ChangeForAll.
+// not recursive: they call nothing of the same monitor. An exception that they throw reaches the
+// caller. Where waiters wait for different things, or one change may satisfy several, use
+// ChangeForAll.
 //
 // Any thread may call anything. The monitor is destroyed when nobody uses it any more.
 class ZoMonitor {
@@ -363,13 +365,13 @@ private:
         Predicate& predicate;
     };
 
-    // One wait for the condition. The condition tells its logic no more than the value, so the
-    // thread's innermost wait is found through `current`.
+    // One wait for the condition. The condition passes only the value to its logic, so the thread's
+    // innermost wait is found through `current`.
     //
     // The value counts the changes that are for all. Such a change wakes the first sleeper, and
-    // each sleeper that finds the value changed passes the waking on. That reaches all: they sleep
-    // in the order of their coming, so those that have not seen a value come before those that
-    // have.
+    // each sleeper that finds the value changed passes the waking on. That reaches all sleepers:
+    // they stand in the order of their arrival, so sleepers that have not seen a value stand before
+    // sleepers that have.
     class ZO_API OneWait {
     public:
         OneWait(Condition& condition, AnyTest& test)

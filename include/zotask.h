@@ -17,12 +17,13 @@
 //     the queue is terminated        never runs, if it has not begun   throws Cancelled
 //     the Task is let go             runs, its result is dropped       -
 //
-// So a call may submit calls to its own queue and collect them, whatever the number of workers:
-// those that no worker takes run in the collecting thread.
+// So a call may submit calls to its own queue and collect them, with any number of workers: calls
+// that no worker takes run in the collecting thread.
 //
-// Everything stands on a work queue (zowrkque.h), any of which will do: it is ended by Destroy, as
-// Pool does, and calls to it and units of the host's own may be mixed. A queue without workers runs
-// a call within Submit.
+// Any work queue (zowrkque.h) will do, if it is ended by Destroy, as Pool ends its own. Calls and
+// units of the host's own may be mixed in it. A queue without workers runs a call within Submit. A
+// call may also run within Submit, with the queue's lock held, if it is submitted just as the last
+// worker of a host's own queue ends; it must not submit to that queue in its turn.
 //
 // Who may call: Submit, ParallelFor and a pool's SetWorkers, any thread, a worker too. One thread
 // at a time uses a Task. A thread may be cancelled in any of the waits here; a worker is not
@@ -67,7 +68,7 @@ public:
 
 namespace detail {
 
-// A submitted call: shared by the queue and the Task, gone with the later of them.
+// A submitted call. The queue and the Task share it; the later of them deletes it.
 class Call : public ZoWorkUnit {
 public:
     void Handle(ZoWorkQueue*) override {
@@ -127,8 +128,9 @@ private:
         ~Reference() { call->Drop(); }
         Call* call;
     };
-    // Takes the waiting thread's condition back. Who ends the call may have it by then and sets it
-    // once, so that is waited for: the set is the last it has to do with the condition.
+    // Takes the waiting thread's condition back. The thread that ends the call may have taken it
+    // already and sets it once, as its last use of the condition. So the destructor waits for that
+    // set.
     struct Waiter {
         std::atomic<Condition*>& end;
         Condition& mine;
@@ -321,15 +323,15 @@ Index At(Index first, std::size_t place) {
     }
 }
 
-// A loop that several threads work on. Each takes a part of what is left, at first large ones, so
-// that they meet seldom, and in the end small ones, so that they end together.
+// A loop that several threads work on. Each takes parts of the rest: large ones at first, so that
+// the threads meet seldom, and small ones in the end, so that they end together.
 template <class Index, class Body>
 class Loop {
 public:
     Loop(Index first, std::size_t count, std::size_t grain, std::size_t threads, Body& body)
         : first(first), count(count), grain(grain), threads(threads), body(body) {}
 
-    // Until all is taken. An exception ends the loop for the others too.
+    // Works until all parts are taken. An exception ends the loop for the other threads too.
     void Work() {
         struct Stop {
             Loop& loop;
@@ -357,11 +359,11 @@ private:
     Index const first;
     std::size_t const count, grain, threads;
     Body& body;
-    std::atomic<std::size_t> next{0};  // what is below it is taken
+    std::atomic<std::size_t> next{0};  // all below it are taken
 };
 
-// Those that work on a loop beside the calling thread, whose stack it is on: none of them is left
-// when this is gone, even if the thread is cancelled.
+// The tasks that work on a loop beside the calling thread. The loop is on that thread's stack, so
+// the destructor ends them all, even if the thread is cancelled.
 class Helpers {
 public:
     Helpers() = default;
@@ -384,7 +386,7 @@ public:
         } catch (std::bad_alloc const&) {
         }
     }
-    // Waits for those that have begun. Throws the exception of one that has thrown.
+    // Waits for the tasks that have begun. Throws the exception of one that has thrown.
     void Collect() {
         for (Task<void>& task : tasks) {
             if (task.Cancel()) continue;
@@ -421,9 +423,9 @@ void ParallelFor(ZoWorkQueue& queue, Index first, Index last, Body&& body, std::
 }
 
 // A work queue with a number of workers that may be changed at any time, also by the workers. There
-// is always one, so no unit is left waiting. Workers that are too many sleep until they are wanted
-// again. Destroyed by a thread that is no worker, when no other uses the pool: what has not begun
-// is cancelled, what has is waited for.
+// is always one, so no unit is left waiting. Surplus workers sleep until they are wanted again.
+// Destroyed by a thread that is no worker, when no other uses the pool: calls that have not begun
+// are cancelled, and the others are waited for.
 class Pool {
 public:
     // `context` is the queue's. Throws std::bad_alloc when the queue or its first worker could not
@@ -441,9 +443,9 @@ public:
         });
     }
 
-    // Wants that many workers, at least one. Those that are missing are there when this returns,
-    // unless the system refuses them; those that are too many stop when the work that is waiting
-    // now has been begun.
+    // Wants that many workers, at least one. Missing workers have been started when this returns,
+    // unless the system refuses them; surplus workers stop when the work that is waiting now has
+    // been begun.
     void SetWorkers(int count) {
         monitor.ChangeForAll([this, count] {
             if (isEnding) return;
@@ -467,7 +469,7 @@ public:
     operator ZoWorkQueue&() { return *queue; }
 
 private:
-    // Has the worker that takes it sleep, if there are too many by then.
+    // Puts the worker that takes it to sleep, if there are too many workers by then.
     class SleepRequest final : public ZoWorkUnit {
     public:
         explicit SleepRequest(Pool& pool) : pool(pool) {}
@@ -485,7 +487,7 @@ private:
     };
 
     int Working() const { return threads - sleeping; }
-    // No thread of the queue ever leaves it, so their number tells whether one has come.
+    // No thread of the queue ever leaves it, so a greater number means that a thread was started.
     bool SafeStartThread() {
         int const before = threads;
         queue->IncreaseThreadCount();

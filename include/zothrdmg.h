@@ -41,10 +41,10 @@
 //
 // Labels name the calling site, for the reader of the code and of the system log: where deadlock
 // detection was on when the manager was made, an end of what the calling thread does not hold, an
-// end with a `lessExclusive` that does not fit, and an index without a section are told there in a
-// line of level 4, with the bracket, its label, what the thread holds and what was expected. The
-// labels of a begin and its end may differ. What is not held stays as it is, and the bracket does
-// the rest of its work: EndWriter leaves ZoCSServerWriter, UpgradeWriter begins its write.
+// end with a `lessExclusive` that does not fit, and an index without a section are reported there
+// in a line of level 4, with the bracket, its label, what the thread holds and what was expected.
+// The labels of a begin and its end may differ. What is not held stays as it is, and the bracket
+// does the rest of its work: EndWriter leaves ZoCSServerWriter, UpgradeWriter begins its write.
 //
 // No operation reports an error. One that needs a section which is not there (an index without a
 // section, or memory ran out when the manager was made) raises an assertion and locks nothing; so

@@ -49,7 +49,7 @@
 // Suspend, Continue, Giveup and GetOSThreadInfo, any thread, also during Start and on the thread
 // itself; none of them together with the destructor. Everything marked "before Start" is for the
 // creator alone. No lock is held while the three operations run. Event listeners leave thread
-// objects alone: a failing abort is told to them while it keeps the object's system thread.
+// objects alone: a failing abort is traced to them while it keeps the object's system thread.
 
 #ifndef KELVARA_INCLUDE_ZOTHREAD_H_
 #define KELVARA_INCLUDE_ZOTHREAD_H_
@@ -82,7 +82,7 @@ public:
     static constexpr ZoInt32 Failed = 6;
     static constexpr ZoInt32 NotStarted = 7;
 
-    // `name` is told in traces; `text` is kept for the host. Both pointers are kept, not copied.
+    // `name` appears in traces; `text` is kept for the host. Both pointers are kept, not copied.
     // `autoDelete` non-zero: the thread deletes the object, made with new, at its end.
     ZoThread(char const* name, char const* text, int autoDelete);
     // The same, and starts at once; the status tells how that went. Not for a derived class that
@@ -105,7 +105,7 @@ public:
     // size was refused, Failed when the thread could not be created, with the reason in the system
     // log.
     int Start(void* argument);
-    // Cancels the thread, as told above; always 0.
+    // Cancels the thread, as described above; always 0.
     int Abort();
     // These mark the status, or yield (a thread for itself; from another thread, nothing but a
     // cancellation point). 0, also before the first start.
@@ -137,7 +137,9 @@ public:
     void SetPriorityBoostOff(int off) {
         flags = static_cast<unsigned short>(off != 0 ? flags | 1U : flags & ~1U);
     }
-    // Before Start: see _Thread::Start (_zothrd.h); 2 unless changed.
+    // Before Start: see _Thread::Start (_zothrd.h); 2 unless changed. The system may refuse a size
+    // below its least: on AArch64 that is 128 KiB, so with code 1 Start returns ZoStartFailed
+    // there.
     void SetStackSizeCode(long code) { stackSizeCode = static_cast<ZoInt32>(code); }
     // Before Start: counts the thread from before Start returns until the thread uses the object no
     // more. Not owned; outlives the thread's uncounting. Then the thread still releases its

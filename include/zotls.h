@@ -14,7 +14,7 @@
 // But the record of a thread that still owns deadlock-detecting sections at that moment is kept for
 // ever: those sections stay taken, and their owner must be nobody else. A thread whose record goes,
 // at its end or before, while it still reads or writes reader/writer mutexes leaves them read or
-// written for ever; the system log then tells at level 4 which ones, by address, and how deep.
+// written for ever; a line of the system log at level 4 then gives their addresses and depths.
 //
 // Who may call: every function acts on the calling thread's own record. Other threads touch only
 // what deadlock detection needs, under csDLD (zocrits.h): `threadIdentity`, what the thread waits
@@ -172,7 +172,7 @@ ZO_API ZoUInt32* ZoTLSReaderWriterRecord(ZoRW_Mutex const* mutex);
 ZO_API int ZoTLSRemoveReaderWriterRecord(ZoRW_Mutex const* mutex);
 
 // Called before, for each thread of, and after the trace section of a deadlock report, with csDLD
-// held. The second tells where the thread stands, if the configuration key "csStacks" in section
+// held. The second writes where the thread stands, if the configuration key "csStacks" in section
 // "debug" is set: its number and name in the system, and a line a frame. The others write nothing.
 ZO_API void ZoTLSPrepareStackTrace(smp_io* console);
 ZO_API void ZoTLSStackTrace(ZoTLS* thread, smp_io* console);

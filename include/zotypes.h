@@ -20,7 +20,7 @@
 // Marks a member of an exported class that is the library's own affair.
 #define ZO_INTERNAL __attribute__((visibility("hidden")))
 
-// What Clang's -Wthread-safety is told of the locks; nothing to other compilers.
+// Annotations of the locks for Clang's -Wthread-safety; other compilers see nothing.
 //
 //     long balance ZO_GUARDED_BY(accounts) = 0;    // a ZoSection; of a ZoCritSect*: *accounts
 //     void Add(long amount) ZO_REQUIRES(accounts);
