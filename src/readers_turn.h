@@ -57,11 +57,12 @@ public:
         if (waitingWriters.load() != 0) Futex(FUTEX_WAKE_PRIVATE, AllOfThem, nullptr);
     }
 
-    // The caller has been counted as a waiting writer.
+    // The caller has been counted as a waiting writer. Signals and turns that are granted meanwhile
+    // do not make the wait longer.
     void AwaitPassage() const {
-        timespec const limit{0, 10'000'000};
+        timespec const end = InTenMilliseconds();
         for (ZoInt32 seen = due.load(); seen > 0; seen = due.load()) {
-            if (Futex(FUTEX_WAIT_PRIVATE, seen, &limit) == 0 || errno != ETIMEDOUT) continue;
+            if (Futex(FUTEX_WAIT_BITSET_PRIVATE, seen, &end) == 0 || errno != ETIMEDOUT) continue;
             due.compare_exchange_strong(seen, InVain);
             return;
         }
@@ -71,9 +72,18 @@ private:
     static constexpr ZoInt32 InVain = -1;
     static constexpr int AllOfThem = 0x7FFFFFFF;
 
+    static timespec InTenMilliseconds() {
+        constexpr long Limit = 10'000'000, Second = 1'000'000'000;
+        timespec end{};
+        clock_gettime(CLOCK_MONOTONIC, &end);
+        end.tv_nsec += Limit;
+        if (end.tv_nsec >= Second) end = {end.tv_sec + 1, end.tv_nsec - Second};
+        return end;
+    }
+
     // No cancellation point. A condition variable would need a lock, and care in a forked child.
-    long Futex(int operation, int value, timespec const* limit) const {
-        return syscall(SYS_futex, &due, operation, value, limit, nullptr, 0);
+    long Futex(int operation, int value, timespec const* end) const {
+        return syscall(SYS_futex, &due, operation, value, end, nullptr, FUTEX_BITSET_MATCH_ANY);
     }
 
     std::atomic<ZoInt32>& due;
