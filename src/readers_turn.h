@@ -31,6 +31,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <utility>
 
 #include "zotypes.h"
 
@@ -62,7 +63,7 @@ public:
     void AwaitPassage() const {
         timespec const end = InTenMilliseconds();
         for (ZoInt32 seen = due.load(); seen > 0; seen = due.load()) {
-            if (Futex(FUTEX_WAIT_BITSET_PRIVATE, seen, &end) == 0 || errno != ETIMEDOUT) continue;
+            if (Futex(FUTEX_WAIT_BITSET_PRIVATE, seen, &end) != ETIMEDOUT) continue;
             due.compare_exchange_strong(seen, InVain);
             return;
         }
@@ -81,9 +82,13 @@ private:
         return end;
     }
 
-    // No cancellation point. A condition variable would need a lock, and care in a forked child.
-    long Futex(int operation, int value, timespec const* end) const {
-        return syscall(SYS_futex, &due, operation, value, end, nullptr, FUTEX_BITSET_MATCH_ANY);
+    // Returns the error, 0 for none, and leaves errno as it was. No cancellation point. A condition
+    // variable would need a lock, and care in a forked child.
+    int Futex(int operation, int value, timespec const* end) const {
+        int const before = errno;
+        bool const failed =
+            syscall(SYS_futex, &due, operation, value, end, nullptr, FUTEX_BITSET_MATCH_ANY) == -1;
+        return failed ? std::exchange(errno, before) : 0;
     }
 
     std::atomic<ZoInt32>& due;
