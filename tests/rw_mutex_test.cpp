@@ -282,17 +282,18 @@ TEST_P(RwMutex, WithoutARecordNothingIsEntered) {
 TEST_P(RwMutex, ADeadlockReportMayGiveEverythingUp) {
     if (!GetParam()) return;
     std::unique_ptr<ZoRW_Mutex> second(ZoRW_Mutex::Make(nullptr));
+    std::unique_ptr<ZoRW_Mutex> third(ZoRW_Mutex::Make(nullptr));
     services.onMessage = [&](std::string const& text) {
         if (text.find("Deadlock detected") != std::string::npos) {
             second->ForceRelease();
             mutex->ForceRelease();
         } else {
-            second->StartRW(Read, 0);  // takes the spare record
+            third->StartRW(Read, 0);  // takes the spare record
             for (int i = 0; i < 2; ++i) {
                 mutex->StartRW(Read, 0);
                 mutex->EndRW(Read);
             }
-            second->EndRW(Read);
+            third->EndRW(Read);
         }
         return 0U;
     };
