@@ -193,6 +193,23 @@ TEST_P(RwMutex, FollowsTheAnswersToItsReports) {
     EXPECT_EQ(services.Assertions().back(), "depth != 0 src/rw_mutex 291");
 }
 
+// A depth in the mutex that is not the writer's own is asserted, and the operation goes on: also
+// where the write and its end are free and the thread has a spare record.
+TEST_P(RwMutex, AssertsAWriterLevelThatIsNotTheThreads) {
+    auto* const level =
+        reinterpret_cast<std::atomic<ZoInt32>*>(mutex.get()) + 6 * sizeof(void*) / sizeof(ZoInt32);
+    std::string const text = "this->WriterLevel == (long)ThreadWriterRecLevel src/rw_mutex ";
+    for (int const wrong : {0, 1}) {
+        *level = wrong;
+        mutex->StartRW(Write, 0);
+        EXPECT_EQ(Number(mutex.get(), "Wx:#"), wrong + 1);
+        mutex->EndRW(Write);
+    }
+    EXPECT_EQ(services.Assertions(), (Services::Lines{text + "271", text + "307"}));
+    EXPECT_EQ(level->exchange(0), 1);
+    EXPECT_EQ(InfoOf(mutex.get()), FreeInfo());
+}
+
 TEST_P(RwMutex, RefusesToNestDeeperThanTheRecordCounts) {
     constexpr long Deepest = 65535;
     constexpr auto DeepestWrite = static_cast<long>(0xFFFF0000U);
