@@ -191,7 +191,7 @@ void Objects() {
     ZoHashTable table(ZoHashTable::WordKeys, nullptr);
     OnThreads(Threads, [&](int number) {
         for (std::intptr_t i = 1; i <= Rounds; ++i) {
-            auto* const mine = reinterpret_cast<char const*>(number * 1000 + i);
+            auto* const mine = reinterpret_cast<char const*>(std::intptr_t{number} * 1000 + i);
             table.ChangeValue(mine, &object, 1, 0, &object);
             if (table.GetValue(mine, &object) != &object) std::abort();
             if (i % 2 == 0) table.DeleteValue(mine, &object);

@@ -846,6 +846,7 @@ int main(int argc, char** argv) {  // NOLINT(bugprone-exception-escape)
         if (*name != nullptr) ++name;
         Print(kind, functions);
     }
+    std::signal(SIGINT, SIG_DFL);  // a job in the background may ignore it
     auto* const next = static_cast<std::atomic<int>*>(
         mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     for (unsigned i = std::thread::hardware_concurrency(); i > 0; --i) {

@@ -259,7 +259,7 @@ int Error(int error) {
     return -1;
 }
 
-#define FRAME static_cast<void**>(__builtin_frame_address(0))
+#define FRAME (static_cast<void**>(__builtin_frame_address(0)))
 
 }  // namespace
 
